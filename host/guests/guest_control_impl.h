@@ -146,9 +146,6 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> CheckNvramExists(const records::Guest& guest) const;
   Result<void, Refusal> DefineGuest(const records::Guest& guest, const std::vector<unsigned>& pinned_cpus,
                                     OwnershipTag tag);
-  // Makes libvirt not start a guest by itself whose definition this host has made.
-  void ClearAutostart(const std::string& guest_id);
-  void ClearAutostartIfOurs(const std::string& guest_id);
   Result<void, Refusal> RestoreAutostart(const std::string& guest_id);
   Result<void, Refusal> ReturnToOwner(const std::string& guest_id);
   Status RemoveRecords(const std::string& guest_id);

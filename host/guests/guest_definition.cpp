@@ -210,34 +210,10 @@ Result<void, Refusal> LibvirtGuestControl::DefineGuest(const records::Guest& gue
   if (!xml) return Refusal{host_error::kFailed, xml.error().ToString()};
   const auto defined = hypervisor_->Define(*xml);
   if (!defined) return RefusalOf(defined.error());
-  if (tag == OwnershipTag::kOurs) ClearAutostart(guest.records.id);
   return {};
 }
 
-// A libvirt that starts with its machine would start the guest before this host knows whether it still has the guest,
-// and beside another host that has taken it.
-void LibvirtGuestControl::ClearAutostart(const std::string& guest_id) {
-  const auto is_set = hypervisor_->IsAutostarted(guest_id);
-  // Drivers without the setting start no guests.
-  if (!is_set || !*is_set) return;
-  const auto cleared = hypervisor_->SetAutostart(guest_id, false);
-  if (cleared) {
-    ::syslog(LOG_NOTICE,
-             "libvirt was set to start the guest %s with the machine. The setting was cleared, because VEXA starts its "
-             "guests",
-             guest_id.c_str());
-  } else {
-    ::syslog(LOG_ERR, "libvirt is set to start the guest %s with the machine, and the setting could not be cleared: %s",
-             guest_id.c_str(), cleared.error().ToString().c_str());
-  }
-}
-
-void LibvirtGuestControl::ClearAutostartIfOurs(const std::string& guest_id) {
-  const auto definition = hypervisor_->DefinitionOf(guest_id);
-  if (definition && definition->owner != Owner::kUser && definition->is_persistent) ClearAutostart(guest_id);
-}
-
-// For the owner to whom the definition is given back.
+// libvirt loses this setting when the definition is removed.
 Result<void, Refusal> LibvirtGuestControl::RestoreAutostart(const std::string& guest_id) {
   const auto imported = ImportedDomain(guest_id);
   if (!imported) return RefusalOf(imported.error());

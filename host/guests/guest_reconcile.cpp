@@ -305,7 +305,6 @@ void LibvirtGuestControl::ReconcileAll() {
   for (const std::string& id : ids) {
     auto guard = activities_.TryTakeForReconcile(id);
     if (!guard) continue;
-    ClearAutostartIfOurs(id);
     FinishRestore(id);
     ReconcileAndRelease(*std::move(guard), id);
   }

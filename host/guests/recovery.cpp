@@ -201,7 +201,7 @@ class Recovery {
               "The guest's saved memory is on the host '{}' and would be lost. Confirm that it may be discarded",
               host)};
     }
-    // libvirt starts an imported guest at boot of its host if its owner configured that and the host never started it.
+    // libvirt starts an imported guest at boot of its host if its owner configured that.
     const auto imported = snapshot.Get(records::DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
     const bool is_proved =
