@@ -26,6 +26,13 @@ if(VEXA_SANITIZE)
   set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1")
   add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VEXA_SANITIZE})
+  # For the sources: g++ and clang have different macros for it.
+  foreach(kind address thread)
+    if(VEXA_SANITIZE MATCHES ${kind})
+      string(TOUPPER VEXA_${kind}_SANITIZER macro)
+      add_compile_definitions(${macro})
+    endif()
+  endforeach()
   # According to gcc(1), sanitizers cause false positives of this warning; the other builds keep it.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-Wno-maybe-uninitialized)
