@@ -121,8 +121,14 @@ function(vexa_test_headers)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
 endfunction()
 
-# Like ld a part of binutils, and three times as fast with many static libraries and their debug information.
-find_program(VEXA_GOLD ld.gold)
+# Three times as fast as ld with many static libraries and their debug information: gold, which like ld is a part of
+# binutils. It warns of symbols in clang's sanitizers, and lld does not.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  set(vexa_test_linker lld)
+else()
+  set(vexa_test_linker gold)
+endif()
+find_program(VEXA_TEST_LINKER_PROGRAM ld.${vexa_test_linker})
 
 # vexa_test(NAME [SINGLE_THREADED] [ON_QEMU] SOURCES... LINK ... [TIMEOUT s] [SHARDS n]): one GoogleTest program, run by
 # CTest as one test. Its label is its folder below tests/: unit, contract, system or regress.
@@ -135,8 +141,8 @@ function(vexa_test name)
   add_executable(${name} ${arg_SOURCES})
   target_compile_options(${name} PRIVATE ${VEXA_TEST_OPTIONS})
   target_precompile_headers(${name} REUSE_FROM vexa_test_headers)
-  if(VEXA_GOLD)
-    target_link_options(${name} PRIVATE -fuse-ld=gold)
+  if(VEXA_TEST_LINKER_PROGRAM)
+    target_link_options(${name} PRIVATE -fuse-ld=${vexa_test_linker})
   endif()
   target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
   if(arg_SINGLE_THREADED AND VEXA_SANITIZE MATCHES "thread")
