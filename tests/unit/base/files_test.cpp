@@ -262,7 +262,7 @@ TEST_F(Files, SyncFolderAndParent_ParentCannotBeRead_IsLeftOut) {
   ::chmod(Path("unreadable").c_str(), 0700);
 }
 
-// Unlike a parent without the right to read it, this is no reason to do without.
+// Only a parent that may not be read is left out.
 TEST_F(Files, SyncFolderAndParent_NoDescriptorForTheParent_Fails) {
   fs::create_directories(Path("folder"));
   const int next = ::dup(STDIN_FILENO);
