@@ -21,6 +21,8 @@ if(VEXA_CCACHE)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2 -Wundef -Werror)
+# The presets compile the address sanitizer with clang, which takes half of the time, and the thread sanitizer with g++: its
+# runtime is a shared library, which tests that replace functions such as pthread_create can call.
 if(VEXA_SANITIZE)
   # -O1 keeps the sanitizer builds quick enough to run on every change; -g1 keeps line numbers in reports.
   set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1")

@@ -107,9 +107,12 @@ Result<void, Failure> LibvirtHypervisor::StartWith(const std::string& id,
 Result<void, Failure> LibvirtHypervisor::Start(const std::string& id) { return StartWith(id, virDomainCreate); }
 
 Result<void, Failure> LibvirtHypervisor::Restore(const std::string& id) {
-  // The test driver has neither the flag nor files. Others must not run the guest before its files are compared.
-  if (target_.kind == DriverKind::kTest) return StartWith(id, virDomainCreate);
-  return StartWith(id, [](virDomainPtr domain) { return virDomainCreateWithFlags(domain, VIR_DOMAIN_START_PAUSED); });
+  return StartWith(id, [](virDomainPtr domain) {
+    // The test driver has neither the flag nor files. Others must not run the guest before its files are compared.
+    const char* const driver = virConnectGetType(virDomainGetConnect(domain));
+    const bool is_test = driver != nullptr && std::string_view(driver) == "Test";
+    return virDomainCreateWithFlags(domain, is_test ? 0 : VIR_DOMAIN_START_PAUSED);
+  });
 }
 
 Result<void, Failure> LibvirtHypervisor::Resume(const std::string& id) {
