@@ -110,7 +110,7 @@ Result<void, Failure> LibvirtHypervisor::Restore(const std::string& id) {
   return StartWith(id, [](virDomainPtr domain) {
     // The test driver has neither the flag nor files. Others must not run the guest before its files are compared.
     const char* const driver = virConnectGetType(virDomainGetConnect(domain));
-    const bool is_test = driver != nullptr && std::string_view(driver) == "Test";
+    const bool is_test = driver != nullptr && std::string_view(driver) == "TEST";
     return virDomainCreateWithFlags(domain, is_test ? 0 : VIR_DOMAIN_START_PAUSED);
   });
 }
