@@ -17,7 +17,7 @@ Examples:
   vexa network add phones --vlan 42 --uplink eth0
   vexa guest set web-1 --add-nic net=lan
 
-Every host of the cluster makes its networks, or uses those that it has. 'show' says for each host whether guests can be
+Every host of the cluster makes its networks, or uses the ones it has already. 'show' says for each host whether guests can be
 started with the network, and why not.)";
 
 void AddSettingOptions(const Command& command, NetworkSettingOptions& settings) {

@@ -373,6 +373,7 @@ class Daemon::Impl {
     options.space = {config.repository_warning, config.repository_full, config.repository_headroom};
     options.is_alive = IsAlive;
     options.claim = claim_;
+    options.networks = guests::GuestControlOptions::Networks::kKept;
     auto guests = guests::GuestControl::Start(std::move(options));
     if (!guests) return guests.error();
     guests_ = std::move(*guests);
