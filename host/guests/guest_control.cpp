@@ -10,6 +10,7 @@
 #include "host/base/mutex.h"
 #include "host/base/run_logging_exceptions.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/machine/bridge_service.h"
 #include "host/records/keys.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -46,7 +47,11 @@ std::unique_ptr<networks::NetworkKeeper> MakeNetworkKeeper(const GuestControlOpt
   networks::NetworkKeeperOptions keeper;
   keeper.store = options.store;
   keeper.host_id = options.host_id;
-  if (options.hypervisor.mode == "test") keeper.bridges = networks::NetworkKeeperOptions::Bridges::kAllExist;
+  if (options.hypervisor.mode == "test") {
+    keeper.bridges = networks::NetworkKeeperOptions::Bridges::kAllExist;
+  } else {
+    keeper.bridge_maker = machine::SystemBridgeMaker();
+  }
   if (options.claim) keeper.guard = [claim = options.claim] { return claim->Guard(); };
   return std::make_unique<networks::NetworkKeeper>(std::move(keeper));
 }

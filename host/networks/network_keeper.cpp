@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/base/sanitize_for_log.h"
+#include "host/machine/kernel_bridges.h"
 #include "host/machine/machine.h"
 #include "host/networks/network_changes.h"
 #include "host/records/object_edit.h"
@@ -136,10 +137,71 @@ NetworkCondition NetworkKeeper::KeepInLibvirt(Pass& pass, const Network& network
 }
 
 NetworkCondition NetworkKeeper::KeepBridge(Pass& pass, const Network& network) const {
-  const bool exists = options_.bridges == NetworkKeeperOptions::Bridges::kAllExist ||
-                      std::ranges::find(pass.bridges, network.network_name) != pass.bridges.end();
-  if (exists) return Ready();
-  return Missing(fmt::format("The host has no bridge {}: make it", Quoted(network.network_name)));
+  if (options_.bridges == NetworkKeeperOptions::Bridges::kAllExist) return Ready();
+  const std::string& name = network.network_name;
+  const std::string& uplink = network.UplinkOn(options_.host_id);
+  const bool exists = std::ranges::find(pass.bridges, name) != pass.bridges.end();
+  const bool is_used_as_it_is = exists && network.kind == NetworkKind::kBridge && MarkOf(name) != network.id;
+  if (is_used_as_it_is) return Ready();
+  if (uplink.empty() || !options_.bridge_maker.make) {
+    if (exists) return Ready();
+    return Missing(fmt::format("The host has no bridge {}: make it{}", Quoted(name),
+                               uplink.empty() ? ", or give the network an uplink" : ""));
+  }
+  const machine::BridgeRequest request{network.id, name, uplink, network.vlan_id, network.move_addresses};
+  if (exists && IsMade(request)) return Ready();
+  const Status made = options_.bridge_maker.make(request);
+  if (made) {
+    ::syslog(LOG_NOTICE, "The bridge %s was made for the network %s.", Quoted(name).c_str(),
+             Quoted(network.name).c_str());
+    return Ready();
+  }
+  const ErrorCode code = made.error().code();
+  const bool is_missing = code == ErrorCode::kNotFound || code == ErrorCode::kDenied || code == ErrorCode::kUnavailable;
+  return is_missing ? Missing(made.error().ToString()) : Failed(made.error());
+}
+
+// Whether the bridge, which exists, is as requested, as far as sysfs shows; its maker does not have to be asked then.
+bool NetworkKeeper::IsMade(const machine::BridgeRequest& request) const {
+  if (MarkOf(request.bridge) != request.network_id) return false;
+  const machine::NetworkLinks links(options_.machine_root);
+  if (request.vlan_id == 0) return links.MasterOf(request.uplink) == request.bridge;
+  const std::string vlan = machine::VlanInterface(request);
+  return links.MasterOf(vlan) == request.bridge &&
+         machine::Machine(options_.machine_root).IsFolder("/sys/class/net/" + vlan + "/lower_" + request.uplink);
+}
+
+std::string NetworkKeeper::MarkOf(const std::string& interface) const {
+  return machine::NetworkOfAlias(
+      machine::Machine(options_.machine_root).ReadLine("/sys/class/net/" + interface + "/ifalias"));
+}
+
+// Removes bridges that this host has made and that have no record any more. One that running guests are on stays until
+// they are off.
+void NetworkKeeper::RemoveStaleBridges(const Pass& pass) const {
+  if (!options_.bridge_maker.remove) return;
+  const machine::Machine machine(options_.machine_root);
+  for (const std::string& bridge : pass.bridges) {
+    const std::string id = MarkOf(bridge);
+    const bool has_record = std::ranges::any_of(
+        pass.networks, [&](const records::StoredNetwork& stored) { return stored.network.id == id; });
+    if (id.empty() || has_record) continue;
+    const auto ports = machine.Names("/sys/class/net/" + bridge + "/brif");
+    const bool is_in_use = std::ranges::any_of(ports, [&](const std::string& port) {
+      return machine.Read("/sys/class/net/" + port + "/tun_flags").has_value();
+    });
+    if (is_in_use) continue;
+    machine::BridgeRequest request;
+    request.network_id = id;
+    request.bridge = bridge;
+    const Status removed = options_.bridge_maker.remove(request);
+    if (removed) {
+      ::syslog(LOG_NOTICE, "The bridge %s was removed.", Quoted(bridge).c_str());
+    } else {
+      ::syslog(LOG_ERR, "The bridge %s cannot be removed: %s.", Quoted(bridge).c_str(),
+               removed.error().ToString().c_str());
+    }
+  }
 }
 
 NetworkCondition NetworkKeeper::KeepOne(Pass& pass, const Network& network) const {
@@ -200,7 +262,8 @@ void NetworkKeeper::Report(Pass& pass) const {
     if (!IsOwn(parsed)) pass.report.found.push_back({known.name, parsed.kind, parsed.subnet});
   }
   for (const std::string& bridge : pass.bridges) {
-    if (!libvirt_bridges.contains(bridge)) pass.report.found.push_back({bridge, "bridge", ""});
+    if (!libvirt_bridges.contains(bridge) && MarkOf(bridge).empty())
+      pass.report.found.push_back({bridge, "bridge", ""});
   }
   std::set<std::string> subnets;
   if (options_.bridges == NetworkKeeperOptions::Bridges::kOfMachine) {
@@ -252,6 +315,7 @@ void NetworkKeeper::Keep(hypervisor::Hypervisor& hypervisor) {
     if (stored.damage.empty()) pass.report.conditions[stored.network.id] = KeepOne(pass, stored.network);
   }
   RemoveStale(pass);
+  RemoveStaleBridges(pass);
   LogChanges(pass);
   const std::string text = json::ToText(records::NetworkReportToJson(pass.report));
   const std::string key = records::NetworkReportKey(options_.host_id);

@@ -1,6 +1,6 @@
 // Keeps the networks of this host as the records of the cluster say: makes what is missing, and removes what it has
 // made when the record is gone. Never changes what it has not made: its networks of libvirt have a mark in their
-// metadata.
+// metadata, its bridges in their alias.
 #pragma once
 
 #include <functional>
@@ -14,6 +14,7 @@
 #include "host/base/mutex.h"
 #include "host/domain_xml/network_xml.h"
 #include "host/hypervisor/hypervisor.h"
+#include "host/machine/bridge_request.h"
 #include "host/machine/interfaces.h"
 #include "host/machine/network_links.h"
 #include "host/records/network_record.h"
@@ -27,7 +28,8 @@ struct NetworkKeeperOptions {
   // In test mode, all bridges exist, and nothing is read of the machine.
   enum class Bridges { kOfMachine, kAllExist };
   Bridges bridges = Bridges::kOfMachine;
-  std::string machine_root;  // as that of machine::Machine
+  std::string machine_root;           // as that of machine::Machine
+  machine::BridgeMaker bridge_maker;  // without functions: this host makes no bridges
   machine::AddressReader addresses = machine::SystemAddresses;
   // The compare of this host's commits (cluster::HostClaim::Guard). Not set: none.
   std::function<store::Compare()> guard;
@@ -57,7 +59,11 @@ class NetworkKeeper {
   records::NetworkCondition KeepBridge(Pass& pass, const records::Network& network) const;
   records::NetworkCondition KeepInLibvirt(Pass& pass, const records::Network& network,
                                           domain_xml::NetworkDefinition definition) const;
+  bool IsMade(const machine::BridgeRequest& request) const;
+  // The id of the network for which this system has made the interface; "": another program has made it.
+  std::string MarkOf(const std::string& interface) const;
   void RemoveStale(Pass& pass) const;
+  void RemoveStaleBridges(const Pass& pass) const;
   void Report(Pass& pass) const;
   void LogChanges(const Pass& pass) VEXA_REQUIRES(keeping_);
   void LogOnce(const std::string& sentence) VEXA_REQUIRES(keeping_);

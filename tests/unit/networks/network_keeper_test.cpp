@@ -164,10 +164,86 @@ TEST_F(Keeper, Uplink_MissingOrOfOtherHosts_IsReported) {
 TEST_F(Keeper, Bridge_ComesAndGoes_IsReported) {
   const std::string id = Add("br0", NetworkKind::kBridge);
   Keep();
-  EXPECT_EQ(Condition(id), (NetworkCondition{"missing", "The host has no bridge 'br0': make it"}));
+  EXPECT_EQ(Condition(id),
+            (NetworkCondition{"missing", "The host has no bridge 'br0': make it, or give the network an uplink"}));
   AddInterface("br0", true);
   Keep();
   EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
+}
+
+TEST_F(Keeper, BridgeWithUplink_Missing_IsMadeOnceAndRemovedWithItsRecord) {
+  AddInterface("eth0");
+  std::vector<machine::BridgeRequest> made;
+  std::vector<machine::BridgeRequest> removed;
+  const std::string folder = machine_.path() + "/sys/class/net/";
+  options_.bridge_maker.make = [&](const machine::BridgeRequest& request) {
+    made.push_back(request);
+    AddInterface("br0", true);
+    std::ofstream(folder + "br0/ifalias") << machine::BridgeAlias(request.network_id) << "\n";
+    std::filesystem::create_directory_symlink("../br0", folder + "eth0/master");
+    return Status();
+  };
+  options_.bridge_maker.remove = [&](const machine::BridgeRequest& request) {
+    removed.push_back(request);
+    return Status();
+  };
+  const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
+  Keep();
+  Keep();
+  EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
+  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, "br0", "eth0", 0, false}}));
+  EXPECT_THAT(Report().found, IsEmpty());
+  std::string name;
+  ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
+  // A guest still runs on it.
+  AddInterface("br0/brif/vnet0");
+  AddInterface("vnet0");
+  std::ofstream(folder + "vnet0/tun_flags") << "0x1002\n";
+  Keep();
+  EXPECT_THAT(removed, IsEmpty());
+  std::filesystem::remove_all(folder + "br0/brif/vnet0");
+  test::ClearCapturedSyslog();
+  Keep();
+  EXPECT_EQ(removed, (std::vector<machine::BridgeRequest>{{id, "br0", "", 0, false}}));
+  EXPECT_THAT(LogLines(), ElementsAre("5 The bridge 'br0' was removed."));
+}
+
+TEST_F(Keeper, BridgeWithUplink_CannotBeMade_SaysWhy) {
+  AddInterface("eth0");
+  Status answer = Error(ErrorCode::kDenied, "The interface has addresses");
+  options_.bridge_maker.make = [&](const machine::BridgeRequest&) { return answer; };
+  options_.bridge_maker.remove = [&](const machine::BridgeRequest&) { return answer; };
+  const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
+  Keep();
+  EXPECT_EQ(Condition(id), (NetworkCondition{"missing", "The interface has addresses"}));
+  answer = Error(ErrorCode::kInternal, "Cannot make the bridge", "No buffer space");
+  Keep();
+  EXPECT_EQ(Condition(id), (NetworkCondition{"failed", "Cannot make the bridge: No buffer space"}));
+  // One that another program has made is used as it is.
+  AddInterface("br0", true);
+  Keep();
+  EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
+  // What cannot be removed is logged.
+  std::ofstream(machine_.path() + "/sys/class/net/br0/ifalias") << machine::BridgeAlias(id) << "\n";
+  std::string name;
+  ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
+  test::ClearCapturedSyslog();
+  Keep();
+  EXPECT_THAT(LogLines(),
+              ElementsAre("3 The bridge 'br0' cannot be removed: Cannot make the bridge: No buffer space."));
+}
+
+TEST_F(Keeper, Vlan_OfACard_IsRequestedWithItsTag) {
+  AddInterface("eth0");
+  std::vector<machine::BridgeRequest> made;
+  options_.bridge_maker.make = [&](const machine::BridgeRequest& request) {
+    made.push_back(request);
+    return Status();
+  };
+  const std::string id = Add("phones", NetworkKind::kVlan, "eth0", 42);
+  Keep();
+  EXPECT_EQ(Condition(id).state, "ready");
+  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, "phones", "eth0", 42, false}}));
 }
 
 TEST_F(Keeper, Edited_Subnet_IsDefinedAgain) {
