@@ -92,6 +92,12 @@ Result<LocalStore> OpenStore(const AccountPaths& paths, MissingStore missing) {
     const Status newer = store::CheckPrimaryIsNotOlder(**store, paths.mirror_path());
     if (!newer) return newer.error();
   }
+  if (missing == MissingStore::kCreate) {
+    const Status marked = store::MarkStoreUsed(paths.data_directory, paths.store_path());
+    if (!marked && marked.error().code() != ErrorCode::kNotFound) {
+      std::cerr << Printable("A missing database will not be noticed later: " + marked.error().ToString()) << ".\n";
+    }
+  }
   return LocalStore{std::move(*lock), std::move(*store)};
 }
 

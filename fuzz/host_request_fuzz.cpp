@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "fuzz/bytes.h"
+#include "fuzz/call_row.h"
 #include "fuzz/check.h"
 #include "host/api/peer/compound_api.h"
 #include "host/api/peer/services.h"
@@ -121,26 +122,6 @@ Json::Value BuildParameters(Bytes bytes) {
   return parameters;
 }
 
-void CheckCall(const vexa::api::ApiRow& row, const Json::Value& parameters) {
-  VEXA::APIRequest request(parameters, "", VEXA::APIRequest::Privilege::kOrdinary);
-  VEXA::APIResponse response;
-  vexa::api::Caller caller;
-  caller.kind = vexa::api::Caller::Kind::kHost;
-  caller.host_id = "nas-2";
-  std::vector<std::pair<std::string, std::string>> headers;
-  Json::Value extra_members(Json::objectValue);
-  row.handler({&request, &response, caller, &headers, &extra_members});
-  Check(response.IsSet(), "there is a response");
-  Check(request.GetParam("", Json::Value()) == parameters, "a request is not changed");
-  Check(extra_members.isObject(), "a reply has members");
-  for (const auto& [name, value] : headers) Check(vexa::fuzz::IsOneLine(name + value), "a header is one line");
-  const std::string text = json::ToText(response.Data()) + json::ToText(extra_members);
-  Check(text.find('\n') == std::string::npos && vexa::IsValidUtf8(text), "a reply is JSON on one line");
-  if (response.IsSuccess()) return;
-  const vexa::ErrorRow* const error = vexa::FindError(response.ErrorCode(), vexa::Audience::kHosts);
-  Check(error != nullptr && !error->sentence.empty(), "a code has a sentence");
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -153,6 +134,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (parsed.ok() && !parsed->isObject()) return 0;  // refused before a method is called
   fixture.PutRecords();
   vexa::test::ClearCapturedSyslog();
-  CheckCall(row, parsed.ok() ? *parsed : BuildParameters(Bytes(rest)));
+  (void)vexa::fuzz::CallRow(row, parsed.ok() ? *parsed : BuildParameters(Bytes(rest)), vexa::fuzz::HostCaller());
   return 0;
 }

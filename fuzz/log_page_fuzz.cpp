@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/call_row.h"
 #include "fuzz/check.h"
 #include "host/api/user/log_api.h"
 #include "host/base/json_parse.h"
@@ -71,22 +72,10 @@ void CheckFollowing(std::size_t count) {
 }
 
 void CallList(const Json::Value& parameters) {
-  VEXA::APIRequest request = vexa::test::AdministratorRequest(parameters);
-  VEXA::APIResponse response;
-  vexa::api::Caller caller;
-  caller.kind = vexa::api::Caller::Kind::kUser;
-  caller.user = {"root", 0, 0, {}, true};
-  std::vector<std::pair<std::string, std::string>> headers;
-  Json::Value extra_members(Json::objectValue);
   static const std::vector<vexa::api::ApiRow> rows = vexa::api::LogRows();
-  rows.front().handler({&request, &response, caller, &headers, &extra_members});
-  Check(response.IsSet(), "there is a response");
-  if (!response.IsSuccess()) {
-    Check(response.ErrorCode() == 401, "wrong parameters are the only error");
-    return;
-  }
-  Check(vexa::ParseJson(json::ToText(response.Data())).ok(), "a reply is JSON");
-  for (const Json::Value& entry : json::Elements(json::Member(response.Data(), "entries"))) {
+  const vexa::fuzz::Reply reply = vexa::fuzz::CallRow(rows.front(), parameters, vexa::fuzz::AdministratorCaller());
+  Check(reply.code == 0 || reply.code == 401, "wrong parameters are the only error");
+  for (const Json::Value& entry : json::Elements(json::Member(reply.data, "entries"))) {
     Check(entry["time"].isString() && entry["text"].isString() && entry["user"].isString(), "an entry has its members");
   }
 }

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/call_row.h"
 #include "fuzz/check.h"
 #include "host/api/user/account_api.h"
 #include "host/api/user/grant_api.h"
@@ -167,19 +168,8 @@ void CallRow(const vexa::api::ApiRow& row) {
     parameters["kind"] = "user";
     parameters["id"] = 1900000001;
   }
-  VEXA::APIRequest request = vexa::test::AdministratorRequest(parameters);
-  VEXA::APIResponse response;
-  vexa::api::Caller caller;
-  caller.kind = vexa::api::Caller::Kind::kUser;
-  caller.user = {"root", 0, 0, {}, true};
-  std::vector<std::pair<std::string, std::string>> headers;
-  Json::Value extra_members(Json::objectValue);
   const vexa::records::RequestScope scope;
-  row.handler({&request, &response, caller, &headers, &extra_members});
-  Check(response.IsSet(), "there is a response");
-  const std::string text = json::ToText(response.Data());
-  Check(text.find('\n') == std::string::npos && vexa::ParseJson(text).ok(), "a reply is JSON on one line");
-  Check(response.IsSuccess() || vexa::FindError(response.ErrorCode()) != nullptr, "a code has a sentence");
+  (void)vexa::fuzz::CallRow(row, parameters, vexa::fuzz::AdministratorCaller());
 }
 
 // The methods that only read, by the last word of their names.

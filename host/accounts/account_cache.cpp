@@ -22,8 +22,7 @@ class CachedAccounts : public AccountProvider {
         groups_(options, threads_) {}
 
   Result<User> FindUser(const std::string& name) const override {
-    Result<User> user =
-        users_.Get("name " + name, [directory = directory_, name] { return directory->FindUser(name); });
+    Result<User> user = users_.Get(KeyOf(name), [directory = directory_, name] { return directory->FindUser(name); });
     return IsUnavailable(user) ? Local(fallback_->FindUser(name), std::move(user)) : user;
   }
 
@@ -40,10 +39,15 @@ class CachedAccounts : public AccountProvider {
   }
 
   Result<User> VerifyPassword(const std::string& name, const std::string& password) const override {
-    return directory_->VerifyPassword(name, password);
+    Result<User> user = directory_->VerifyPassword(name, password);
+    // Otherwise the session of this login would be compared with an earlier answer, from before a password change.
+    if (user.ok()) users_.Put(KeyOf(user->name), *user);
+    return user;
   }
 
  private:
+  static std::string KeyOf(const std::string& name) { return "name " + name; }
+
   // An account that is not local may be in the directory, so it is not reported as missing.
   template <class Value>
   static Result<Value> Local(Result<Value> local, Result<Value> unavailable) {

@@ -1,40 +1,20 @@
 #include "host/accounts/account_local.h"
 
-#include <fmt/format.h>
 #include <grp.h>
 #include <pwd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <functional>
 #include <utility>
-#include <vector>
+
+#include "host/accounts/account_shadow.h"
+#include "host/accounts/entry_file.h"
 
 namespace vexa::accounts {
 namespace {
 
-// Longer entries are skipped.
-constexpr std::size_t kMaxEntryBytes = std::size_t{1} << 20;
-
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-
-// Calls `visit` for each entry of a file, until it returns false. kUnavailable when the file cannot be read.
-template <class Entry>
-Status ForEachEntry(const std::string& path, int (*read)(FILE*, Entry*, char*, std::size_t, Entry**),
-                    const std::function<bool(const Entry&)>& visit) {
-  const std::unique_ptr<FILE, CloseFile> file(std::fopen(path.c_str(), "re"));
-  if (!file) return SystemError(ErrorCode::kUnavailable, fmt::format("Cannot read '{}'", path), errno);
-  std::vector<char> buffer(kMaxEntryBytes);
-  Entry entry{};
-  Entry* found = nullptr;
-  while (read(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
-    if (!visit(*found)) break;
-  }
-  return {};
-}
+// Accounts are unknown, rather than not there, when the file with them is missing or may not be read.
+Error Unavailable(const Error& error) { return {ErrorCode::kUnavailable, error.message(), error.cause()}; }
 
 class LocalAccounts : public AccountProvider {
  public:
@@ -53,7 +33,7 @@ class LocalAccounts : public AccountProvider {
       found = Group{entry.gr_name, entry.gr_gid};
       return false;
     });
-    return read ? found : Result<Group>(read.error());
+    return read ? found : Result<Group>(Unavailable(read.error()));
   }
   Result<User> VerifyPassword(const std::string& /*name*/, const std::string& /*password*/) const override {
     return Error(ErrorCode::kUnavailable, "The password cannot be checked now");
@@ -67,9 +47,12 @@ class LocalAccounts : public AccountProvider {
       found = User{entry.pw_name, entry.pw_uid, entry.pw_gid, {}, entry.pw_uid == 0};
       return false;
     });
-    if (!read) return read.error();
+    if (!read) return Unavailable(read.error());
     if (!found) return found;
-    if (Status added = AddGroups(*found); !added) return added.error();
+    if (Status added = AddGroups(*found); !added) return Unavailable(added.error());
+    Result<std::string> stamp = ReadPasswordStamp(options_.shadow_file, found->name);
+    if (!stamp) return stamp.error();
+    found->stamp = *std::move(stamp);
     return found;
   }
 

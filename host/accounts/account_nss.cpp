@@ -11,6 +11,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "host/accounts/account_shadow.h"
 #include "host/base/json_parse.h"
 
 namespace vexa::accounts {
@@ -22,10 +23,10 @@ constexpr std::size_t kMaxGroups = 65536;                      // NGROUPS_MAX of
 
 // Calls `get`, one of the get…_r functions, with a buffer that grows until the entry fits. `copy` copies the entry,
 // which refers to the buffer. `get` returns an error number, which is also 0 if there is no entry. `what` is for
-// messages.
+// messages. `if_forbidden` is the error when this process may not read the entry.
 template <class Entry, class Key, class Copy>
-auto Lookup(const std::string& what, int (*get)(Key, Entry*, char*, std::size_t, Entry**), Key key, const Copy& copy)
-    -> Result<decltype(copy(Entry{}))> {
+auto Lookup(const std::string& what, int (*get)(Key, Entry*, char*, std::size_t, Entry**), Key key, const Copy& copy,
+            ErrorCode if_forbidden = ErrorCode::kUnavailable) -> Result<decltype(copy(Entry{}))> {
   for (std::size_t size = kInitialBufferBytes; size <= kMaxBufferBytes; size *= 4) {
     std::vector<char> buffer(size);
     Entry entry{};
@@ -37,8 +38,9 @@ auto Lookup(const std::string& what, int (*get)(Key, Entry*, char*, std::size_t,
     if (error_number == 0 || error_number == ENOENT || error_number == ESRCH) {
       return Error(ErrorCode::kNotFound, fmt::format("There is no {}", what));
     }
-    return SystemError(ErrorCode::kUnavailable, fmt::format("The name service cannot look up the {}", what),
-                       error_number);
+    const bool is_forbidden = error_number == EACCES || error_number == EPERM;
+    return SystemError(is_forbidden ? if_forbidden : ErrorCode::kUnavailable,
+                       fmt::format("The name service cannot look up the {}", what), error_number);
   }
   return SystemError(ErrorCode::kUnavailable, fmt::format("The name service entry of the {} is too large", what),
                      ERANGE);
@@ -73,12 +75,12 @@ Result<Group> NssFindGroupByGid(std::uint32_t gid) {
   return Lookup(fmt::format("group with the gid {}", gid), &::getgrgid_r, gid, CopyGroup);
 }
 
-// All failures count as unreadable: which one a process without the right to read the entries gets depends on the
-// services in nsswitch.conf(5).
-std::string NssPasswordStamp(const std::string& name) {
-  const auto last_change = [](const spwd& entry) { return entry.sp_lstchg; };
-  const auto day = Lookup(fmt::format("password of the user '{}'", name), &::getspnam_r, name.c_str(), last_change);
-  return day.ok() ? fmt::format("day-{}", *day) : std::string();
+Result<std::string> NssPasswordStamp(const std::string& name, const std::string& shadow_file) {
+  const auto stamp = [](const spwd& entry) { return StampOfDay(entry.sp_lstchg); };
+  auto found = Lookup(fmt::format("shadow entry of the user '{}'", name), &::getspnam_r, name.c_str(), stamp,
+                      ErrorCode::kNotFound);
+  const bool is_missing = !found.ok() && found.error().code() == ErrorCode::kNotFound;
+  return is_missing ? ReadPasswordStamp(shadow_file, name) : found;
 }
 
 Result<std::vector<Group>> NssGroupsOf(const NssUser& user) {

@@ -29,9 +29,9 @@ Result<NssUser> NssFindUserByUid(std::uint32_t uid);
 Result<Group> NssFindGroup(const std::string& name);
 Result<Group> NssFindGroupByGid(std::uint32_t gid);
 
-// When the password was last changed: "day-" and the number of days since 1970 (shadow(5)), the only thing about a
-// password that the name service shows without revealing it. "" where there is no such entry, or it cannot be read.
-std::string NssPasswordStamp(const std::string& name);
+// The stamp of the user's password (account_shadow.h). Reads the shadow file as well when the name service has no
+// entry, because a service behind it in nsswitch.conf(5) hides that the file could not be read.
+Result<std::string> NssPasswordStamp(const std::string& name, const std::string& shadow_file);
 
 // All groups of the user, the primary group first, without duplicates. Groups without a name are left out, because
 // rights are granted to names, and a number used as a name could be the name of another group.

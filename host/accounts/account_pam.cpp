@@ -151,8 +151,10 @@ class PamAccounts : public AccountProvider {
     if (!entry.ok()) return entry.error();
     auto groups = NssGroupsOf(*entry);
     if (!groups.ok()) return groups.error();
+    auto stamp = NssPasswordStamp(entry->name, options_.shadow_file);
+    if (!stamp.ok()) return stamp.error();
     User user{
-        entry->name, entry->uid, entry->gid, std::move(groups).value(), entry->uid == 0, NssPasswordStamp(entry->name)};
+        entry->name, entry->uid, entry->gid, std::move(groups).value(), entry->uid == 0, std::move(stamp).value()};
     user.is_administrator |= std::any_of(user.groups.begin(), user.groups.end(), [this](const Group& group) {
       return group.name == options_.administrators_group;
     });

@@ -13,6 +13,7 @@ struct PamOptions {
   std::string service = "vexad";                        // PAM service name
   std::string config_directory;                         // instead of /etc/pam.d; "": /etc/pam.d
   std::string administrators_group = "administrators";  // members are administrators
+  std::string shadow_file = "/etc/shadow";              // shadow(5)
 };
 
 // Root (uid 0) is always an administrator. A user without an entry in the name service does not exist for this

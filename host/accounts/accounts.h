@@ -24,7 +24,8 @@ struct User {
   std::vector<Group> groups;  // all groups, the primary one first, without duplicates
   bool is_administrator = false;
   // Differs from before once the password has been changed or the account created again, as far as the accounts show
-  // it; never reveals the password or its hash.
+  // it; never reveals the password or its hash. "" where the accounts do not show it at all. A user whose stamp cannot
+  // be read now is not found: kUnavailable.
   std::string stamp = {};
 };
 

@@ -210,7 +210,7 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   auto plan = std::static_pointer_cast<Plan>(std::move(request.context));
   const ApiRow* row = plan->row;
   auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder)});
-  if (!row && !NeedsUser(*work)) return work->responder.Send(MakePage(*work));
+  if (!row && work->plan->page != Plan::Page::kMetrics) return work->responder.Send(MakePage(*work));
   if (work->plan->body_share) (void)work->plan->body_share->Resize(work->request.body.size());
   const Lane::SubmitResult submitted = LaneFor(*work->plan).Submit(OwnerOf(work->plan->caller), [this, work] {
     const RequestIdScope id_scope(work->request.id);
@@ -227,13 +227,14 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
 }
 
 Lane& Dispatcher::LaneFor(const Plan& plan) const {
-  if (plan.caller.kind == Caller::Kind::kHost) return *parts_.hosts;
-  return plan.row && plan.row->lane.value == LaneKind::kLong ? *parts_.long_running : *parts_.quick;
+  const bool is_long = plan.row && plan.row->lane.value == LaneKind::kLong;
+  if (plan.caller.kind == Caller::Kind::kHost) return is_long ? *parts_.hosts : *parts_.quick_hosts;
+  return is_long ? *parts_.long_running : *parts_.quick;
 }
 
 void Dispatcher::Run(Work& work) const {
   if (work.plan->row) return RunMethod(work);
-  const int code = CheckAdministrator(work.request);
+  const int code = NeedsUser(work) ? CheckAdministrator(work.request) : 0;
   work.responder.Send(code == 0 ? MakePage(work) : MakeErrorReply(code, work.request.id));
 }
 

@@ -28,7 +28,8 @@ class Dispatcher {
     Metrics* metrics = nullptr;
     Lane* quick = nullptr;
     Lane* long_running = nullptr;
-    Lane* hosts = nullptr;                      // for all calls of other hosts: users cannot take their room
+    Lane* hosts = nullptr;                      // for calls of other hosts: users cannot take their room
+    Lane* quick_hosts = nullptr;                // likewise, for calls that only read
     std::function<std::string()> metrics_text;  // GET /metrics
     std::function<std::string()> health;        // GET /healthz: the problem, or ""; on I/O threads, must not block
     std::function<bool()> is_database_lost{};   // whether the cluster database cannot be read now; optional

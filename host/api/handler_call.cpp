@@ -18,10 +18,15 @@ bool IsReservedMember(const std::string& name) {
   return name == "success" || name == "data" || name == "error" || name == "request_id" || name == kReason;
 }
 
+// Logs the first list that has too many elements, as handlers log other bad parameters.
 bool HasTooLongList(const ApiRow& row, const Json::Value& parameters) {
   return std::ranges::any_of(row.parameters, [&](const Parameter& parameter) {
-    return parameter.max_items > 0 &&
-           json::Elements(json::Member(parameters, std::string(parameter.name))).size() > parameter.max_items;
+    if (parameter.max_items == 0) return false;
+    const std::size_t items = json::Elements(json::Member(parameters, std::string(parameter.name))).size();
+    if (items <= parameter.max_items) return false;
+    ::syslog(LOG_WARNING, "%s %s was refused: '%s' has %zu elements, and may have %zu", row.api.data(),
+             row.method.data(), parameter.name.data(), items, parameter.max_items);
+    return true;
   });
 }
 

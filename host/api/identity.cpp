@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/base/log_interval.h"
 #include "host/base/sanitize_for_log.h"
+#include "host/base/time_text.h"
 #include "webapi/error_codes.h"
 
 namespace vexa::api {
@@ -55,6 +55,7 @@ IdentifyResult Identity::IdentifyHost(const http::HttpRequest& request) const {
   const auto now = std::chrono::system_clock::now();
   const CertificateTimes& times = request.peer.certificate_times;
   if (request.peer.certificate_name.empty() || times.HasExpired(now) || times.IsFromFuture(now)) {
+    LogInvalid(request.peer, now);
     return user_error::kDenied;
   }
   Caller caller = AnonymousCaller(request.peer);
@@ -63,6 +64,24 @@ IdentifyResult Identity::IdentifyHost(const http::HttpRequest& request) const {
   caller.certificate_issued = times.not_before;
   caller.is_known_host = members_ != nullptr && members_->Knows(caller.host_id, caller.certificate_issued);
   return caller;
+}
+
+// The certificate was valid when the connection was made.
+void Identity::LogInvalid(const http::Peer& peer, std::chrono::system_clock::time_point now) const {
+  const std::string name = SanitizeForLog(peer.certificate_name, kMaxLoggedIdBytes);
+  if (!refusals_.IsDue("invalid " + name)) return;
+  const CertificateTimes& times = peer.certificate_times;
+  if (name.empty()) {
+    ::syslog(LOG_WARNING, "A call was refused: the certificate of %s does not name a host.", peer.address.c_str());
+  } else if (times.HasExpired(now)) {
+    ::syslog(LOG_WARNING, "A call was refused: the certificate of '%s' at %s expired on %s.", name.c_str(),
+             peer.address.c_str(), FormatUtcTime(times.not_after).c_str());
+  } else {
+    ::syslog(LOG_WARNING,
+             "A call was refused: the certificate of '%s' at %s is valid only from %s. Check the clocks of this host "
+             "and of the machine that made it.",
+             name.c_str(), peer.address.c_str(), FormatUtcTime(times.not_before).c_str());
+  }
 }
 
 IdentifyResult Identity::Identify(const http::HttpRequest& request) const {
@@ -102,11 +121,11 @@ int Identity::LookUpCaller(Caller& caller) const {
 
 int Identity::CheckHost(const Caller& caller) const {
   if (members_ != nullptr && members_->Accepts(caller.host_id, caller.certificate_issued)) return 0;
-  static LogInterval interval{std::chrono::minutes(1)};
-  if (interval.IsDue()) {
+  const std::string name = SanitizeForLog(caller.host_id, kMaxLoggedIdBytes);
+  if (refusals_.IsDue(name)) {
     ::syslog(LOG_WARNING,
              "A call was refused: '%s' at %s is not a host of this cluster, or its certificate has been revoked.",
-             SanitizeForLog(caller.host_id, kMaxLoggedIdBytes).c_str(), caller.peer.c_str());
+             name.c_str(), caller.peer.c_str());
   }
   return user_error::kDenied;
 }
@@ -119,7 +138,9 @@ int Identity::LookUpUser(Caller& caller) const {
     // By name, because a name service may have several names for one id. But the session's account no longer exists
     // when its name now belongs to another id, and the session ends with the password that it was begun with.
     if (user->uid != uid) return user_error::kNotLoggedIn;
-    if (!by_uid && user->stamp != caller.user.stamp) return user_error::kNotLoggedIn;
+    // The session may have changed the password itself since it was identified.
+    const bool is_same = user->stamp == caller.user.stamp || sessions_.HasStamp(caller.session_token, user->stamp);
+    if (!by_uid && !is_same) return user_error::kNotLoggedIn;
     caller.user = std::move(*user);
     return 0;
   }

@@ -5,6 +5,7 @@
 
 #include "host/accounts/accounts.h"
 #include "host/api/api_table.h"
+#include "host/base/log_interval.h"
 #include "host/http/http_server.h"
 #include "host/records/member_list.h"
 #include "host/session/sessions.h"
@@ -28,7 +29,7 @@ class Identity {
  public:
   // All must outlive it. Without `members`, no host is accepted.
   Identity(session::SessionTable& sessions, const accounts::AccountProvider& accounts,
-           const records::MemberList* members = nullptr)
+           records::MemberList* members = nullptr)
       : sessions_(sessions), accounts_(accounts), members_(members) {}
 
   // Identifies the caller from the request alone; never waits. Users have a name and uid or, on a Unix socket, only a
@@ -48,10 +49,12 @@ class Identity {
   IdentifyResult IdentifyHost(const http::HttpRequest& request) const;
   int LookUpUser(Caller& caller) const;
   int CheckHost(const Caller& caller) const;
+  void LogInvalid(const http::Peer& peer, std::chrono::system_clock::time_point now) const;
 
   session::SessionTable& sessions_;
   const accounts::AccountProvider& accounts_;
-  const records::MemberList* members_;
+  records::MemberList* members_;
+  mutable LogInterval refusals_{std::chrono::minutes(1)};  // by host
 };
 
 // A caller of whom only the address is known.

@@ -47,6 +47,7 @@ FairQueue::Job FairQueue::Take() {
   ready_ -= std::exchange(owner.ready, 0);
   Job job = std::move(owner.waiting.front());
   owner.waiting.pop_front();
+  job.has_successors = !owner.waiting.empty();
   --waiting_;
   ++owner.running;
   owner.progress = Clock::now();

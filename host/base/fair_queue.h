@@ -41,6 +41,7 @@ class FairQueue {
     std::function<void()> run;
     Owner* owner = nullptr;  // exists as long as the job
     Clock::time_point submitted;
+    bool has_successors = false;  // its owner had more jobs waiting when it started
   };
   // What an owner has in the queue. For the queue itself.
   struct Owner {

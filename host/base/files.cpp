@@ -87,6 +87,14 @@ class TemporaryFile {
   Descriptor fd_;
 };
 
+// Makes the name of a new folder durable.
+Status SyncParent(const std::filesystem::path& folder) {
+  const std::string parent = folder.has_parent_path() ? folder.parent_path().string() : ".";
+  const Descriptor directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() < 0 || ::fsync(directory.get()) != 0) return Failed("Cannot sync the folder '{}'", parent, errno);
+  return {};
+}
+
 Error NulInPathError() { return Error(ErrorCode::kInvalid, "The path of a file contains a NUL"); }
 
 }  // namespace
@@ -138,7 +146,13 @@ Status CreateDirectories(const std::string& path, mode_t mode) {
   std::filesystem::path so_far;
   for (const auto& part : std::filesystem::path(path)) {
     so_far /= part;
-    if (::mkdir(so_far.c_str(), mode) == 0 || errno == EEXIST) continue;
+    if (::mkdir(so_far.c_str(), mode) == 0) {
+      Status synced = SyncParent(so_far);
+      if (synced) continue;
+      ::rmdir(so_far.c_str());  // the next caller would take it for durable
+      return synced;
+    }
+    if (errno == EEXIST) continue;
     if (errno == ENOTDIR) {
       return Error(ErrorCode::kConflict, fmt::format("'{}' exists and is not a folder", so_far.parent_path().string()));
     }
@@ -147,6 +161,15 @@ Status CreateDirectories(const std::string& path, mode_t mode) {
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) return Failed("Cannot create the folder '{}'", path, errno);
   if (!S_ISDIR(info.st_mode)) return Error(ErrorCode::kConflict, fmt::format("'{}' exists and is not a folder", path));
+  return {};
+}
+
+Status SyncFolderAndParent(const std::string& path) {
+  const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder.get() < 0 || ::fsync(folder.get()) != 0) return Failed("Cannot sync the folder '{}'", path, errno);
+  const Descriptor parent(::openat(folder.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (parent.get() >= 0 && ::fsync(parent.get()) != 0)
+    return Failed("Cannot sync the folder '{}'", path + "/..", errno);
   return {};
 }
 

@@ -26,8 +26,12 @@ Status ReadRest(int fd, const std::string& path, std::size_t max_bytes, std::str
 // of the umask. A symbolic link at `path` is replaced, not followed.
 Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode);
 
-// Creates `path` and its missing parents with `mode` less the umask. An existing folder is not an error. kConflict when
-// a component exists and is not a folder.
+// Creates `path` and its missing parents, durably, with `mode` less the umask. An existing folder is not an error.
+// kConflict when a component exists and is not a folder.
 Status CreateDirectories(const std::string& path, mode_t mode);
+
+// Makes the names in the folder durable, and its own name, whether this process made them or another one. A parent that
+// cannot be read is left out.
+Status SyncFolderAndParent(const std::string& path);
 
 }  // namespace vexa

@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <deque>
@@ -69,6 +70,7 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   explicit Impl(const LaneOptions& options) : options_(options), queue_(options.limits) {
     options_.min_threads = std::max(options_.min_threads, 0);
     options_.max_threads = std::max({options_.max_threads, options_.min_threads, 1});
+    if (!options_.recent_owners) options_.recent_owners = std::make_shared<RecentOwners>();
     options_.name.resize(std::min<std::size_t>(options_.name.size(), 8));
   }
 
@@ -109,7 +111,8 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   std::uint64_t refused_ VEXA_GUARDED_BY(mutex_) = 0;
   std::uint64_t over_quota_ VEXA_GUARDED_BY(mutex_) = 0;
   bool monitor_exists_ VEXA_GUARDED_BY(mutex_) = false;
-  // It waits without a timeout: only StartOrWakeMonitor() and the end of Stop() wake it.
+  // It waits without a timeout: only StartOrWakeMonitor() and the end of Stop() wake it. Whatever leaves a job waiting
+  // for other jobs of its owner must wake it.
   bool monitor_is_idle_ VEXA_GUARDED_BY(mutex_) = false;
   bool stopping_ VEXA_GUARDED_BY(mutex_) = false;  // accepts no more jobs
   bool stopped_ VEXA_GUARDED_BY(mutex_) = false;   // likewise, and the queue is empty
@@ -142,6 +145,7 @@ Lane::SubmitResult Lane::Impl::Submit(const JobOwner& owner, std::function<void(
   const FairQueue::PushResult pushed = queue_.Push(owner, std::move(job));
   if (pushed == FairQueue::PushResult::kFull) return refuse(SubmitResult::kQueueFull);
   if (pushed == FairQueue::PushResult::kOverQuota) return refuse(SubmitResult::kOverQuota);
+  options_.recent_owners->Note(owner.user, Clock::now());
   if (queue_.waiting() > queue_.ready()) StartOrWakeMonitor();  // it decides when the owner may start more
   if (IsCovered()) return SubmitResult::kAccepted;
   if (!idle_workers_.empty()) {
@@ -240,10 +244,14 @@ void Lane::Impl::RunNextJob() {
     const MutexUnlock unlocked(mutex_);
     job.run();
     job.run = nullptr;  // destroys what the job captured before the job counts as done
+    if (job.has_successors && options_.recent_owners->AreSeveral(Clock::now())) ::sched_yield();
   }
   --busy_;
   ++done_;
   queue_.Finish(job);
+  // Jobs that still wait for others of their owner are the monitor's again: while the owner ran as many as it may, the
+  // monitor had nothing to decide.
+  if (queue_.waiting() > queue_.ready()) StartOrWakeMonitor();
   if (stopping_) progress_.NotifyAll();
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/base/fair_queue.h"
+#include "host/base/recent_owners.h"
 
 namespace vexa {
 
@@ -23,6 +24,7 @@ struct LaneOptions {
   std::chrono::milliseconds grow_after{20};  // the first job waits this long before a thread is added
   std::chrono::seconds idle_exit{10};        // a thread above min_threads ends after this long without a job
   std::size_t stack_bytes = std::size_t{1} << 20;
+  std::shared_ptr<RecentOwners> recent_owners{};  // shared with other lanes; null: the lane has its own
 };
 
 struct LaneStats {
@@ -36,7 +38,9 @@ struct LaneStats {
 
 // A thread is added when a job has waited for grow_after, and an owner whose jobs have not ended for that long may have
 // more of them running (QueueLimits::active_per_user). Owners take turns (fair_queue.h): one who submits a thousand
-// jobs delays another's by one. A job must not throw. Threads: any, at the same time.
+// jobs delays another's by one. While there are several owners, a thread yields its processor between the jobs of one
+// who has more of them waiting: a thread that has to serve another owner would otherwise wait until the time slice of
+// this one ends, which is as long as dozens of jobs. A job must not throw. Threads: any, at the same time.
 class Lane {
  public:
   enum class SubmitResult { kAccepted, kQueueFull, kOverQuota, kStopped };

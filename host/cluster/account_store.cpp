@@ -246,10 +246,15 @@ Status AccountStore::CheckMachineUid(std::uint32_t uid) {
 }
 
 Result<std::string> AccountStore::SetPassword(const PrincipalNameOrId& user, const std::string& password,
-                                              const std::optional<std::string>& verified_hash) {
+                                              const std::optional<std::string>& verified_hash,
+                                              const std::function<Status(const std::string& stamp)>& before_commit) {
   if (Status valid = accounts::CheckNewPassword(password); !valid) return valid.error();
   const auto hash = accounts::HashPassword(password);
   if (!hash) return hash.error();
+  std::string stamp = accounts::StampOfHash(*hash);
+  if (before_commit) {
+    if (Status ready = before_commit(stamp); !ready) return ready.error();
+  }
   const Status changed = Edit([&](AccountEdit& edit) -> Status {
     const Result<records::Account> found = AccountOf(edit, user);
     if (!found) return found.error();
@@ -259,7 +264,7 @@ Result<std::string> AccountStore::SetPassword(const PrincipalNameOrId& user, con
     edit.PutUser({found->user, *hash});
     return {};
   });
-  return changed ? Result<std::string>(accounts::StampOfHash(*hash)) : changed.error();
+  return changed ? Result<std::string>(std::move(stamp)) : changed.error();
 }
 
 Status AccountStore::SetGroups(const PrincipalNameOrId& user, const std::vector<std::string>& groups) {

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,9 +68,11 @@ class AccountStore : public accounts::AccountProvider {
   static Status CheckMachineUid(std::uint32_t uid);
   // kDenied when `verified_hash` is given and is no longer the user's: the password has been changed since it was
   // verified.
+  // `before_commit` gets the user's new stamp before any other caller can see it; its errors are returned.
   // Returns the user's new stamp.
   Result<std::string> SetPassword(const PrincipalNameOrId& user, const std::string& password,
-                                  const std::optional<std::string>& verified_hash = std::nullopt);
+                                  const std::optional<std::string>& verified_hash = std::nullopt,
+                                  const std::function<Status(const std::string& stamp)>& before_commit = {});
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
   // stay. kDenied when no user would be left in "administrators".
   Status SetGroups(const PrincipalNameOrId& user, const std::vector<std::string>& groups);

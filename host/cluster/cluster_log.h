@@ -9,9 +9,12 @@
 // the commits that added them, whatever the hosts' clocks say. log_edit.h has the records that this takes.
 //
 // An entry is at most 4 KiB. The log keeps at most 10,000 entries. When it is full, an entry replaces the oldest one of
-// its user if that user has a tenth of the log, otherwise the oldest one of all. Entries of more than a year are
-// removed as well; a single clock that is wrong does not make others' entries old. Equal refusals of one user on one
-// host within five minutes are one entry, which moves to the end and counts them.
+// its user if that user has a tenth of the log, otherwise the oldest one of all. Equal refusals of one user on one host
+// within five minutes are one entry, which moves to the end and counts them.
+//
+// Entries that are a year older than each of the last 16 times are removed as well. Where several hosts write, one of
+// these times is always of another host than the rest, so no single clock makes the entries of others look old. When
+// only one of several hosts is left, its log is therefore limited by number alone.
 //
 // Threads: any, at the same time.
 #pragma once

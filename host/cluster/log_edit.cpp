@@ -15,24 +15,16 @@
 namespace vexa::cluster {
 namespace {
 
-// Later times (in 2096) come from a wrong clock. They do not move positions forward, so that enough positions are left.
-constexpr std::int64_t kMaxBelievedTime = 4'000'000'000'000'000;
 // A commit must not grow with the backlog, so each entry removes at most this many others.
 constexpr std::size_t kMaxRemovedPerEntry = 4;
-// A host whose clock is ahead must not make all others' entries look old: so many entries in a row must agree.
-constexpr std::size_t kTimesForAge = 16;
 constexpr std::size_t kMaxRefusals = 16;
 
 constexpr char kCount[] = "count";
-constexpr char kLast[] = "last";
-constexpr char kTimes[] = "times";
-constexpr char kLargest[] = "largest";
+constexpr char kSinceRecount[] = "since_recount";
 constexpr char kRefusals[] = "refusals";
 constexpr char kFingerprint[] = "fingerprint";
 constexpr char kPosition[] = "position";
 constexpr char kFirstTime[] = "first_time_us";
-
-std::string StateKey() { return store::MakeKey({"log_state"}); }
 
 std::string UuidOf(std::string_view text) {
   constexpr char kNilNamespace[16] = {};
@@ -60,53 +52,46 @@ Json::Value ParseObject(const std::optional<store::ValueView>& stored) {
 // Never negative, so that differences of times do not overflow.
 std::int64_t ReadTime(const Json::Value& value) { return std::max<std::int64_t>(json::Int64(value), 0); }
 
+template <class Refusals>
+void KeepNewest(Refusals& refusals) {
+  if (refusals.size() > kMaxRefusals) refusals.erase(refusals.begin(), refusals.end() - kMaxRefusals);
+}
+
 }  // namespace
 
 Result<LogEdit> LogEdit::Begin(const records::Reader& reader) {
-  LogEdit edit(reader);
-  if (Status loaded = edit.LoadState(); !loaded) return loaded.error();
-  return edit;
+  Result<LogState> state = LoadLogState(reader);
+  if (!state) return state.error();
+  return LogEdit(reader, std::move(*state));
 }
 
-Status LogEdit::LoadState() {
-  const auto stored = reader_.Get(StateKey());
-  if (!stored) return stored.error();
-  if (stored->has_value()) state_revision_ = (*stored)->revision;
-  const Json::Value state = ParseObject(*stored);
-  last_ = json::Int64(json::Member(state, kLast));
-  count_ = json::UInt64(json::Member(state, kCount));
-  if (last_ <= 0 || last_ > kMaxLogPosition || count_ > 2 * kMaxLogEntries) return CountEntries();
-  for (const Json::Value& time : json::Elements(json::Member(state, kTimes))) times_.push_back(ReadTime(time));
-  largest_ = json::String(json::Member(state, kLargest));
-  return {};
-}
-
-// For the first entry of this version, and when the state is damaged.
-Status LogEdit::CountEntries() {
-  last_ = 0;
-  count_ = 0;
-  return reader_.Scan(kLogPrefix, [this](std::string_view key, const store::ValueView&) {
-    const auto position = LogPositionOf(key);
-    if (!position) return true;
-    ++count_;
-    if (*position <= kMaxBelievedTime) last_ = *position;
-    return true;
-  });
-}
-
-Result<LogEdit::Share*> LogEdit::ShareOf(const std::string& user) {
-  if (const auto known = shares_.find(user); known != shares_.end()) return &known->second;
+Result<LogEdit::Share> LogEdit::LoadShare(const std::string& user) const {
   const auto stored = reader_.Get(ShareKey(user));
   if (!stored) return stored.error();
   Share share;
   const Json::Value record = ParseObject(*stored);
-  share.count = json::UInt64(json::Member(record, kCount));
   for (const Json::Value& refusal : json::Elements(json::Member(record, kRefusals))) {
     share.refusals.push_back({json::String(json::Member(refusal, kFingerprint)),
                               json::Int64(json::Member(refusal, kPosition)),
                               ReadTime(json::Member(refusal, kFirstTime))});
   }
-  return &shares_.emplace(user, std::move(share)).first->second;
+  KeepNewest(share.refusals);
+  share.since_recount = json::UInt64(json::Member(record, kSinceRecount));
+  share.count = json::UInt64(json::Member(record, kCount));
+  const bool is_plausible = json::Member(record, kCount).isUInt64() && share.count <= kMaxPlausibleLogCount;
+  if (is_plausible && share.since_recount < kRecountAfter) return share;
+  const Result<std::size_t> count = CountPositions(reader_, ShareKey(user));
+  if (!count) return count.error();
+  share.count = *count;
+  share.since_recount = 0;
+  return share;
+}
+
+Result<LogEdit::Share*> LogEdit::ShareOf(const std::string& user) {
+  if (const auto known = shares_.find(user); known != shares_.end()) return &known->second;
+  Result<Share> share = LoadShare(user);
+  if (!share) return share.error();
+  return &shares_.emplace(user, std::move(*share)).first->second;
 }
 
 Status LogEdit::Add(LogEntry entry) {
@@ -122,18 +107,19 @@ Status LogEdit::Add(LogEntry entry) {
   if (!position) return position.error();
   if (is_refusal) {
     (*share)->refusals.push_back({FingerprintOf(entry), *position, entry.first_time_us});
-    if ((*share)->refusals.size() > kMaxRefusals) (*share)->refusals.erase((*share)->refusals.begin());
+    KeepNewest((*share)->refusals);
   }
-  times_.push_back(entry.time_us);
-  if (times_.size() > kTimesForAge) times_.erase(times_.begin());
-  ++count_;
+  state_.times.Add(entry.host_id, entry.time_us);
+  ++state_.count;
+  ++state_.since_recount;
   ++(*share)->count;
+  ++(*share)->since_recount;
   if ((*share)->count > kLogShare) {
-    const Result<Share*> largest = ShareOf(largest_);
+    const Result<Share*> largest = ShareOf(state_.largest);
     if (!largest) return largest.error();
-    if (largest_.empty() || (*share)->count > (*largest)->count) largest_ = entry.user;
+    if (state_.largest.empty() || (*share)->count > (*largest)->count) state_.largest = entry.user;
   }
-  last_ = *position;
+  state_.last = *position;
   added_.emplace(*position, std::move(entry));
   return {};
 }
@@ -171,21 +157,27 @@ Result<std::optional<LogEntry>> LogEdit::Find(std::int64_t position) const {
 // oldest entry of all goes.
 Result<std::string> LogEdit::UserWhoGivesWay(const std::string& user, const Share& share) {
   if (share.count >= kLogShare) return user;
-  if (largest_.empty()) return std::string();
-  const Result<Share*> largest = ShareOf(largest_);
+  if (state_.largest.empty()) return std::string();
+  const Result<Share*> largest = ShareOf(state_.largest);
   if (!largest) return largest.error();
-  if ((*largest)->count <= kLogShare) largest_.clear();
-  return largest_;
+  if ((*largest)->count <= kLogShare) state_.largest.clear();
+  return state_.largest;
 }
 
 Status LogEdit::MakeRoom(const std::string& user, const Share& share) {
-  for (std::size_t i = 0; i < kMaxRemovedPerEntry && count_ >= kMaxLogEntries; ++i) {
+  for (std::size_t i = 0; i < kMaxRemovedPerEntry && state_.count >= kMaxLogEntries; ++i) {
     const Result<std::string> owner = UserWhoGivesWay(user, share);
     if (!owner) return owner.error();
     const bool is_known = !owner->empty();
     const auto oldest = OldestBelow(is_known ? ShareKey(*owner) : std::string(kLogPrefix), 1);
     if (!oldest) return oldest.error();
-    if (oldest->empty()) return {};
+    if (oldest->empty() && !is_known) return {};
+    if (oldest->empty()) {
+      // The count was wrong.
+      shares_.at(*owner).count = static_cast<std::size_t>(
+          std::ranges::count_if(added_, [&](const auto& added) { return added.second.user == *owner; }));
+      continue;
+    }
     if (Status removed = Remove(oldest->front(), is_known ? std::optional(*owner) : std::nullopt); !removed) {
       return removed;
     }
@@ -194,8 +186,8 @@ Status LogEdit::MakeRoom(const std::string& user, const Share& share) {
 }
 
 Result<std::int64_t> LogEdit::NextPosition(std::int64_t time_us) const {
-  std::int64_t position = last_ + 1;
-  if (time_us <= kMaxBelievedTime) position = std::max(position, time_us);
+  std::int64_t position = state_.last + 1;
+  if (time_us <= kMaxBelievedLogTime) position = std::max(position, time_us);
   // Only an older version on the same store, or damage, can have taken it.
   for (; position <= kMaxLogPosition; ++position) {
     const auto taken = reader_.Get(LogEntryKey(position));
@@ -220,7 +212,7 @@ Result<std::vector<std::int64_t>> LogEdit::OldestBelow(const std::string& prefix
 Status LogEdit::Remove(std::int64_t position, const std::optional<std::string>& user) {
   const Result<std::optional<LogEntry>> found = Find(position);
   if (!found) return found.error();
-  count_ -= std::min<std::size_t>(count_, 1);
+  state_.count -= std::min<std::size_t>(state_.count, 1);
   const bool is_stored = added_.erase(position) == 0;
   if (is_stored) {
     removed_.insert(position);
@@ -238,13 +230,14 @@ Status LogEdit::Remove(std::int64_t position, const std::optional<std::string>& 
   const Result<Share*> share = ShareOf(owner);
   if (!share) return share.error();
   (*share)->count -= std::min<std::size_t>((*share)->count, 1);
-  if (largest_.empty() && (*share)->count > kLogShare) largest_ = owner;
+  if (state_.largest.empty() && (*share)->count > kLogShare) state_.largest = owner;
   return {};
 }
 
 Status LogEdit::RemoveExpired() {
-  if (times_.size() < kTimesForAge) return {};
-  const std::int64_t oldest_time = std::ranges::min(times_) - Microseconds(kMaxLogAge);
+  const std::optional<std::int64_t> now = state_.times.Earliest();
+  if (!now) return {};
+  const std::int64_t oldest_time = *now - Microseconds(kMaxLogAge);
   const auto oldest = OldestBelow(std::string(kLogPrefix), kMaxRemovedPerEntry);
   if (!oldest) return oldest.error();
   for (const std::int64_t position : *oldest) {
@@ -258,14 +251,8 @@ Status LogEdit::RemoveExpired() {
 
 Result<store::Transaction> LogEdit::Finish() && {
   if (Status removed = RemoveExpired(); !removed) return removed.error();
-  Json::Value state(Json::objectValue);
-  state[kCount] = static_cast<Json::UInt64>(count_);
-  state[kLast] = Json::Int64{last_};
-  state[kTimes] = Json::Value(Json::arrayValue);
-  for (const std::int64_t time : times_) state[kTimes].append(Json::Int64{time});
-  if (!largest_.empty()) state[kLargest] = largest_;
-  transaction_.compares.push_back({StateKey(), state_revision_});
-  transaction_.operations.push_back({StateKey(), json::ToText(state)});
+  transaction_.compares.push_back({LogStateKey(), state_.revision});
+  transaction_.operations.push_back({LogStateKey(), SerializeLogState(state_)});
   for (const auto& [position, entry] : added_) {
     transaction_.operations.push_back({LogEntryKey(position), SerializeLogEntry(entry)});
     transaction_.operations.push_back({ShareEntryKey(entry.user, position), ""});
@@ -273,6 +260,7 @@ Result<store::Transaction> LogEdit::Finish() && {
   for (const auto& [user, share] : shares_) {
     Json::Value record(Json::objectValue);
     record[kCount] = static_cast<Json::UInt64>(share.count);
+    record[kSinceRecount] = static_cast<Json::UInt64>(share.since_recount);
     record[kRefusals] = Json::Value(Json::arrayValue);
     for (const Refusal& refusal : share.refusals) {
       Json::Value& value = record[kRefusals].append(Json::Value(Json::objectValue));

@@ -1,14 +1,14 @@
 // One commit of the cluster log: entries are added, equal refusals merged, and old entries removed.
 //
-//   /log_state                      {"count", "last", "times", "largest"}: the number of entries, the last position,
-//   the
-//                                   times of the newest entries, and a user who has more than a share
-//   /log_user/<user>                {"count", "refusals"}: the number of a user's entries and the refusals that equal
-//                                   ones are merged with. <user> is a UUID made of the name.
+//   /log_state                      log_state.h: the number of entries, the last position, the times of the newest
+//                                   entries, and a user who has more than a share
+//   /log_user/<user>                {"count", "since_recount", "refusals"}: the number of a user's entries, how many
+//                                   were added since it was compared with the store, and the refusals that equal ones
+//                                   are merged with. <user> is a UUID made of the name.
 //   /log_user/<user>/<position>     ""; one for each of the user's entries, to find the oldest
 //
 // Every commit compares /log_state, so the commits of all hosts follow one another. It costs the same whether the log
-// is empty or full.
+// is empty or full, apart from one in kRecountAfter, which counts the entries again.
 #pragma once
 
 #include <cstdint>
@@ -16,10 +16,12 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/base/result.h"
 #include "host/cluster/cluster_log.h"
+#include "host/cluster/log_state.h"
 #include "host/records/reader.h"
 #include "host/store/store.h"
 
@@ -46,12 +48,12 @@ class LogEdit {
   // What a user has in the log.
   struct Share {
     std::size_t count = 0;
+    std::size_t since_recount = 0;
     std::vector<Refusal> refusals;  // the newest last
   };
 
-  explicit LogEdit(const records::Reader& reader) : reader_(reader) {}
-  Status LoadState();
-  Status CountEntries();
+  LogEdit(const records::Reader& reader, LogState state) : reader_(reader), state_(std::move(state)) {}
+  Result<Share> LoadShare(const std::string& user) const;
   Result<Share*> ShareOf(const std::string& user);
   Status MergeWithEqual(LogEntry& entry, Share& share);
   Result<std::optional<LogEntry>> Find(std::int64_t position) const;
@@ -64,11 +66,7 @@ class LogEdit {
   Status Remove(std::int64_t position, const std::optional<std::string>& user);
 
   const records::Reader& reader_;
-  store::Revision state_revision_ = 0;
-  std::size_t count_ = 0;
-  std::int64_t last_ = 0;
-  std::vector<std::int64_t> times_;
-  std::string largest_;  // empty: no user is known to have more than a share
+  LogState state_;
   std::map<std::string, Share> shares_;
   std::map<std::int64_t, LogEntry> added_;
   std::set<std::int64_t> removed_;

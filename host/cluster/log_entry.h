@@ -16,6 +16,9 @@ inline constexpr std::string_view kLogPrefix = "/log";
 // The greatest position: every JSON reader has this integer exactly.
 inline constexpr std::int64_t kMaxLogPosition = (std::int64_t{1} << 53) - 1;
 
+// Later times (in 2096) come from a wrong clock. They do not move positions forward, so that enough positions are left.
+inline constexpr std::int64_t kMaxBelievedLogTime = 4'000'000'000'000'000;
+
 // A position in 20 digits, the last segment of an entry's key, and the inverse: not set for any other text.
 std::string LogPositionText(std::int64_t position);
 std::optional<std::int64_t> ParseLogPosition(std::string_view text);

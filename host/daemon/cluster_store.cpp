@@ -42,11 +42,17 @@ Status CheckStoreFolder(const Config& config, const std::string& folder) {
       fmt::format("The folder '{}' contains a database. Leave out --new-store to use it, or move it away", folder));
 }
 
+std::string OwnStoreFolder(const Config& config) { return config.data_directory + "/store"; }
+
 }  // namespace
 
+std::string StoreFolder(const Config& config) {
+  return config.store_directory.empty() ? OwnStoreFolder(config) : config.store_directory;
+}
+
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config) {
-  const std::string own = config.data_directory + "/store";
-  const std::string& folder = config.store_directory.empty() ? own : config.store_directory;
+  const std::string own = OwnStoreFolder(config);
+  const std::string folder = StoreFolder(config);
   if (Status usable = CheckStoreFolder(config, folder); !usable) return usable.error();
   if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) {
     // Without a copy there is nothing to gain from giving up on a slow disk.

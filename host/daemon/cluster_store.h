@@ -2,12 +2,16 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "host/base/result.h"
 #include "host/daemon/config.h"
 #include "host/store/store.h"
 
 namespace vexa::daemon {
+
+// The folder of the store, according to `config`.
+std::string StoreFolder(const Config& config);
 
 // The store in the folder that `config` names. If that is not the data folder's own "store", a copy of the store is
 // kept in "mirror" in the data folder, for times when the store cannot be read (store::MirroredStore); a copy of the

@@ -43,8 +43,10 @@ struct Config {
   std::size_t max_connections = 10'000;
   std::size_t max_connections_per_peer = 6'000;
   int long_threads = 1024;
-  int calls_per_user = 64;   // long calls of one user, waiting and running; calls of one host on behalf of one user
-  int calls_per_host = 512;  // calls of one host on behalf of all its users, waiting and running
+  // Waiting and running: long calls of one user; long calls of one host on behalf of one user, and quick ones.
+  int calls_per_user = 64;
+  // Likewise, of one host on behalf of all its users. ParseCommandLine lowers it with long_threads unless it is set.
+  int calls_per_host = 512;
   session::SessionOptions sessions;
   std::chrono::seconds stop_timeout{30};
   LogTarget log = LogTarget::kSyslog;
@@ -65,7 +67,7 @@ struct CommandLine {
 CommandLine ParseCommandLine(int argc, const char* const* argv);
 
 // Checks what a single flag cannot show: unparsable addresses, contradictory TLS settings, a network listener beyond
-// loopback without TLS.
+// loopback without TLS, a host that may take all threads.
 Status CheckConfig(const Config& config);
 
 // The files by which this host and the others recognize each other.

@@ -106,7 +106,7 @@ constexpr std::chrono::milliseconds kAnswerMargin{2000};
 constexpr std::chrono::milliseconds kFarewellTime{1000};
 
 // A process that holds the database must not hold a stop.
-constexpr std::chrono::milliseconds kCommitWaitWhenStopping{1000};
+constexpr std::chrono::milliseconds kLockWaitWhenStopping{1000};
 
 Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& config,
                                                                 const std::shared_ptr<store::Store>& store) {
@@ -166,9 +166,10 @@ class Daemon::Impl {
   explicit Impl(const Config& config)
       : config_(config),
         limiter_(session::LoginLimiterOptions{}),
-        quick_(QuickLane()),
-        long_running_(LongLane(config)),
-        hosts_(HostLane(config)),
+        quick_(ForCallers(QuickLane())),
+        long_running_(ForCallers(LongLane(config))),
+        hosts_(ForCallers(HostLane(config))),
+        quick_hosts_(ForCallers(QuickHostLane(config))),
         local_(LocalLane(config)),
         items_(ItemLane(config)) {}
 
@@ -183,6 +184,7 @@ class Daemon::Impl {
       if (!farewell_) SayFarewell();
     }
     farewell_.reset();
+    certificate_stop_.reset();  // a certificate that is being replaced needs the server
     server_.reset();
     transport::RemoveTransport();
     guests_.reset();
@@ -225,7 +227,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
-    store_->LimitCommitWaits(kCommitWaitWhenStopping);
+    store_->LimitLockWaits(kLockWaitWhenStopping);
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     if (certificate_) certificate_->BeginStop();
@@ -243,7 +245,8 @@ class Daemon::Impl {
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
     const bool hosts_done = hosts_.Stop(left());
-    StopCertificate();
+    const bool quick_hosts_done = quick_hosts_.Stop(left());
+    const bool certificate_done = StopCertificate(left());
     guest_states_.links().BeginStop();
     const bool caches_done = cache::RemoveCacheRefresher(left());
     const bool links_done = guest_states_.links().Stop(left());
@@ -254,16 +257,28 @@ class Daemon::Impl {
     const bool signed_off = !sign_off_ || sign_off_->Wait(left());
     if (!farewell_ && signed_off) farewell_ = std::make_unique<BoundedTask>([this] { SayFarewell(); });
     const bool released = farewell_ && farewell_->Wait(std::max(left(), kFarewellTime));
-    return signed_off && released && guests_done && served && quick_done && long_done && hosts_done && caches_done &&
-           links_done && local_done && items_done;
+    if (!signed_off || !released) {
+      ::syslog(LOG_ERR,
+               "This host could not sign off: the database or its disk did not respond in the time of the stop.");
+    }
+    return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
+           quick_hosts_done && certificate_done && caches_done && links_done && local_done && items_done;
   }
 
  private:
-  // Called when no request needs other hosts any more: a renewal must not wait for one that hangs.
-  void StopCertificate() {
-    if (!certificate_) return;
+  // A lane for callers from outside.
+  LaneOptions ForCallers(LaneOptions lane) const {
+    lane.recent_owners = callers_;
+    return lane;
+  }
+
+  // Called when no request needs other hosts any more: a renewal must not wait for one that hangs. The storage of the
+  // certificates may hang as well. False: a check of them still runs.
+  bool StopCertificate(std::chrono::milliseconds timeout) {
+    if (!certificate_) return true;
     if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
-    certificate_->Stop();
+    if (!certificate_stop_) certificate_stop_ = std::make_unique<BoundedTask>([this] { certificate_->Stop(); });
+    return certificate_stop_->Wait(timeout);
   }
 
   void SayFarewell() {
@@ -287,11 +302,13 @@ class Daemon::Impl {
     Result<std::string> host_id = LoadHostId(config.data_directory);
     if (!host_id) return host_id.error();
     host_id_ = *host_id;
+    // Needed for existing ones as well: the daemon that made them may have been killed before its sync.
+    if (Status synced = SyncFolderAndParent(config.data_directory); !synced) return synced;
     auto store = OpenClusterStore(config);
     if (!store) return store.error();
     store_ = std::move(*store);
     if (Status claimed = ClaimHost(config); !claimed) return claimed;
-    const Status marked = store::MarkStoreUsed(config.data_directory);
+    const Status marked = store::MarkStoreUsed(config.data_directory, StoreFolder(config));
     if (!marked) {
       ::syslog(LOG_ERR, "A missing database will not be noticed at the next start: %s",
                marked.error().ToString().c_str());
@@ -408,11 +425,13 @@ class Daemon::Impl {
     parts.quick = &quick_;
     parts.long_running = &long_running_;
     parts.hosts = &hosts_;
+    parts.quick_hosts = &quick_hosts_;
     parts.metrics_text = [this] {
       return metrics_->ToText({server_->stats(),
                                {{"quick", quick_.stats()},
                                 {"long", long_running_.stats()},
                                 {"hosts", hosts_.stats()},
+                                {"hquick", quick_hosts_.stats()},
                                 {"local", local_.stats()},
                                 {"items", items_.stats()}},
                                sessions_->size()});
@@ -589,9 +608,11 @@ class Daemon::Impl {
   std::unique_ptr<api::Dispatcher> dispatcher_;
   std::unique_ptr<api::LocalCaller> local_caller_;
   std::unique_ptr<api::LocalCaller> item_caller_;
+  const std::shared_ptr<RecentOwners> callers_ = std::make_shared<RecentOwners>();
   Lane quick_;
   Lane long_running_;
   Lane hosts_;
+  Lane quick_hosts_;
   Lane local_;
   Lane items_;
   std::unique_ptr<http::HttpServer> server_;
@@ -601,6 +622,7 @@ class Daemon::Impl {
   std::shared_ptr<cluster::HostClaim> claim_;
   std::unique_ptr<HostCertificate> certificate_;  // only with a listener for hosts
   std::unique_ptr<cluster::HostHeartbeat> heartbeat_;
+  std::unique_ptr<BoundedTask> certificate_stop_;
   std::unique_ptr<BoundedTask> sign_off_;
   std::unique_ptr<BoundedTask> farewell_;
   bool stopped_ = false;

@@ -19,10 +19,10 @@ namespace {
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
-// Attempts that fail are repeated, the first one soon: other hosts may have been starting.
-constexpr std::chrono::seconds kFirstPause{5};
-constexpr std::chrono::seconds kLongestPause{600};
+constexpr std::chrono::milliseconds kLongestPause{600'000};
+// Each reason for a failure is logged once in this time, and at most so many of them.
 constexpr std::chrono::hours kLogInterval{24};
+constexpr std::size_t kMaxLoggedReasons = 10;
 // Where no host has the authority's key, an administrator must renew the certificate by hand.
 constexpr std::chrono::hours kManualRenewalWarning{24 * 14};
 
@@ -116,7 +116,7 @@ void HostCertificate::UseNewer() {
   chosen_ = std::move(choice);
   next_attempt_.reset();
   pause_ = {};
-  last_logged_.reset();
+  logged_failures_.clear();
   ::syslog(LOG_INFO, "Other hosts see a new certificate of this host, valid until %s.",
            FormatUtcTime(chosen_.times.not_after).c_str());
   const MutexLock lock(mutex_);
@@ -125,7 +125,7 @@ void HostCertificate::UseNewer() {
 
 void HostCertificate::Renew() {
   if (const Status renewed = RequestAndStore(); !renewed) {
-    pause_ = std::clamp(2 * pause_, kFirstPause, kLongestPause);
+    pause_ = std::clamp(2 * pause_, options_.first_pause, kLongestPause);
     next_attempt_ = steady_clock::now() + pause_;
     return LogFailure(renewed.error());
   }
@@ -133,16 +133,19 @@ void HostCertificate::Renew() {
   UseNewer();
 }
 
+// Works without the configured certificate and its key, which may be missing or damaged.
 Status HostCertificate::RequestAndStore() const {
+  Result<std::string> authority = transport::LoadAuthority(options_.configured.authority);
+  if (!authority) {
+    return Error(ErrorCode::kInvalid, "The authority's certificate cannot be read", authority.error().ToString());
+  }
   Result<transport::SigningRequest> request = transport::MakeSigningRequest();
   if (!request) return request.error();
   transport::TlsMaterial made;
   made.key = std::move(request->key);
   Result<std::string> certificate = options_.sign(request->request);
   if (!certificate) return certificate.error();
-  Result<transport::TlsMaterial> current = transport::LoadTlsMaterial(options_.configured);
-  if (!current) return current.error();
-  made.authority = current->authority;
+  made.authority = *std::move(authority);
   made.certificate = *std::move(certificate);
   if (Status valid = transport::CheckTlsMaterial(made, options_.host_id, system_clock::now()); !valid) {
     return Error(ErrorCode::kInvalid, "The new certificate cannot be used", valid.error().ToString());
@@ -157,15 +160,15 @@ void HostCertificate::LogFailure(const Error& error) {
   const auto now = system_clock::now();
   const bool needs_hand = error.code() == ErrorCode::kNotFound;
   if (needs_hand && chosen_.times.not_after > now + kManualRenewalWarning) return;
-  const bool was_logged_today = last_logged_ && now >= *last_logged_ && now < *last_logged_ + kLogInterval;
-  if (was_logged_today) return;
-  last_logged_ = now;
-  ::syslog(
-      LOG_WARNING,
-      "This host's certificate %s on %s and could not be renewed: %s. 'vexa cluster certificate --replace' makes a "
-      "new one.",
-      chosen_.times.HasExpired(now) ? "expired" : "expires", FormatUtcTime(chosen_.times.not_after).c_str(),
-      error.ToString().c_str());
+  if (now < first_failure_logged_ || now >= first_failure_logged_ + kLogInterval) logged_failures_.clear();
+  std::string sentence = fmt::format(
+      "This host's certificate {} on {} and could not be renewed: {}. 'vexa cluster certificate --replace' makes a new "
+      "one.",
+      chosen_.times.HasExpired(now) ? "expired" : "expires", FormatUtcTime(chosen_.times.not_after), error.ToString());
+  if (logged_failures_.size() >= kMaxLoggedReasons || logged_failures_.contains(sentence)) return;
+  if (logged_failures_.empty()) first_failure_logged_ = now;
+  ::syslog(LOG_WARNING, "%s", sentence.c_str());
+  logged_failures_.insert(std::move(sentence));
 }
 
 }  // namespace vexa::daemon

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -34,6 +35,9 @@ struct HostCertificateOptions {
   // Makes this host use the certificate in these files for new connections.
   std::function<Status(const transport::TlsFiles& files)> use;
   std::chrono::milliseconds check_interval{5'000};
+  // Failed attempts are repeated: after this time, and each time after twice as long, up to ten minutes. The first time
+  // soon, because other hosts may have been starting.
+  std::chrono::milliseconds first_pause{5'000};
 };
 
 // Threads: one constructs, starts and destroys it; any for the rest. The callbacks run on its own thread.
@@ -73,15 +77,16 @@ class HostCertificate {
   void UseNewer();
   void Renew();
   Status RequestAndStore() const;
-  void LogFailure(const Error& error);
+  void LogFailure(const Error& error);  // once a day for each reason, and immediately for another one
 
   const HostCertificateOptions options_;
   // Used by the constructor, then by the thread:
   Choice chosen_;
   std::map<std::string, std::string> logged_;  // by file: why it was last ignored
   std::optional<std::chrono::steady_clock::time_point> next_attempt_;
-  std::chrono::seconds pause_{0};  // after the last failed attempt
-  std::optional<std::chrono::system_clock::time_point> last_logged_;
+  std::chrono::milliseconds pause_{0};     // after the last failed attempt
+  std::set<std::string> logged_failures_;  // since first_failure_logged_
+  std::chrono::system_clock::time_point first_failure_logged_;
 
   mutable Mutex mutex_;
   ConditionVariable wake_;

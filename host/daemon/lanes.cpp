@@ -11,6 +11,8 @@ namespace {
 // Calls of one user in the quick lane, waiting and running.
 constexpr std::size_t kQuickCallsPerUser = 1024;
 
+int Processors() { return static_cast<int>(std::max(1u, std::thread::hardware_concurrency())); }
+
 // How many of a lane's threads one caller may block: others always find some.
 std::size_t MostOf(int threads) {
   const int reserve = std::max(1, threads / 8);
@@ -27,10 +29,19 @@ LaneOptions WaitingLane(const Config& config, std::string name) {
   return options;
 }
 
+// A host has fewer calls than there are threads (CheckConfig), so calls that hang leave some to other hosts.
+LaneOptions LaneOfHosts(const Config& config, std::string name) {
+  LaneOptions options = WaitingLane(config, std::move(name));
+  options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
+  options.limits.per_host = static_cast<std::size_t>(config.calls_per_host);
+  options.limits.running_per_user = MostOf(config.long_threads);
+  return options;
+}
+
 }  // namespace
 
 LaneOptions QuickLane() {
-  const int processors = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  const int processors = Processors();
   LaneOptions options;
   options.name = "quick";
   options.min_threads = 2 * processors;
@@ -45,17 +56,13 @@ LaneOptions LongLane(const Config& config) {
   LaneOptions options = WaitingLane(config, "long");
   options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
   options.limits.running_per_user = MostOf(config.long_threads);
+  options.limits.active_per_user = static_cast<std::size_t>(Processors());
   options.stack_bytes = std::size_t{256} << 10;
   return options;
 }
 
-LaneOptions HostLane(const Config& config) {
-  LaneOptions options = WaitingLane(config, "hosts");
-  options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
-  options.limits.per_host = static_cast<std::size_t>(config.calls_per_host);
-  options.limits.running_per_user = MostOf(config.long_threads);
-  return options;
-}
+LaneOptions HostLane(const Config& config) { return LaneOfHosts(config, "hosts"); }
+LaneOptions QuickHostLane(const Config& config) { return LaneOfHosts(config, "hquick"); }
 
 // Without a limit for running calls: a call may wait for another one in this lane.
 LaneOptions LocalLane(const Config& config) { return WaitingLane(config, "local"); }

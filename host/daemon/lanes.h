@@ -10,8 +10,10 @@ namespace vexa::daemon {
 LaneOptions QuickLane();
 // Users' methods that may wait.
 LaneOptions LongLane(const Config& config);
-// All calls of other hosts, quick ones as well, so that users cannot take their room.
+// Calls of other hosts that may wait: users cannot take their room.
 LaneOptions HostLane(const Config& config);
+// Calls of other hosts that only read, so a user, or a host, whose other calls hang can still read.
+LaneOptions QuickHostLane(const Config& config);
 // Calls of this host to itself. Each caller waits on a thread of another lane, so those lanes limit their number.
 LaneOptions LocalLane(const Config& config);
 // The items of compound requests. The requests wait for their items on threads of the lanes "hosts" and "local": if the

@@ -93,7 +93,7 @@ int Run(const Config& config, const sigset_t& signals) {
   ::syslog(LOG_INFO, "Ready.");
   NotifyServiceManager("READY=1");
   if (!RunUntilStopped(**daemon, signals, config.stop_timeout)) {
-    ::syslog(LOG_WARNING, "Some requests did not finish in time.");
+    ::syslog(LOG_WARNING, "Some work did not finish in time, and is left behind.");
     // Their threads still use the daemon's parts, so nothing is destroyed while they run.
     FlushLog(kFlushTimeout);
     ::_exit(has_lost_host_id ? kExitFailed : 0);

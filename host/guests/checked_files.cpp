@@ -180,6 +180,11 @@ bool CheckedFiles::IsNamed(const HeldFile& held) const {
     const std::string path = std::filesystem::canonical(folder, error).string();
     return !error && path != "/" && held.path.starts_with(path + "/");
   };
+  // Where this process may not look a file up, only its path can be compared.
+  const auto is_unreadable = [&](const std::string& path) {
+    struct stat info {};
+    return is_same(path) || (::stat(path.c_str(), &info) != 0 && held.path == PathOfSystem(path));
+  };
   const auto contains = [&](const std::string& argument) { return argument.find(held.path) != std::string::npos; };
   // libvirt puts what a guest writes to a transient disk into such a file.
   const auto is_overlay = [&](const File& file) {
@@ -187,7 +192,7 @@ bool CheckedFiles::IsNamed(const HeldFile& held) const {
   };
   return std::ranges::any_of(named_.other_files, is_same) || std::ranges::any_of(named_.shared_folders, is_below) ||
          std::ranges::any_of(named_.arguments, contains) || std::ranges::any_of(files_, is_overlay) ||
-         std::ranges::find(unreadable_, held.path) != unreadable_.end();
+         std::ranges::any_of(unreadable_, is_unreadable);
 }
 
 // Whether it is an image that has been made since the others were checked, such as new UEFI variables.

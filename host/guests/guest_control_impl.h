@@ -114,13 +114,23 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> StartReserved(StartAttempt& attempt, const Starts::Start& start);
   // Removes "pending" from the guest's record: the guest is about to start with these changes.
   Status ClearPending(const std::string& guest_id);
+  // Refuses when a host holds the guest, or a job with its files is not finished.
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
+  Result<void, Refusal> CheckNotHeld(const store::Snapshot& snapshot, const std::string& guest_id) const;
 
   // guest_files.cpp
-  Result<std::optional<CheckedFiles>, Refusal> CheckFiles(const std::string& guest_id);
-  // Ends the guest, which has just been started, when it has other files open.
-  Result<void, Refusal> CompareFiles(const std::string& guest_id, CheckedFiles& files);
+  // The XML of the machine that a start makes.
+  Result<std::string, hypervisor::Failure> XmlOfStart(const std::string& guest_id, bool is_saved);
+  Result<std::optional<CheckedFiles>, Refusal> CheckFiles(const std::string& guest_id,
+                                                          const Result<std::string, hypervisor::Failure>& xml);
+  // Why the guest, which has just been started, must not run: it has other files open. Not set: it may run.
+  std::optional<std::string> CompareFiles(const std::string& guest_id, CheckedFiles& files);
   Refusal EndForFiles(const std::string& guest_id, const std::string& reason);
+  // Lets a guest run that was restored from saved memory and is paused; saves it again if it has other files open.
+  Result<void, Refusal> ResumeRestored(const std::string& guest_id, CheckedFiles& files);
+  Refusal SaveAgain(const std::string& guest_id, const std::string& reason);
+  // The same for a guest whose host was killed, or lost libvirt, before the guest was resumed.
+  void FinishRestore(const std::string& guest_id);
 
   // guest_definition.cpp
   // The XML with which this host defines the guest; without an ownership tag when it is handed back to its owner.
@@ -160,6 +170,11 @@ class LibvirtGuestControl final : public GuestControl {
   Status CleanUpRun(const std::string& guest_id);
   // False: the saved memory belongs to a domain that is not one of this host's guests.
   Result<bool> RecordSaved(const std::string& guest_id, const std::optional<records::StoredRun>& stored);
+  // The run record of a domain that is here: the stored one or, without one, that of RunToAdopt. `what_is_here` begins
+  // the sentence of the error when it is another host's: "It runs".
+  Result<std::optional<records::Run>> OwnRun(const std::string& guest_id,
+                                             const std::optional<records::StoredRun>& stored,
+                                             std::string_view what_is_here);
   // A run record for a guest whose record names this host and that no host holds. Not set: it is not this host's guest.
   Result<std::optional<records::Run>> RunToAdopt(const std::string& guest_id);
   Status PutRun(const std::string& guest_id, const std::optional<records::StoredRun>& stored, const records::Run& run);
@@ -226,10 +241,6 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
   std::atomic<bool> stopping_ = false;
-  // What is logged only once, by guest_files.cpp.
-  std::atomic<bool> has_logged_unreadable_ = false;
-  std::atomic<bool> has_logged_uncompared_ = false;
-  std::atomic<bool> has_logged_unstable_ = false;
 
   std::unique_ptr<ShutDowns> shut_downs_;
   Mutex maintenance_mutex_;

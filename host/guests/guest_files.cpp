@@ -7,61 +7,69 @@
 
 namespace vexa::guests {
 
+using hypervisor::Failure;
 using hypervisor::FailureKind;
 
 namespace {
 
-void LogOnce(std::atomic<bool>& is_logged, const std::string& sentence) {
-  if (!is_logged.exchange(true)) ::syslog(LOG_WARNING, "%s", sentence.c_str());
+// The start of a log line about several files.
+std::string FirstOf(const std::vector<std::string>& paths) {
+  const std::string first = fmt::format("'{}'", SanitizePathForLog(paths.front()));
+  return paths.size() == 1 ? first : fmt::format("{} and {} more", first, paths.size() - 1);
 }
 
 }  // namespace
 
+Result<std::string, Failure> LibvirtGuestControl::XmlOfStart(const std::string& guest_id, bool is_saved) {
+  // What a guest had when it was saved is in the XML beside its memory: media may have been changed while it ran.
+  if (is_saved) {
+    auto saved = hypervisor_->SavedXmlOf(guest_id);
+    if (saved || saved.error().kind() != FailureKind::kUnsupported) return saved;
+  }
+  return hypervisor_->XmlOf(guest_id);
+}
+
 // Not set in test mode, where guests have no files.
-Result<std::optional<CheckedFiles>, Refusal> LibvirtGuestControl::CheckFiles(const std::string& guest_id) {
+Result<std::optional<CheckedFiles>, Refusal> LibvirtGuestControl::CheckFiles(const std::string& guest_id,
+                                                                             const Result<std::string, Failure>& xml) {
   if (IsTestMode()) return std::optional<CheckedFiles>();
-  // libvirt's own form of the definition, which is also that of a guest with saved memory.
-  const auto xml = hypervisor_->XmlOf(guest_id);
   if (!xml) return RefusalOf(xml.error());
   FileCheckOptions options;
   options.roots = options_.image_roots;
   options.if_unreadable = IsEmbedded() ? IfUnreadable::kRefuse : IfUnreadable::kAccept;
   auto files = CheckedFiles::Open(*xml, std::move(options));
   if (!files) return Refusal{host_error::kUnavailable, files.error().ToString()};
-  for (const std::string& path : files->unreadable()) {
-    LogOnce(has_logged_unreadable_, fmt::format("This service may not read the image '{}', so it cannot check whether "
-                                                "it names other files. More such images are not logged.",
-                                                SanitizePathForLog(path)));
+  if (!files->unreadable().empty()) {
+    ::syslog(LOG_WARNING,
+             "The guest %s is started with images that this service may not read, so it cannot check whether they name "
+             "other files: %s",
+             guest_id.c_str(), FirstOf(files->unreadable()).c_str());
   }
   return std::optional(std::move(*files));
 }
 
-Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest_id, CheckedFiles& files) {
+std::optional<std::string> LibvirtGuestControl::CompareFiles(const std::string& guest_id, CheckedFiles& files) {
   const auto held = hypervisor_->FilesHeldBy(guest_id);  // by one or more processes
-  if (!held && !IsEmbedded()) {
-    LogOnce(has_logged_uncompared_,
-            fmt::format("The files that guests have open cannot be compared with the checked ones. More such "
-                        "guests are not logged. {}",
-                        held.error().ToString()));
-    return {};
-  }
   if (!held) {
     // A guest that has ended by itself has no files.
     const auto state = hypervisor_->StateOf(guest_id);
-    if (state && !IsActive(*state)) return {};
-    return EndForFiles(guest_id, held.error().ToString());
+    if (state && !IsActive(*state)) return std::nullopt;
+    if (IsEmbedded()) return held.error().ToString();
+    ::syslog(LOG_WARNING, "The files that the guest %s has open cannot be compared with the checked ones: %s",
+             guest_id.c_str(), held.error().ToString().c_str());
+    return std::nullopt;
   }
   if (const auto xml = hypervisor_->RunningXmlOf(guest_id)) files.AddFirmware(domain_xml::ParseFirmwareFiles(*xml));
   auto not_compared = files.Compare(held->front());
   for (std::size_t i = 1; !not_compared && i < held->size(); ++i) not_compared = files.Compare((*held)[i]);
-  if (!not_compared) return EndForFiles(guest_id, not_compared.error().ToString());
-  for (const std::string& path : *not_compared) {
-    LogOnce(has_logged_unstable_, fmt::format("The file system of '{}' gives files another number each time they are "
-                                              "opened, so only their paths were compared. More such files are not "
-                                              "logged.",
-                                              SanitizePathForLog(path)));
+  if (!not_compared) return not_compared.error().ToString();
+  if (!not_compared->empty()) {
+    ::syslog(LOG_WARNING,
+             "The file system gives files of the guest %s another number each time they are opened, so only their "
+             "paths were compared: %s",
+             guest_id.c_str(), FirstOf(*not_compared).c_str());
   }
-  return {};
+  return std::nullopt;
 }
 
 Refusal LibvirtGuestControl::EndForFiles(const std::string& guest_id, const std::string& reason) {
@@ -74,6 +82,44 @@ Refusal LibvirtGuestControl::EndForFiles(const std::string& guest_id, const std:
   ::syslog(LOG_CRIT, "The guest %s could not be ended (%s), although it runs with files that were not checked: %s",
            guest_id.c_str(), why.c_str(), reason.c_str());
   return {host_error::kUnavailable, fmt::format("{}. The guest could not be ended: {}", reason, why)};
+}
+
+Result<void, Refusal> LibvirtGuestControl::ResumeRestored(const std::string& guest_id, CheckedFiles& files) {
+  if (const auto difference = CompareFiles(guest_id, files)) return SaveAgain(guest_id, *difference);
+  const HypervisorStatus resumed = hypervisor_->Resume(guest_id);
+  if (resumed) return {};
+  if (resumed.error().kind() == FailureKind::kNotRunning) return RefusalOf(resumed.error());
+  return SaveAgain(guest_id, resumed.error().ToString());
+}
+
+// libvirt has removed the file with the memory, so the guest must not be ended without saving it.
+Refusal LibvirtGuestControl::SaveAgain(const std::string& guest_id, const std::string& reason) {
+  const HypervisorStatus saved = hypervisor_->Save(guest_id);
+  if (saved) {
+    ::syslog(LOG_ERR, "The guest %s was saved again right after it was restored, before it ran: %s", guest_id.c_str(),
+             reason.c_str());
+    return {host_error::kUnavailable, fmt::format("{}. The guest's memory was saved again", reason)};
+  }
+  const std::string why = saved.error().ToString();
+  ::syslog(LOG_CRIT, "The guest %s stays paused, because its memory could not be saved again (%s): %s",
+           guest_id.c_str(), why.c_str(), reason.c_str());
+  return {host_error::kUnavailable,
+          fmt::format("{}. The guest stays paused, because its memory could not be saved again: {}", reason, why)};
+}
+
+void LibvirtGuestControl::FinishRestore(const std::string& guest_id) {
+  const auto stored = records::ReadRun(*options_.store, guest_id);
+  const bool is_restoring = stored && *stored && (*stored)->run.starting && (*stored)->run.restoring &&
+                            (*stored)->run.host_id == options_.host_id;
+  if (!is_restoring) return;
+  const auto state = hypervisor_->StateOf(guest_id);
+  if (!state || *state != hypervisor::GuestState::kPaused) return;
+  auto files = CheckFiles(guest_id, hypervisor_->RunningXmlOf(guest_id));
+  if (!files.ok()) {
+    (void)SaveAgain(guest_id, files.error().reason);
+  } else if (*files) {
+    (void)ResumeRestored(guest_id, **files);
+  }
 }
 
 }  // namespace vexa::guests

@@ -259,7 +259,7 @@ Result<void, Refusal> LibvirtGuestControl::SetHost(const std::string& guest_id, 
         const auto lock = FindLock(reader, guest_id);
         if (!lock) return lock.error();
         if (*lock) {
-          allowed = CheckNotHeld(guest_id);
+          allowed = CheckNotHeld(reader, guest_id);
           if (!allowed.ok()) return transaction;
         }
         CompareFree(transaction, guest_id);

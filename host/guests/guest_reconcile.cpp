@@ -144,23 +144,23 @@ Status LibvirtGuestControl::Restore(const std::string& guest_id, const records::
   return hypervisor_->Start(guest_id);
 }
 
+Result<std::optional<records::Run>> LibvirtGuestControl::OwnRun(const std::string& guest_id,
+                                                                const std::optional<records::StoredRun>& stored,
+                                                                std::string_view what_is_here) {
+  if (!stored) return RunToAdopt(guest_id);
+  if (stored->run.host_id == options_.host_id) return std::optional(stored->run);
+  return Error(ErrorCode::kConflict,
+               fmt::format("{} here, but its run record names the host '{}'", what_is_here, stored->run.host_id));
+}
+
 Result<bool> LibvirtGuestControl::RecordRunning(const std::string& guest_id,
                                                 const std::optional<records::StoredRun>& stored) {
-  records::Run run;
-  if (stored) {
-    run = stored->run;
-    if (run.host_id != options_.host_id) {
-      return Error(ErrorCode::kConflict,
-                   fmt::format("It runs here, but its run record names the host '{}'", run.host_id));
-    }
-    const bool is_current = !options_.claim || run.incarnation >= options_.claim->booted();
-    if (!run.starting && !run.saved && is_current) return true;
-  } else {
-    Result<std::optional<records::Run>> adopted = RunToAdopt(guest_id);
-    if (!adopted) return adopted.error();
-    if (!*adopted) return false;
-    run = std::move(**adopted);
-  }
+  Result<std::optional<records::Run>> own = OwnRun(guest_id, stored, "It runs");
+  if (!own) return own.error();
+  if (!*own) return false;
+  records::Run& run = **own;
+  const bool is_current = !options_.claim || run.incarnation >= options_.claim->booted();
+  if (stored && !run.starting && !run.saved && is_current) return true;
   if (!stored || run.starting || run.saved) run.since = std::chrono::system_clock::now();
   if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.starting = false;
@@ -177,20 +177,11 @@ Result<bool> LibvirtGuestControl::RecordRunning(const std::string& guest_id,
 
 Result<bool> LibvirtGuestControl::RecordSaved(const std::string& guest_id,
                                               const std::optional<records::StoredRun>& stored) {
-  records::Run run;
-  if (stored) {
-    run = stored->run;
-    if (run.host_id != options_.host_id) {
-      return Error(ErrorCode::kConflict,
-                   fmt::format("Its saved memory is here, but its run record names the host '{}'", run.host_id));
-    }
-    if (run.saved) return true;
-  } else {
-    Result<std::optional<records::Run>> adopted = RunToAdopt(guest_id);
-    if (!adopted) return adopted.error();
-    if (!*adopted) return false;
-    run = std::move(**adopted);
-  }
+  Result<std::optional<records::Run>> own = OwnRun(guest_id, stored, "Its saved memory is");
+  if (!own) return own.error();
+  if (!*own) return false;
+  records::Run& run = **own;
+  if (stored && run.saved) return true;
   run.starting = false;
   run.saved = true;
   run.pinned_cpus.clear();
@@ -311,7 +302,12 @@ void LibvirtGuestControl::ReconcileAll() {
   }
   const auto fenced = records::FencedGuests(*options_.store, options_.host_id);
   if (fenced) ids.insert(fenced->begin(), fenced->end());
-  for (const std::string& id : ids) ReconcileWhenFree(id);
+  for (const std::string& id : ids) {
+    auto guard = activities_.TryTakeForReconcile(id);
+    if (!guard) continue;
+    FinishRestore(id);
+    ReconcileAndRelease(*std::move(guard), id);
+  }
 }
 
 }  // namespace vexa::guests

@@ -163,6 +163,7 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
   if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.since = std::chrono::system_clock::now();
   run.starting = true;
+  run.restoring = attempt.IsSaved();
   (void)vgConfStateGet(guest_id, run.state_before);
   run.vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
@@ -183,9 +184,16 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
   return Refusal{host_error::kBusy, "Another host has just released the guest. Try again"};
 }
 
-// Refuses when a host holds the guest or a job with its files is not finished, according to the current store.
+// According to the current store.
 Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const std::string& guest_id) const {
-  const auto run = records::ReadRun(*options_.store, guest_id);
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return RefusalOf(snapshot.error());
+  return CheckNotHeld(**snapshot, guest_id);
+}
+
+Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const store::Snapshot& snapshot,
+                                                        const std::string& guest_id) const {
+  const auto run = records::ReadRun(snapshot, guest_id);
   if (!run) return RefusalOf(run.error());
   if (*run) {
     const std::string& host_id = (*run)->run.host_id;
@@ -193,7 +201,9 @@ Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const std::string& guest
                    (*run)->run.saved ? fmt::format("The guest's saved memory is held by the host '{}'", host_id)
                                      : fmt::format("The guest may be running on the host '{}'", host_id)};
   }
-  return CheckNoUnfinishedJob(*options_.store, guest_id);
+  auto job = FindJob(snapshot, guest_id);
+  if (!job) return RefusalFor(job.error());
+  return OkUnless(*std::move(job));
 }
 
 // A change that is added after this may already take effect in this start, although it remains listed as pending.
@@ -221,7 +231,11 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
     }
   }
   BeforeStep("poweron: defined");
-  auto files = CheckFiles(attempt.guest.records.id);
+  const std::string& guest_id = attempt.guest.records.id;
+  auto files = CheckFiles(guest_id, XmlOfStart(guest_id, attempt.IsSaved()));
+  if (!files.ok() && attempt.IsSaved()) {
+    return Refusal{files.error().code, fmt::format("{}. The guest's saved memory was kept", files.error().reason)};
+  }
   if (!files.ok()) return files.error();
   BeforeStep("poweron: files checked");
   if (!start.TryEnterHypervisor())
@@ -229,14 +243,18 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   BeforeStep("poweron: asked");
   // The last check before two domains could write to the same disks.
   if (const auto allowed = CheckClaimHeld(); !allowed.ok()) return allowed;
-  const auto started = hypervisor_->Start(attempt.guest.records.id);
+  // Ending a restored guest would lose its memory, so its files are compared before it runs.
+  const bool is_restored = attempt.IsSaved() && *files;
+  const auto started = is_restored ? hypervisor_->Restore(guest_id) : hypervisor_->Start(guest_id);
   BeforeStep("poweron: started");
   if (!started) return RefusalOf(started.error());
-  if (*files) {
-    if (const auto allowed = CompareFiles(attempt.guest.records.id, **files); !allowed.ok()) return allowed;
+  if (is_restored) {
+    if (const auto resumed = ResumeRestored(guest_id, **files); !resumed.ok()) return resumed;
+  } else if (*files) {
+    if (const auto difference = CompareFiles(guest_id, **files)) return EndForFiles(guest_id, *difference);
   }
-  end_reasons_.Cancel(attempt.guest.records.id);
-  end_reasons_.RecordSeenRunning(attempt.guest.records.id);
+  end_reasons_.Cancel(guest_id);
+  end_reasons_.RecordSeenRunning(guest_id);
   return {};
 }
 

@@ -192,7 +192,9 @@ class Recovery {
   Result<void, Refusal> CheckNothingLost(const store::Snapshot& snapshot, const records::Run& run,
                                          const StoredObject& claim) const {
     const std::string host = HostName(snapshot, run.host_id);
-    if (run.saved && request_.saved == SavedMemory::kKeep) {
+    // A host that ended while it restored the guest may not have used up the saved memory.
+    const bool may_be_saved = run.saved || (run.starting && run.restoring);
+    if (may_be_saved && request_.saved == SavedMemory::kKeep) {
       return Refusal{
           kSavedMemoryLost,
           fmt::format(

@@ -88,7 +88,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void SetOwner(const Owner& owner);
   void CheckOwner(Clock::time_point now);
   void RecordProgress() { progress_at_ = Clock::now(); }
-  bool IsBusy() const;
+  ConnectionActivity Activity() const;
   std::size_t HeldBytes() const;
 
   // Phases
@@ -138,7 +138,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::size_t lingered_bytes_ = 0;
 
   // As last reported to `place_`.
-  bool is_busy_ = false;
+  ConnectionActivity activity_ = ConnectionActivity::kIdle;
   std::size_t held_bytes_ = 0;
   std::function<bool()> is_owner_current_;
   Clock::time_point check_owner_at_ = Clock::time_point::max();

@@ -33,9 +33,11 @@ void Connection::OnEvicted(EvictionReason reason) {
   Close();
 }
 
-bool Connection::IsBusy() const {
-  if (phase_ == Phase::kHandler) return true;
-  return (phase_ == Phase::kBody || phase_ == Phase::kWrite) && Clock::now() - progress_at_ < kStalledAfter;
+ConnectionActivity Connection::Activity() const {
+  if (phase_ == Phase::kHandler) return ConnectionActivity::kAnswers;
+  const bool transfers = phase_ == Phase::kBody || phase_ == Phase::kWrite;
+  const bool is_stalled = Clock::now() - progress_at_ >= kStalledAfter;
+  return transfers && !is_stalled ? ConnectionActivity::kTransfers : ConnectionActivity::kIdle;
 }
 
 // Bodies that are shared do not count.
@@ -49,9 +51,9 @@ std::size_t Connection::HeldBytes() const {
 // Called after every event. Most requests are answered within one or two, so this rarely finds a change.
 void Connection::ReportState() {
   if (place_ == nullptr) return;
-  if (const bool busy = IsBusy(); busy != is_busy_) {
-    is_busy_ = busy;
-    place_->SetActivity(busy ? ConnectionActivity::kBusy : ConnectionActivity::kIdle);
+  if (const ConnectionActivity activity = Activity(); activity != activity_) {
+    activity_ = activity;
+    place_->SetActivity(activity);
   }
   if (const std::size_t held = HeldBytes(); held != held_bytes_) {
     held_bytes_ = held;

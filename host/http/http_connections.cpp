@@ -14,7 +14,6 @@ constexpr std::size_t kMaxClosingForStrangers = 64;
 
 constexpr ConnectionClass kEvictionOrder[] = {ConnectionClass::kStranger, ConnectionClass::kUser,
                                               ConnectionClass::kHost, ConnectionClass::kLocal};
-constexpr ConnectionActivity kActivityOrder[] = {ConnectionActivity::kIdle, ConnectionActivity::kBusy};
 
 // A blank keeps the keys of users, hosts and user ids apart from addresses.
 std::string KeyOf(const Peer& peer) {
@@ -30,8 +29,11 @@ std::size_t ConnectionTable::GuaranteedTo(ConnectionClass kind) const {
   return limits_.connections / (kind == ConnectionClass::kUser ? 4 : 16);
 }
 
-Ranking& ConnectionTable::RankingOf(ConnectionClass kind, ConnectionActivity activity) {
-  return rankings_[Index(kind) * kActivities + (activity == ConnectionActivity::kBusy ? 1 : 0)];
+Ranking& ConnectionTable::RankingOf(const ConnectionPlace& place) {
+  const bool is_busy =
+      place.activity_ == ConnectionActivity::kAnswers ||
+      (place.activity_ == ConnectionActivity::kTransfers && place.class_ != ConnectionClass::kStranger);
+  return is_busy ? BusyOf(place.class_) : IdleOf(place.class_);
 }
 
 HeldBytes& ConnectionTable::HeldBy(ConnectionClass kind) {
@@ -46,20 +48,24 @@ std::unique_ptr<ConnectionPlace> ConnectionTable::Enter(const Peer& peer) {
   place->group_ = place->peer_;
   place->class_ = peer.kind == Peer::Kind::kUnix ? ConnectionClass::kLocal : ConnectionClass::kStranger;
   if (!MakeRoomForPeer(*place)) return nullptr;
-  if (total_ >= limits_.connections && !MakeRoom(place->class_)) return nullptr;
+  if (total_ >= limits_.connections && !MakeRoom(*place)) return nullptr;
   std::size_t& of_peer = per_peer_[place->peer_];
-  Insert(*place);
+  Insert(*place, ++last_number_);
   ++of_peer;
   ++total_;
   place->evicted_ = false;
   return place;
 }
 
-bool ConnectionTable::MakeRoomForPeer(const ConnectionPlace& place) {
+std::size_t ConnectionTable::ConnectionsOfPeer(const ConnectionPlace& place) const {
   const auto found = per_peer_.find(place.peer_);
-  const std::size_t count = found == per_peer_.end() ? 0 : found->second;
+  return found == per_peer_.end() ? 0 : found->second;
+}
+
+bool ConnectionTable::MakeRoomForPeer(const ConnectionPlace& place) {
+  const std::size_t count = ConnectionsOfPeer(place);
   if (count < limits_.connections_per_peer) return true;
-  return count > 0 && Evict(RankingOf(place.class_, ConnectionActivity::kIdle).OldestOf(place.peer_));
+  return count > 0 && Evict(IdleOf(place.class_).OldestOf(place.peer_));
 }
 
 // Whether a class may take a place of another one.
@@ -68,15 +74,20 @@ bool ConnectionTable::MayTakeFrom(ConnectionClass victim, ConnectionClass taker)
   return victim == ConnectionClass::kStranger || counts_[Index(taker)] < GuaranteedTo(taker);
 }
 
-bool ConnectionTable::MakeRoom(ConnectionClass taker) {
-  if (taker == ConnectionClass::kStranger && closing_ >= kMaxClosingForStrangers) return false;
-  for (const ConnectionActivity activity : kActivityOrder) {
-    if (activity == ConnectionActivity::kBusy && taker == ConnectionClass::kStranger) break;
-    for (const ConnectionClass victim : kEvictionOrder) {
-      if (MayTakeFrom(victim, taker) && Evict(RankingOf(victim, activity).OldestOfLargest())) return true;
-    }
+bool ConnectionTable::MakeRoom(const ConnectionPlace& place) {
+  const ConnectionClass taker = place.class_;
+  const bool is_stranger = taker == ConnectionClass::kStranger;
+  if (is_stranger && closing_ >= kMaxClosingForStrangers) return false;
+  for (const ConnectionClass victim : kEvictionOrder) {
+    if (MayTakeFrom(victim, taker) && Evict(IdleOf(victim).OldestOfLargest())) return true;
   }
-  return Evict(RankingOf(taker, ConnectionActivity::kIdle).OldestOfLargest());
+  for (const ConnectionClass victim : kEvictionOrder) {
+    if (!is_stranger && MayTakeFrom(victim, taker) && Evict(BusyOf(victim).OldestOfLargest())) return true;
+  }
+  if (Evict(IdleOf(taker).OldestOfLargest())) return true;
+  // Only from a network that keeps at least as many: otherwise callers could end each other's requests in turns.
+  const Ranking& busy = BusyOf(taker);
+  return is_stranger && busy.SizeOfLargest() > ConnectionsOfPeer(place) + 1 && Evict(busy.OldestOfLargest());
 }
 
 bool ConnectionTable::Evict(ConnectionPlace* place) {
@@ -89,18 +100,22 @@ bool ConnectionTable::Evict(ConnectionPlace* place) {
   return true;
 }
 
-void ConnectionTable::Insert(ConnectionPlace& place) {
-  const std::uint64_t number = ++last_number_;
-  RankingOf(place.class_, place.activity_).Add(place.group_, number, &place);
+void ConnectionTable::Insert(ConnectionPlace& place, std::uint64_t number) {
+  RankingOf(place).Add(place.group_, number, &place);
   place.number_ = number;
   ++counts_[Index(place.class_)];
+}
+
+// Undoes Insert().
+void ConnectionTable::TakeOut(ConnectionPlace& place) {
+  RankingOf(place).Remove(place.group_, place.number_);
+  --counts_[Index(place.class_)];
 }
 
 // Undoes what Enter() counted.
 void ConnectionTable::Remove(ConnectionPlace& place) {
   Hold(place, 0);
-  RankingOf(place.class_, place.activity_).Remove(place.group_, place.number_);
-  --counts_[Index(place.class_)];
+  TakeOut(place);
   const auto of_peer = per_peer_.find(place.peer_);
   if (--of_peer->second == 0) per_peer_.erase(of_peer);
   --total_;
@@ -117,8 +132,8 @@ void ConnectionTable::Leave(ConnectionPlace& place) {
 }
 
 bool ConnectionTable::MakeRoomForOwner(ConnectionClass kind, const std::string& group) {
-  Ranking& idle = RankingOf(kind, ConnectionActivity::kIdle);
-  const std::size_t count = idle.SizeOf(group) + RankingOf(kind, ConnectionActivity::kBusy).SizeOf(group);
+  const Ranking& idle = IdleOf(kind);
+  const std::size_t count = idle.SizeOf(group) + BusyOf(kind).SizeOf(group);
   return count < limits_.connections_per_owner || Evict(idle.OldestOf(group));
 }
 
@@ -131,19 +146,20 @@ void ConnectionTable::Hold(ConnectionPlace& place, std::size_t bytes) {
 // After `place` has begun to hold more.
 void ConnectionTable::FreeMemory(ConnectionPlace& place) {
   HeldBytes& held = HeldBy(place.class_);
-  if (held.BytesOf(place.group_) > limits_.held_bytes_per_owner) EndLargest(held, place.group_);
-  if (place.class_ == ConnectionClass::kStranger && held.total() > limits_.held_bytes_of_strangers) {
-    EndLargest(held, held.LargestGroup());
+  while (held.BytesOf(place.group_) > limits_.held_bytes_per_owner && EndHolding(held.OldestOfSeveral(place.group_))) {
+  }
+  if (place.class_ != ConnectionClass::kStranger) return;
+  while (held.total() > limits_.held_bytes_of_strangers && EndHolding(held.OldestOfLargest())) {
   }
 }
 
 // The connection keeps its place until it is closed.
-void ConnectionTable::EndLargest(HeldBytes& held, const std::string& group) {
-  ConnectionPlace* const place = held.OldestOfSeveral(group);
-  if (place == nullptr) return;
+bool ConnectionTable::EndHolding(ConnectionPlace* place) {
+  if (place == nullptr) return false;
   if (place->on_evict_) place->on_evict_(EvictionReason::kMemory);
   Hold(*place, 0);
   ++evicted_;
+  return true;
 }
 
 std::size_t ConnectionTable::total() const {
@@ -167,10 +183,9 @@ bool ConnectionPlace::SetOnEvict(std::function<void(EvictionReason)> on_evict) {
 void ConnectionPlace::SetActivity(ConnectionActivity activity) {
   const MutexLock lock(table_->mutex_);
   if (evicted_ || activity == activity_) return;
-  table_->RankingOf(class_, activity_).Remove(group_, number_);
-  --table_->counts_[ConnectionTable::Index(class_)];
+  table_->TakeOut(*this);
   activity_ = activity;
-  table_->Insert(*this);
+  table_->Insert(*this, class_ == ConnectionClass::kStranger ? number_ : ++table_->last_number_);
 }
 
 void ConnectionPlace::SetOwner(const Owner& owner) {
@@ -190,11 +205,10 @@ void ConnectionPlace::SetOwner(const Owner& owner) {
   }
   const std::size_t held = held_;
   table_->Hold(*this, 0);
-  table_->RankingOf(class_, activity_).Remove(group_, number_);
-  --table_->counts_[ConnectionTable::Index(class_)];
+  table_->TakeOut(*this);
   class_ = kind;
   group_ = std::move(group);
-  table_->Insert(*this);
+  table_->Insert(*this, ++table_->last_number_);
   table_->Hold(*this, held);
 }
 

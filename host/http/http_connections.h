@@ -20,8 +20,9 @@ namespace vexa::http {
 enum class ConnectionClass { kStranger, kUser, kHost, kLocal };
 
 enum class ConnectionActivity {
-  kIdle,  // waits for a request, shakes hands, or makes no progress
-  kBusy,  // has a request that arrives, is being answered, or whose response is being sent
+  kIdle,       // waits for a request, shakes hands, or makes no progress
+  kTransfers,  // has a request that arrives, or a response that is being sent: as slowly as the client likes
+  kAnswers,    // has a request that is being answered, which the client cannot prolong
 };
 
 enum class EvictionReason {
@@ -59,7 +60,7 @@ class ConnectionPlace {
   std::string group_;  // what the class's connections are grouped by: the peer, the user, the host
   ConnectionClass class_ = ConnectionClass::kStranger;
   ConnectionActivity activity_ = ConnectionActivity::kIdle;
-  std::uint64_t number_ = 0;
+  std::uint64_t number_ = 0;  // the lowest one of a group goes first
   std::size_t held_ = 0;
   std::uint64_t held_number_ = 0;
   bool evicted_ = false;  // no longer counted
@@ -67,8 +68,11 @@ class ConnectionPlace {
 };
 
 // When all places are taken, a new connection gets that of a stranger: an idle one, the oldest of the network with the
-// most idle connections. A connection of the Unix socket also gets that of a busy stranger. Each class is guaranteed a
-// share of the places: one that has fewer than that gets places of any class that has more.
+// most idle connections. Strangers are idle unless a request of theirs is being answered, because they could transfer a
+// byte now and then to keep everybody else out; their age counts from their acceptance for the same reason. When all
+// requests of strangers are being answered, a connection of the Unix socket gets the place of one, and a stranger that
+// of a network with more of them than its own. Each class is guaranteed a share of the places: one that has fewer than
+// that gets places of any class that has more.
 // Threads: any.
 class ConnectionTable : public std::enable_shared_from_this<ConnectionTable> {
  public:
@@ -84,27 +88,31 @@ class ConnectionTable : public std::enable_shared_from_this<ConnectionTable> {
  private:
   friend class ConnectionPlace;
   static constexpr std::size_t kClasses = 4;
-  static constexpr std::size_t kActivities = 2;
 
   static std::size_t Index(ConnectionClass kind) { return static_cast<std::size_t>(kind); }
   std::size_t GuaranteedTo(ConnectionClass kind) const;
-  Ranking& RankingOf(ConnectionClass kind, ConnectionActivity activity) VEXA_REQUIRES(mutex_);
+  Ranking& IdleOf(ConnectionClass kind) VEXA_REQUIRES(mutex_) { return idle_[Index(kind)]; }
+  Ranking& BusyOf(ConnectionClass kind) VEXA_REQUIRES(mutex_) { return busy_[Index(kind)]; }
+  Ranking& RankingOf(const ConnectionPlace& place) VEXA_REQUIRES(mutex_);
+  std::size_t ConnectionsOfPeer(const ConnectionPlace& place) const VEXA_REQUIRES(mutex_);
   HeldBytes& HeldBy(ConnectionClass kind) VEXA_REQUIRES(mutex_);
   bool MayTakeFrom(ConnectionClass victim, ConnectionClass taker) const VEXA_REQUIRES(mutex_);
   bool MakeRoomForPeer(const ConnectionPlace& place) VEXA_REQUIRES(mutex_);
-  bool MakeRoom(ConnectionClass taker) VEXA_REQUIRES(mutex_);
+  bool MakeRoom(const ConnectionPlace& place) VEXA_REQUIRES(mutex_);
   bool MakeRoomForOwner(ConnectionClass kind, const std::string& group) VEXA_REQUIRES(mutex_);
   bool Evict(ConnectionPlace* place) VEXA_REQUIRES(mutex_);
-  void Insert(ConnectionPlace& place) VEXA_REQUIRES(mutex_);
+  void Insert(ConnectionPlace& place, std::uint64_t number) VEXA_REQUIRES(mutex_);
+  void TakeOut(ConnectionPlace& place) VEXA_REQUIRES(mutex_);
   void Remove(ConnectionPlace& place) VEXA_REQUIRES(mutex_);
   void Hold(ConnectionPlace& place, std::size_t bytes) VEXA_REQUIRES(mutex_);
   void FreeMemory(ConnectionPlace& place) VEXA_REQUIRES(mutex_);
-  void EndLargest(HeldBytes& held, const std::string& group) VEXA_REQUIRES(mutex_);
+  bool EndHolding(ConnectionPlace* place) VEXA_REQUIRES(mutex_);
   void Leave(ConnectionPlace& place);
 
   const ServerLimits limits_;
   mutable Mutex mutex_;
-  std::array<Ranking, kClasses * kActivities> rankings_ VEXA_GUARDED_BY(mutex_);
+  std::array<Ranking, kClasses> idle_ VEXA_GUARDED_BY(mutex_);
+  std::array<Ranking, kClasses> busy_ VEXA_GUARDED_BY(mutex_);
   std::array<std::size_t, kClasses> counts_ VEXA_GUARDED_BY(mutex_) = {};
   std::unordered_map<std::string, std::size_t> per_peer_ VEXA_GUARDED_BY(mutex_);
   HeldBytes held_by_strangers_ VEXA_GUARDED_BY(mutex_);

@@ -27,11 +27,13 @@ ConnectionPlace* HeldBytes::OldestOfSeveral(const std::string& group) const {
   return found->second.members.begin()->second.place;
 }
 
-std::string HeldBytes::LargestGroup() const {
+ConnectionPlace* HeldBytes::OldestOfLargest() const {
   const auto largest = std::max_element(groups_.begin(), groups_.end(), [](const auto& left, const auto& right) {
     return left.second.bytes < right.second.bytes;
   });
-  return largest == groups_.end() ? std::string() : largest->first;
+  if (largest == groups_.end()) return nullptr;
+  const auto& members = largest->second.members;
+  return groups_.size() == 1 && members.size() < 2 ? nullptr : members.begin()->second.place;
 }
 
 }  // namespace vexa::http

@@ -28,8 +28,9 @@ class HeldBytes {
   // The group's connection that has held something for the longest time. Null when only one connection or none does: a
   // single request or reply may be as long as its own limit allows.
   ConnectionPlace* OldestOfSeveral(const std::string& group) const;
-  // The group that holds the most; "" when none holds anything.
-  std::string LargestGroup() const;
+  // Of the group that holds the most, the connection that has held something for the longest time. Null when only one
+  // connection of all groups or none does.
+  ConnectionPlace* OldestOfLargest() const;
 
  private:
   struct Group {

@@ -32,6 +32,8 @@ ConnectionPlace* Ranking::OldestOf(const std::string& group) const {
   return found == groups_.end() || found->second.empty() ? nullptr : found->second.begin()->second;
 }
 
+std::size_t Ranking::SizeOfLargest() const { return ranks_.empty() ? 0 : std::get<0>(*ranks_.rbegin()); }
+
 std::size_t Ranking::SizeOf(const std::string& group) const {
   const auto found = groups_.find(group);
   return found == groups_.end() ? 0 : found->second.size();

@@ -26,6 +26,7 @@ class Ranking {
   // The oldest connection of the group; null when the group is empty.
   ConnectionPlace* OldestOf(const std::string& group) const;
   std::size_t SizeOf(const std::string& group) const;
+  std::size_t SizeOfLargest() const;
 
  private:
   using Group = std::map<std::uint64_t, ConnectionPlace*>;

@@ -111,8 +111,8 @@ struct ListenerOptions {
 };
 
 // Times are the longest that a client may take. A request that exceeds a limit gets the response of make_error: 408,
-// 413, 414 or 431; a connection above the limits gets 503 when no stranger's idle one can be closed for it. Other
-// connections that take too long are closed.
+// 413, 414 or 431; a connection above the limits gets 503 when no stranger's can be closed for it. Other connections
+// that take too long are closed.
 struct ServerLimits {
   std::size_t header_bytes = 16 * 1024;
   std::size_t body_bytes = 1024 * 1024;
@@ -120,9 +120,10 @@ struct ServerLimits {
   std::size_t connections_per_peer = 6'000;   // of one network (PeerNetwork) or user id
   std::size_t connections_per_owner = 2'000;  // of one user or host
   // Bytes of unfinished requests and unread responses. Above them, the oldest connection that holds some of the peer's
-  // goes: an unfinished body gets 503, any other connection is closed. The only one that holds any always stays.
+  // goes: an unfinished body gets 503, any other connection is closed. A peer's only one that holds any stays, unless
+  // it is a stranger's and all strangers together hold too much.
   std::size_t held_bytes_per_owner = std::size_t{32} << 20;     // of one network, user or host
-  std::size_t held_bytes_of_strangers = std::size_t{64} << 20;  // of all strangers; takes from the largest peer
+  std::size_t held_bytes_of_strangers = std::size_t{64} << 20;  // of all strangers; takes from the largest network
   std::chrono::milliseconds handshake{5'000};
   std::chrono::milliseconds header{10'000};
   std::chrono::milliseconds body{30'000};

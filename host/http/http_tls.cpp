@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "host/base/log_interval.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/base/time_text.h"
 
 namespace vexa::http {
@@ -23,6 +24,7 @@ constexpr long kSessionLifetimeS = 3600;
 // For TLS 1.2: forward secrecy and authenticated encryption only. TLS 1.3 has nothing else.
 constexpr const char* kCiphers = "ECDHE+AESGCM:ECDHE+CHACHA20";
 constexpr std::size_t kMaxKeyBytes = 64 * 1024;
+constexpr std::size_t kMaxLoggedNameBytes = 64;
 
 struct OpenSslDeleter {
   void operator()(BIO* bio) const { BIO_free(bio); }
@@ -76,14 +78,27 @@ Status UseKey(SSL_CTX* context, const std::string& path) {
   return {};
 }
 
-void LogCertificateFromFuture(const X509* certificate) {
+// "" when the certificate does not have exactly one common name.
+std::string CommonNameOf(const X509* certificate) {
+  const X509_NAME* const subject = X509_get_subject_name(certificate);
+  const int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+  if (index < 0 || X509_NAME_get_index_by_NID(subject, NID_commonName, index) >= 0) return {};
+  unsigned char* utf8 = nullptr;
+  const int size = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
+  if (size < 0) return {};
+  const std::string name(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(size));
+  OPENSSL_free(utf8);
+  return name.find('\0') == std::string::npos ? name : std::string();
+}
+
+void LogCertificateFromFuture(X509* certificate) {
   static LogInterval interval{std::chrono::minutes(1)};
-  if (!interval.IsDue()) return;
-  ::syslog(
-      LOG_WARNING,
-      "A certificate was refused because it is valid only from %s. Check the clocks of this host and of the machine "
-      "that made it.",
-      FormatUtcTime(TimesOf(certificate).not_before).c_str());
+  const std::string name = SanitizeForLog(CommonNameOf(certificate), kMaxLoggedNameBytes);
+  if (!interval.IsDue(name)) return;
+  ::syslog(LOG_WARNING,
+           "A certificate of '%s' was refused because it is valid only from %s. Check the clocks of this host and of "
+           "the machine that made it.",
+           name.c_str(), FormatUtcTime(TimesOf(certificate).not_before).c_str());
 }
 
 // Called for each certificate of the chain; the client's own is at depth 0.
@@ -141,22 +156,7 @@ Result<TlsContext> MakeTlsContext(const ListenerOptions& options) {
   return context;
 }
 
-namespace {
-
-// "" when the certificate does not have exactly one common name.
-std::string CommonNameOf(const X509* certificate) {
-  const X509_NAME* const subject = X509_get_subject_name(certificate);
-  const int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
-  if (index < 0 || X509_NAME_get_index_by_NID(subject, NID_commonName, index) >= 0) return {};
-  unsigned char* utf8 = nullptr;
-  const int size = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
-  if (size < 0) return {};
-  const std::string name(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(size));
-  OPENSSL_free(utf8);
-  return name.find('\0') == std::string::npos ? name : std::string();
-}
-
-}  // namespace
+namespace {}  // namespace
 
 void ReadClientCertificate(SSL* ssl, Peer& peer) {
   peer.is_certified = (SSL_get_verify_mode(ssl) & SSL_VERIFY_FAIL_IF_NO_PEER_CERT) != 0;

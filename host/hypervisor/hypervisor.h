@@ -149,6 +149,9 @@ class Hypervisor {
   virtual Result<Definition, Failure> DefinitionOf(const std::string& id) = 0;
   // The XML of the guest's configuration for its next start.
   virtual Result<std::string, Failure> XmlOf(const std::string& id) = 0;
+  // The XML that was saved with the guest's memory: that of the guest as it ran. Failures: kUnsupported (the driver
+  // keeps none).
+  virtual Result<std::string, Failure> SavedXmlOf(const std::string& id) = 0;
   // The XML of the guest as it runs, with what libvirt has chosen for this run. Failures: kNotRunning.
   virtual Result<std::string, Failure> RunningXmlOf(const std::string& id) = 0;
   // Whether libvirt starts the guest when libvirt starts.
@@ -158,6 +161,14 @@ class Hypervisor {
   // Failures: kAlreadyRunning, kNoMemory, kCpuIncompatible, kNetworkMissing, kBridgeMissing, kDiskMissing, kBusy
   // (PowerOff ended a start that took too long).
   virtual Result<void, Failure> Start(const std::string& id) = 0;
+  // Starts a guest with saved memory, which is used up, and leaves it paused: not a single instruction of the guest has
+  // run. Drivers that cannot start paused let it run. Failures: those of Start.
+  virtual Result<void, Failure> Restore(const std::string& id) = 0;
+  // Lets a paused guest run. One that runs already is not an error. Failures: kNotRunning.
+  virtual Result<void, Failure> Resume(const std::string& id) = 0;
+  // Saves the memory of an active guest in a file of libvirt, and ends the guest. A start of the guest restores it, and
+  // it runs then even if it is paused now. Failures: kNotRunning.
+  virtual Result<void, Failure> Save(const std::string& id) = 0;
   // Asks the guest's agent if there is one, otherwise presses the power button once. Does not wait for the guest to go
   // off, and a press before the guest's operating system listens is lost. Failures: kNotRunning.
   virtual Result<void, Failure> ShutDown(const std::string& id) = 0;
@@ -175,8 +186,9 @@ class Hypervisor {
   virtual Result<std::vector<KnownGuest>, Failure> List() = 0;
 
   // The files, devices and sockets that the guest's process has open, except its standard streams. There can be more
-  // than one process that looks like the guest's, for example that of another libvirt. Failures: kUnsupported (test
-  // mode; the process is not on this machine, or not QEMU), kDenied (another user's process).
+  // than one process that looks like the guest's, for example that of another libvirt; only those of the user whom
+  // libvirt runs guests as count. Failures: kNotRunning, kUnsupported (test mode; the process is not on this machine,
+  // or not QEMU), kDenied (this process may not examine it).
   virtual Result<std::vector<std::vector<HeldFile>>, Failure> FilesHeldBy(const std::string& id) = 0;
 
   // The addresses of a running guest, as its agent reports them or else as libvirt's networks assigned them, without

@@ -107,6 +107,15 @@ Result<std::string, Failure> LibvirtHypervisor::XmlOf(const std::string& id) {
   return std::string(xml.get());
 }
 
+Result<std::string, Failure> LibvirtHypervisor::SavedXmlOf(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  const StringHandle xml(virDomainManagedSaveGetXMLDesc(guest->domain.get(), VIR_DOMAIN_SAVE_IMAGE_XML_SECURE));
+  if (xml) return std::string(xml.get());
+  return MakeFailure(guest->connection, Operation::kRead,
+                     fmt::format("Cannot read the XML that was saved with the memory of the guest {}", id));
+}
+
 Result<std::string, Failure> LibvirtHypervisor::RunningXmlOf(const std::string& id) {
   const std::string failed = fmt::format("Cannot read the XML of the guest {}, which runs", id);
   const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -69,10 +70,14 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<void, Failure> DiscardSaved(const std::string& id) override;
   Result<Definition, Failure> DefinitionOf(const std::string& id) override;
   Result<std::string, Failure> XmlOf(const std::string& id) override;
+  Result<std::string, Failure> SavedXmlOf(const std::string& id) override;
   Result<std::string, Failure> RunningXmlOf(const std::string& id) override;
   Result<bool, Failure> IsAutostarted(const std::string& id) override;
   Result<void, Failure> SetAutostart(const std::string& id, bool autostart) override;
   Result<void, Failure> Start(const std::string& id) override;
+  Result<void, Failure> Restore(const std::string& id) override;
+  Result<void, Failure> Resume(const std::string& id) override;
+  Result<void, Failure> Save(const std::string& id) override;
   Result<void, Failure> ShutDown(const std::string& id) override;
   Result<void, Failure> PowerOff(const std::string& id) override;
   Result<void, Failure> Reboot(const std::string& id) override;
@@ -118,6 +123,8 @@ class LibvirtHypervisor final : public Hypervisor {
   // Calls `act`, one of libvirt's functions on networks, for the network with this name.
   Result<void, Failure> ActOnNetwork(const std::string& name, const std::string& message, Operation operation,
                                      int (*act)(virNetworkPtr network)) const;
+  // Starts the guest with `create`, which calls libvirt.
+  Result<void, Failure> StartWith(const std::string& id, const std::function<int(virDomainPtr)>& create);
   Result<void, Failure> CheckMemory(const DomainOnConnection& guest) const;
   // Whether the guest has more than its definition: saved memory, snapshots, checkpoints.
   bool HasExtraState(const DomainOnConnection& guest) const;

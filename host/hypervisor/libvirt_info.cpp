@@ -87,9 +87,11 @@ Result<std::vector<std::vector<HeldFile>>, Failure> LibvirtHypervisor::FilesHeld
   const bool is_here = target_.kind == DriverKind::kEmbed ||
                        (target_.kind == DriverKind::kUri && target_.uri.find(":///") != std::string::npos);
   if (!is_here) return Failure(FailureKind::kUnsupported, failed, "Its process is not on this machine");
-  const std::string normal = NormalizeUuid(id);
-  if (normal.empty()) return Failure(FailureKind::kInvalid, failed, "The id of the guest is not a UUID");
-  auto files = FilesOfQemuProcesses(normal, target_.root);
+  const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  if (!guest) return guest.error();
+  const Result<StringHandle, Failure> xml = RunningXml(*guest, failed);
+  if (!xml) return xml.error();
+  auto files = FilesOfQemuProcesses(NormalizeUuid(id), target_.root, OwnerOfQemu(xml->get()));
   if (files) return *std::move(files);
   const bool is_denied = files.error().code() == ErrorCode::kDenied;
   return Failure(is_denied ? FailureKind::kDenied : FailureKind::kUnsupported, failed, files.error().ToString());

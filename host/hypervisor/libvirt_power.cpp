@@ -83,7 +83,8 @@ Result<void, Failure> LibvirtHypervisor::CheckMemory(const DomainOnConnection& g
                  fmt::format("It needs {} MiB, and {} MiB are free", needed >> 20, *free >> 20));
 }
 
-Result<void, Failure> LibvirtHypervisor::Start(const std::string& id) {
+Result<void, Failure> LibvirtHypervisor::StartWith(const std::string& id,
+                                                   const std::function<int(virDomainPtr)>& create) {
   const Result<DomainOnConnection, Failure> guest = Find(id);
   if (!guest) return guest.error();
   const std::string failed = fmt::format("Cannot start the guest {}", id);
@@ -92,7 +93,7 @@ Result<void, Failure> LibvirtHypervisor::Start(const std::string& id) {
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
   if (state && IsActive(*state)) return Failure(FailureKind::kAlreadyRunning, failed, "It is already running");
   if (Result<void, Failure> memory = CheckMemory(*guest); !memory) return memory;
-  if (virDomainCreate(guest->domain.get()) == 0) return {};
+  if (create(guest->domain.get()) == 0) return {};
   if (lock.WasEnded()) return Failure(FailureKind::kBusy, failed, "It was powered off before the start ended");
   Failure failure = GuestFailure(*guest, Operation::kStart, failed);
   // The helpers that add guests of users other than root to bridges check their own rights first.
@@ -101,6 +102,36 @@ Result<void, Failure> LibvirtHypervisor::Start(const std::string& id) {
   const std::string bridge = MissingBridge(guest->domain.get());
   if (bridge.empty()) return failure;
   return Failure(FailureKind::kBridgeMissing, failed, fmt::format("There is no bridge '{}'", bridge));
+}
+
+Result<void, Failure> LibvirtHypervisor::Start(const std::string& id) { return StartWith(id, virDomainCreate); }
+
+Result<void, Failure> LibvirtHypervisor::Restore(const std::string& id) {
+  return StartWith(id, [](virDomainPtr domain) {
+    if (virDomainCreateWithFlags(domain, VIR_DOMAIN_START_PAUSED) == 0) return 0;
+    const FailureKind kind = LastFailure(Operation::kStart, "").kind();
+    const bool knows_flag = kind != FailureKind::kInvalid && kind != FailureKind::kUnsupported;
+    return knows_flag ? -1 : virDomainCreate(domain);
+  });
+}
+
+Result<void, Failure> LibvirtHypervisor::Resume(const std::string& id) {
+  const std::string failed = fmt::format("Cannot resume the guest {}", id);
+  const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  if (!guest) return guest.error();
+  const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
+  if (StateOfDomain(guest->domain.get()) == GuestState::kRunning) return {};
+  if (virDomainResume(guest->domain.get()) == 0) return {};
+  return GuestFailure(*guest, Operation::kStop, failed);
+}
+
+Result<void, Failure> LibvirtHypervisor::Save(const std::string& id) {
+  const std::string failed = fmt::format("Cannot save the memory of the guest {}", id);
+  const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  if (!guest) return guest.error();
+  const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
+  if (virDomainManagedSave(guest->domain.get(), VIR_DOMAIN_SAVE_RUNNING) == 0) return {};
+  return GuestFailure(*guest, Operation::kStop, failed);
 }
 
 Result<void, Failure> LibvirtHypervisor::ShutDown(const std::string& id) {

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fmt/format.h>
 #include <limits.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <pugixml.hpp>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -24,17 +26,26 @@
 namespace vexa::hypervisor {
 namespace {
 
-// The arguments, each followed by a NUL. Empty when the process has ended.
-std::string CommandLine(std::string_view pid) {
-  std::ifstream file("/proc/" + std::string(pid) + "/cmdline", std::ios::binary);
-  std::ostringstream line;
-  line << file.rdbuf();
-  return line.str();
+// A file of the process below /proc. Empty when the process has ended.
+std::string ProcText(std::string_view pid, std::string_view name) {
+  std::ifstream file(fmt::format("/proc/{}/{}", pid, name), std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
-bool IsQemuOf(const std::string& line, const std::string& id, const std::string& root) {
-  const std::string_view program = std::string_view(line).substr(0, line.find('\0'));
-  const std::string_view name = program.substr(program.rfind('/') + 1);
+// The program that the process runs; where it cannot be read, what the process calls itself.
+std::string ProgramOf(std::string_view pid, const std::string& line) {
+  std::array<char, PATH_MAX> path{};
+  const ssize_t length = ::readlink(fmt::format("/proc/{}/exe", pid).c_str(), path.data(), path.size());
+  return length < 0 ? line.substr(0, line.find('\0')) : std::string(path.data(), static_cast<std::size_t>(length));
+}
+
+bool IsQemuOf(std::string_view pid, const std::string& id, const std::string& root) {
+  // The arguments, each followed by a NUL.
+  const std::string line = ProcText(pid, "cmdline");
+  const std::string program = ProgramOf(pid, line);
+  const std::string_view name = std::string_view(program).substr(program.rfind('/') + 1);
   if (!name.starts_with("qemu-") && !name.starts_with("kvm")) return false;
   const std::string uuid = std::string("\0-uuid\0", 7) + id + '\0';
   return line.find(uuid) != std::string::npos && (root.empty() || line.find(root + "/") != std::string::npos);
@@ -55,9 +66,20 @@ std::vector<pid_t> QemuProcessesOf(const std::string& id, const std::string& roo
     pid_t pid = 0;
     const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
     if (error != std::errc() || end != name.data() + name.size()) return;
-    if (IsQemuOf(CommandLine(name), id, root)) found.push_back(pid);
+    if (IsQemuOf(name, id, root)) found.push_back(pid);
   });
   return found;
+}
+
+// Not the owner of the folder in /proc, which is root for a process that must not be examined.
+bool BelongsTo(pid_t pid, uid_t owner) {
+  const std::string status = ProcText(std::to_string(pid), "status");
+  constexpr std::string_view kUid = "\nUid:\t";
+  const std::size_t at = status.find(kUid);
+  if (at == std::string::npos) return false;
+  const char* const begin = status.data() + at + kUid.size();
+  uid_t real = 0;
+  return std::from_chars(begin, status.data() + status.size(), real).ec == std::errc() && real == owner;
 }
 
 // The file behind a descriptor, from its link below /proc/PID/fd; or an errno(3) value.
@@ -79,6 +101,24 @@ std::variant<HeldFile, int> FileBehind(const std::string& link) {
 bool IsStandardStream(std::string_view name) { return name == "0" || name == "1" || name == "2"; }
 
 }  // namespace
+
+uid_t OwnerOfQemu(const char* running_xml) {
+  pugi::xml_document document;
+  (void)document.load_string(running_xml);
+  const pugi::xml_node label = document.document_element().find_child_by_attribute("seclabel", "model", "dac");
+  const std::string_view owner = label.child("label").child_value();  // "+64055:+64055", or names: "libvirt-qemu:kvm"
+  const std::string user(owner.substr(0, owner.find(':')));
+  if (user.empty()) return ::geteuid();
+  const char* const end = user.data() + user.size();
+  uid_t id = 0;
+  const auto [parsed, error] = std::from_chars(user.data() + (user.starts_with('+') ? 1 : 0), end, id);
+  if (error == std::errc() && parsed == end) return id;
+  std::array<char, 16 << 10> buffer{};
+  passwd entry{};
+  passwd* found = nullptr;
+  (void)::getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found);
+  return found != nullptr ? found->pw_uid : ::geteuid();
+}
 
 int KillQemuProcesses(const std::string& id, const std::string& root) {
   const std::vector<pid_t> processes = QemuProcessesOf(id, root);
@@ -110,9 +150,11 @@ Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid) {
   return files;
 }
 
-Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root) {
+Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root,
+                                                                uid_t owner) {
   std::vector<std::vector<HeldFile>> processes;
   for (const pid_t pid : QemuProcessesOf(id, root)) {
+    if (!BelongsTo(pid, owner)) continue;
     auto files = FilesOfProcess(std::to_string(pid));
     if (!files && files.error().code() == ErrorCode::kDenied) return files.error();
     if (files) processes.push_back(std::move(*files));

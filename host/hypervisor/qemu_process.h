@@ -1,6 +1,8 @@
-// The QEMU processes on this machine. They are identified by their command line, where libvirt passes the UUID of the
-// guest as "-uuid"; unless `root` is empty, they must also name a file below `root`.
+// The QEMU processes on this machine. They are identified by their program and their command line, where libvirt passes
+// the UUID of the guest as "-uuid"; unless `root` is empty, they must also name a file below `root`.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -10,14 +12,20 @@
 
 namespace vexa::hypervisor {
 
+// The user that libvirt runs the guest's process as, from the XML of the guest as it runs. A libvirt without rights of
+// its own names none: it runs processes as itself, so this process's user is returned.
+uid_t OwnerOfQemu(const char* running_xml);
+
 // Kills the QEMU processes that run the guest `id` (a UUID in lower case), even ones that libvirt cannot reach.
 // Processes of other users stay when this process may not kill them. Returns how many were killed, without waiting for
 // them to end.
 int KillQemuProcesses(const std::string& id, const std::string& root);
 
-// The files that each of these processes has open; see Hypervisor::FilesHeldBy. Errors: kNotFound (no such process),
-// kDenied (one of them belongs to another user).
-Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root);
+// The files that each of these processes of the user `owner` has open; see Hypervisor::FilesHeldBy. Anybody can start a
+// program with any command line, so the processes of other users do not count. Errors: kNotFound (no such process),
+// kDenied (one of them cannot be examined).
+Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root,
+                                                                uid_t owner);
 
 // The same for one process. Errors: kNotFound (it has ended), kDenied.
 Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid);

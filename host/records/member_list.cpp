@@ -1,9 +1,11 @@
 #include "host/records/member_list.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "host/base/background_thread.h"
 #include "host/base/run_logging_exceptions.h"
+#include "host/records/keys.h"
 #include "host/store/key.h"
 
 namespace vexa::records {
@@ -11,6 +13,15 @@ namespace {
 
 constexpr std::chrono::milliseconds kWatchTimeout{250};
 constexpr std::chrono::milliseconds kPauseAfterFailure{1000};
+
+bool HasChanges(const store::ChangeBatch& batch) { return batch.lost || !batch.changes.empty(); }
+
+// Whether hosts' records have changed: below the category are also their heartbeats, which do not matter here.
+bool HasChangedRecords(const store::ChangeBatch& batch) {
+  const std::string suffix = std::string("/") + keys::object;
+  return batch.lost ||
+         std::ranges::any_of(batch.changes, [&](const store::Change& change) { return change.key.ends_with(suffix); });
+}
 
 }  // namespace
 
@@ -41,11 +52,25 @@ bool MemberList::Knows(const std::string& host_id, std::chrono::system_clock::ti
   return found != members_.end() && found->second.Accepts(issued);
 }
 
-bool MemberList::Accepts(const std::string& host_id, std::chrono::system_clock::time_point issued) const {
+bool MemberList::Accepts(const std::string& host_id, std::chrono::system_clock::time_point issued) {
   const auto reader = Reader::Open(*store_);
   if (!reader) return Knows(host_id, issued);
   const auto membership = MembershipOf(*reader, host_id);
-  return membership ? membership->Accepts(issued) : Knows(host_id, issued);
+  if (!membership) return Knows(host_id, issued);
+  Remember(host_id, *membership, reader->revision());
+  return membership->Accepts(issued);
+}
+
+// Strangers are not remembered, because anybody with a certificate of the authority could be one.
+void MemberList::Remember(const std::string& host_id, const HostMembership& membership, store::Revision revision) {
+  const MutexLock lock(mutex_);
+  if (revision < revision_) return;  // of an older state than the list
+  revision_ = revision;
+  if (membership.is_member) {
+    members_[host_id] = membership;
+  } else {
+    members_.erase(host_id);
+  }
 }
 
 void MemberList::Follow(Positions& positions) {
@@ -54,10 +79,12 @@ void MemberList::Follow(Positions& positions) {
   const auto revocations =
       store_->Watch(store::MakeKey({kRevocations}), positions.revocations, std::chrono::milliseconds(0));
   if (!revocations) return PauseAfterFailure();
-  const auto is_empty = [](const store::ChangeBatch& batch) { return batch.changes.empty() && !batch.lost; };
-  const bool changed = !is_empty(*claims) || !is_empty(*revocations);
+  const auto hosts =
+      store_->Watch(CategoryKey(VexaCCC::DB::DashCate::Host.name()), positions.hosts, std::chrono::milliseconds(0));
+  if (!hosts) return PauseAfterFailure();
+  const bool changed = HasChanges(*claims) || HasChanges(*revocations) || HasChangedRecords(*hosts);
   if (changed && !Refresh()) return PauseAfterFailure();
-  positions = {claims->revision, revocations->revision};
+  positions = {claims->revision, hosts->revision, revocations->revision};
 }
 
 bool MemberList::Refresh() {
@@ -73,6 +100,7 @@ bool MemberList::Refresh() {
   }
   const MutexLock lock(mutex_);
   members_.swap(members);
+  revision_ = reader->revision();
   return true;
 }
 

@@ -17,6 +17,7 @@ constexpr char kHostId[] = "host_id";
 constexpr char kIncarnation[] = "incarnation";
 constexpr char kSince[] = "since";
 constexpr char kStarting[] = "starting";
+constexpr char kRestoring[] = "restoring";
 constexpr char kStateBefore[] = "state_before";
 constexpr char kSaved[] = "saved";
 constexpr char kVcpus[] = "vcpus";
@@ -43,6 +44,7 @@ Run ParseRun(std::string_view text) {
   run.incarnation = json::UInt64(json::Member(*parsed, kIncarnation));
   run.since = TimeFromJson(json::Member(*parsed, kSince));
   run.starting = json::Bool(json::Member(*parsed, kStarting));
+  run.restoring = json::Bool(json::Member(*parsed, kRestoring));
   const Json::Value& before = json::Member(*parsed, kStateBefore);
   if (before.isString()) run.state_before = json::String(before);
   run.saved = json::Bool(json::Member(*parsed, kSaved));
@@ -103,6 +105,7 @@ std::string SerializeRun(const Run& run) {
   record[kIncarnation] = static_cast<Json::UInt64>(run.incarnation);
   record[kSince] = ToUnixSeconds(run.since);
   record[kStarting] = run.starting;
+  if (run.starting && run.restoring) record[kRestoring] = true;
   if (run.starting && !run.state_before.empty()) record[kStateBefore] = run.state_before;
   record[kSaved] = run.saved;
   record[kVcpus] = static_cast<Json::UInt64>(run.vcpus);

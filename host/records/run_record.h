@@ -1,7 +1,7 @@
 // Which host runs a guest or holds its saved memory, and which guests are being deleted or edited.
 //
-//   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "state_before" (while
-//                         starting), "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
+//   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "restoring" and
+//                         "state_before" (while starting), "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
 //                         from before the guest is defined in its host's hypervisor until it is off and has no saved
 //                         memory: a guest that libvirt saved still belongs to the host that has its memory
 //   /deletion/<guest id>  see deletion.h; from before the first file is touched until it is finished or undone
@@ -32,6 +32,7 @@ struct Run {
   std::uint64_t incarnation = 0;                // of the host's daemon that wrote it; see cluster/host_claim.h
   std::chrono::system_clock::time_point since;  // whole seconds
   bool starting = false;                        // set before the hypervisor is asked to start the guest
+  bool restoring = false;                       // while starting: from saved memory, so it is paused at first
   std::string state_before;                     // while starting: the guest's earlier state, in case the start fails
   bool saved = false;                           // it does not run: its memory is in a file of the host
   std::uint64_t vcpus = 0;

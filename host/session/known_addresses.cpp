@@ -31,12 +31,13 @@ bool KnownAddresses::IsKnown(const std::string& user, const std::string& address
          std::ranges::any_of(own->second, [&](const Entry& entry) { return entry.network == network; });
 }
 
-void KnownAddresses::Forget(const std::string& user) {
+bool KnownAddresses::Forget(const std::string& user) {
   const MutexLock lock(mutex_);
   const auto own = by_user_.find(accounts::LowerCaseName(user));
-  if (own == by_user_.end()) return;
+  if (own == by_user_.end()) return false;
   count_ -= own->second.size();
   by_user_.erase(own);
+  return true;
 }
 
 // Looks at all users, which is rare enough.

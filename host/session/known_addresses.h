@@ -27,7 +27,8 @@ class KnownAddresses {
   // ago is forgotten.
   void Remember(const std::string& user, const std::string& address);
   bool IsKnown(const std::string& user, const std::string& address) const;
-  void Forget(const std::string& user);
+  // Whether there were any.
+  bool Forget(const std::string& user);
 
   // The one whose last login is longest ago comes first; remembering them in this order restores them.
   std::vector<KnownAddress> Snapshot() const;

@@ -126,6 +126,7 @@ void SessionIndex::Load(const std::vector<SessionRecord>& records) {
                                 record.from,
                                 created,
                                 last_used,
+                                std::nullopt,
                                 next_order_++,
                                 false,
                                 false});
@@ -138,7 +139,7 @@ Result<std::uint64_t> SessionIndex::Add(const Hash& hash, const Hash& csrf_hash,
   const MutexLock lock(change_mutex_);
   if (Status status = MakeRoom(user.name, replaced); !status.ok()) return status.error();
   const std::int64_t now = options_.now();
-  Insert(hash, Session{csrf_hash, user, from, now, now, next_order_++, false, false});
+  Insert(hash, Session{csrf_hash, user, from, now, now, std::nullopt, next_order_++, false, false});
   return ++generation_;
 }
 
@@ -184,6 +185,33 @@ bool SessionIndex::CheckCsrf(const Hash& hash, const Hash& csrf_hash) {
          EqualInConstantTime(found->second.csrf_hash, csrf_hash);
 }
 
+Status SessionIndex::AcceptStamp(const Hash& hash, const std::string& stamp) {
+  Shard& shard = ShardOf(hash);
+  const MutexLock lock(shard.mutex);
+  const auto found = shard.sessions.find(hash);
+  if (found == shard.sessions.end()) return {};
+  std::optional<std::string>& accepted = found->second.accepted_stamp;
+  if (accepted) return Error(ErrorCode::kBusy, "This login is changing the password already");
+  accepted = stamp;
+  return {};
+}
+
+void SessionIndex::RefuseStamp(const Hash& hash, const std::string& stamp) {
+  Shard& shard = ShardOf(hash);
+  const MutexLock lock(shard.mutex);
+  const auto found = shard.sessions.find(hash);
+  if (found != shard.sessions.end() && found->second.accepted_stamp == stamp) found->second.accepted_stamp.reset();
+}
+
+bool SessionIndex::HasStamp(const Hash& hash, const std::string& stamp) {
+  const std::int64_t now = options_.now();
+  Shard& shard = ShardOf(hash);
+  const MutexLock lock(shard.mutex);
+  const auto found = shard.sessions.find(hash);
+  if (found == shard.sessions.end() || !IsLive(found->second, now)) return false;
+  return found->second.user.stamp == stamp || found->second.accepted_stamp == stamp;
+}
+
 SessionIndex::Change SessionIndex::SetStamp(const Hash& hash, const std::string& stamp) {
   const MutexLock lock(change_mutex_);
   Shard& shard = ShardOf(hash);
@@ -191,6 +219,7 @@ SessionIndex::Change SessionIndex::SetStamp(const Hash& hash, const std::string&
   const auto found = shard.sessions.find(hash);
   if (found == shard.sessions.end()) return {};
   found->second.user.stamp = stamp;
+  found->second.accepted_stamp.reset();
   return {1, ++generation_};
 }
 
@@ -203,9 +232,10 @@ SessionIndex::Change SessionIndex::RemoveById(std::string_view id, const std::op
   const MutexLock lock(change_mutex_);
   std::vector<Hash> hashes;
   ForEachOf(owner ? std::optional(owner->name) : std::nullopt, [&](const Hash& hash, const Session& session) {
-    if (owner && session.user.uid != owner->uid) return;
-    if (SessionId(hash) == id) hashes.push_back(hash);
+    if (!owner || session.user.uid == owner->uid) hashes.push_back(hash);
   });
+  // Not while a shard's mutex is held, which every request needs.
+  std::erase_if(hashes, [&](const Hash& hash) { return SessionId(hash) != id; });
   return TakeAll(hashes);
 }
 
@@ -258,6 +288,11 @@ std::vector<SessionRecord> SessionIndex::Snapshot(std::uint64_t& generation) {
   records.reserve(ordered.size());
   for (auto& entry : ordered) records.push_back(std::move(entry.second));
   return records;
+}
+
+std::uint64_t SessionIndex::AddGeneration() {
+  const MutexLock lock(change_mutex_);
+  return ++generation_;
 }
 
 std::uint64_t SessionIndex::generation() {

@@ -43,6 +43,11 @@ class SessionIndex {
   bool IsLive(const Hash& hash);  // without a use
   bool CheckCsrf(const Hash& hash, const Hash& csrf_hash);
 
+  // Not written to the file: a host that ends meanwhile has the session with its former stamp.
+  Status AcceptStamp(const Hash& hash, const std::string& stamp);
+  void RefuseStamp(const Hash& hash, const std::string& stamp);
+  bool HasStamp(const Hash& hash, const std::string& stamp);
+
   struct Change {
     std::size_t live = 0;          // how many live sessions have changed
     std::uint64_t generation = 0;  // 0: nothing has changed
@@ -59,6 +64,8 @@ class SessionIndex {
   // The sessions that belong into the file, the oldest first, and their generation.
   std::vector<SessionRecord> Snapshot(std::uint64_t& generation);
   std::uint64_t generation();
+  // For a change of something else in the same file.
+  std::uint64_t AddGeneration();
   // Whether there is a last use that Snapshot has not returned yet.
   bool HasNewUses() const { return has_new_uses_; }
   void KeepNewUses() { has_new_uses_ = true; }  // what Snapshot returned could not be written
@@ -72,7 +79,8 @@ class SessionIndex {
     std::string from;
     std::int64_t created = 0;
     std::int64_t last_used = 0;
-    std::uint64_t order = 0;   // of creation, ascending
+    std::optional<std::string> accepted_stamp = std::nullopt;  // set while the session changes its user's password
+    std::uint64_t order = 0;                                   // of creation, ascending
     bool is_expired = false;   // never reset, so that a change of the clock cannot revive the session
     bool is_replaced = false;  // ends as soon as the newer session that replaces it is in the file
   };

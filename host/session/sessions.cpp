@@ -160,6 +160,20 @@ bool SessionTable::IsLive(std::string_view token) const {
   return hash && impl_->index().IsLive(*hash);
 }
 
+Status SessionTable::AcceptStamp(std::string_view token, const std::string& new_stamp) {
+  const auto hash = HashOf(token);
+  return hash ? impl_->index().AcceptStamp(*hash, new_stamp) : Status();
+}
+
+void SessionTable::RefuseStamp(std::string_view token, const std::string& new_stamp) {
+  if (const auto hash = HashOf(token)) impl_->index().RefuseStamp(*hash, new_stamp);
+}
+
+bool SessionTable::HasStamp(std::string_view token, const std::string& stamp) const {
+  const auto hash = HashOf(token);
+  return hash && impl_->index().HasStamp(*hash, stamp);
+}
+
 bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token) const {
   const auto hash = HashOf(token);
   const auto csrf_hash = HashOf(csrf_token);
@@ -187,8 +201,10 @@ EndResult SessionTable::EndAllOfUser(const std::string& user, std::string_view e
 }
 
 EndResult SessionTable::ForgetUser(const std::string& user) {
-  impl_->addresses().Forget(user);
-  return EndAllOfUser(user);
+  const bool had_addresses = impl_->addresses().Forget(user);
+  SessionIndex::Change change = impl_->index().RemoveAllOf(user, std::nullopt);
+  if (had_addresses) change.generation = impl_->index().AddGeneration();
+  return impl_->Finish(change);
 }
 
 Status SessionTable::Sweep() { return impl_->Sweep(); }

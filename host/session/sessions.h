@@ -88,6 +88,15 @@ class SessionTable {
   // Whether the token belongs to a live session. Does not count as a use of it.
   bool IsLive(std::string_view token) const;
 
+  // While a session changes the password of its own user, it belongs to the account as it was and as it will be:
+  // AcceptStamp before the account changes; EndAllOfUser, with that session as the exception, afterwards, or
+  // RefuseStamp when it has not changed. kBusy when the session accepts another stamp already: it is changing the
+  // password twice at the same time. A token without a session is ignored.
+  Status AcceptStamp(std::string_view token, const std::string& new_stamp);
+  void RefuseStamp(std::string_view token, const std::string& new_stamp);
+  // Whether the token belongs to a live session with this stamp, or one that accepts it. Does not count as a use of it.
+  bool HasStamp(std::string_view token, const std::string& stamp) const;
+
   // Whether `csrf_token` belongs to the session of `token`, compared in constant time.
   bool CheckCsrf(std::string_view token, std::string_view csrf_token) const;
 
@@ -102,7 +111,8 @@ class SessionTable {
   // All sessions of a user name. The session of the token `except` stays and gets the stamp `new_stamp`: it has changed
   // its own user's password.
   EndResult EndAllOfUser(const std::string& user, std::string_view except = {}, const std::string& new_stamp = "");
-  // The same for a user who has been deleted, and forgets the user's known addresses.
+  // The same for a user who has been deleted, and forgets the user's known addresses. Writes the file for these alone
+  // as well.
   EndResult ForgetUser(const std::string& user);
 
   // Removes expired sessions and writes the times of last use. Call it about once a minute, and before the process

@@ -36,6 +36,7 @@ void CommitThread::State::RunGroup() {
     const MutexLock lock(mutex);
     next_probe = Clock::now() + kProbeInterval;
     waits_for_lock_since = Clock::now();
+    if (lock_timeout < timeout) WakeWaiting();  // their deadlines may be earlier now
     if (stopping) paused.NotifyAll();
   }
   Result<WriteTransaction> transaction = environment->BeginWrite();

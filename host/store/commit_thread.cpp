@@ -40,11 +40,15 @@ void CommitThread::State::Run() {
 }
 
 bool CommitThread::State::IsHeld(Clock::time_point now) const {
-  return waits_for_lock_since && now - *waits_for_lock_since >= timeout;
+  return waits_for_lock_since && now - *waits_for_lock_since >= lock_timeout;
 }
 
 CommitThread::Clock::time_point CommitThread::State::DeadlineFor(Clock::time_point start) const {
-  return waits_for_lock_since.value_or(start) + timeout;
+  return waits_for_lock_since ? *waits_for_lock_since + lock_timeout : start + timeout;
+}
+
+void CommitThread::State::WakeWaiting() {
+  for (PendingCommit* const waiting : queue) waiting->changed.NotifyOne();
 }
 
 // Waits for the outcome, or takes the commit back when its time is over before it has been started.
@@ -65,7 +69,8 @@ std::optional<CommitThread::State::Refusal> CommitThread::State::Await(PendingCo
     if (now >= deadline) {
       std::erase(queue, &pending);
       const bool is_held = IsHeld(now);
-      return Refusal{is_held, is_held && !std::exchange(has_reported_lock, true), timeout};
+      const bool is_first = is_held && !std::exchange(has_reported_lock, true);
+      return Refusal{is_held, is_first, is_held ? lock_timeout : timeout};
     }
     pending.changed.WaitUntil(mutex, deadline);
   }
@@ -138,10 +143,10 @@ Status CommitThread::Commit(const Body& body, std::size_t bytes) {
   return *std::move(own.outcome);
 }
 
-void CommitThread::LimitWaits(milliseconds longest) {
+void CommitThread::LimitLockWaits(milliseconds longest) {
   const MutexLock lock(state_->mutex);
-  state_->timeout = std::min(state_->timeout, longest);
-  for (State::PendingCommit* const waiting : state_->queue) waiting->changed.NotifyOne();
+  state_->lock_timeout = std::min(state_->lock_timeout, longest);
+  state_->WakeWaiting();
 }
 
 Health CommitThread::health() const {

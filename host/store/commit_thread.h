@@ -48,8 +48,9 @@ class CommitThread {
   // an error nothing has changed, and nothing will.
   Status Commit(const Body& body, std::size_t bytes);
 
-  // From now on commits wait at most this long before they are started.
-  void LimitWaits(std::chrono::milliseconds longest);
+  // From now on commits wait at most this long while another process holds the lock. They still wait for the timeout
+  // while this thread is busy with others.
+  void LimitLockWaits(std::chrono::milliseconds longest);
 
   // kHeld while another process has held the lock for longer than the timeout; otherwise the result of the last
   // accesses. Never waits.

@@ -38,6 +38,7 @@ struct CommitThread::State {
         change_log_length(options.change_log_length),
         reader_check_interval(options.reader_check_interval),
         timeout(options.commit_timeout),
+        lock_timeout(options.commit_timeout),
         next_reader_check(Clock::now() + options.reader_check_interval) {}
 
   // commit_group.cpp: one turn of the writer
@@ -52,8 +53,9 @@ struct CommitThread::State {
   std::optional<Refusal> Await(PendingCommit& pending, Clock::time_point start);
   Error ErrorOf(const Refusal& refusal) const;
   bool IsHeld(Clock::time_point now) const VEXA_REQUIRES(mutex);
-  // For the start of a commit that began to wait at `start`.
+  // For the start of a commit that began to wait at `start`. It changes when the thread begins to wait for the lock.
   Clock::time_point DeadlineFor(Clock::time_point start) const VEXA_REQUIRES(mutex);
+  void WakeWaiting() VEXA_REQUIRES(mutex);
   void RecordFailure(const Error& error, Health consequence);
 
   const std::shared_ptr<LmdbEnvironment> environment;
@@ -67,7 +69,8 @@ struct CommitThread::State {
   ConditionVariable paused;     // the thread has ended, or waits for the lock
   std::deque<PendingCommit*> queue VEXA_GUARDED_BY(mutex);
   std::optional<Clock::time_point> waits_for_lock_since VEXA_GUARDED_BY(mutex);
-  std::chrono::milliseconds timeout VEXA_GUARDED_BY(mutex);
+  const std::chrono::milliseconds timeout;
+  std::chrono::milliseconds lock_timeout VEXA_GUARDED_BY(mutex);  // at most `timeout`
   Clock::time_point next_reader_check VEXA_GUARDED_BY(mutex);
   Clock::time_point next_probe VEXA_GUARDED_BY(mutex){};
   std::uint64_t commits VEXA_GUARDED_BY(mutex) = 0;

@@ -106,6 +106,11 @@ class PinnedState {
   DataMetaPage meta_{};
 };
 
+Error Unreadable(const std::string& path, int error_number) {
+  return SystemError(ErrorCode::kUnavailable,
+                     fmt::format("The database file '{}' cannot be read. Check its disk", path), error_number);
+}
+
 }  // namespace
 
 Status CheckDataHeader(const std::string& path) {
@@ -114,8 +119,10 @@ Status CheckDataHeader(const std::string& path) {
   Header header = Header::kDamaged;
   std::uint32_t version = 0;
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-    if (file.size() == 0) return {};
-    header = ReadHeader(file, version);
+    const bool is_empty = file.size() == 0;
+    if (!is_empty) header = ReadHeader(file, version);
+    if (file.error() != 0) return Unreadable(path, file.error());
+    if (is_empty) return {};
     if (header == Header::kValid) return {};
     std::this_thread::sleep_for(kPause);
   }
@@ -132,8 +139,11 @@ Status CheckDataPages(MDB_env* environment, const std::string& path) {
   const DataFile file(path);
   if (!file.open()) return LmdbError(fmt::format("Cannot open '{}'", path), errno);
   PinnedState state(environment);
-  if (const int code = state.Pin(file); code != 0) return LmdbError(fmt::format("Cannot check '{}'", path), code);
+  const int code = state.Pin(file);
+  if (file.error() != 0) return Unreadable(path, file.error());
+  if (code != 0) return LmdbError(fmt::format("Cannot check '{}'", path), code);
   const auto newest = CheckPagesOf(file, state.meta());
+  if (file.error() != 0) return Unreadable(path, file.error());
   if (newest) return {};
   const std::optional<DataMetaPage> previous = state.Previous(file);
   const bool only_newest = previous && CheckPagesOf(file, *previous);

@@ -1,10 +1,12 @@
-// The layout of LMDB's data file (format version 1), and reading it without LMDB.
+// The layout of LMDB's data file (format version 1), and making and reading it without LMDB.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
 #include "host/base/descriptor.h"
+#include "host/base/result.h"
 
 namespace vexa::store {
 
@@ -53,13 +55,23 @@ inline constexpr std::uint16_t kMetaPage = 0x08;
 inline constexpr std::uint16_t kMaxTreeDepth = 32;
 inline constexpr std::uint16_t kIntegerKeys = 0x08;  // of the tree of free pages
 
+// Makes the data file of an empty store, exactly as LMDB does for a map of this size. LMDB writes it in place and syncs
+// it with the first commit, so that a power failure could leave half of it; this file is there whole or not at all.
+// Replaces an existing file. Errors: those of WriteFileAtomically.
+Status CreateDataFile(const std::string& path, std::uint64_t map_bytes);
+
 // Threads: any, at the same time.
 class DataFile {
  public:
   explicit DataFile(const std::string& path);
 
   bool open() const { return fd_.get() >= 0; }
+  // errno of the last call that failed, so that a disk that cannot be read is not taken for a damaged file; 0: none
+  // has. Reading beyond the end of the file is not such a failure.
+  int error() const { return error_; }
+  // 0 when it cannot be found out.
   std::uint64_t size() const;
+  // False: the file cannot be read, or ends before.
   bool ReadBytes(std::uint64_t offset, char* out, std::size_t bytes) const;
   template <class T>
   bool Read(std::uint64_t offset, T& out) const {
@@ -68,6 +80,7 @@ class DataFile {
 
  private:
   Descriptor fd_;
+  mutable std::atomic<int> error_{0};
 };
 
 }  // namespace vexa::store

@@ -22,7 +22,7 @@ class EmbeddedStore final : public Store {
     return keyspace_->Watch(prefix, from, timeout);
   }
   Health health() const override { return keyspace_->health(); }
-  void LimitCommitWaits(std::chrono::milliseconds longest) override { keyspace_->LimitCommitWaits(longest); }
+  void LimitLockWaits(std::chrono::milliseconds longest) override { keyspace_->LimitLockWaits(longest); }
 
  private:
   Result<Revision> CheckCompares(const Transaction& transaction) const;

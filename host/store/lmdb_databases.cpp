@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "host/store/lmdb_error.h"
+#include "host/store/lmdb_files.h"
 #include "host/store/lmdb_format.h"
 
 namespace vexa::store {
@@ -41,7 +42,12 @@ Result<LmdbDatabases> OpenDatabases(MDB_env* environment, const std::string& dir
   LmdbDatabases databases;
   std::uint64_t format = 0;
   int code = Open(environment, MDB_RDONLY, databases, format);
-  if (code == MDB_NOTFOUND) code = Open(environment, 0, databases, format);
+  if (code == MDB_NOTFOUND) {
+    // A process that was stopped while it creates them must not stop this one.
+    const FolderLock lock(directory);
+    if (Status locked = lock.Outcome(); !locked.ok()) return locked.error();
+    code = Open(environment, 0, databases, format);
+  }
   if (code == MDB_NOTFOUND) code = MDB_INVALID;
   if (code != 0) {
     return LmdbError(fmt::format("'{}' does not contain a store that this version can use", directory), code);

@@ -15,8 +15,9 @@ struct LmdbDatabases {
   MDB_dbi meta = 0;
 };
 
-// Opens them, and creates them in an environment that is empty. `directory` is for messages. Errors: kCorrupt (other
-// databases, or another version of the format, which the error names), and those of LmdbError.
+// Opens them, and creates them in an environment that is empty, while no other process opens `directory`. Errors:
+// kCorrupt (other databases, or another version of the format, which the error names), kUnavailable (FolderLock), those
+// of LmdbError.
 Result<LmdbDatabases> OpenDatabases(MDB_env* environment, const std::string& directory);
 
 }  // namespace vexa::store

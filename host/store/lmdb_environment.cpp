@@ -8,8 +8,10 @@
 #include <utility>
 
 #include "host/store/data_check.h"
+#include "host/store/data_file.h"
 #include "host/store/lmdb_error.h"
 #include "host/store/lmdb_files.h"
+#include "host/store/lost_store.h"
 #include "host/store/open_once.h"
 
 namespace vexa::store {
@@ -59,7 +61,7 @@ void WriteTransaction::Abort() {
 }
 
 LmdbEnvironment::LmdbEnvironment(const LmdbOptions& options)
-    : directory_(options.directory), file_check_mode_(options.file_check_mode), map_bytes_(options.map_bytes) {}
+    : directory_(options.directory), map_bytes_(options.map_bytes) {}
 
 LmdbEnvironment::~LmdbEnvironment() { CloseFiles(); }
 
@@ -69,27 +71,36 @@ Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const LmdbOptions
   return OpenOnce<LmdbEnvironment>(*folder, [&]() -> Result<std::unique_ptr<LmdbEnvironment>> {
     std::unique_ptr<LmdbEnvironment> environment(new LmdbEnvironment(options));
     if (Status opened = environment->OpenFiles(); !opened.ok()) return opened.error();
-    if (Status remembered = environment->StartFileCheck(); !remembered.ok()) return remembered.error();
+    environment->file_check_ =
+        std::make_unique<StoreFileCheck>(options.directory + "/data.mdb", *environment->checked_file_,
+                                         std::function<Status()>(), options.file_check_mode);
     return environment;
   });
 }
 
 Status LmdbEnvironment::OpenFiles() {
-  const FolderLock lock(directory_);
-  if (lock.code() == EWOULDBLOCK) {
-    return Error(
-        ErrorCode::kUnavailable,
-        fmt::format("Another process is opening the store in '{}' and does not finish. Let it continue, or end "
-                    "it",
-                    directory_));
+  Status opened = OpenLockedFolder();
+  if (opened.ok()) opened = CheckPagesOfNewFile();
+  if (opened.ok()) {
+    const Result<LmdbDatabases> databases = OpenDatabases(environment_, directory_);
+    if (databases.ok()) databases_ = *databases;
+    if (!databases.ok()) opened = databases.error();
   }
-  if (lock.code() != 0) return LmdbError(fmt::format("Cannot lock the folder '{}'", directory_), lock.code());
+  if (!opened.ok()) CloseFiles();
+  return opened;
+}
+
+Status LmdbEnvironment::OpenLockedFolder() {
+  const FolderLock lock(directory_);
+  if (Status locked = lock.Outcome(); !locked.ok()) return locked;
   if (Status sound = CheckStoreFiles(directory_); !sound.ok()) return sound;
+  if (!HasStore(directory_)) {
+    if (Status created = CreateDataFile(directory_ + "/data.mdb", map_bytes_); !created.ok()) return created;
+  }
   Status opened = OpenEnvironment();
   // LMDB syncs what it writes, but not the name of a new file.
   const int synced = opened.ok() ? lock.SyncDirectories() : 0;
   if (synced != 0) opened = LmdbError(fmt::format("Cannot sync the folder '{}'", directory_), synced);
-  if (!opened.ok()) CloseFiles();
   return opened;
 }
 
@@ -114,22 +125,21 @@ Status LmdbEnvironment::OpenEnvironment() {
   RestrictStoreFileModes(directory_);
   int dead_readers = 0;
   mdb_reader_check(environment_, &dead_readers);
-  if (Status intact = CheckDataPages(environment_, directory_ + "/data.mdb"); !intact.ok()) return intact;
-  const Result<LmdbDatabases> databases = OpenDatabases(environment_, directory_);
-  if (!databases.ok()) return databases.error();
-  databases_ = *databases;
   return {};
 }
 
-// Only once, even when the files are reopened later.
-Status LmdbEnvironment::StartFileCheck() {
+// Reads the whole file, so it is done once, without the folder's lock: other processes need not wait. The pages that it
+// reads are kept by a reader slot meanwhile.
+Status LmdbEnvironment::CheckPagesOfNewFile() {
   int fd = -1;
   struct stat info {};
   if (mdb_env_get_fd(environment_, &fd) != 0 || ::fstat(fd, &info) != 0) {
     return LmdbError(fmt::format("Cannot examine the store in '{}'", directory_), errno);
   }
-  file_check_ = std::make_unique<StoreFileCheck>(directory_ + "/data.mdb", FolderId(info.st_dev, info.st_ino),
-                                                 std::function<Status()>(), file_check_mode_);
+  const FolderId opened(info.st_dev, info.st_ino);
+  if (checked_file_ == opened) return {};
+  if (Status intact = CheckDataPages(environment_, directory_ + "/data.mdb"); !intact.ok()) return intact;
+  checked_file_ = opened;
   return {};
 }
 
@@ -225,8 +235,8 @@ void LmdbEnvironment::CheckReaders() {
 }
 
 std::optional<pid_t> LmdbEnvironment::FindWriter() {
-  const MapGate::Pass pass = gate_.Enter();
-  return lock_file_.FindWriter();
+  const std::optional<MapGate::Pass> pass = gate_.TryEnter();
+  return pass ? lock_file_.FindWriter() : std::nullopt;
 }
 
 std::uint64_t LmdbEnvironment::LastTransactionNumber() {

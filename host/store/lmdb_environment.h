@@ -88,7 +88,7 @@ class LmdbEnvironment {
   // Frees the slots of readers whose process has died; until then they keep pages from being used again.
   void CheckReaders();
 
-  // The process in which a write transaction is open, if it can be found out.
+  // The process in which a write transaction is open, if it can be found out. Never waits.
   std::optional<pid_t> FindWriter();
 
   // A number that changes with every commit of any process; 0 when it is unknown.
@@ -99,8 +99,9 @@ class LmdbEnvironment {
 
   explicit LmdbEnvironment(const LmdbOptions& options);
   Status OpenFiles();
+  Status OpenLockedFolder();
   Status OpenEnvironment();
-  Status StartFileCheck();
+  Status CheckPagesOfNewFile();
   void CloseFiles();
   Result<MDB_txn*> Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin);
   int BeginReader(MDB_txn*& transaction);
@@ -110,7 +111,6 @@ class LmdbEnvironment {
   void DropIdleReaders();
 
   const std::string directory_;
-  const FileCheckMode file_check_mode_;
   const std::size_t map_bytes_;
   std::unique_ptr<const StoreFileCheck> file_check_;  // does not change once the environment has been returned
   MapGate gate_;
@@ -118,6 +118,7 @@ class LmdbEnvironment {
   // These change with it.
   LockFile lock_file_;
   LmdbDatabases databases_;
+  std::optional<FolderId> checked_file_;  // whose pages have been checked
   Mutex idle_mutex_;
   std::vector<MDB_txn*> idle_readers_ VEXA_GUARDED_BY(idle_mutex_);  // reset: they keep a reader slot, but no pages
 };

@@ -46,4 +46,9 @@ Error LmdbError(std::string message, int code) {
   return Error(CodeOf(code), std::move(message), mdb_strerror(code));
 }
 
+Error ThreadError(const std::string& message, const std::system_error& failure) {
+  return Error(ErrorCode::kUnavailable, message + ". Raise the limit on processes (ulimit -u, TasksMax=)",
+               failure.code().message());
+}
+
 }  // namespace vexa::store

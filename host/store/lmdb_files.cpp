@@ -25,6 +25,7 @@ namespace {
 
 constexpr std::string_view kDataFile = "data.mdb";
 constexpr std::string_view kLockFile = "lock.mdb";
+constexpr std::string_view kUnfinishedPrefix = "data.mdb.";   // of a data file whose creation was interrupted
 constexpr std::string_view kMountPointFolder = "lost+found";  // in the root of a new file system
 
 constexpr std::chrono::seconds kMaxLockWait{10};
@@ -43,7 +44,7 @@ Status CheckStoreFiles(const std::string& directory) {
       return Error(ErrorCode::kCorrupt, fmt::format("'{}' is not a regular file", at->path().string()));
     }
     has_data = has_data || name == kDataFile;
-    has_others = has_others || (!ours && name != kMountPointFolder);
+    has_others = has_others || (!ours && name != kMountPointFolder && !name.starts_with(kUnfinishedPrefix));
   }
   if (failure) return LmdbError(fmt::format("Cannot list the folder '{}'", directory), failure.value());
   if (has_data) return CheckDataHeader(directory + "/" + std::string(kDataFile));
@@ -53,7 +54,7 @@ Status CheckStoreFiles(const std::string& directory) {
 }
 
 FolderLock::FolderLock(const std::string& directory)
-    : fd_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    : directory_(directory), fd_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (fd_.get() < 0) {
     code_ = errno;
     return;
@@ -67,6 +68,15 @@ FolderLock::FolderLock(const std::string& directory)
     std::this_thread::sleep_for(kLockRetryInterval);
     code_ = 0;
   }
+}
+
+Status FolderLock::Outcome() const {
+  if (code_ == 0) return {};
+  if (code_ != EWOULDBLOCK) return LmdbError(fmt::format("Cannot lock the folder '{}'", directory_), code_);
+  return Error(ErrorCode::kUnavailable,
+               fmt::format("Another process is opening the store in '{}' and does not finish. Let it continue, or end "
+                           "it",
+                           directory_));
 }
 
 int FolderLock::SyncDirectories() const {

@@ -10,7 +10,7 @@ namespace vexa::store {
 
 // Whether LMDB may open `directory`: it is empty, or contains a data file of ours whose header (its meta pages) is
 // intact. LMDB trusts the header, so a damaged one would end this process. A folder with other files and no data file
-// is not ours. Errors: kCorrupt, and kDenied or kInternal when a file cannot be read.
+// is not ours. Errors: kCorrupt; kUnavailable, kDenied or kInternal when a file cannot be read.
 Status CheckStoreFiles(const std::string& directory);
 
 // While it exists, no other process can open the store in `directory`: two that create it at the same time would each
@@ -18,14 +18,15 @@ Status CheckStoreFiles(const std::string& directory);
 class FolderLock {
  public:
   explicit FolderLock(const std::string& directory);
-  // 0 when locked, otherwise errno(3): EWOULDBLOCK when another process has had it for 10 s.
-  int code() const { return code_; }
+  // Whether it is locked. Errors: kUnavailable when another process has had the lock for 10 s; those of LmdbError.
+  Status Outcome() const;
   // Syncs the folder and its parent, so that new names in both survive a power failure. Returns 0 or errno(3).
   int SyncDirectories() const;
 
  private:
+  const std::string directory_;
   Descriptor fd_;
-  int code_ = 0;
+  int code_ = 0;  // errno(3)
 };
 
 // Sets the mode of the store's files to 0600. Files of another owner keep theirs.

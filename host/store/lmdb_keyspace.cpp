@@ -1,8 +1,12 @@
 #include "host/store/lmdb_keyspace.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
+#include "host/store/lmdb_error.h"
 #include "host/store/lmdb_snapshot.h"
 
 namespace vexa::store {
@@ -20,7 +24,12 @@ constexpr std::size_t kMaxChangesPerBatch = 10'000;
 Result<std::unique_ptr<LmdbKeyspace>> LmdbKeyspace::Open(const LmdbOptions& options) {
   auto environment = LmdbEnvironment::Open(options);
   if (!environment.ok()) return environment.error();
-  return std::unique_ptr<LmdbKeyspace>(new LmdbKeyspace(std::move(environment).value(), options));
+  try {
+    return std::unique_ptr<LmdbKeyspace>(new LmdbKeyspace(std::move(environment).value(), options));
+  } catch (const std::system_error& failure) {
+    return ThreadError(fmt::format("The thread that writes to the store in '{}' cannot be started", options.directory),
+                       failure);
+  }
 }
 
 LmdbKeyspace::LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, const LmdbOptions& options)

@@ -89,7 +89,7 @@ class LmdbKeyspace {
   // soon as the file is back. Otherwise that of CommitThread.
   Health health() const;
 
-  void LimitCommitWaits(std::chrono::milliseconds longest) { commits_.LimitWaits(longest); }
+  void LimitLockWaits(std::chrono::milliseconds longest) { commits_.LimitLockWaits(longest); }
 
  private:
   LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, const LmdbOptions& options);

@@ -37,9 +37,10 @@ struct LmdbOptions {
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind. One
 // environment per folder and process: opening a folder that this process already has open returns the same store, with
 // its original options. A process forks only while it has no store open, or to exec another program.
-// Every page in use is checked once. Errors: kCorrupt (not a store of ours, another format, or damaged), kDenied,
-// kNoSpace (the disk is full, or the map does not fit into the address space), kInvalid (no folder given), kConflict (a
-// file has the folder's name), kUnavailable (another process has been opening it for 10 s), kInternal.
+// Every page in use is checked once, without keeping other processes from opening the store. Errors: kCorrupt (not a
+// store of ours, another format, or damaged), kDenied, kNoSpace (the disk is full, or the map does not fit into the
+// address space), kInvalid (no folder given), kConflict (a file has the folder's name), kUnavailable (another process
+// has been opening it for 10 s, the disk cannot be read, or a thread cannot be started), kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 
 }  // namespace vexa::store

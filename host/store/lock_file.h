@@ -26,7 +26,8 @@ class LockFile {
   // it. Errors: kNoSpace, and others of LmdbError. A file system that cannot reserve is not an error.
   Status Reserve() const;
 
-  // The process that holds the lock for writers; not set when the lock is free, or its holder is unknown.
+  // The process that holds the lock for writers; not set when the lock is free, or its holder is unknown, as that of
+  // another user is: the maps of its memory cannot be read.
   std::optional<pid_t> FindWriter() const;
 
  private:

@@ -3,6 +3,11 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
 #include "host/base/files.h"
 #include "host/store/lmdb_keyspace.h"
 
@@ -16,12 +21,56 @@ bool Exists(const std::string& path) {
 
 std::string MarkIn(const std::string& data_directory) { return data_directory + "/store-used"; }
 
+constexpr std::size_t kMaxMarkBytes = 64 * 1024;
+constexpr std::string_view kData = "data ";
+constexpr std::string_view kStore = "store ";
+
+// The folder itself, whatever links lead to it.
+std::string Resolved(const std::string& folder) {
+  std::error_code failed;
+  const std::filesystem::path path = std::filesystem::weakly_canonical(folder, failed);
+  return failed ? folder : path.lexically_normal().string();
+}
+
+std::string MarkText(const std::string& data_directory, const std::string& store_directory) {
+  return fmt::format("This host has used a store. Without this file, a missing store is made again.\n{}{}\n{}{}\n",
+                     kData, Resolved(data_directory), kStore, Resolved(store_directory));
+}
+
+// The rest of the line that begins with `name`; "" when there is none.
+std::string ValueIn(const std::string& mark, std::string_view name) {
+  std::istringstream lines(mark);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(name)) return line.substr(name.size());
+  }
+  return "";
+}
+
 Error LostStore(const std::string& directory) {
   return Error(ErrorCode::kUnavailable,
                fmt::format("The folder '{}' does not contain a database, although this host used one there before. "
                            "Mount it, move it back, or restore a backup. To begin with an empty database, start 'vexad "
                            "--new-store' once",
                            directory));
+}
+
+// `used`: the folder of the store, according to the mark.
+Error OtherStore(const std::string& directory, const std::string& used) {
+  return Error(ErrorCode::kUnavailable,
+               fmt::format("The folder '{}' does not contain a database. This host used the one in '{}' before. Use "
+                           "that folder (setting 'store'), or move the database here. To begin with an empty database, "
+                           "start 'vexad --new-store' once",
+                           directory, used));
+}
+
+// `marked`: the data folder that the mark is for.
+Error MovedDataFolder(const std::string& directory, const std::string& data_directory, const std::string& marked,
+                      const std::string& used) {
+  return Error(ErrorCode::kUnavailable,
+               fmt::format("The folder '{}' does not contain a database. The data folder '{}' was moved or copied from "
+                           "'{}', whose database was in '{}'. Move that database here, or name its folder (setting "
+                           "'store'). To begin with an empty database, start 'vexad --new-store' once",
+                           directory, data_directory, marked, used));
 }
 
 }  // namespace
@@ -34,14 +83,20 @@ bool HasStore(const std::string& store_directory) {
 
 Status CheckStoreNotLost(const std::string& data_directory, const std::string& store_directory) {
   if (HasStore(store_directory) || !Exists(MarkIn(data_directory))) return {};
-  return LostStore(store_directory);
+  const Result<std::string> text = ReadFile(MarkIn(data_directory), kMaxMarkBytes);
+  if (!text.ok()) return LostStore(store_directory);
+  const std::string marked = ValueIn(*text, kData);
+  const std::string used = ValueIn(*text, kStore);
+  if (marked.empty() || used.empty()) return LostStore(store_directory);
+  if (marked != Resolved(data_directory)) return MovedDataFolder(store_directory, data_directory, marked, used);
+  return used == Resolved(store_directory) ? LostStore(store_directory) : OtherStore(store_directory, used);
 }
 
-Status MarkStoreUsed(const std::string& data_directory) {
+Status MarkStoreUsed(const std::string& data_directory, const std::string& store_directory) {
   const std::string path = MarkIn(data_directory);
-  if (Exists(path)) return {};
-  return WriteFileAtomically(path, "This host has used a store. Without this file, a missing store is made again.\n",
-                             S_IRUSR | S_IWUSR);
+  const std::string text = MarkText(data_directory, store_directory);
+  if (const Result<std::string> present = ReadFile(path, kMaxMarkBytes); present.ok() && *present == text) return {};
+  return WriteFileAtomically(path, text, S_IRUSR | S_IWUSR);
 }
 
 Status CheckPrimaryExists(const std::string& primary_directory, const std::string& mirror_directory) {

@@ -22,7 +22,15 @@ void MapGate::Pass::Leave() {
 MapGate::Pass MapGate::Enter() {
   const std::thread::id self = std::this_thread::get_id();
   const MutexLock lock(mutex_);
-  while (closed_ || (closing_ > 0 && !passes_by_thread_.contains(self))) changed_.Wait(mutex_);
+  while (MustWait(self)) changed_.Wait(mutex_);
+  ++passes_by_thread_[self];
+  return Pass(this, self);
+}
+
+std::optional<MapGate::Pass> MapGate::TryEnter() {
+  const std::thread::id self = std::this_thread::get_id();
+  const MutexLock lock(mutex_);
+  if (MustWait(self)) return std::nullopt;
   ++passes_by_thread_[self];
   return Pass(this, self);
 }

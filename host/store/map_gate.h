@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 
@@ -33,6 +34,8 @@ class MapGate {
   };
 
   Pass Enter();
+  // Not set where Enter() would wait.
+  std::optional<Pass> TryEnter();
 
   // Waits up to `timeout` until no thread is inside. True: the caller has the map to itself until Reopen(). Does
   // not wait when the calling thread itself is inside.
@@ -41,6 +44,9 @@ class MapGate {
 
  private:
   void Leave(std::thread::id holder);
+  bool MustWait(std::thread::id self) const VEXA_REQUIRES(mutex_) {
+    return closed_ || (closing_ > 0 && !passes_by_thread_.contains(self));
+  }
   bool IsFree() const VEXA_REQUIRES(mutex_) { return !closed_ && passes_by_thread_.empty(); }
 
   Mutex mutex_;

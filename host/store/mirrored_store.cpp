@@ -5,10 +5,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "host/base/files.h"
+#include "host/store/lmdb_error.h"
 #include "host/store/lost_store.h"
 
 namespace vexa::store {
@@ -25,6 +29,26 @@ constexpr milliseconds kCopyRetryInterval{5000};  // after the copy could not be
 constexpr std::size_t kMaxChangedKeys = 100'000;
 constexpr std::size_t kMaxChangedBytes = std::size_t{64} << 20;
 
+// For inspection. Older ones are replaced.
+constexpr int kKeptDamagedCopies = 2;
+
+std::string DamagedCopy(const std::string& directory, int number) {
+  return fmt::format("{}.damaged-{}.mdb", directory, number);  // 1: the newest
+}
+
+Status SetAside(const std::string& directory) {
+  for (int number = kKeptDamagedCopies; number > 1; --number) {
+    ::rename(DamagedCopy(directory, number - 1).c_str(), DamagedCopy(directory, number).c_str());
+  }
+  const std::string kept = DamagedCopy(directory, 1);
+  if (::rename((directory + kDataFile).c_str(), kept.c_str()) != 0) {
+    return SystemError(ErrorCode::kInternal,
+                       fmt::format("The damaged copy of the cluster database cannot be renamed to '{}'", kept), errno);
+  }
+  ::unlink((directory + kLockFile).c_str());
+  return {};
+}
+
 Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   if (directory.empty()) return Error(ErrorCode::kInvalid, "The copy of the cluster database needs a folder");
   if (Status created = CreateDirectories(directory, S_IRWXU); !created.ok()) return created.error();
@@ -32,10 +56,10 @@ Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   options.directory = directory;
   auto opened = LmdbKeyspace::Open(options);
   if (opened.ok() || opened.error().code() != ErrorCode::kCorrupt || !HasStore(directory)) return opened;
-  ::syslog(LOG_WARNING, "The copy of the cluster database is damaged and is being rebuilt: %s",
-           opened.error().ToString().c_str());
-  ::unlink((directory + kDataFile).c_str());
-  ::unlink((directory + kLockFile).c_str());
+  if (Status kept = SetAside(directory); !kept.ok()) return kept.error();
+  ::syslog(LOG_WARNING,
+           "The copy of the cluster database is damaged and is being rebuilt. The damaged one is kept as '%s': %s",
+           DamagedCopy(directory, 1).c_str(), opened.error().ToString().c_str());
   return LmdbKeyspace::Open(options);
 }
 
@@ -53,7 +77,11 @@ Result<std::shared_ptr<MirroredStore>> MirroredStore::Make(std::shared_ptr<Store
   if (!copy.ok()) return copy.error();
   std::shared_ptr<MirroredStore> store(
       new MirroredStore(std::move(primary), std::move(copy).value(), std::move(options)));
-  store->thread_ = std::thread([raw = store.get()] { raw->Run(); });
+  try {
+    store->thread_ = std::thread([raw = store.get()] { raw->Run(); });
+  } catch (const std::system_error& failure) {
+    return ThreadError("The thread that copies the cluster database cannot be started", failure);
+  }
   return store;
 }
 
@@ -103,9 +131,9 @@ Health MirroredStore::health() const {
   return health;
 }
 
-void MirroredStore::LimitCommitWaits(milliseconds longest) {
-  primary_->LimitCommitWaits(longest);
-  copy_->LimitCommitWaits(longest);
+void MirroredStore::LimitLockWaits(milliseconds longest) {
+  primary_->LimitLockWaits(longest);
+  copy_->LimitLockWaits(longest);
 }
 
 std::optional<Error> MirroredStore::PrimaryFailure() const {

@@ -17,7 +17,9 @@
 namespace vexa::store {
 
 struct MirrorOptions {
-  std::string directory;  // of the copy; created when missing, and rebuilt where it is damaged
+  // Of the copy; created when missing. A damaged copy is renamed to "<directory>.damaged-1.mdb" and made again; the one
+  // before it is kept as well.
+  std::string directory;
   // How often a failing primary is probed for its return.
   std::chrono::milliseconds retry_interval{250};
   // How long changes are collected after each write of the copy, to be written together.
@@ -47,7 +49,8 @@ struct MirrorOptions {
 // Threads: any, at the same time.
 class MirroredStore final : public Store {
  public:
-  // Errors: kInvalid (no folder given), and what keeps the copy from being opened: kDenied, kNoSpace, kInternal.
+  // Errors: kInvalid (no folder given), and what keeps the copy from being opened: kDenied, kNoSpace, kUnavailable (its
+  // disk cannot be read, or a thread cannot be started), kInternal (also: a damaged copy cannot be renamed).
   static Result<std::shared_ptr<MirroredStore>> Make(std::shared_ptr<Store> primary, MirrorOptions options);
   ~MirroredStore() override;
   MirroredStore(const MirroredStore&) = delete;
@@ -57,7 +60,7 @@ class MirroredStore final : public Store {
   Result<Revision> Commit(const Transaction& transaction) override;
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) override;
   Health health() const override;
-  void LimitCommitWaits(std::chrono::milliseconds longest) override;
+  void LimitLockWaits(std::chrono::milliseconds longest) override;
 
   // The revision of the copy; 0 while the copy is not used, because it has not been compared yet.
   Revision mirrored_revision() const { return mirrored_revision_; }

@@ -57,7 +57,14 @@ Result<detail::AnyObject> detail::OpenOnce(const FolderId& folder, std::type_ind
       registry.changed.Wait(registry.mutex);
     }
   }
-  Result<AnyObject> opened = open();
+  Result<AnyObject> opened = [&] {
+    try {
+      return open();
+    } catch (...) {
+      Unregister(id);  // or the next one would wait forever
+      throw;
+    }
+  }();
   if (!opened.ok()) {
     Unregister(id);
     return opened.error();

@@ -26,7 +26,8 @@ Result<AnyObject> OpenOnce(const FolderId& folder, std::type_index type,
 }  // namespace detail
 
 // The object of type T that is open for `folder`, or the result of `open`. Waits while another thread is opening it,
-// and while the last owner of an earlier one is still closing it. Errors: those of `open`. Threads: any.
+// and while the last owner of an earlier one is still closing it. Errors, and exceptions: those of `open`. Threads:
+// any.
 template <class T>
 Result<std::shared_ptr<T>> OpenOnce(const FolderId& folder, const std::function<Result<std::unique_ptr<T>>()>& open) {
   auto opened = detail::OpenOnce(folder, typeid(T), [&open]() -> Result<detail::AnyObject> {

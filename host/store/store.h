@@ -110,8 +110,9 @@ class Store {
   // probes with a small commit once a second. This call does not write.
   virtual Health health() const = 0;
 
-  // From now on commits are taken back after at most this time: for a daemon that stops.
-  virtual void LimitCommitWaits(std::chrono::milliseconds longest) { static_cast<void>(longest); }
+  // From now on commits wait at most this long for another process's lock: for a daemon that stops. Commits that queue
+  // behind those of this process keep their time.
+  virtual void LimitLockWaits(std::chrono::milliseconds longest) { static_cast<void>(longest); }
 };
 
 }  // namespace vexa::store

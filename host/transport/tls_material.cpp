@@ -40,18 +40,19 @@ Certificate ParseCertificate(const std::string& pem) {
   return Certificate(PEM_read_bio_X509(BioOf(pem).get(), nullptr, &NoPassword, nullptr));
 }
 
+Error Unusable(const std::string& path, const char* why) {
+  ERR_clear_error();
+  return Error(ErrorCode::kInvalid, fmt::format("Cannot use '{}': {}", path, why));
+}
+
+// Without the authority.
 Status Check(const TlsMaterial& material, const TlsFiles& files) {
-  const auto refuse = [](const std::string& path, const char* why) {
-    ERR_clear_error();
-    return Error(ErrorCode::kInvalid, fmt::format("Cannot use '{}': {}", path, why));
-  };
   const Certificate certificate = ParseCertificate(material.certificate);
-  if (!certificate) return refuse(files.certificate, "it does not contain a certificate");
-  if (!ParseCertificate(material.authority)) return refuse(files.authority, "it does not contain a certificate");
+  if (!certificate) return Unusable(files.certificate, "it does not contain a certificate");
   const Key key(PEM_read_bio_PrivateKey(BioOf(material.key).get(), nullptr, &NoPassword, nullptr));
-  if (!key) return refuse(files.key, "it does not contain a private key without a password");
+  if (!key) return Unusable(files.key, "it does not contain a private key without a password");
   if (X509_check_private_key(certificate.get(), key.get()) != 1) {
-    return refuse(files.key, "it is not the key of the certificate");
+    return Unusable(files.key, "it is not the key of the certificate");
   }
   return {};
 }
@@ -98,10 +99,16 @@ TlsMaterial::~TlsMaterial() {
   OPENSSL_cleanse(certificate.data(), certificate.size());
 }
 
+Result<std::string> LoadAuthority(const std::string& file) {
+  Result<std::string> authority = ReadFile(file, kMaxFileBytes);
+  if (authority && !ParseCertificate(*authority)) return Unusable(file, "it does not contain a certificate");
+  return authority;
+}
+
 Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files) {
   Result<std::string> certificate = ReadFile(files.certificate, kMaxFileBytes);
   if (!certificate) return certificate.error();
-  Result<std::string> authority = ReadFile(files.authority, kMaxFileBytes);
+  Result<std::string> authority = LoadAuthority(files.authority);
   if (!authority) return authority.error();
   Result<PrivateFile> key = ReadPrivateFile(files.key, kMaxFileBytes);
   if (!key) return key.error();

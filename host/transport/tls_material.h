@@ -32,6 +32,9 @@ struct TlsMaterial {
 // certificate do not match.
 Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files);
 
+// The authority's certificate in this file. Errors: those of ReadFile; kInvalid when it does not contain one.
+Result<std::string> LoadAuthority(const std::string& file);
+
 // Whether the certificate's only common name is `host_id`.
 bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id);
 

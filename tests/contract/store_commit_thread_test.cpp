@@ -13,6 +13,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Every update has to begin within this time, also where it must succeed on a busy machine.
+constexpr std::chrono::milliseconds kWait{3000};
+
 class CommitThreadTest : public testing::Test {
  protected:
   void Open(std::size_t map_bytes, std::chrono::milliseconds commit_timeout) {
@@ -59,7 +62,7 @@ class CommitThreadTest : public testing::Test {
 };
 
 TEST_F(CommitThreadTest, Update_AnotherDoesNotEnd_IsTakenBack) {
-  Open(std::size_t{64} << 20, 200ms);
+  Open(std::size_t{64} << 20, kWait);
   Occupy();
   const Status late = Put("/late", "1");
   ASSERT_FALSE(late.ok());
@@ -69,6 +72,19 @@ TEST_F(CommitThreadTest, Update_AnotherDoesNotEnd_IsTakenBack) {
   EXPECT_TRUE(Put("/next", "1").ok());
   EXPECT_EQ(TextOf("/late"), "(absent)");
   EXPECT_EQ(keyspace_->health(), Health::kReady);
+}
+
+// For a stop: its limit is for locks of other processes.
+TEST_F(CommitThreadTest, LimitLockWaits_UpdateQueuesBehindAnother_KeepsItsTime) {
+  Open(std::size_t{64} << 20, std::chrono::hours(1));
+  Occupy();
+  auto queued = std::async(std::launch::async, [&] { return Put("/queued", "1"); });
+  keyspace_->LimitLockWaits(kWait);
+  auto late = std::async(std::launch::async, [&] { return Put("/late", "1"); });
+  std::this_thread::sleep_for(kWait + 500ms);
+  Release();
+  EXPECT_TRUE(queued.get().ok());
+  EXPECT_TRUE(late.get().ok());
 }
 
 TEST_F(CommitThreadTest, Update_BodyThrows_ChangesNothing) {

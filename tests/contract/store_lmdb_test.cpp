@@ -1,13 +1,16 @@
 // Properties of the LMDB store beyond the contract of every store: its folder, its memory map, damaged files.
 #include <fcntl.h>
+#include <lmdb.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <thread>
 
+#include "host/store/data_file.h"
 #include "host/store/lmdb_keyspace.h"
 #include "host/store/lmdb_store.h"
 #include "tests/contract/store_contract.h"
@@ -184,6 +187,33 @@ TEST(LmdbStore, Open_FolderWithForeignFiles_IsCorruptAndTouchesNothing) {
   EXPECT_EQ(OpenError(folder.path()), ErrorCode::kCorrupt);
   EXPECT_FALSE(std::filesystem::exists(folder.path() + "/data.mdb"));
   EXPECT_FALSE(std::filesystem::exists(folder.path() + "/lock.mdb"));
+}
+
+// What a power failure can leave of the creation of a store.
+TEST(LmdbStore, Open_UnfinishedDataFile_IsIgnored) {
+  const TemporaryFolder folder;
+  std::ofstream(folder.path() + "/data.mdb.3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6") << "unfinished";
+  const auto store = Open(SmallMap(folder.path()));
+  ASSERT_TRUE(store);
+  EXPECT_EQ(Increment(*store, "/shared"), 0);
+}
+
+TEST(LmdbStore, CreateDataFile_IsWhatLmdbMakes) {
+  const TemporaryFolder folder;
+  constexpr std::size_t kMapBytes = std::size_t{64} << 20;
+  MDB_env* environment = nullptr;
+  ASSERT_EQ(mdb_env_create(&environment), 0);
+  ASSERT_EQ(mdb_env_set_mapsize(environment, kMapBytes), 0);
+  ASSERT_EQ(mdb_env_open(environment, folder.path().c_str(), MDB_NOTLS, 0600), 0);
+  mdb_env_close(environment);
+  const std::string own = folder.path() + "/own";
+  ASSERT_TRUE(CreateDataFile(own, kMapBytes));
+  const auto content_of = [](const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  EXPECT_EQ(content_of(own), content_of(folder.path() + "/data.mdb"));
+  EXPECT_EQ(ModeOf(own), 0600u);
 }
 
 TEST(LmdbStore, Open_DataFileNotRegular_IsCorrupt) {

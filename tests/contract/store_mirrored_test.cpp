@@ -218,12 +218,37 @@ TEST_F(Mirrored, Changes_MoreThanAWatchBatch_AreCopiedAsOneState) {
   (void)DumpOfMirror();
 }
 
-TEST_F(Mirrored, Mirror_DamagedCopy_IsRecreated) {
+TEST_F(Mirrored, Mirror_DamagedCopy_IsRecreatedAndTheLastTwoAreKept) {
+  const auto content = [](const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  for (const char letter : {'x', 'y', 'z'}) {
+    ASSERT_TRUE(HasMirrorCaughtUp());
+    store_.reset();
+    std::ofstream(Folder() + "/data.mdb", std::ios::binary) << std::string(8192, letter);
+    test::ClearCapturedSyslog();
+    OpenMirror();
+    (void)DumpOfMirror();
+    const std::string kept = Folder() + ".damaged-1.mdb";
+    EXPECT_TRUE(test::SyslogContains("is damaged and is being rebuilt. The damaged one is kept as '" + kept + "': '"));
+    EXPECT_EQ(content(kept), std::string(8192, letter));
+  }
+  EXPECT_EQ(content(Folder() + ".damaged-2.mdb"), std::string(8192, 'y'));
+  EXPECT_FALSE(std::filesystem::exists(Folder() + ".damaged-3.mdb"));
+}
+
+TEST_F(Mirrored, Mirror_DamagedCopyCannotBeRenamed_IsAnError) {
   ASSERT_TRUE(HasMirrorCaughtUp());
   store_.reset();
   std::ofstream(Folder() + "/data.mdb", std::ios::binary) << std::string(8192, 'x');
-  OpenMirror();
-  (void)DumpOfMirror();
+  std::filesystem::create_directories(Folder() + ".damaged-1.mdb/full");
+  std::filesystem::create_directories(Folder() + ".damaged-2.mdb/full");
+  const auto made = MirroredStore::Make(primary_, {.directory = Folder()});
+  ASSERT_FALSE(made.ok());
+  EXPECT_THAT(made.error().ToString(), HasSubstr("The damaged copy of the cluster database cannot be renamed to '" +
+                                                 Folder() + ".damaged-1.mdb': "));
+  EXPECT_TRUE(std::filesystem::exists(Folder() + "/data.mdb"));
 }
 
 TEST_F(Mirrored, ReadersAndWriters_PrimaryFailsAndRecovers_SeeCompleteStates) {

@@ -2,9 +2,13 @@
 // outside of the handler.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <new>
+#include <string>
 
+#include "host/base/time_text.h"
 #include "tests/support/bare_dispatcher.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/support/test_row.h"
 
 namespace {
@@ -65,6 +69,47 @@ TEST_F(DispatcherWithoutServer, CertificateThatCannotCall_IsRefusedAndTheConnect
   }
   EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", ""), "host-2")), 200);
   EXPECT_FALSE(closed_connection_);
+}
+
+// One line for all hosts hid those of others, and there was none when the certificate of an open connection expired.
+TEST_F(DispatcherWithoutServer, CertificatesThatCannotCall_AreLoggedByHost) {
+  const auto now = std::chrono::system_clock::now();
+  const auto call = [this](const char* host_id, vexa::CertificateTimes times) {
+    vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), host_id);
+    request.peer.certificate_times = times;
+    EXPECT_EQ(Send(std::move(request)), 403) << host_id;
+  };
+  const auto lines = [](const std::string& part) {
+    const auto captured = vexa::test::CapturedSyslog();
+    return std::ranges::count_if(captured, [&](const auto& line) { return line.text.find(part) != std::string::npos; });
+  };
+  const vexa::CertificateTimes valid{now - std::chrono::hours(1), now + std::chrono::hours(1)};
+  const vexa::CertificateTimes expired{now - std::chrono::hours(2), now - std::chrono::hours(1)};
+  const vexa::CertificateTimes early{now + std::chrono::hours(2), now + std::chrono::hours(3)};
+  vexa::test::ClearCapturedSyslog();
+  for (int round = 0; round < 2; ++round) {
+    for (const char* host : {"host-3", "host-4"}) call(host, valid);
+    for (const char* host : {"h1", "h2"}) call(host, expired);
+    call("host-2", early);
+    call("", valid);
+  }
+  for (const std::string host : {"host-3", "host-4"}) {
+    EXPECT_EQ(lines("A call was refused: '" + host +
+                    "' at 192.0.2.1 is not a host of this cluster, or its certificate has been revoked."),
+              1)
+        << host;
+  }
+  for (const std::string host : {"h1", "h2"}) {
+    EXPECT_EQ(lines("A call was refused: the certificate of '" + host + "' at 192.0.2.1 expired on " +
+                    vexa::FormatUtcTime(expired.not_after) + "."),
+              1)
+        << host;
+  }
+  EXPECT_EQ(
+      lines("A call was refused: the certificate of 'host-2' at 192.0.2.1 is valid only from " +
+            vexa::FormatUtcTime(early.not_before) + ". Check the clocks of this host and of the machine that made it."),
+      1);
+  EXPECT_EQ(lines("A call was refused: the certificate of 192.0.2.1 does not name a host."), 1);
 }
 
 TEST_F(DispatcherWithoutServer, CertificateOfNoMember_HasTheLimitsOfStrangers) {

@@ -45,6 +45,7 @@ class BareDispatcher : public testing::Test {
     parts.quick = &lane_;
     parts.long_running = &lane_;
     parts.hosts = &hosts_;
+    parts.quick_hosts = &quick_hosts_;
     parts.metrics_text = [this] { return metrics_text_(); };
     parts.health = [] { return std::string(); };
     dispatcher_ = std::make_unique<api::Dispatcher>(std::move(parts));
@@ -106,7 +107,7 @@ class BareDispatcher : public testing::Test {
     return status;
   }
 
-  // At most two calls for one user of a host, and three of a host.
+  // Of each kind, at most two calls for one user of a host, and three of a host.
   static LaneOptions HostLimits() {
     LaneOptions options;
     options.name = "h";
@@ -125,6 +126,7 @@ class BareDispatcher : public testing::Test {
   api::Metrics metrics_{table_};
   Lane lane_{LaneOptions{.name = "t"}};
   Lane hosts_{HostLimits()};
+  Lane quick_hosts_{HostLimits()};
   std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
   std::string address_ = "192.0.2.1";
   std::atomic<bool> closed_connection_ = false;  // by the last response

@@ -1,6 +1,8 @@
 #include "tests/support/faulty_store.h"
 
+#include <map>
 #include <optional>
+#include <thread>
 #include <utility>
 
 namespace vexa::test {
@@ -14,6 +16,11 @@ struct FaultyStore::Faults {
   std::optional<store::Health> health;
   int reads = 0;
   int health_reads = 0;
+  struct Thread {
+    SnapshotUse use;
+    int open = 0;
+  };
+  std::map<std::thread::id, Thread> threads;
 
   bool CountAndCheck(std::string_view key) {
     const std::lock_guard lock(mutex);
@@ -25,7 +32,18 @@ struct FaultyStore::Faults {
 class FaultyStore::FaultySnapshot : public store::Snapshot {
  public:
   FaultySnapshot(std::unique_ptr<store::Snapshot> real, std::shared_ptr<Faults> faults)
-      : real_(std::move(real)), faults_(std::move(faults)) {}
+      : real_(std::move(real)), faults_(std::move(faults)) {
+    const std::lock_guard lock(faults_->mutex);
+    Faults::Thread& thread = faults_->threads[thread_];
+    ++thread.use.taken;
+    if (thread.open++ > 0) ++thread.use.nested;
+  }
+  ~FaultySnapshot() override {
+    const std::lock_guard lock(faults_->mutex);
+    --faults_->threads[thread_].open;
+  }
+  FaultySnapshot(const FaultySnapshot&) = delete;
+  FaultySnapshot& operator=(const FaultySnapshot&) = delete;
 
   store::Revision revision() const override { return real_->revision(); }
 
@@ -48,6 +66,7 @@ class FaultyStore::FaultySnapshot : public store::Snapshot {
  private:
   const std::unique_ptr<store::Snapshot> real_;
   const std::shared_ptr<Faults> faults_;
+  const std::thread::id thread_ = std::this_thread::get_id();
 };
 
 FaultyStore::FaultyStore(std::shared_ptr<store::Store> real)
@@ -93,6 +112,11 @@ int FaultyStore::reads() const {
   return faults_->reads;
 }
 
+SnapshotUse FaultyStore::TakeSnapshotUse() const {
+  const std::lock_guard lock(faults_->mutex);
+  return std::exchange(faults_->threads[std::this_thread::get_id()].use, {});
+}
+
 int FaultyStore::health_reads() const {
   const std::lock_guard lock(faults_->mutex);
   return faults_->health_reads;
@@ -111,6 +135,8 @@ Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
 Result<store::Revision> FaultyStore::Commit(const store::Transaction& transaction) {
   {
     const std::lock_guard lock(faults_->mutex);
+    Faults::Thread& thread = faults_->threads[std::this_thread::get_id()];
+    if (thread.open > 0) ++thread.use.at_commits;
     if (faults_->commits) return Error(*faults_->commits, "The commit was made to fail");
     if (faults_->conflicts > 0) {
       --faults_->conflicts;

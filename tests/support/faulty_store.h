@@ -1,14 +1,27 @@
-// A store around a real one whose reads of named keys, or commits, can be made to fail.
+// A store around a real one whose reads of named keys, or commits, can be made to fail. It counts what it is used for.
 #pragma once
 
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <set>
 #include <string>
 
 #include "host/store/store.h"
 
 namespace vexa::test {
+
+// How a thread has used snapshots. While one is open, the real store cannot reuse space, and a second one may see
+// another state than the first.
+struct SnapshotUse {
+  int taken = 0;
+  int nested = 0;      // taken while the thread had another one open
+  int at_commits = 0;  // commits of the thread while it had one open
+  bool operator==(const SnapshotUse&) const = default;
+};
+inline std::ostream& operator<<(std::ostream& out, const SnapshotUse& use) {
+  return out << use.taken << " taken, " << use.nested << " nested, " << use.at_commits << " open at commits";
+}
 
 // Threads: any, at the same time.
 class FaultyStore : public store::Store {
@@ -29,6 +42,8 @@ class FaultyStore : public store::Store {
 
   // How many reads of keys and children, and scans, reached the store.
   int reads() const;
+  // What the calling thread has done with snapshots since it last called this.
+  SnapshotUse TakeSnapshotUse() const;
   // How often its health was requested.
   int health_reads() const;
 

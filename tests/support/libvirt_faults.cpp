@@ -19,6 +19,8 @@ Function* Real(const char* name) {
 
 thread_local std::optional<vexa::test::LibvirtError> start_error;
 thread_local std::optional<vexa::test::LibvirtError> stop_error;
+thread_local std::optional<vexa::test::LibvirtError> save_error;
+thread_local std::optional<vexa::test::LibvirtError> resume_error;
 thread_local std::optional<vexa::test::LibvirtError> networks_error;
 // The last fault of this thread; it remains the last error until the fault ends.
 thread_local std::optional<vexa::test::LibvirtError> met;
@@ -57,6 +59,18 @@ FailingStarts::~FailingStarts() {
 FailingStops::FailingStops(const LibvirtError& error) { stop_error = error; }
 FailingStops::~FailingStops() {
   stop_error.reset();
+  met.reset();
+}
+
+FailingSaves::FailingSaves(const LibvirtError& error) { save_error = error; }
+FailingSaves::~FailingSaves() {
+  save_error.reset();
+  met.reset();
+}
+
+FailingResumes::FailingResumes(const LibvirtError& error) { resume_error = error; }
+FailingResumes::~FailingResumes() {
+  resume_error.reset();
   met.reset();
 }
 
@@ -140,6 +154,13 @@ bool PauseAsUser(const std::string& id) {
   return WithGuest(id, false, [](virDomainPtr domain) { return virDomainSuspend(domain) == 0; });
 }
 
+int StateAsUser(const std::string& id) {
+  return WithGuest(id, -1, [](virDomainPtr domain) {
+    int state = -1;
+    return virDomainGetState(domain, &state, nullptr, 0) == 0 ? state : -1;
+  });
+}
+
 bool AutostartAsUser(const std::string& id) {
   return WithGuest(id, false, [](virDomainPtr domain) { return virDomainSetAutostart(domain, 1) == 0; });
 }
@@ -184,6 +205,20 @@ int virDomainDestroy(virDomainPtr domain) {
   return -1;
 }
 
+int virDomainManagedSave(virDomainPtr domain, unsigned int flags) {
+  static auto* const real = Real<int(virDomainPtr, unsigned int)>("virDomainManagedSave");
+  if (!save_error) return real(domain, flags);
+  met = save_error;
+  return -1;
+}
+
+int virDomainResume(virDomainPtr domain) {
+  static auto* const real = Real<int(virDomainPtr)>("virDomainResume");
+  if (!resume_error) return real(domain);
+  met = resume_error;
+  return -1;
+}
+
 virConnectPtr virConnectOpen(const char* uri) {
   static auto* const real = Real<virConnectPtr(const char*)>("virConnectOpen");
   ++openings;
@@ -191,7 +226,11 @@ virConnectPtr virConnectOpen(const char* uri) {
     const std::lock_guard lock(openings_mutex);
     met = opening_error;
   }
-  return met ? nullptr : real(uri);
+  if (met) return nullptr;
+  const virConnectPtr connection = real(uri);
+  const std::lock_guard lock(Last().mutex);
+  if (connection != nullptr) Last().connection = connection;
+  return connection;
 }
 
 int virConnectListAllNetworks(virConnectPtr connection, virNetworkPtr** networks, unsigned int flags) {
@@ -248,7 +287,6 @@ int virConnectRegisterCloseCallback(virConnectPtr connection, virConnectCloseFun
   {
     LastConnection& last = Last();
     const std::lock_guard lock(last.mutex);
-    last.connection = connection;
     last.callback = callback;
     last.opaque = opaque;
   }

@@ -32,6 +32,20 @@ class FailingStops : private NotCopyable {
   ~FailingStops();
 };
 
+// The same for saving the memory of a guest.
+class FailingSaves : private NotCopyable {
+ public:
+  explicit FailingSaves(const LibvirtError& error);
+  ~FailingSaves();
+};
+
+// The same for letting a paused guest run.
+class FailingResumes : private NotCopyable {
+ public:
+  explicit FailingResumes(const LibvirtError& error);
+  ~FailingResumes();
+};
+
 // While it lives, no connection can be opened, in any thread: attempts fail with the error.
 class FailingConnects : private NotCopyable {
  public:
@@ -83,6 +97,7 @@ bool StartAsUser(const std::string& id);
 bool SaveAsUser(const std::string& id);     // its memory is saved to a file of libvirt
 bool DestroyAsUser(const std::string& id);  // the machine goes off, as if its system had ended
 bool PauseAsUser(const std::string& id);
+int StateAsUser(const std::string& id);  // a virDomainState; -1 when libvirt has no such guest
 bool AutostartAsUser(const std::string& id);
 // libvirt's inactive XML; empty when it has no such guest.
 std::string XmlAsUser(const std::string& id);

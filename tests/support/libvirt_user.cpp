@@ -119,6 +119,22 @@ std::string LibvirtUser::ManagedSave(const std::string& id) const {
   return Act(uri_, id, [](virDomainPtr domain) { return virDomainManagedSave(domain, 0); });
 }
 
+std::string LibvirtUser::ChangeMedium(const std::string& id, const std::string& from, const std::string& to) const {
+  return Act(uri_, id, [&](virDomainPtr domain) {
+    char* const text = virDomainGetXMLDesc(domain, 0);
+    const std::string xml = text != nullptr ? text : "";
+    std::free(text);
+    const std::size_t file = xml.find("file='" + from + "'");
+    const std::size_t begin = xml.rfind("<disk ", file);
+    const std::size_t end = xml.find("</disk>", file);
+    if (file == std::string::npos || begin == std::string::npos || end == std::string::npos) return -1;
+    std::string drive = xml.substr(begin, end - begin) + "</disk>";
+    drive.replace(drive.find(from), from.size(), to);
+    constexpr unsigned kFlags = unsigned{VIR_DOMAIN_AFFECT_LIVE} | unsigned{VIR_DOMAIN_DEVICE_MODIFY_FORCE};
+    return virDomainUpdateDeviceFlags(domain, drive.c_str(), kFlags);
+  });
+}
+
 std::string LibvirtUser::EnableAutostart(const std::string& id) const {
   return Act(uri_, id, [](virDomainPtr domain) { return virDomainSetAutostart(domain, 1); });
 }

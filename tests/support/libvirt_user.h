@@ -33,6 +33,8 @@ class LibvirtUser {
   std::string Start(const std::string& id) const;
   std::string Destroy(const std::string& id) const;
   std::string ManagedSave(const std::string& id) const;
+  // Puts another medium into the drive of a running domain that has the file `from`.
+  std::string ChangeMedium(const std::string& id, const std::string& from, const std::string& to) const;
   std::string EnableAutostart(const std::string& id) const;  // sets autostart
 
   // The XML of the inactive domain; empty when libvirt does not know it.

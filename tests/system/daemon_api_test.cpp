@@ -448,20 +448,41 @@ TEST_F(DaemonApi, Metrics_CountCalls) {
   EXPECT_TRUE(std::regex_search(reply.body, std::regex(R"(vexa_connections [1-9])")));
 }
 
+TEST_F(DaemonApi, PowerAction_BodyWithoutAMember_IsBadParameterBeforeRightsAreChecked) {
+  HttpClient client = daemon_->TcpAs("mallory");
+  const std::string id = std::string(R"("guest_id":")") + kTestGuest + '"';
+  const std::string complete = R"({"action":"poweron",)" + id + '}';
+  for (const std::string& body : {std::string("{}"), std::string(R"({"action":"poweron"})"), '{' + id + '}'}) {
+    vexa::test::ClearCapturedSyslog();
+    EXPECT_EQ(ErrorCode(client.PostJson(kPowerPath, body)), 401) << body;
+    EXPECT_TRUE(vexa::test::SyslogContains("Bad parameters, request: " + body)) << body;
+  }
+  EXPECT_EQ(ErrorCode(client.PostJson(kPowerPath, complete)), 409);
+  EXPECT_TRUE(
+      vexa::test::SyslogContains(std::string("Action on guest[") + kTestGuest + "] is not allowed from user[mallory]"));
+}
+
 // A granted user could make the host do work for 340,000 hosts in one call.
 TEST_F(DaemonApi, PowerOffByHa_MoreHostsThanAllowed_IsBadParameter) {
-  HttpClient client = daemon_->TcpAs("grace");
-  const auto power_off = [&](int hosts) {
+  const auto power_off = [](HttpClient client, int hosts) {
     std::string body = std::string(R"({"action":"poweroff_by_ha","guest_id":")") + kTestGuest + R"(","host_ids":["h")";
     for (int i = 1; i < hosts; ++i) body += R"(,"h")";
-    return client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl", body + "]}");
+    return client.PostJson(kPowerPath, body + "]}");
   };
-  const HttpReply accepted = power_off(1000);
+  const HttpReply accepted = power_off(daemon_->TcpAs("grace"), 1000);
   EXPECT_EQ(ErrorCode(accepted), 0);
   EXPECT_EQ(json::Member(JsonBody(accepted), "data").size(), 1000u);
-  const HttpReply refused = power_off(1001);
+  const std::string line =
+      "VEXA.Virtualization.Guest.Action pwr_ctl was refused: 'host_ids' has 1001 elements, and may have 1000";
+  EXPECT_FALSE(vexa::test::SyslogContains("was refused"));
+  const HttpReply refused = power_off(daemon_->TcpAs("grace"), 1001);
   EXPECT_EQ(ErrorCode(refused), 401);
   EXPECT_EQ(refused.status, 400);
+  EXPECT_TRUE(vexa::test::SyslogContains(line));
+  vexa::test::ClearCapturedSyslog();
+  EXPECT_EQ(ErrorCode(power_off(daemon_->TcpAs("mallory"), 1000)), 409);
+  EXPECT_EQ(ErrorCode(power_off(daemon_->TcpAs("mallory"), 1001)), 401) << "before rights are checked";
+  EXPECT_TRUE(vexa::test::SyslogContains(line));
 }
 
 // Lanes.

@@ -171,18 +171,24 @@ TEST_F(GuestRating, Rating_HostRunsNoGuests_IsUnavailable) {
             R"({"available":false,"reasons":["The host runs no guests."],"status":["unavailable"]})");
 }
 
-TEST_F(GuestRating, Rating_Errors_AreReturned) {
-  const std::pair<ErrorCode, int> rows[] = {{ErrorCode::kNotFound, 403},
-                                            {ErrorCode::kCorrupt, 403},
-                                            {ErrorCode::kUnavailable, 100},
-                                            {ErrorCode::kInternal, 100}};
-  for (const auto& [error, code] : rows) {
+TEST_F(GuestRating, Rating_StoreOrRecordUnreadable_IsReported) {
+  const std::pair<ErrorCode, bool> rows[] = {{ErrorCode::kNotFound, false},
+                                             {ErrorCode::kCorrupt, false},
+                                             {ErrorCode::kUnavailable, true},
+                                             {ErrorCode::kInternal, true}};
+  for (const auto& [error, is_logged] : rows) {
     ClearCapturedSyslog();
     ServiceParts parts;
     parts.rate_guest = [error = error](const std::string&) { return Result<Rating>(Error(error, "out of order")); };
-    EXPECT_EQ(RatingHost(parts).CheckResource().code, code);
-    EXPECT_EQ(SyslogContains("out of order"), code == 100);
+    EXPECT_EQ(RatingHost(parts).CheckResource().code, 403);
+    EXPECT_EQ(SyslogContains("Cannot rate a guest: out of order"), is_logged);
   }
+}
+
+TEST_F(GuestRating, HostRatings_StoreUnreadable_AreRefused) {
+  host_.store().FailSnapshots();
+  EXPECT_EQ(RatingHost({}).CheckHosts().code, 403);
+  EXPECT_TRUE(SyslogContains("Cannot rate a guest: "));
 }
 
 TEST_F(GuestRating, Rating_UnreadableRecords_CallsNoHost) {

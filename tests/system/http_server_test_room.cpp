@@ -3,7 +3,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/temp_dir.h"
@@ -37,7 +41,7 @@ class RoomServer {
 
   TestServer& operator*() { return server_; }
   ServerStats stats() { return server_->stats(); }
-  Client Tcp() const { return server_.Connect(); }
+  Client Tcp(const char* local_address = nullptr) const { return Client::Tcp(server_.port(), local_address); }
   Client Unix() const { return Client::Unix(folder_.File("s")); }
   void EndLogins() { logged_in_ = false; }
 
@@ -61,6 +65,7 @@ ServerLimits WithConnections(std::size_t count) {
   limits.connections_per_peer = count;
   // Strangers who say nothing stay until a test needs their place, however slow the machine is.
   limits.header = std::chrono::minutes(10);
+  limits.body = std::chrono::minutes(10);
   limits.idle = std::chrono::minutes(10);
   return limits;
 }
@@ -118,6 +123,79 @@ TEST(HttpRoom, FloodOfIdleStrangers_RootHostAndUser_AreServed) {
   for (int i = 0; i < 100; ++i) strangers.push_back(server.Tcp());
   EXPECT_EQ(Ask(newcomer, "/user/bob"), 200) << "a connection that becomes a user's stays";
   EXPECT_EQ(Ask(root, "/"), 200);
+}
+
+// Strangers that send a byte of a body now and then, and come back when they have lost their connections.
+class Trickle {
+ public:
+  // Stranger number i comes from address_of(i).
+  Trickle(RoomServer& server, std::size_t count, std::function<std::string(std::size_t)> address_of)
+      : server_(server), address_of_(std::move(address_of)) {
+    for (std::size_t i = 0; i < count; ++i) clients_.push_back(Connect(i));
+    thread_ = std::thread([this] {
+      while (!stop_) SendSome();
+    });
+  }
+  ~Trickle() {
+    stop_ = true;
+    thread_.join();
+  }
+  int rounds() const { return rounds_; }
+
+ private:
+  std::unique_ptr<Client> Connect(std::size_t i) {
+    auto client = std::make_unique<Client>(server_.Tcp(address_of_(i).c_str()));
+    client->Send("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 100000\r\n\r\n");
+    return client;
+  }
+  void SendSome() {
+    for (std::size_t i = 0; i < clients_.size() && !stop_; ++i) {
+      if (!clients_[i]->Send("x")) clients_[i] = Connect(i);
+    }
+    ++rounds_;
+    std::this_thread::sleep_for(milliseconds(500));
+  }
+
+  RoomServer& server_;
+  const std::function<std::string(std::size_t)> address_of_;
+  std::vector<std::unique_ptr<Client>> clients_;
+  std::atomic<bool> stop_ = false;
+  std::atomic<int> rounds_ = 0;
+  std::thread thread_;
+};
+
+// Also somebody who has no connection yet: logs in, and stays then.
+void ExpectAllAreServedDuringTrickle(const std::function<std::string(std::size_t)>& address_of) {
+  const std::size_t limit = std::min<std::size_t>(2'000, ManyConnections(500));
+  RoomServer server(WithConnections(limit));
+  Client user = server.Tcp();
+  Client host = server.Tcp();
+  ASSERT_EQ(Ask(user, "/user/alice"), 200);
+  ASSERT_EQ(Ask(host, "/host/h1"), 200);
+  const Trickle strangers(server, limit + limit / 20, address_of);
+  ASSERT_TRUE(Eventually([&] { return strangers.rounds() >= 2 && server.stats().connections >= limit - 1; }));
+  std::vector<Client> newcomers;
+  ASSERT_TRUE(Eventually([&] {
+    newcomers.push_back(server.Tcp("127.0.0.9"));
+    return Ask(newcomers.back(), "/login") == 200 && Ask(newcomers.back(), "/user/bob") == 200;
+  })) << server.stats().connections_refused
+      << " connections were refused";
+  Client root = server.Unix();
+  const int rounds = strangers.rounds();
+  ASSERT_TRUE(Eventually([&] { return strangers.rounds() >= rounds + 3; }));
+  EXPECT_EQ(Ask(newcomers.back(), "/user/bob"), 200);
+  EXPECT_EQ(Ask(root, "/"), 200);
+  EXPECT_EQ(Ask(user, "/user/alice"), 200);
+  EXPECT_EQ(Ask(host, "/host/h1"), 200);
+}
+
+TEST(HttpRoom, TrickleFromFewAddresses_RootHostUserAndNewcomer_AreServed) {
+  ExpectAllAreServedDuringTrickle([](std::size_t i) { return "127.0.1." + std::to_string(i % 4 + 1); });
+}
+
+TEST(HttpRoom, TrickleFromThousandsOfAddresses_RootHostUserAndNewcomer_AreServed) {
+  ExpectAllAreServedDuringTrickle(
+      [](std::size_t i) { return "127.2." + std::to_string(i / 250 + 1) + "." + std::to_string(i % 250 + 1); });
 }
 
 TEST(HttpRoom, RequestWithRefusedLogin_MakesConnectionAStrangersAgain) {

@@ -8,11 +8,15 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "host/base/certificate_times.h"
+#include "host/base/time_text.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/system/http_server_test_support.h"
 
 namespace vexa::http {
@@ -211,6 +215,20 @@ TEST_F(Tls, CertifiedListener_WithoutAcceptableCertificate_EndsTheHandshake) {
   EXPECT_FALSE(server.last_request());
 }
 
+TEST_F(Tls, CertificatesFromTheFuture_AreLoggedByHost) {
+  TestServer server(WithCertificates());
+  test::ClearCapturedSyslog();
+  for (const char* name : {"early-host-1", "early-host-2"}) {
+    const Identity identity = MakeIdentity(name, &authority_, {3700, 7200});
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(TlsClient(server.port(), &identity).Ask("/a"), "");
+    const std::string line = "A certificate of '" + std::string(name) + "' was refused because it is valid only from " +
+                             FormatUtcTime(TimesOf(identity.certificate.get()).not_before) +
+                             ". Check the clocks of this host and of the machine that made it.";
+    const auto lines = test::CapturedSyslog();
+    EXPECT_EQ(std::ranges::count(lines, line, &test::SyslogLine::text), 1) << line;
+  }
+}
+
 // The clock of the machine that made it is a little ahead.
 TEST_F(Tls, CertifiedListener_CertificateBeginsWithinTheHour_IsAccepted) {
   TestServer server(WithCertificates());
@@ -258,6 +276,31 @@ TEST_F(Tls, Certificate_Replaced_IsUsedForNewConnections) {
   EXPECT_EQ(server_name(before), "nas");
   EXPECT_NE(before.Ask("/a").find("GET /a "), std::string::npos) << "the connection goes on";
   EXPECT_EQ(TlsClient(server.port(), nullptr).Ask("/a"), "") << "clients need a certificate as before";
+}
+
+// Whether they have finished the handshake or not.
+TEST_F(Tls, StrangersThatTrickle_LoseTheirPlacesToNewcomers) {
+  TestServer server([this](ServerOptions& options) {
+    WithTls()(options);
+    options.limits.connections = 4;
+    options.limits.handshake = options.limits.body = std::chrono::minutes(10);
+  });
+  std::vector<std::unique_ptr<TlsClient>> in_body;
+  for (int i = 0; i < 4; ++i) {
+    in_body.push_back(std::make_unique<TlsClient>(server.port(), nullptr));
+    ASSERT_TRUE(in_body.back()->Send("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 9\r\n\r\n1"));
+  }
+  ASSERT_TRUE(Eventually([&] { return server->stats().requests == 4; }));
+  TlsClient first(server.port(), nullptr);
+  EXPECT_NE(first.Ask("/a").find("GET /a "), std::string::npos);
+
+  std::vector<Client> in_handshake;
+  for (int i = 0; i < 4; ++i) {
+    in_handshake.push_back(server.Connect());
+    ASSERT_TRUE(in_handshake.back().Send("\x16"));
+  }
+  TlsClient second(server.port(), nullptr);
+  EXPECT_NE(second.Ask("/a").find("GET /a "), std::string::npos);
 }
 
 TEST_F(Tls, Handshake_OldVersion_Fails) {

@@ -11,6 +11,7 @@
 #include <functional>
 
 #include "host/disks/image_file.h"
+#include "tests/support/libvirt_faults.h"
 #include "tests/support/qcow2_image.h"
 #include "tests/support/qemu_guest.h"
 #include "tests/support/syslog_capture.h"
@@ -63,17 +64,29 @@ class QemuImages : public GuestControlTest {
  protected:
   void SetUp() override {
     test::ClearCapturedSyslog();
+    StartHost();
+  }
+  void StartHost() {
     GuestControlOptions options = Options();
     options.hypervisor.mode = "embed";
     options.hypervisor.root = TheEnvironment().Get().root();
     options.before_step = [this](std::string_view step) {
       if (step == "poweron: files checked" && before_open_) before_open_();
+      if (step == "poweron: started") is_paused_after_start_ = test::StateAsUser(kGuest) == VIR_DOMAIN_PAUSED;
     };
     Start(std::move(options));
+  }
+  void StartGuestAndSave(const std::string& disk) {
+    PutGuestWith(disk, "raw");
+    EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+    ASSERT_TRUE(test::SaveAsUser(kGuest));
+    ExpectState(states::saved);
+    EXPECT_EQ(CountQemus(), 0);
   }
   void TearDown() override {
     if (!control_) return;
     (void)control_->PowerOff(kGuest, kAlice);
+    (void)control_->DiscardSaved(kGuest, kAlice);
     control_.reset();
     EXPECT_EQ(CountQemus(), 0);
   }
@@ -125,6 +138,7 @@ class QemuImages : public GuestControlTest {
   }
 
   std::function<void()> before_open_;
+  bool is_paused_after_start_ = false;
 };
 
 TEST_F(QemuImages, PowerOn_GoodImages_Starts) {
@@ -164,6 +178,81 @@ TEST_F(QemuImages, PowerOn_DiskReplacedByLinkBeforeOpen_EndsGuest) {
   PutGuestWith(disk, "raw");
   before_open_ = [&] { ReplaceByLink(disk, victim); };
   ExpectNotStarted("QEMU does not have the file '" + disk + "' open that was checked for the disk 'vda'");
+}
+
+TEST_F(QemuImages, PowerOn_SavedGuestsDiskReplacedBeforeOpen_IsSavedAgain) {
+  const std::string disk = File("a.raw");
+  const std::string away = host_.folder().File("away");
+  ASSERT_NO_FATAL_FAILURE(StartGuestAndSave(disk));
+  before_open_ = [&] {
+    fs::rename(disk, away);
+    fs::create_symlink(File("victim"), disk);
+  };
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 949,
+                 "QEMU does not have the file '" + disk +
+                     "' open that was checked for the disk 'vda'. The guest's "
+                     "memory was saved again");
+  EXPECT_EQ(CountQemus(), 0);
+  EXPECT_EQ(State(), states::saved);
+  before_open_ = nullptr;
+  fs::rename(away, disk);
+  // It does not run before its files have been compared.
+  test::ClearCapturedSyslog();
+  is_paused_after_start_ = false;
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_TRUE(is_paused_after_start_);
+  EXPECT_EQ(State(), states::running);
+  EXPECT_EQ(test::StateAsUser(kGuest), VIR_DOMAIN_RUNNING);
+}
+
+TEST_F(QemuImages, PowerOn_RestoredGuestCannotBeSavedAgain_StaysPaused) {
+  const std::string disk = File("a.raw");
+  ASSERT_NO_FATAL_FAILURE(StartGuestAndSave(disk));
+  before_open_ = [&] { ReplaceByLink(disk, File("victim")); };
+  const test::FailingSaves failing({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 949,
+                 "The guest stays paused, because its memory could not be saved again: Cannot save the memory");
+  EXPECT_EQ(CountQemus(), 1);
+  EXPECT_EQ(State(), states::freeze);
+}
+
+// A host that is killed after libvirt has restored a guest leaves it paused.
+TEST_F(QemuImages, Start_GuestWasBeingRestored_LetsItRun) {
+  PutGuestWith(File("a.raw"), "raw");
+  for (const bool was_restored : {true, false}) {
+    EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+    ASSERT_TRUE(test::PauseAsUser(kGuest));
+    ExpectState(states::freeze);
+    Kill();
+    RunRecord run = RunHere();
+    run.starting = true;
+    run.restoring = was_restored;
+    PutRun(run);
+    StartHost();
+    ExpectState(was_restored ? states::running : states::freeze);
+    EXPECT_FALSE(RunOf()->starting);
+    EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  }
+}
+
+TEST_F(QemuImages, Start_GuestWasBeingRestoredWithOtherFiles_IsSavedAgain) {
+  const std::string disk = File("a.raw");
+  PutGuestWith(disk, "raw");
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  ASSERT_TRUE(test::PauseAsUser(kGuest));
+  ExpectState(states::freeze);
+  Kill();
+  RunRecord run = RunHere();
+  run.starting = true;
+  run.restoring = true;
+  PutRun(run);
+  const std::string away = host_.folder().File("away");
+  fs::rename(disk, away);
+  std::ofstream(disk) << "another file";
+  StartHost();
+  ExpectState(states::saved);
+  EXPECT_EQ(CountQemus(), 0);
+  EXPECT_TRUE(RunOf()->saved);
 }
 
 TEST_F(QemuImages, PowerOn_OpenFilesUnknown_EndsGuest) {

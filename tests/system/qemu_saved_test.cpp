@@ -1,5 +1,7 @@
 // A guest whose memory a user has saved with libvirt: it stays saved until it is started, discarded or deleted.
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -74,6 +76,43 @@ TEST_F(QemuSaved, SavedGuest_HostAndLibvirtKilled_IsRestored) {
   EXPECT_TRUE(host_->AwaitState(kGuest, "guest_running"));
   EXPECT_EQ(AddressOfThisRun(), address) << "its system was started afresh";
   EXPECT_FALSE(user_->IsSaved(kGuest));
+}
+
+// What QEMU opens then is not what the guest's record names.
+TEST_F(QemuSaved, SavedGuest_MediumChangedWhileRunning_IsRestored) {
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  const std::string address = AddressOfThisRun();
+  const std::string medium = host_->DiskFolder() + "/other.iso";
+  std::ofstream(medium) << std::string(1 << 20, 'm');
+  ASSERT_EQ(user_->ChangeMedium(kGuest, environment_->Image(GuestImage::kWithAgent), medium), "");
+  ASSERT_NO_FATAL_FAILURE(Save());
+  EXPECT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_running")) << host_->Log();
+  EXPECT_EQ(AddressOfThisRun(), address) << "its system was started afresh";
+  EXPECT_FALSE(user_->IsSaved(kGuest));
+}
+
+TEST_F(QemuSaved, SavedGuest_DiskReplaced_IsNotStartedAndKeepsItsMemory) {
+  namespace fs = std::filesystem;
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  const std::string address = AddressOfThisRun();
+  ASSERT_NO_FATAL_FAILURE(Save());
+  const std::string disk = host_->DiskFile(kGuest, 0);
+  const std::string away = disk + ".away";
+  fs::rename(disk, away);
+  EXPECT_NE(host_->Power(kGuest, "poweron"), 0) << "the disk is gone";
+  ExpectSaved("after a start without its disk");
+  fs::create_symlink(away, disk);
+  EXPECT_NE(host_->Power(kGuest, "poweron"), 0) << "the disk is a link";
+  ExpectSaved("after a start with a link in place of its disk");
+  EXPECT_EQ(host_->Qemus(kGuest), 0);
+  EXPECT_NE(host_->Log().find("is a symbolic link. Name the file itself. The guest's saved memory was "
+                              "kept"),
+            std::string::npos)
+      << host_->Log();
+  fs::rename(away, disk);
+  EXPECT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  EXPECT_EQ(AddressOfThisRun(), address) << "its system was started afresh";
 }
 
 TEST_F(QemuSaved, SavedMemory_DiscardedOrGuestDeleted_IsRemoved) {

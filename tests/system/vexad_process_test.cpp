@@ -166,8 +166,8 @@ TEST_F(Vexad, Vexad_SecondSignal_EndsImmediately) {
 // A commit that hangs must neither hold up other requests nor the stop.
 TEST_F(Vexad, CommitHangs_HealthReportsItAndTheStopEndsInTime) {
   const auto process = Start({"--stop-timeout", "3"});
-  Process holder({.argv = {STORE_LOCK_HOLDER_PROGRAM, folder_.File("data/store")}});
-  ASSERT_TRUE(holder.WaitForText("held", kTimeout)) << holder.errors();
+  Process holder({.argv = {STORE_TEST_WORKER_PROGRAM, "stop_in_commit", folder_.File("data/store")}});
+  ASSERT_TRUE(holder.WaitForText("holds", kTimeout)) << holder.errors();
   HttpReply health;
   for (const auto end = std::chrono::steady_clock::now() + kTimeout; std::chrono::steady_clock::now() < end;) {
     health = Unix().Get("/healthz");

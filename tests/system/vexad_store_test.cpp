@@ -21,7 +21,7 @@ constexpr std::chrono::seconds kTimeout{60};
 class VexadStore : public testing::Test {
  protected:
   std::vector<std::string> Arguments(const std::vector<std::string>& more = {}) const {
-    std::vector<std::string> arguments{VEXAD_PROGRAM, "--data",          folder_.File("data"),
+    std::vector<std::string> arguments{VEXAD_PROGRAM, "--data",          folder_.File(data_name_),
                                        "--socket",    folder_.File("s"), "--listen",
                                        "127.0.0.1:0", "--log",           "stderr"};
     arguments.insert(arguments.end(), more.begin(), more.end());
@@ -47,6 +47,7 @@ class VexadStore : public testing::Test {
   HttpReply Health() const { return HttpClient(UnixSocket(folder_.File("s"))).Get("/healthz"); }
 
   TempDir folder_;
+  std::string data_name_ = "data";
 };
 
 TEST_F(VexadStore, Start_StoreIsGone_IsRefusedUntilANewOneIsRequested) {
@@ -70,6 +71,67 @@ TEST_F(VexadStore, Start_StoreIsGone_IsRefusedUntilANewOneIsRequested) {
     ExpectRefused(anew, "Leave out --new-store");
     StartAndStop(store);
   }
+}
+
+// The refusal says where the database was, so that a folder that was moved is not taken for a lost one.
+TEST_F(VexadStore, Start_MarkIsOfAnotherFolder_SaysWhereTheDatabaseWas) {
+  StartAndStop();
+  const std::string own = folder_.File("data/store");
+  const std::string shared = folder_.File("shared");
+  ExpectRefused({"--store", shared}, "The folder '" + shared +
+                                         "' does not contain a database. This host used the one in '" + own +
+                                         "' before. Use that folder (setting 'store'), or move the database here.");
+  fs::rename(own, shared);
+  StartAndStop({"--store", shared});
+  ExpectRefused({}, "This host used the one in '" + shared + "' before.");
+
+  const std::string moved = folder_.File("moved");
+  fs::create_directory(moved);
+  ASSERT_EQ(::chmod(moved.c_str(), 0700), 0);
+  fs::copy_file(folder_.File("data/store-used"), moved + "/store-used");
+  data_name_ = "moved";
+  ExpectRefused({}, "The folder '" + moved + "/store' does not contain a database. The data folder '" + moved +
+                        "' was moved or copied from '" + folder_.File("data") + "', whose database was in '" + shared +
+                        "'.");
+  EXPECT_FALSE(fs::exists(moved + "/store/data.mdb"));
+
+  fs::rename(shared, own);
+  fs::remove_all(moved);
+  fs::rename(folder_.File("data"), moved);
+  StartAndStop();
+  fs::remove_all(moved + "/store");
+  ExpectRefused({}, "although this host used one there before");
+}
+
+// A mark of an older version names no folder.
+TEST_F(VexadStore, Start_StoreIsGoneAndMarkIsOld_IsRefused) {
+  StartAndStop();
+  std::ofstream(folder_.File("data/store-used")) << "This host has used a store.\n";
+  fs::remove_all(folder_.File("data/store"));
+  ExpectRefused({}, "although this host used one there before");
+}
+
+TEST_F(VexadStore, UserAdd_BeforeTheFirstStart_SetsTheMark) {
+  fs::create_directory(folder_.File("data"));
+  ASSERT_EQ(::chmod(folder_.File("data").c_str(), 0700), 0);
+  const ProcessOptions add{
+      .argv = {VEXA_PROGRAM, "user", "add", "alice", "--data", folder_.File("data"), "--password-stdin"},
+      .input = "good password\n"};
+  const auto added = RunProcess(add);
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  fs::remove_all(folder_.File("data/store"));
+  ExpectRefused({}, "although this host used one there before");
+}
+
+TEST_F(VexadStore, UserAdd_MarkCannotBeSet_SaysSo) {
+  StartAndStop({"--store", folder_.File("shared")});
+  ASSERT_TRUE(fs::remove(folder_.File("data/store-used")));
+  fs::create_directories(folder_.File("data/store-used/full"));
+  const auto added = RunProcess({.argv = {VEXA_PROGRAM, "user", "add", "alice", "--data", folder_.File("data"),
+                                          "--store", folder_.File("shared"), "--password-stdin"},
+                                 .input = "good password\n"});
+  EXPECT_EQ(added.exit_code, 0);
+  EXPECT_THAT(added.errors, HasSubstr("A missing database will not be noticed later: "));
 }
 
 // A file that was cut to nothing would otherwise become a new, empty database.
@@ -127,15 +189,41 @@ TEST_F(VexadStore, Store_HeldByStoppedProcess_IsReportedAndDoesNotDelayTheStop) 
   Stop(*process);
 }
 
-// It has the lock when the daemon begins to stop, and no call has noticed yet.
+// It has the lock when the daemon begins to stop, and no call has noticed yet. The stop does not take the 10 s that
+// commits wait for a lock otherwise.
 TEST_F(VexadStore, Stop_StoreHasJustBeenTaken_EndsInItsTime) {
-  const auto process = Start();
+  const auto process = Start({"--stop-timeout", "5"});
   Process holder({.argv = {STORE_TEST_WORKER_PROGRAM, "stop_in_commit", folder_.File("data/store")}});
   ASSERT_TRUE(holder.WaitForText("holds", kTimeout));
   Stop(*process);
+  EXPECT_THAT(process->errors(),
+              HasSubstr("The claim of this host's id could not be released: The database is held by another process "
+                        "(pid " +
+                        std::to_string(holder.pid()) +
+                        ") for more than 1000 ms. Let it continue, or end it. Nothing was changed\n"));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("could not sign off")));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("did not finish in time")));
+}
+
+TEST_F(VexadStore, Stop_DiskHangs_EndsInItsTimeAndSaysSo) {
+  const std::string hangs = folder_.File("hangs");
+  auto arguments = Arguments({"--stop-timeout", "3"});
+  arguments[0] = VEXAD_ON_HANGING_DISK_PROGRAM;
+  Process process({.argv = arguments, .environment = {{"VEXA_TEST_HANGING_DISK", hangs}}});
+  ASSERT_TRUE(process.WaitForText("Ready.", kTimeout)) << process.errors();
+  std::ofstream(hangs) << "yes";
+  ASSERT_TRUE(process.WaitForText("A sync hangs.", kTimeout)) << "a heartbeat is due every three seconds";
+  Stop(process);
+  EXPECT_THAT(
+      process.errors(),
+      HasSubstr("This host could not sign off: the database or its disk did not respond in the time of the stop."));
+  EXPECT_THAT(process.errors(), HasSubstr("Some work did not finish in time, and is left behind."));
+  ASSERT_TRUE(fs::remove(hangs));
+  StartAndStop();
 }
 
 TEST_F(VexadStore, FileSizeLimit_IsIgnoredAsASignal) {
+  ::signal(SIGXFSZ, SIG_DFL);  // children inherit what the program that runs this one ignores
   const auto process = Start();
   std::ifstream status("/proc/" + std::to_string(process->pid()) + "/status");
   std::string line;

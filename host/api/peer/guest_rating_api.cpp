@@ -40,20 +40,9 @@ std::optional<std::string> ReadGuestId(const Call& call) {
   return std::nullopt;
 }
 
-bool IsAboutRecord(const Error& error) {
-  return error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt;
-}
-
-void LogFailure(const Error& error) { ::syslog(LOG_ERR, "Cannot rate a guest: %s", error.ToString().c_str()); }
-
-void RespondRatingError(const Call& call, const Error& error) {
-  if (IsAboutRecord(error)) return Fail(call, host_error::kNotFoundOrUnreadable);
-  LogFailure(error);
-  Fail(call, host_error::kInternal);
-}
-
 void RespondReadError(const Call& call, const Error& error) {
-  if (!IsAboutRecord(error)) LogFailure(error);
+  const bool is_about_record = error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt;
+  if (!is_about_record) ::syslog(LOG_ERR, "Cannot rate a guest: %s", error.ToString().c_str());
   Fail(call, host_error::kNotFoundOrUnreadable);
 }
 
@@ -63,7 +52,7 @@ void CheckResource(const std::function<Result<guests::Rating>(const std::string&
   guests::Rating rating{{{host_error::kUnavailable, "The host runs no guests."}}, false, {}};
   if (rate_guest) {
     Result<guests::Rating> rated = rate_guest(*id);
-    if (!rated) return RespondRatingError(call, rated.error());
+    if (!rated) return RespondReadError(call, rated.error());
     rating = std::move(*rated);
   }
   call.response->SetSuccess(guests::RatingData(rating));

@@ -109,9 +109,10 @@ std::shared_ptr<const GuestLinkStates> LinkWatcher::Get() { return Get(options_.
 std::shared_ptr<const GuestLinkStates> LinkWatcher::Get(std::chrono::milliseconds max_wait) {
   const MutexLock lock(mutex_);
   const Clock::time_point now = Clock::now();
+  const bool was_unwanted = now >= wanted_until_;
   wanted_until_ = now + options_.idle_after;
   if (!thread_.joinable() && !is_stopped_) StartThread();
-  wake_.NotifyOne();
+  if (was_unwanted) wake_.NotifyOne();  // otherwise the thread wakes for the next query by itself
   // Do not wait when no query is in progress or due: the last one has just failed.
   if (IsNewEnough(now) || is_stopped_ || !thread_.joinable() || (!is_querying_ && next_query_ > now)) return latest_;
   const Clock::time_point started = is_querying_ ? query_started_ : now;

@@ -40,6 +40,31 @@ bool IsOwn(const Call& call, const std::optional<cluster::PrincipalNameOrId>& na
   return accounts::LowerCaseName(std::get<std::string>(*name_or_id)) == accounts::LowerCaseName(call.caller.user.name);
 }
 
+// The session that sets its own user's password, if any. It belongs to the account throughout: other calls with its
+// token may come between the commit and the end of the user's other sessions.
+class KeptSession {
+ public:
+  KeptSession(session::SessionTable& sessions, std::string token) : sessions_(sessions), token_(std::move(token)) {}
+  ~KeptSession() {
+    if (!stamp_.empty()) sessions_.RefuseStamp(token_, stamp_);
+  }
+  KeptSession(const KeptSession&) = delete;
+  KeptSession& operator=(const KeptSession&) = delete;
+
+  // Until the destructor or EndAllOfUser. kBusy when another call with the token is changing the password.
+  Status Accept(const std::string& stamp) {
+    Status accepted = sessions_.AcceptStamp(token_, stamp);
+    if (accepted) stamp_ = stamp;
+    return accepted;
+  }
+  const std::string& token() const { return token_; }
+
+ private:
+  session::SessionTable& sessions_;
+  const std::string token_;
+  std::string stamp_;
+};
+
 void SetPassword(const AccountServices& services, const Call& call) {
   const auto password = call.request->GetAndCheckString("password", kRequired, IsPasswordLength);
   const auto old_password = call.request->GetAndCheckString("old_password", kOptional, IsPasswordLength);
@@ -66,15 +91,17 @@ void SetPassword(const AccountServices& services, const Call& call) {
     old_hash = VerifyOldPassword(services, call, *user, old_password.Get());
     if (!old_hash) return;
   }
+  KeptSession kept(*services.sessions, is_self ? call.caller.session_token : std::string());
   // The account may have been deleted, or its password changed, since it was found.
-  const Result<std::string> stamp = services.accounts->SetPassword(user->uid, password.Get(), old_hash);
+  const Result<std::string> stamp = services.accounts->SetPassword(
+      user->uid, password.Get(), old_hash, [&kept](const std::string& new_stamp) { return kept.Accept(new_stamp); });
   if (!stamp) {
-    const bool is_denied = stamp.error().code() == ErrorCode::kDenied;
-    return is_denied ? Refuse(call, stamp.error(), user_error::kWrongOldPassword) : Refuse(call, stamp.error());
+    if (stamp.error().code() == ErrorCode::kDenied) return Refuse(call, stamp.error(), user_error::kWrongOldPassword);
+    if (stamp.error().code() == ErrorCode::kBusy) return Refuse(call, stamp.error(), user_error::kHostBusy);
+    return Refuse(call, stamp.error());
   }
   // The tokens of the others are refused in any case, here and on other hosts.
-  const std::string kept = is_self ? call.caller.session_token : std::string();
-  LogIfNotStored(services.sessions->EndAllOfUser(user->name, kept, *stamp));
+  LogIfNotStored(services.sessions->EndAllOfUser(user->name, kept.token(), *stamp));
   Finish(call, Status(), fmt::format("The password of the user [{}] has been changed.", user->name));
 }
 

@@ -76,7 +76,7 @@ void List(const SessionServices& services, const Call& call) {
   Json::Value data(Json::objectValue);
   Json::Value& list = data["sessions"] = Json::Value(Json::arrayValue);
   for (const session::SessionInfo& session : services.sessions->List(name)) {
-    if (!current.Has(session.user)) continue;
+    if (session.id != own_id && !current.Has(session.user)) continue;
     Json::Value& entry = list.append(Json::Value(Json::objectValue));
     entry["id"] = session.id;
     entry["user"] = session.user.name;

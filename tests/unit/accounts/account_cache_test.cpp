@@ -31,6 +31,8 @@ ErrorCode CodeOf(const Result<Value>& result) {
 // A directory whose look-ups can hang or fail.
 class Directory : public AccountProvider {
  public:
+  static constexpr const char* kWrong = "wrong";
+
   ~Directory() override { SetHangs(false); }
 
   Result<User> FindUser(const std::string& name) const override {
@@ -39,11 +41,11 @@ class Directory : public AccountProvider {
     ++running_;
     most_running_ = std::max(most_running_, running_);
     changed_.notify_all();
-    changed_.wait(lock, [this] { return !hangs_; });
+    if (hangs_) changed_.wait(lock, [this] { return !holds_; });
     --running_;
     if (fails_) return Error(ErrorCode::kUnavailable, "it fails");
     if (!uids_.contains(name)) return Error(ErrorCode::kNotFound, "There is no such user");
-    return User{name, uids_.at(name), 100, {{"staff", 100}}, false};
+    return User{name, uids_.at(name), 100, {{"staff", 100}}, false, stamp_};
   }
   Result<User> FindUserByUid(std::uint32_t uid) const override { return FindUser("uid" + std::to_string(uid)); }
   Result<Group> FindGroupByGid(std::uint32_t gid) const override {
@@ -51,12 +53,25 @@ class Directory : public AccountProvider {
     if (!user) return user.error();
     return Group{user->name, gid};
   }
-  Result<User> VerifyPassword(const std::string& name, const std::string&) const override { return FindUser(name); }
+  // Does not hang: it is PAM that checks passwords.
+  Result<User> VerifyPassword(const std::string& name, const std::string& password) const override {
+    const std::lock_guard lock(mutex_);
+    ++asked_;
+    if (password == kWrong) return Error(ErrorCode::kDenied, "The name or the password is wrong");
+    // As in a directory that ignores case.
+    return User{LowerCaseName(name), uids_.at(LowerCaseName(name)), 100, {{"staff", 100}}, false, stamp_};
+  }
 
   void SetHangs(bool hangs) {
     const std::lock_guard lock(mutex_);
     hangs_ = hangs;
+    holds_ = hangs;
     changed_.notify_all();
+  }
+  // It answers again, but those who have asked before get no answer until SetHangs(false).
+  void AnswerNewLookUps() {
+    const std::lock_guard lock(mutex_);
+    hangs_ = false;
   }
   void SetFails(bool fails) {
     const std::lock_guard lock(mutex_);
@@ -65,6 +80,10 @@ class Directory : public AccountProvider {
   void Set(const std::string& name, std::uint32_t uid) {
     const std::lock_guard lock(mutex_);
     uids_[name] = uid;
+  }
+  void SetStamp(const std::string& stamp) {
+    const std::lock_guard lock(mutex_);
+    stamp_ = stamp;
   }
   void Remove(const std::string& name) {
     const std::lock_guard lock(mutex_);
@@ -85,8 +104,10 @@ class Directory : public AccountProvider {
   mutable int asked_ = 0;
   mutable int running_ = 0;
   mutable int most_running_ = 0;
-  bool hangs_ = false;
+  bool hangs_ = false;  // look-ups that begin now
+  bool holds_ = false;  // look-ups that have begun to hang
   bool fails_ = false;
+  std::string stamp_ = "day-1";
   std::map<std::string, std::uint32_t> uids_ = {{"alice", 5}, {"uid5", 5}, {"gid7", 7}};
 };
 
@@ -99,6 +120,9 @@ class AccountCache : public testing::Test {
     EXPECT_TRUE(WriteFileAtomically(folder_.Path("group"),
                                     "root:x:0:\nadministrators:x:91:other,local\nmain:x:90:\nnone:x:92:other\n", 0644)
                     .ok());
+    EXPECT_TRUE(
+        WriteFileAtomically(folder_.Path("shadow"), "root:*:19000:0:99999:7:::\nlocal:$y$x:19700:0:99999:7:::\n", 0600)
+            .ok());
     options_.fresh = kLong;
     options_.patience = milliseconds(50);
   }
@@ -109,7 +133,7 @@ class AccountCache : public testing::Test {
   }
 
   std::unique_ptr<AccountProvider> Local() const {
-    return MakeLocalAccounts({folder_.Path("passwd"), folder_.Path("group"), "administrators"});
+    return MakeLocalAccounts({folder_.Path("passwd"), folder_.Path("group"), folder_.Path("shadow"), "administrators"});
   }
   std::unique_ptr<AccountProvider> Make() const { return MakeCachedAccounts(directory_, Local(), options_); }
 
@@ -130,6 +154,37 @@ TEST_F(AccountCache, SeveralLookUps_AskOnce) {
   EXPECT_EQ(directory_->asked(), 4);
   EXPECT_EQ(accounts->VerifyPassword("alice", "x")->uid, 5U);
   EXPECT_EQ(directory_->asked(), 5) << "passwords are always checked";
+}
+
+TEST_F(AccountCache, VerifyPassword_AfterPasswordChange_UserIsFoundWithTheNewStamp) {
+  options_.patience = kLong;
+  const auto accounts = Make();
+  EXPECT_EQ(accounts->FindUser("alice")->stamp, "day-1");
+  directory_->SetStamp("day-2");
+  EXPECT_EQ(CodeOf(accounts->VerifyPassword("alice", Directory::kWrong)), ErrorCode::kDenied);
+  EXPECT_EQ(accounts->FindUser("alice")->stamp, "day-1") << "a wrong password changes nothing";
+  EXPECT_EQ(accounts->VerifyPassword("ALICE", "x")->stamp, "day-2");
+  EXPECT_EQ(accounts->FindUser("alice")->stamp, "day-2");
+  EXPECT_EQ(directory_->asked(), 3) << "the user was not looked up again";
+}
+
+// The look-up that hangs began before the password was changed, so its answer is older than that of the login.
+TEST_F(AccountCache, VerifyPassword_WhileLookUpHangs_IsNotReplacedByItsAnswer) {
+  options_.fresh = milliseconds(0);
+  const auto warm = Make();
+  ASSERT_TRUE(Eventually([&] { return warm->FindUser("alice").ok(); }));
+  directory_->SetHangs(true);
+  EXPECT_EQ(warm->FindUser("alice")->stamp, "day-1");
+  ASSERT_TRUE(Eventually([&] { return directory_->running() == 1; }));
+  directory_->SetStamp("day-2");
+  ASSERT_TRUE(warm->VerifyPassword("alice", "x").ok());
+  EXPECT_EQ(warm->FindUser("alice")->stamp, "day-2") << "while the look-up hangs";
+  directory_->SetStamp("day-1");
+  directory_->SetHangs(false);
+  ASSERT_TRUE(Eventually([&] { return directory_->running() == 0; }));
+  directory_->SetFails(true);
+  EXPECT_EQ(warm->FindUser("alice")->stamp, "day-2");
+  EXPECT_EQ(warm->FindUser("alice")->stamp, "day-2");
 }
 
 TEST_F(AccountCache, AnswerThatIsNotFresh_IsAskedForAgain) {
@@ -202,10 +257,54 @@ TEST_F(AccountCache, ManyCallersOfOneName_ShareOneLookUp) {
   EXPECT_EQ(directory_->asked(), 1);
 }
 
+TEST_F(AccountCache, LookUpNeverReturns_NameIsAskedForAgain) {
+  options_.give_up = milliseconds(0);
+  const auto accounts = Make();
+  directory_->SetHangs(true);
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable);
+  ASSERT_TRUE(Eventually([&] { return directory_->running() == 1; }));
+  directory_->AnswerNewLookUps();
+  EXPECT_TRUE(Eventually([&] { return accounts->FindUser("alice").ok(); }));
+  EXPECT_TRUE(Eventually([&] { return directory_->running() == 1; })) << "the one that was given up still hangs";
+
+  directory_->Set("alice", 6);
+  directory_->SetHangs(false);
+  EXPECT_TRUE(Eventually([&] { return directory_->running() == 0; }));
+  EXPECT_EQ(accounts->FindUser("alice")->uid, 5U) << "a late answer replaces no newer one";
+}
+
+TEST_F(AccountCache, LookUpThatHangs_IsNotRepeatedBeforeItIsGivenUp) {
+  options_.give_up = kLong;
+  const auto accounts = Make();
+  directory_->SetHangs(true);
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable);
+  ASSERT_TRUE(Eventually([&] { return directory_->running() == 1; }));
+  directory_->AnswerNewLookUps();
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable);
+  EXPECT_EQ(directory_->asked(), 1);
+}
+
+TEST_F(AccountCache, LookUpsThatWereGivenUp_LeaveTheirThreadsUpToABound) {
+  options_.give_up = milliseconds(0);
+  options_.max_threads = 2;
+  options_.max_unknown_threads = 1;
+  options_.max_given_up_threads = 3;
+  const auto accounts = Make();
+  directory_->SetHangs(true);
+  for (int i = 0; i < 8; ++i) (void)accounts->FindUser("unknown" + std::to_string(i));
+  EXPECT_TRUE(Eventually([&] { return directory_->running() == 5; }));
+  EXPECT_EQ(directory_->asked(), 5);
+  directory_->AnswerNewLookUps();
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable) << "no thread is left";
+  directory_->SetHangs(false);
+  EXPECT_TRUE(Eventually([&] { return accounts->FindUser("alice").ok(); }));
+}
+
 TEST_F(AccountCache, DirectoryHangs_LocalAccountsAreFound) {
   const auto accounts = Make();
   directory_->SetHangs(true);
   EXPECT_EQ(accounts->FindUser("local")->uid, 900U);
+  EXPECT_EQ(accounts->FindUser("local")->stamp, "day-19700") << "so its sessions go on";
   EXPECT_EQ(accounts->FindUserByUid(0)->name, "root");
   EXPECT_EQ(accounts->FindGroupByGid(90)->name, "main");
   EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable) << "she may be in the directory";
@@ -243,7 +342,8 @@ TEST_F(AccountCache, LocalAccounts_HaveGroupsOfFiles) {
   EXPECT_EQ(CodeOf(local->FindUserByUid(5)), ErrorCode::kNotFound);
   EXPECT_EQ(CodeOf(local->FindGroupByGid(5)), ErrorCode::kNotFound);
   EXPECT_EQ(CodeOf(local->VerifyPassword("local", "x")), ErrorCode::kUnavailable);
-  const auto missing = MakeLocalAccounts({folder_.Path("no"), folder_.Path("no"), "administrators"});
+  const auto missing =
+      MakeLocalAccounts({folder_.Path("no"), folder_.Path("no"), folder_.Path("no"), "administrators"});
   EXPECT_EQ(CodeOf(missing->FindUser("root")), ErrorCode::kUnavailable);
   EXPECT_EQ(CodeOf(missing->FindGroupByGid(0)), ErrorCode::kUnavailable);
 }

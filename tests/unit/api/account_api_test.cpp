@@ -198,7 +198,7 @@ TEST_F(AccountApi, Change_NameReassignedMeanwhile_LeavesNewAccountUnchanged) {
         ASSERT_TRUE(host_.accounts().DeleteUser(before).ok());
         heir = host_.AddUser("alice");
       });
-      const ApiTable table(AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
+      const ApiTable table = TableOn(interrupted);
       const std::string who = is_by_name ? R"("name":"alice")" : R"("id":)" + std::to_string(before);
       EXPECT_EQ(CallOn(table, method, "{" + who + more + "}", Administrator()).code, user_error::kNoAccount);
       const accounts::User alice = Require(host_.accounts().FindUser("alice"));
@@ -221,7 +221,7 @@ TEST_F(AccountApi, DeleteGroup_NameReassignedMeanwhile_LeavesNewGroupUnchanged) 
     ASSERT_TRUE(host_.accounts().SetGroups("alice", {"staff"}).ok());
     ASSERT_TRUE(host_.accounts().SetGroups("alice", {}).ok());
   });
-  const ApiTable table(AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
+  const ApiTable table = TableOn(interrupted);
   const std::string id = std::to_string(before);
   EXPECT_EQ(CallOn(table, "group_delete", R"({"id":)" + id + "}", Administrator()).code, user_error::kNoAccount);
   EXPECT_NE(Require(host_.accounts().FindGroup("staff")).gid, before);

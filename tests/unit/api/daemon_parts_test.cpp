@@ -140,6 +140,23 @@ TEST(Config, Settings_Invalid_AreRefusedWithReason) {
   }
 }
 
+TEST(Config, CallsPerHost_AreLessThanThreads) {
+  EXPECT_EQ(Parse({}).config.calls_per_host, 512);
+  EXPECT_EQ(Parse({"--long-threads", "300"}).config.calls_per_host, 150) << "unless it is set";
+  EXPECT_EQ(Parse({"--long-threads", "1"}).config.calls_per_host, 1);
+  EXPECT_TRUE(vexa::daemon::CheckConfig(Parse({"--long-threads", "1"}).config).ok());
+  const auto set = [](const char* calls) {
+    return vexa::daemon::CheckConfig(Parse({"--long-threads", "300", "--calls-per-host", calls}).config);
+  };
+  EXPECT_TRUE(set("299").ok());
+  const vexa::Status refused = set("300");
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(
+      refused.error().message(),
+      "'calls-per-host' (300) must be less than 'long-threads' (300), or one host could take all threads from the "
+      "others");
+}
+
 TEST(Config, GuestsFolders_AreAbsolute) {
   const vexa::daemon::Config from_data = Parse({"--data", "some/data"}).config;
   EXPECT_EQ(from_data.image_roots, (std::vector<std::string>{std::filesystem::current_path() / "some/data/images"}));

@@ -50,6 +50,7 @@ class DispatcherQuota : public BareDispatcher {
             TestRow("T", "user", Access::kUser, LaneKind::kQuick, count),
             TestRow("T", "admin", Access::kAdministrator, LaneKind::kQuick, count),
             TestRow("T", "host", Access::kHost, LaneKind::kQuick, count),
+            TestRow("T", "long", Access::kHost, LaneKind::kLong, count),
             TestRow("T", "hold", Access::kHost, LaneKind::kLong, hold),
             std::move(compound)};
   }
@@ -59,7 +60,7 @@ class DispatcherQuota : public BareDispatcher {
     request.announced_body_bytes = body.size();
     request.body = body;
     const int status = Send(std::move(request));
-    EXPECT_TRUE(Eventually([&] { return lane_.stats().busy + hosts_.stats().busy == 0; }));
+    EXPECT_TRUE(Eventually([&] { return lane_.stats().busy + hosts_.stats().busy + quick_hosts_.stats().busy == 0; }));
     return status;
   }
 
@@ -94,6 +95,20 @@ TEST_F(DispatcherQuota, List_WithTooManyElements_IsBadParameter) {
   EXPECT_EQ(calls_, 4);
   EXPECT_EQ(send(R"({"ids":[1,2,3,4]})"), 400);
   EXPECT_EQ(calls_, 4);
+}
+
+// Their text takes as long as several calls, and anybody on this machine may read it.
+TEST_F(DispatcherQuota, Metrics_AreWrittenOnAThreadOfALane) {
+  std::thread::id writer;
+  metrics_text_ = [&] {
+    writer = std::this_thread::get_id();
+    return std::string("figures");
+  };
+  address_ = "127.0.0.1";
+  EXPECT_EQ(Send(Request("GET", "/metrics", "")), kOk);
+  EXPECT_NE(writer, std::thread::id());
+  EXPECT_NE(writer, std::this_thread::get_id()) << "the others of the I/O thread wait meanwhile";
+  EXPECT_TRUE(Eventually([&] { return lane_.stats().done == 1; }));
 }
 
 TEST_F(DispatcherQuota, Body_OfCallerWithoutRights_IsNotRead) {
@@ -144,12 +159,13 @@ TEST_F(DispatcherQuota, HostCalls_CountByUserAndTogether) {
   };
   hold("ann");
   hold("ann");
-  EXPECT_EQ(Send(HostRequest("/webapi/T/host", "h1", "ann")), kBusy);
-  EXPECT_EQ(Send(HostRequest("/webapi/T/host", "h1", "bob")), kOk) << "its other users have room of their own";
+  EXPECT_EQ(Send(HostRequest("/webapi/T/long", "h1", "ann")), kBusy);
+  EXPECT_EQ(Send(HostRequest("/webapi/T/long", "h1", "bob")), kOk) << "its other users have room of their own";
   ASSERT_TRUE(Eventually([&] { return hosts_.stats().busy == 2; }));
   hold("bob");
-  EXPECT_EQ(Send(HostRequest("/webapi/T/host", "h1", "invented")), kBusy);
-  EXPECT_EQ(Send(HostRequest("/webapi/T/host", "h2", "ann")), kOk);
+  EXPECT_EQ(Send(HostRequest("/webapi/T/long", "h1", "invented")), kBusy);
+  EXPECT_EQ(Send(HostRequest("/webapi/T/long", "h2", "ann")), kOk);
+  EXPECT_EQ(Send(HostRequest("/webapi/T/host", "h1", "ann")), kOk) << "whose long calls hang can still read";
   stuck_.gate->Open();
   for (std::thread& holder : holders) holder.join();
 }

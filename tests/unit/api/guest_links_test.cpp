@@ -5,6 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include "host/records/environment.h"
@@ -129,6 +132,39 @@ TEST(LinkWatcher, LinkWatcher_NoReaders_MakesNoQueries) {
   EXPECT_EQ(questions.begun, after);
   watcher.Get();
   EXPECT_TRUE(Eventually([&] { return questions.begun > after; }));
+}
+
+// How often the thread of that name has waited.
+long TimesWaited(const std::string& thread) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::ifstream(task.path() / "comm") >> name;
+    if (name != thread) continue;
+    std::ifstream status(task.path() / "status");
+    for (std::string word; status >> word;) {
+      long times = 0;
+      if (word == "voluntary_ctxt_switches:" && status >> times) return times;
+    }
+  }
+  return -1;
+}
+
+TEST(LinkWatcher, Get_QueryNotDue_DoesNotWakeTheThread) {
+  Questions questions;
+  LinkWatcherOptions options = questions.Options();
+  options.interval = 1h;
+  options.max_age = 1h;
+  options.idle_after = 1h;
+  LinkWatcher watcher(options);
+  watcher.Get();
+  std::this_thread::sleep_for(100ms);
+  const long before = TimesWaited("links");
+  ASSERT_GE(before, 0);
+  for (int i = 0; i < 100; ++i) {
+    watcher.Get();
+    std::this_thread::sleep_for(1ms);
+  }
+  EXPECT_LT(TimesWaited("links") - before, 10);
 }
 
 TEST(LinkWatcher, Stop_DuringQuery_WaitsForItAndReleasesReaders) {

@@ -1,4 +1,5 @@
 // What a session is bound to, and how guesses of passwords are slowed down.
+#include "tests/support/racing_store.h"
 #include "tests/unit/api/session_api_fixture.h"
 
 namespace vexa::api {
@@ -63,6 +64,71 @@ TEST_F(SessionApi, PasswordSet_OwnPassword_KeepsTheSessionThatDidIt) {
   EXPECT_EQ(CodeOf(own), 0) << "also after a restart";
   ASSERT_TRUE(host_.accounts().SetPassword("alice", "third password").ok());
   EXPECT_EQ(CodeOf(own), user_error::kNotLoggedIn) << "but not after another change";
+}
+
+// Other calls with the token come at any moment: a page makes several at a time.
+class PasswordChange : public SessionApi {
+ protected:
+  // The reply to a change of the password, with `before` just before the commit and `after` just after it.
+  Answer Change(const std::string& token, std::function<void()> before, std::function<void()> after = nullptr) {
+    const auto store = std::make_shared<test::RacingStore>(host_.store(), std::move(before), std::move(after));
+    const ApiTable table(
+        AccountRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_, sessions_.get()}));
+    Caller caller;
+    EXPECT_EQ(CodeOf(token, &caller), 0);
+    return CallTable(table, kAccount, "password_set", kParameters, caller);
+  }
+  Caller Identified(const std::string& token) {
+    http::HttpRequest request;
+    request.authorization = "Bearer " + token;
+    return std::get<Caller>(identity_->Identify(request));
+  }
+
+  static constexpr const char* kParameters = R"({"password":"second password","old_password":"correct horse"})";
+};
+
+TEST_F(PasswordChange, OwnSession_AtEveryMomentOfTheChange_IsValid) {
+  const std::string own = Login("alice");
+  const std::string other = Login("alice");
+  Caller early = Identified(own);
+  int moments = 0;
+  const auto before = [&] {
+    ++moments;
+    EXPECT_EQ(CodeOf(own), 0);
+    EXPECT_EQ(CodeOf(other), 0);
+  };
+  const auto after = [&] {
+    ++moments;
+    EXPECT_EQ(CodeOf(own), 0);
+    EXPECT_EQ(identity_->LookUpCaller(early), 0) << "a call that was identified before the change";
+    EXPECT_EQ(List(own, "{}"), Ids{Id(own)});
+    EXPECT_EQ(CodeOf(other), user_error::kNotLoggedIn);
+  };
+  Caller late = Identified(own);
+  EXPECT_EQ(Change(own, before, after).code, 0);
+  EXPECT_EQ(moments, 2);
+  EXPECT_EQ(CodeOf(own), 0);
+  EXPECT_EQ(identity_->LookUpCaller(late), 0) << "its stamp is that of before the change";
+  EXPECT_EQ(CodeOf(other), user_error::kNotLoggedIn);
+}
+
+TEST_F(PasswordChange, SecondOneOfTheSameSessionMeanwhile_IsRefusedAsBusy) {
+  const std::string own = Login("alice");
+  const Answer first =
+      Change(own, [&] { EXPECT_EQ(CallWith(own, kAccount, "password_set", kParameters).code, user_error::kHostBusy); });
+  EXPECT_EQ(first.code, 0);
+  EXPECT_EQ(CodeOf(own), 0);
+  const char* next = R"({"password":"third password","old_password":"second password"})";
+  EXPECT_EQ(CallWith(own, kAccount, "password_set", next).code, 0) << "one after the other";
+  EXPECT_EQ(CodeOf(own), 0);
+}
+
+TEST_F(PasswordChange, SomebodyElseWasQuicker_SessionEndsAndAcceptsNothing) {
+  const std::string own = Login("alice");
+  const auto quicker = [&] { ASSERT_TRUE(host_.accounts().SetPassword("alice", "set by another").ok()); };
+  EXPECT_EQ(Change(own, quicker).code, user_error::kWrongOldPassword);
+  EXPECT_EQ(CodeOf(own), user_error::kNotLoggedIn);
+  EXPECT_TRUE(sessions_->AcceptStamp(own, "x").ok()) << "the change has ended";
 }
 
 TEST_F(SessionApi, PasswordSet_ByAdministrator_EndsAllSessionsOfTheUserOnly) {

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -217,6 +218,48 @@ TEST_F(Files, CreateDirectories_FileInPath_IsConflict) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "x", 0600).ok());
   EXPECT_EQ(CreateDirectories(Path("f"), 0700).error().code(), ErrorCode::kConflict);
   EXPECT_EQ(CreateDirectories(Path("f/a/b"), 0700).error().code(), ErrorCode::kConflict);
+}
+
+// Whether `check` is true for a user who is not root.
+bool IsTrueForOthers(const std::function<bool()>& check) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    constexpr uid_t kOther = 65534;
+    if (::geteuid() == 0 && ::setuid(kOther) != 0) ::_exit(2);
+    ::_exit(check() ? 0 : 3);
+  }
+  int status = 0;
+  return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Its name might be lost in a power failure, so there is no folder rather than one that is not durable.
+TEST_F(Files, CreateDirectories_ParentCannotBeSynced_LeavesNoFolder) {
+  fs::create_directory(Path("unreadable"));
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
+  ASSERT_EQ(::chmod(Path("unreadable").c_str(), 0333), 0);
+  EXPECT_TRUE(IsTrueForOthers([&] {
+    const Status made = CreateDirectories(Path("unreadable/new"), 0700);
+    return !made && made.error().ToString() == "Cannot sync the folder '" + Path("unreadable") + "': Permission denied";
+  }));
+  EXPECT_FALSE(fs::exists(Path("unreadable/new")));
+  ::chmod(Path("unreadable").c_str(), 0700);
+}
+
+TEST_F(Files, SyncFolderAndParent_FolderThatIsMissing_Fails) {
+  EXPECT_TRUE(SyncFolderAndParent(folder_.path()));
+  const Status synced = SyncFolderAndParent(Path("missing"));
+  ASSERT_FALSE(synced);
+  EXPECT_EQ(synced.error().ToString(), "Cannot sync the folder '" + Path("missing") + "': No such file or directory");
+}
+
+// It existed before, with the name that the caller has found.
+TEST_F(Files, SyncFolderAndParent_ParentCannotBeRead_IsLeftOut) {
+  fs::create_directories(Path("unreadable/folder"));
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
+  ASSERT_EQ(::chmod(Path("unreadable/folder").c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(Path("unreadable").c_str(), 0311), 0);
+  EXPECT_TRUE(IsTrueForOthers([&] { return SyncFolderAndParent(Path("unreadable/folder")).ok(); }));
+  ::chmod(Path("unreadable").c_str(), 0700);
 }
 
 TEST_F(Files, CreateDirectories_EmptyPath_Fails) { EXPECT_FALSE(CreateDirectories("", 0700).ok()); }

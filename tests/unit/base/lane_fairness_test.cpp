@@ -106,6 +106,28 @@ TEST(LaneFairness, UserWhoseJobsAreStuck_GetsMoreThreads) {
   EXPECT_EQ(lane.stats().done, 7u);
 }
 
+// The monitor has nothing left to do while the user has as many running jobs as allowed, and is needed again when one
+// of them ends.
+TEST(LaneFairness, OneOfStuckJobsEnds_NextOneStarts) {
+  GateOpener first;
+  GateOpener second;
+  LaneOptions options = Options();
+  options.limits.active_per_user = 1;
+  options.limits.running_per_user = 2;
+  options.grow_after = milliseconds(5);
+  Lane lane(options);
+  std::promise<void> ran;
+  ASSERT_EQ(lane.Submit({"ann"}, first.job()), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({"ann"}, second.job()), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({"ann"}, [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  ASSERT_TRUE(Eventually([&] { return first.gate->waiting() == 1 && second.gate->waiting() == 1; }));
+  std::this_thread::sleep_for(milliseconds(50));  // until the monitor waits without a timeout
+  first.gate->Open();
+  EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
+  second.gate->Open();
+  EXPECT_TRUE(lane.Stop(kTimeout));
+}
+
 TEST(LaneFairness, UserWhoseJobsEnd_KeepsToFewThreads) {
   LaneOptions options = Options();
   options.min_threads = 4;

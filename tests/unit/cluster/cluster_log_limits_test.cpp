@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "host/base/json_parse.h"
+#include "host/cluster/log_state.h"
 #include "json/readers.h"
 #include "tests/unit/cluster/cluster_log_fixture.h"
 
@@ -18,6 +19,15 @@ class ClusterLogLimits : public ClusterLogTest {
 
   // A full log of an older version.
   void FillUp() { Fill(kNow, kFull); }
+
+  void AddAs(const std::string& host_id, std::int64_t time_us, const std::string& text) {
+    AddEntry({time_us, host_id, "eve", CLOG_PRIORITY_SUCCESS, text, ""});
+  }
+
+  // The count in the first record below `prefix`.
+  std::size_t CountIn(const std::string& prefix) {
+    return json::UInt64(json::Member(Require(ParseJson(StoredBelow(prefix)[0].second)), "count"));
+  }
 
   // From many threads, so that entries share commits.
   void Flood(const std::string& user, int count, int priority = CLOG_PRIORITY_SUCCESS) {
@@ -122,6 +132,39 @@ TEST_F(ClusterLogLimits, Add_OneEntryDatedYearsAhead_NeitherRemovesNorHidesOther
   EXPECT_EQ(All().back().time_us, kNow + 219);
 }
 
+TEST_F(ClusterLogLimits, Add_ManyEntriesOfOneHostDatedYearsAhead_RemoveAndHideNoneOfOthers) {
+  for (int i = 0; i < 10; ++i) AddAs("h1", kNow + i, "of h1");
+  for (int i = 0; i < 10; ++i) AddAs("h3", kNow + 20 + i, "of h3");
+  const std::int64_t seen = All().back().position;
+  for (int i = 0; i < 40; ++i) AddAs("h2", kNow + 10 * kYearUs + i, "ahead");
+  AddAs("h1", kNow + 50, "of h1");
+  for (int i = 0; i < 40; ++i) AddAs("h2", kNow + 11 * kYearUs + i, "ahead");
+  EXPECT_EQ(std::ranges::count(All(), "of h1", &LogEntry::text), 11);
+  EXPECT_EQ(std::ranges::count(All(), "of h3", &LogEntry::text), 10);
+  EXPECT_EQ(Require(ReadLogAfter(seen, 100)).size(), 81u);
+}
+
+// Its bookkeeping did not say whose the times were.
+TEST_F(ClusterLogLimits, Add_OneHostDatedYearsAheadAfterAnUpgrade_RemovesNoneOfOthers) {
+  Fill(kNow, 20);
+  Json::Value state(Json::objectValue);
+  state["count"] = 20;
+  state["last"] = Json::Int64{kNow + 19};
+  for (int i = 0; i < 16; ++i) state["times"].append(Json::Int64{kNow + 10 * kYearUs});
+  PutRaw("/log_state", json::ToText(state));
+  for (int i = 0; i < 40; ++i) AddAs("h2", kNow + 10 * kYearUs + i, "ahead");
+  EXPECT_EQ(std::ranges::count(All(), "old", &LogEntry::text), 20);
+}
+
+TEST_F(ClusterLogLimits, Add_TwoHostsAYearLater_RemoveOldEntries) {
+  for (int i = 0; i < 4; ++i) AddAs("h3", kNow + i, "of h3");
+  for (int i = 0; i < 16; ++i) AddAs("h1", kNow + 2 * kYearUs + i, "of h1");
+  EXPECT_EQ(std::ranges::count(All(), "of h3", &LogEntry::text), 4);
+  for (int i = 0; i < 16; ++i) AddAs("h2", kNow + 2 * kYearUs + 20 + i, "of h2");
+  EXPECT_EQ(std::ranges::count(All(), "of h3", &LogEntry::text), 0);
+  EXPECT_EQ(All().size(), 32u);
+}
+
 // An entry of an older version, whose key is its time.
 TEST_F(ClusterLogLimits, Add_OldEntryDatedYearsAhead_DoesNotHideNewOnes) {
   Fill(kNow, 3);
@@ -180,6 +223,50 @@ TEST_F(ClusterLogLimits, Refusals_FirstOneWasTrimmed_StartAgain) {
 
 // Bookkeeping.
 
+TEST_F(ClusterLogLimits, Bookkeeping_CountsDiffer_AreRecountedAfterSomeEntries) {
+  for (int i = 0; i < 3; ++i) Add(kNow + i, "x", "alice");
+  for (const char* key : {"/log_state", "/log_user"}) {
+    const auto [name, text] = StoredBelow(key).front();
+    Json::Value record = Require(ParseJson(text));
+    record["count"] = 9'999;
+    PutRaw(name, json::ToText(record));
+  }
+  for (int i = 0; i < static_cast<int>(kRecountAfter); ++i) Add(kNow + 100 + i, "x", "alice");
+  const std::size_t entries = Stored().size();
+  EXPECT_GE(entries, 4u);
+  EXPECT_EQ(CountIn("/log_state"), entries);
+  EXPECT_EQ(CountIn("/log_user"), entries);
+  for (int i = 0; i < 20; ++i) Add(kNow + 1'000 + i, "x", "alice");
+  EXPECT_EQ(Stored().size(), entries + 20) << "alice has room again";
+}
+
+TEST_F(ClusterLogLimits, Bookkeeping_UserWithAShareHasNoEntries_OthersMakeRoom) {
+  FillUp();
+  Add(kNow + 20'000, "x", "alice");
+  const auto kept = StoredBelow("/log_user");
+  ASSERT_EQ(kept.size(), 2u) << "alice's record, and the one for her entry";
+  PutRaw(kept[0].first, R"({"count":1000})");
+  (void)Require(host_.store().Commit({{}, {{kept[1].first, std::nullopt}}}));
+  Add(kNow + 20'001, "y", "alice");
+  EXPECT_EQ(Stored().size(), kMaxLogEntries);
+  EXPECT_EQ(CountOf("alice"), 2);
+  EXPECT_EQ(CountIn("/log_user"), 1u);
+}
+
+TEST_F(ClusterLogLimits, Bookkeeping_TooLong_IsCut) {
+  Refuse(kNow, "a");
+  for (const auto& [key, list] : {std::pair{"/log_state", "times"}, {"/log_user", "refusals"}}) {
+    const auto [name, text] = StoredBelow(key).front();
+    Json::Value record = Require(ParseJson(text));
+    const Json::Value one = record[list][0];
+    for (int i = 0; i < 1'000; ++i) record[list].append(one);
+    PutRaw(name, json::ToText(record));
+  }
+  Refuse(kNow + 1, "b");
+  EXPECT_EQ(Require(ParseJson(StoredBelow("/log_state")[0].second))["times"].size(), 16u);
+  EXPECT_EQ(Require(ParseJson(StoredBelow("/log_user")[0].second))["refusals"].size(), 16u);
+}
+
 TEST_F(ClusterLogLimits, Bookkeeping_AllEntriesOfAUserTrimmed_IsRemoved) {
   Add(kNow, "x", "alice");
   Fill(kNow + 1, kFull - 1);
@@ -201,8 +288,7 @@ TEST_F(ClusterLogLimits, Bookkeeping_Damaged_IsDerivedFromTheEntries) {
     const auto state = Require(ParseJson(StoredBelow("/log_state")[0].second));
     EXPECT_EQ(json::Int64(json::Member(state, "last")), All().back().position) << damaged;
   }
-  EXPECT_EQ(json::UInt64(json::Member(Require(ParseJson(StoredBelow("/log_state")[0].second)), "count")), 2u)
-      << "as the state before said one";
+  EXPECT_EQ(CountIn("/log_state"), Stored().size());
 }
 
 }  // namespace

@@ -78,6 +78,20 @@ TEST_F(HostClaims, Take_RestartOnSameMachine_TakesNextNumberImmediately) {
   EXPECT_EQ(*first->ReadClaimState(), ClaimState::kLost);
 }
 
+// Commits may have to wait long, and the store cannot reuse space meanwhile.
+TEST_F(HostClaims, Commits_OfEveryKind_HaveNoSnapshotOpen) {
+  const auto used = [this] { return host_.store().TakeSnapshotUse(); };
+  (void)used();
+  const auto claim = Require(Take(Original()));
+  EXPECT_EQ(used(), (test::SnapshotUse{1, 0, 0}));
+  EXPECT_TRUE(claim->Check());
+  EXPECT_EQ(used(), (test::SnapshotUse{1, 0, 0}));
+  EXPECT_TRUE(claim->Renew());
+  EXPECT_EQ(used(), (test::SnapshotUse{1, 0, 0}));
+  EXPECT_TRUE(claim->Release());
+  EXPECT_EQ(used(), (test::SnapshotUse{1, 0, 0}));
+}
+
 TEST_F(HostClaims, Take_CommitFails_KeepsExistingClaim) {
   (void)Require(Take(Original()));
   host_.store().FailCommits();

@@ -75,5 +75,46 @@ TEST_F(Revocation, OtherHostLivesHoursBehind_IsRefused) {
   EXPECT_TRUE(Accepts(system_clock::now() - hours(1))) << "nothing has been revoked";
 }
 
+TEST_F(Revocation, ClockIsALittleBehind_RefusesWhatExists) {
+  const auto heartbeat = std::chrono::floor<std::chrono::seconds>(system_clock::now()) + std::chrono::minutes(30);
+  PutHeartbeat(kOther, heartbeat);
+  ASSERT_TRUE(Revoke(std::chrono::seconds(30)).ok());
+  EXPECT_FALSE(Accepts(heartbeat)) << "made in the second of the heartbeat";
+  EXPECT_TRUE(Accepts(heartbeat + std::chrono::seconds(1)));
+}
+
+TEST_F(Revocation, ClockIsBehindTheOneThatIssued_RefusesWhatTheHostUses) {
+  PutHeartbeat(kOther, system_clock::now());
+  const auto issued = std::chrono::floor<std::chrono::seconds>(system_clock::now()) + std::chrono::minutes(50);
+  Put(store::MakeKey({"dash", "host", kOther, "object"}),
+      R"({"certificate":{"issued":)" + std::to_string(system_clock::to_time_t(issued)) + "}}");
+  ASSERT_TRUE(Revoke(std::chrono::seconds(30)).ok());
+  EXPECT_FALSE(Accepts(issued));
+  EXPECT_TRUE(Accepts(issued + std::chrono::seconds(1)));
+}
+
+TEST_F(Revocation, DamagedOrImpossibleRecord_IsRevokedByTheClock) {
+  for (const char* record : {"damaged", "[]", R"({"certificate":{"issued":"x"}})", R"({"certificate":{"issued":-5}})",
+                             R"({"certificate":{"issued":9223372036854775807}})"}) {
+    PutHeartbeat(kOther, system_clock::now());
+    Put(store::MakeKey({"dash", "host", kOther, "object"}), record);
+    const auto issued_before = std::chrono::floor<std::chrono::seconds>(system_clock::now());
+    ASSERT_TRUE(Revoke(std::chrono::seconds(30)).ok()) << record;
+    EXPECT_FALSE(Accepts(issued_before)) << record;
+  }
+}
+
+// Otherwise certificates that exist would look as if they were made after the revocation.
+TEST_F(Revocation, ClockIsHoursBehind_IsRefused) {
+  PutHeartbeat(kOther, system_clock::now() + hours(2));
+  const Status done = Revoke(std::chrono::seconds(30));
+  ASSERT_FALSE(done.ok());
+  EXPECT_EQ(done.error().code(), ErrorCode::kDenied);
+  EXPECT_EQ(done.error().ToString(),
+            "The clock of this host is more than an hour behind the last heartbeat of the host '" +
+                std::string(kOther) + "'. Set the clock that is wrong, or remove that host if it is gone for good");
+  EXPECT_TRUE(Accepts(system_clock::now() - hours(1))) << "nothing has been revoked";
+}
+
 }  // namespace
 }  // namespace vexa::cluster

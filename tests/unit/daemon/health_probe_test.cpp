@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
@@ -96,6 +97,24 @@ class StoreCheck : public testing::Test {
   test::TempDir folder_;
   std::shared_ptr<test::FaultyStore> store_;
 };
+
+// No heartbeat could arrive meanwhile, so they have their time again.
+TEST_F(StoreCheck, StoreWorksAgain_HeartbeatsAreNotReportedYet) {
+  constexpr milliseconds kTime{5'000};
+  const auto check = MakeStoreCheck(store_, "h1", kTime);
+  WriteHeartbeat();
+  const auto written = std::chrono::steady_clock::now();
+  ASSERT_EQ(check(), "");
+  store_->ReportHealth(store::Health::kInaccessible);
+  while (std::chrono::steady_clock::now() <= written + 2 * kTime) {
+    ASSERT_EQ(check(), "the database cannot be read");
+    std::this_thread::sleep_for(milliseconds(100));
+  }
+  EXPECT_EQ(check(), "the database cannot be read");
+  store_->Heal();
+  EXPECT_EQ(check(), "");
+  EXPECT_TRUE(Eventually([&] { return check() == "the heartbeats of this host do not reach the database"; }));
+}
 
 TEST_F(StoreCheck, StoreThatFails_IsAProblem) {
   const auto check = MakeStoreCheck(store_, "h1", kNever);

@@ -5,6 +5,8 @@
 #include <syslog.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
 #include <mutex>
 
 #include "host/base/files.h"
@@ -83,6 +85,13 @@ class Certificate : public testing::Test {
     options.check_interval = std::chrono::milliseconds(10);
     return options;
   }
+  static int LinesWith(const std::string& text) {
+    int lines = 0;
+    for (const test::SyslogLine& line : test::CapturedSyslog()) {
+      lines += line.text.find(text) == std::string::npos ? 0 : 1;
+    }
+    return lines;
+  }
   std::string Chosen() { return HostCertificate(Options()).files().certificate; }
   std::vector<std::string> used() {
     const std::lock_guard lock(mutex_);
@@ -139,6 +148,34 @@ TEST_F(Certificate, Due_IsRenewedAndUsed) {
   EXPECT_EQ(Chosen(), folder_.File("renewed.pem")) << "also after a restart";
 }
 
+TEST_F(Certificate, Due_ConfiguredOneIsBroken_IsRenewed) {
+  const std::function<void()> damages[] = {[this] { Write("host.pem", "junk", 0644); },
+                                           [this] { Write("host.key", "junk", 0600); },
+                                           [this] { std::filesystem::remove(folder_.File("host.pem")); }};
+  for (const auto& damage : damages) {
+    Configure(Make({kNow - 25 * kDay}));
+    damage();
+    PutRenewed(Make({kNow - 21 * kDay}));
+    HostCertificate certificate(Options());
+    const auto before = certificate.times();
+    ASSERT_EQ(certificate.files().certificate, folder_.File("renewed.pem"));
+    certificate.Start();
+    EXPECT_TRUE(test::Eventually([&] { return certificate.times().not_before > before.not_before; }));
+  }
+}
+
+TEST_F(Certificate, Due_AuthorityIsBroken_NothingIsSigned) {
+  Configure(Make({kNow - 21 * kDay}));
+  HostCertificate certificate(Options());
+  Write("authority.pem", "junk", 0644);
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] {
+    return test::SyslogContains("could not be renewed: The authority's certificate cannot be read: Cannot use '" +
+                                folder_.File("authority.pem") + "': it does not contain a certificate. 'vexa cluster");
+  }));
+  EXPECT_EQ(requests_, 0);
+}
+
 TEST_F(Certificate, NotDue_IsNotRenewed_AndAReplacedOneIsUsed) {
   Configure(Make({kNow - kDay}));
   HostCertificate certificate(Options());
@@ -180,11 +217,36 @@ TEST_F(Certificate, RenewalFails_IsLoggedOnceADay_AndRepeated) {
   HostCertificate certificate(Options());
   certificate.Start();
   EXPECT_TRUE(test::Eventually([&] { return requests_ >= 2; })) << "after a pause";
-  int lines = 0;
-  for (const test::SyslogLine& line : test::CapturedSyslog()) {
-    lines += line.text.find("could not be renewed: no reply") == std::string::npos ? 0 : 1;
-  }
-  EXPECT_EQ(lines, 1);
+  EXPECT_EQ(LinesWith("could not be renewed: no reply"), 1);
+}
+
+TEST_F(Certificate, RenewalFails_ForAnotherReason_IsLoggedImmediately) {
+  Configure(Make({kNow - 21 * kDay}));
+  HostCertificateOptions options = Options();
+  options.first_pause = std::chrono::milliseconds(1);
+  options.sign = [this](const std::string&) -> Result<std::string> {
+    return Error(ErrorCode::kUnavailable, ++requests_ % 2 == 1 ? "no reply" : "the file cannot be read");
+  };
+  HostCertificate certificate(std::move(options));
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] { return requests_ >= 5; }));
+  certificate.Stop();
+  EXPECT_EQ(LinesWith(" and could not be renewed: no reply. 'vexa cluster certificate --replace' makes a new one."), 1);
+  EXPECT_EQ(LinesWith("could not be renewed: the file cannot be read."), 1);
+}
+
+TEST_F(Certificate, RenewalFails_ForManyReasons_TenAreLogged) {
+  Configure(Make({kNow - 21 * kDay}));
+  HostCertificateOptions options = Options();
+  options.first_pause = std::chrono::milliseconds(1);
+  options.sign = [this](const std::string&) -> Result<std::string> {
+    return Error(ErrorCode::kUnavailable, "reason " + std::to_string(++requests_));
+  };
+  HostCertificate certificate(std::move(options));
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] { return requests_ >= 12; }));
+  certificate.Stop();
+  EXPECT_EQ(LinesWith("could not be renewed: reason "), 10);
 }
 
 TEST_F(Certificate, NeitherCanBeUsed_EachIsLoggedOnce) {
@@ -195,11 +257,7 @@ TEST_F(Certificate, NeitherCanBeUsed_EachIsLoggedOnce) {
   certificate.Start();
   EXPECT_TRUE(test::Eventually([&] { return requests_ >= 2; })) << "many checks later";
   for (const char* file : {"host.pem'", "renewed.pem'"}) {
-    int lines = 0;
-    for (const test::SyslogLine& line : test::CapturedSyslog()) {
-      lines += line.text.find(std::string(file) + " cannot be used") == std::string::npos ? 0 : 1;
-    }
-    EXPECT_EQ(lines, 1) << file;
+    EXPECT_EQ(LinesWith(std::string(file) + " cannot be used"), 1) << file;
   }
 }
 

@@ -152,6 +152,21 @@ TEST_F(CheckedFilesOf, Open_NoRights_DependsOnOptions) {
   EXPECT_TRUE(accepted->Compare({HeldFile{"/proc/1/root/image", S_IFREG | 0600, 1, 2, 0, 0}}));
 }
 
+TEST_F(CheckedFilesOf, Compare_UnreadableImageThatCanBeFound_IsComparedByNumber) {
+  if (::getuid() != 0) GTEST_SKIP() << "only root can read what it could not read before";
+  const std::string path = File("image");
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  options_.if_unreadable = IfUnreadable::kAccept;
+  ASSERT_EQ(::setresuid(static_cast<uid_t>(-1), 65534, static_cast<uid_t>(-1)), 0);
+  const auto files = Open(Domain(Disk(path, "raw")));
+  ASSERT_EQ(::setresuid(static_cast<uid_t>(-1), ::getuid(), static_cast<uid_t>(-1)), 0);
+  ASSERT_TRUE(files) << files.error().ToString();
+  ASSERT_THAT(files->unreadable(), ElementsAre(path));
+  EXPECT_TRUE(files->Compare({HeldFile{"/elsewhere", S_IFREG | 0600, info.st_dev, info.st_ino, 0, 0}}));
+  EXPECT_FALSE(files->Compare({HeldFile{path, S_IFREG | 0600, info.st_dev, info.st_ino + 1, 0, 0}}));
+}
+
 TEST_F(CheckedFilesOf, Compare_FirmwareChosenByLibvirt_Agrees) {
   const std::string variables = File("VARS.fd");
   Hold(variables);

@@ -19,6 +19,8 @@
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
+#include "tests/support/racing_store.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -288,6 +290,21 @@ TEST_F(GuestControlTest, Maintenance_EndWithoutEvent_IsDetected) {
   ExpectNoRun();
 }
 
+TEST_F(GuestControlTest, Reconcile_GuestRunsHereUnderAnotherHostsRun_IsLoggedAndLeavesTheRun) {
+  test::ClearCapturedSyslog();
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  RunRecord run = *RunOf();
+  run.host_id = "host-2";
+  PutRun(run);
+  const test::FailingStops stops({VIR_ERR_OPERATION_FAILED, "it does not stop"});
+  EXPECT_FALSE(control_->Fence(kGuest));  // reconciles the guest, which still runs
+  EXPECT_TRUE(test::SyslogContains(std::string("The guest ") + kGuest +
+                                   " could not be reconciled. This is retried: It runs here, but its run record names "
+                                   "the host 'host-2'"));
+  EXPECT_EQ(RunOf()->host_id, "host-2");
+}
+
 TEST_F(GuestControlTest, SetHost_GuestOff_ChangesRecordOnly) {
   Start();
   EXPECT_DONE(control_->SetHost(kGuest, "host-2"));
@@ -305,6 +322,21 @@ TEST_F(GuestControlTest, SetHost_NotPossible_IsRefused) {
   EXPECT_REFUSED(control_->SetHost(kOther, "host-2"), 403, "");
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, HostId());
+}
+
+TEST_F(GuestControlTest, SetHost_GuestStartedMeanwhile_IsRefusedByWhatThePlanHasRead) {
+  const auto store = std::make_shared<test::RacingStore>(host_.store());
+  GuestControlOptions options = Options();
+  options.store = store;
+  Start(std::move(options));
+  store->SetBeforeCommit([this] {
+    RunRecord run = RunHere();
+    run.host_id = "host-2";
+    PutRun(run);
+  });
+  (void)host_.store().TakeSnapshotUse();
+  EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, "The guest may be running on the host 'host-2'");
+  EXPECT_EQ(host_.store().TakeSnapshotUse(), (test::SnapshotUse{3, 0, 0})) << "a check, and two plans";
 }
 
 TEST_F(GuestControlTest, SecondAction_DuringFirst_IsBusyWithUserAndTime) {

@@ -73,6 +73,24 @@ TEST_F(GuestDeletion, Delete_Guest_RemovesOnlyItsRecordsAndFiles) {
   EXPECT_THAT(Warnings(), testing::IsEmpty());
 }
 
+// A plan and its refusal are of one state, and nothing is pinned while a commit waits.
+TEST_F(GuestDeletion, Delete_DoneOrRefused_NeverHasTwoSnapshotsOpenNorOneAtACommit) {
+  PutBoth(environment_, *store_);
+  records::Run run;
+  run.host_id = "host-2";
+  ASSERT_TRUE(store_->Commit({{}, {{records::RunKey(kGuest), records::SerializeRun(run)}}}));
+  (void)store_->TakeSnapshotUse();
+  EXPECT_FALSE(Delete().ok());
+  SnapshotUse use = store_->TakeSnapshotUse();
+  EXPECT_EQ(use, (SnapshotUse{1, 0, 0}));
+  ASSERT_TRUE(store_->Commit({{}, {{records::RunKey(kGuest), std::nullopt}}}));
+  EXPECT_TRUE(Delete().ok());
+  use = store_->TakeSnapshotUse();
+  EXPECT_GT(use.taken, 0);
+  use.taken = 0;
+  EXPECT_EQ(use, SnapshotUse());
+}
+
 TEST_F(GuestDeletion, Steps_Names_AreUniqueAndInDocumentedOrder) {
   PutBoth(environment_, *store_);
   std::vector<std::string> steps;

@@ -1,8 +1,6 @@
 // The files of guests at their start. Guests run on libvirt's test driver, but unlike in test mode the host expects
 // them to have files; a program with QEMU's name takes QEMU's part.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,6 +10,7 @@
 
 #include "host/base/uuid.h"
 #include "host/hypervisor/driver_uri.h"
+#include "tests/support/fake_qemu.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/support/matchers.h"
 #include "tests/support/qcow2_image.h"
@@ -25,36 +24,6 @@ namespace fs = std::filesystem;
 
 constexpr char kDisk[] = "d1b2c3d4-0000-4000-8000-000000000001";
 
-// A process with a file open, whose command line is like that of the guest's QEMU.
-class FakeQemu {
- public:
-  FakeQemu(const std::string& guest_id, const std::string& path) {
-    int ready[2];
-    EXPECT_EQ(::pipe(ready), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(ready[1], STDOUT_FILENO);
-      ::close_range(STDERR_FILENO + 1, ~0U, 0);
-      ::execl("/bin/sh", "qemu-fake", "-c", "exec 7<\"$2\"; echo ready; exec 1>&-; kill -STOP $$", "-uuid",
-              guest_id.c_str(), path.c_str(), nullptr);
-      ::_exit(127);
-    }
-    ::close(ready[1]);
-    char answer[8];
-    EXPECT_EQ(::read(ready[0], answer, sizeof answer), 6);
-    ::close(ready[0]);
-  }
-  ~FakeQemu() {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  FakeQemu(const FakeQemu&) = delete;
-  FakeQemu& operator=(const FakeQemu&) = delete;
-
- private:
-  pid_t pid_ = 0;
-};
-
 class GuestFiles : public GuestControlTest {
  protected:
   void SetUp() override {
@@ -65,6 +34,7 @@ class GuestFiles : public GuestControlTest {
     options.hypervisor.mode = "test://" + node;
     options.before_step = [this](std::string_view step) {
       if (step == "poweron: files checked" && before_open_) before_open_();
+      if (step == "poweron: started" && after_start_) after_start_();
     };
     Start(std::move(options));
   }
@@ -86,8 +56,29 @@ class GuestFiles : public GuestControlTest {
   void OpenInstead(const std::string& path, const std::function<void()>& fault = nullptr) {
     before_open_ = [this, path, fault] {
       if (fault) fault();
-      qemu_ = std::make_unique<FakeQemu>(id_, path);
+      qemu_ = std::make_unique<test::FakeQemu>(id_, path, host_.folder().path());
     };
+  }
+  void ReplaceByLinkBeforeOpen(const std::string& path) {
+    const std::string victim = File("victim", "secret");
+    OpenInstead(path, [path, victim] {
+      fs::remove(path);
+      fs::create_symlink(victim, path);
+    });
+  }
+  // The guest's memory is saved, and something replaces its disk before a QEMU that restores it opens the disk.
+  void SaveAndReplaceDisk() {
+    const std::string path = File("a");
+    PutGuestWithDisk(path);
+    OpenInstead(path);
+    ASSERT_NO_FATAL_FAILURE(StartAndSave());
+    ReplaceByLinkBeforeOpen(path);
+  }
+  void StartAndSave() {
+    EXPECT_DONE(control_->PowerOn(id_, kAlice));
+    qemu_.reset();
+    ASSERT_TRUE(test::SaveAsUser(id_));
+    ExpectState(states::saved, id_);
   }
   void ExpectOff() {
     EXPECT_EQ(State(id_), states::shutdown);
@@ -102,7 +93,8 @@ class GuestFiles : public GuestControlTest {
   // No other test that runs now has a guest with this id.
   const std::string id_ = test::Require(RandomUuid());
   std::function<void()> before_open_;
-  std::unique_ptr<FakeQemu> qemu_;
+  std::function<void()> after_start_;
+  std::unique_ptr<test::FakeQemu> qemu_;
 };
 
 TEST_F(GuestFiles, PowerOn_ImageNamesOtherFile_IsRefused) {
@@ -128,26 +120,30 @@ TEST_F(GuestFiles, PowerOn_DiskOrDriveIsLink_IsRefused) {
   ExpectOff();
 }
 
-TEST_F(GuestFiles, PowerOn_ProcessNotFound_StartsAndLogsOnce) {
+TEST_F(GuestFiles, PowerOn_ProcessNotFound_StartsAndLogsEachTime) {
   PutGuestWithDisk(File("a"));
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 1; i <= 2; ++i) {
     EXPECT_DONE(control_->PowerOn(id_, kAlice));
     EXPECT_DONE(control_->PowerOff(id_, kAlice));
+    EXPECT_EQ(CountLines("The files that the guest " + id_ + " has open cannot be compared with the checked ones: "),
+              i);
   }
-  EXPECT_EQ(CountLines("The files that guests have open cannot be compared"), 1);
 }
 
 // libvirt may open images that this service may not even look up.
-TEST_F(GuestFiles, PowerOn_ImageUnreadable_StartsAndLogsOnce) {
-  PutGuest(id_, "web-3", Parsed(R"({"iso_images":["/proc/1/root/a.iso"]})"));
-  for (int i = 0; i < 2; ++i) {
+TEST_F(GuestFiles, PowerOn_ImagesUnreadable_StartsAndLogsOneLineEachTime) {
+  PutGuest(id_, "web-3", Parsed(R"({"iso_images":["/proc/1/root/a.iso","/proc/1/root/b.iso"]})"));
+  for (int i = 1; i <= 2; ++i) {
     ASSERT_EQ(::seteuid(::getuid() == 0 ? 65534 : ::getuid()), 0);
     const auto started = control_->PowerOn(id_, kAlice);
     ASSERT_EQ(::seteuid(::getuid()), 0);
     EXPECT_TRUE(started.ok()) << started.error().reason;
     EXPECT_DONE(control_->PowerOff(id_, kAlice));
+    EXPECT_EQ(CountLines("The guest " + id_ +
+                         " is started with images that this service may not read, so it cannot "
+                         "check whether they name other files: '/proc/1/root/a.iso' and 1 more"),
+              i);
   }
-  EXPECT_EQ(CountLines("This service may not read the image '/proc/1/root/a.iso'"), 1);
 }
 
 TEST_F(GuestFiles, PowerOn_QemuHasCheckedFiles_Starts) {
@@ -160,13 +156,9 @@ TEST_F(GuestFiles, PowerOn_QemuHasCheckedFiles_Starts) {
 }
 
 TEST_F(GuestFiles, PowerOn_DiskReplacedBeforeOpen_EndsGuest) {
-  const std::string victim = File("victim", "secret");
   const std::string path = File("a");
   PutGuestWithDisk(path);
-  OpenInstead(path, [&] {
-    fs::remove(path);
-    fs::create_symlink(victim, path);
-  });
+  ReplaceByLinkBeforeOpen(path);
   EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest was ended");
   ExpectOff();
   EXPECT_EQ(CountLines("The guest " + id_ + " was ended right after its start: QEMU does not have the file '" + path),
@@ -179,6 +171,81 @@ TEST_F(GuestFiles, PowerOn_QemuHasAnotherFile_EndsGuest) {
   OpenInstead(other);
   EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "QEMU has opened '" + other + "'");
   ExpectOff();
+}
+
+// Anybody can start a program with a guest's id among its arguments, and open files with it.
+TEST_F(GuestFiles, PowerOn_OtherUserHasProcessWithGuestsId_OnlyQemuCounts) {
+  if (::getuid() != 0) GTEST_SKIP() << "only root can start a process of another user";
+  constexpr uid_t kNobody = 65534;
+  const std::string path = File("a");
+  const std::string other = File("other");
+  PutGuestWithDisk(path);
+  std::unique_ptr<test::FakeQemu> fake;
+  OpenInstead(path, [&] {
+    fake = std::make_unique<test::FakeQemu>(id_, other, host_.folder().path(), test::FakeQemu::Program::kQemu, kNobody);
+  });
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_DONE(control_->PowerOff(id_, kAlice));
+  qemu_.reset();
+  // It does not stand in for QEMU either.
+  OpenInstead(other, [&] {
+    fake = std::make_unique<test::FakeQemu>(id_, path, host_.folder().path(), test::FakeQemu::Program::kQemu, kNobody);
+  });
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "QEMU does not have the file '" + path);
+  ExpectOff();
+}
+
+TEST_F(GuestFiles, PowerOn_SavedGuestsDiskIsLink_IsRefusedAndMemoryKept) {
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path);
+  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  fs::rename(path, path + ".away");
+  fs::create_symlink(path + ".away", path);
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
+                 "is a symbolic link. Name the file itself. The guest's saved "
+                 "memory was kept");
+  EXPECT_EQ(State(id_), states::saved);
+  fs::rename(path + ".away", path);
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_EQ(State(id_), states::running);
+}
+
+TEST_F(GuestFiles, PowerOn_SavedGuestsDiskReplacedBeforeOpen_IsSavedAgain) {
+  ASSERT_NO_FATAL_FAILURE(SaveAndReplaceDisk());
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest's memory was saved again");
+  EXPECT_EQ(State(id_), states::saved);
+  EXPECT_TRUE(RunOf(id_)->saved);
+  EXPECT_EQ(CountLines("The guest " + id_ +
+                       " was saved again right after it was restored, before it ran: QEMU does "
+                       "not have the file"),
+            1);
+}
+
+TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeSavedAgain_StaysAndIsReported) {
+  ASSERT_NO_FATAL_FAILURE(SaveAndReplaceDisk());
+  const test::FailingSaves failing({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+  after_start_ = [&] { test::PauseAsUser(id_); };  // the test driver cannot start a guest paused
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
+                 "The guest stays paused, because its memory could not be saved again: Cannot save the memory");
+  EXPECT_EQ(State(id_), states::freeze);
+  EXPECT_EQ(CountLines("The guest " + id_ + " stays paused, because its memory could not be saved again (Cannot"), 1);
+}
+
+TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeResumed_IsSavedAgain) {
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path);
+  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  after_start_ = [&] { test::PauseAsUser(id_); };
+  {
+    const test::FailingResumes failing({VIR_ERR_OPERATION_FAILED, "no lease"});
+    EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
+                   "Cannot resume the guest " + id_ + ": no lease. The guest's memory was saved again");
+  }
+  EXPECT_EQ(State(id_), states::saved);
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_EQ(State(id_), states::running);
 }
 
 TEST_F(GuestFiles, PowerOn_GuestCannotBeEnded_IsReported) {

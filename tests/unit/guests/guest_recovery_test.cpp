@@ -98,11 +98,49 @@ TEST_F(GuestRecovery, Recover_Confirmed_GuestIsOffAndFenced) {
   EXPECT_EQ(conf["is_forced_shutdown"], Json::Value(true));
 }
 
+// All that decides is of one state, and nothing is pinned while the commit waits.
+TEST_F(GuestRecovery, Recover_DoneOrRefused_ReadsOneSnapshot) {
+  RecoverRequest request = Request();
+  request.to_host_id = kAlive;
+  (void)host_.store().TakeSnapshotUse();
+  EXPECT_FALSE(RecoverGuest(host_.store(), Request(MachineState::kUnknown)).ok()) << "its reason names the host";
+  EXPECT_EQ(host_.store().TakeSnapshotUse(), (test::SnapshotUse{1, 0, 0}));
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
+  EXPECT_EQ(host_.store().TakeSnapshotUse(), (test::SnapshotUse{1, 0, 0}));
+}
+
+TEST_F(GuestRecovery, Forget_EveryStep_ReadsOneSnapshot) {
+  ForgetRequest request;
+  request.host_id = kGone;
+  request.machine = MachineState::kConfirmedOff;
+  request.user = "alice";
+  (void)host_.store().TakeSnapshotUse();
+  EXPECT_FALSE(ForgetHost(host_.store(), request).ok()) << "it has a guest";
+  EXPECT_EQ(host_.store().TakeSnapshotUse(), (test::SnapshotUse{2, 0, 0})) << "the check, and the guests";
+  request.guests = GuestsOfHost::kRecover;
+  EXPECT_TRUE(ForgetHost(host_.store(), request).ok());
+  EXPECT_EQ(host_.store().TakeSnapshotUse(), (test::SnapshotUse{4, 0, 0})) << "and one guest, and the host";
+}
+
 TEST_F(GuestRecovery, Recover_DestinationGiven_BecomesGuestsHost) {
   RecoverRequest request = Request();
   request.to_host_id = kAlive;
   EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
   EXPECT_EQ(Guest(kGuest)["host_id"], Json::Value(kAlive));
+}
+
+TEST_F(GuestRecovery, Recover_HostEndedWhileRestoring_SavedMemoryMustBeGivenUp) {
+  records::Run run;
+  run.host_id = kGone;
+  run.incarnation = 6;
+  run.starting = true;
+  run.restoring = true;
+  Put(records::RunKey(kGuest), records::SerializeRun(run));
+  RecoverRequest request = Request();
+  ExpectRefused(request, 974,
+                "The guest's saved memory is on the host 'beta' and would be lost. Confirm that it may be discarded");
+  request.saved = SavedMemory::kDiscard;
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
 }
 
 TEST_F(GuestRecovery, Recover_NotConfirmed_IsRefused) {

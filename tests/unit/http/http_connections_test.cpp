@@ -33,7 +33,8 @@ struct Connected {
 
   bool entered() const { return place != nullptr; }
   bool is_evicted() const { return gone->has_value(); }
-  void SetBusy() const { place->SetActivity(ConnectionActivity::kBusy); }
+  void SetBusy() const { place->SetActivity(ConnectionActivity::kAnswers); }
+  void SetTransfers() const { place->SetActivity(ConnectionActivity::kTransfers); }
 };
 
 class Connections : public testing::Test {
@@ -75,13 +76,62 @@ TEST_F(Connections, Stranger_WhenFull_TakesPlaceOfOldestIdleStranger) {
   EXPECT_EQ(table_->evicted(), 1U);
 }
 
-TEST_F(Connections, IdleSince_RatherThanAge_DecidesWhoIsOldest) {
+TEST_F(Connections, StrangerThatTransfers_CountsAsIdle) {
   const auto strangers = EnterMany(kLimit, Tcp("192.0.2.1"));
-  strangers[0].SetBusy();
-  strangers[0].place->SetActivity(ConnectionActivity::kIdle);
-  Enter(Tcp("192.0.2.2"));
-  EXPECT_FALSE(strangers[0].is_evicted());
-  EXPECT_TRUE(strangers[1].is_evicted());
+  for (const Connected& stranger : strangers) stranger.SetTransfers();
+  EXPECT_TRUE(Enter(Tcp("192.0.2.2")).entered());
+  EXPECT_TRUE(strangers[0].is_evicted());
+}
+
+TEST_F(Connections, Newcomer_AmongStrangersThatTransfer_KeepsItsPlace) {
+  const auto strangers = EnterMany(kLimit, Tcp("192.0.2.1"));
+  for (const Connected& stranger : strangers) stranger.SetTransfers();
+  const Connected newcomer = Enter(Tcp("192.0.2.2"));
+  for (const Connected& stranger : EnterMany(kLimit, Tcp("192.0.2.1"))) stranger.SetTransfers();
+  EXPECT_FALSE(newcomer.is_evicted()) << "although it has sent nothing yet";
+}
+
+TEST_F(Connections, NewcomerFromOneOfManyNetworks_StaysUntilAsManyHaveComeAsThereArePlaces) {
+  std::vector<Connected> strangers;
+  auto enter_another = [&, i = 0]() mutable {
+    strangers.push_back(Enter(Tcp("198.51.100." + std::to_string(++i))));
+    return strangers.back().entered();
+  };
+  for (std::size_t i = 0; i < kLimit; ++i) ASSERT_TRUE(enter_another());
+  const Connected newcomer = Enter(Tcp("192.0.2.2"));
+  ASSERT_TRUE(newcomer.entered());
+  for (std::size_t i = 0; i < kLimit - 1; ++i) {
+    // Requests make nobody younger.
+    for (const Connected& stranger : strangers) {
+      stranger.SetBusy();
+      stranger.place->SetActivity(ConnectionActivity::kIdle);
+    }
+    ASSERT_TRUE(enter_another());
+  }
+  EXPECT_FALSE(newcomer.is_evicted());
+  ASSERT_TRUE(enter_another());
+  EXPECT_TRUE(newcomer.is_evicted());
+}
+
+TEST_F(Connections, UserThatTransfers_IsBusy) {
+  limits_.connections_per_owner = 2;
+  const auto own = EnterMany(3, Tcp("192.0.2.1"));
+  own[0].SetTransfers();
+  for (const Connected& connection : own) connection.place->SetOwner(User("alice"));
+  EXPECT_FALSE(own[0].is_evicted());
+  EXPECT_TRUE(own[1].is_evicted());
+}
+
+TEST_F(Connections, OfUser_IdleSinceRatherThanAge_DecidesWhichIsOldest) {
+  limits_.connections_per_owner = 2;
+  const auto own = EnterMany(3, Tcp("192.0.2.1"));
+  own[0].place->SetOwner(User("alice"));
+  own[1].place->SetOwner(User("alice"));
+  own[0].SetBusy();
+  own[0].place->SetActivity(ConnectionActivity::kIdle);
+  own[2].place->SetOwner(User("alice"));
+  EXPECT_FALSE(own[0].is_evicted());
+  EXPECT_TRUE(own[1].is_evicted());
 }
 
 TEST_F(Connections, NetworkWithMostConnections_LosesOneFirst) {
@@ -112,10 +162,25 @@ TEST_F(Connections, PeerAtItsLimit_LosesItsOwnOldestIdleConnection) {
   EXPECT_FALSE(other.is_evicted());
 }
 
-TEST_F(Connections, Stranger_WhenAllAreBusy_IsRefused) {
-  const auto strangers = EnterMany(kLimit, Tcp("192.0.2.1"));
+TEST_F(Connections, StrangerOfSmallNetwork_WhenAllAreAnswered_TakesPlaceOfLargestNetwork) {
+  const Connected alone = Enter(Tcp("198.51.100.1"));
+  alone.SetBusy();
+  const auto strangers = EnterMany(kLimit - 1, Tcp("192.0.2.1"));
   for (const Connected& stranger : strangers) stranger.SetBusy();
-  EXPECT_FALSE(Enter(Tcp("192.0.2.2")).entered());
+  EXPECT_TRUE(Enter(Tcp("192.0.2.2")).entered());
+  EXPECT_FALSE(alone.is_evicted());
+  EXPECT_TRUE(strangers[0].is_evicted());
+}
+
+TEST_F(Connections, StrangerOfNoSmallerNetwork_WhenAllAreAnswered_IsRefused) {
+  std::vector<Connected> strangers;
+  for (std::size_t i = 0; i < kLimit; ++i) strangers.push_back(Enter(Tcp("198.51.100." + std::to_string(i / 2))));
+  for (const Connected& stranger : strangers) stranger.SetBusy();
+  EXPECT_FALSE(Enter(Tcp("198.51.100.1")).entered()) << "that would leave one with one and the other with three";
+  const Connected first = Enter(Tcp("192.0.2.2"));
+  EXPECT_TRUE(first.entered());
+  first.SetBusy();
+  EXPECT_FALSE(Enter(Tcp("192.0.2.2")).entered()) << "it would have more than the one whose place it takes";
   EXPECT_EQ(table_->total(), kLimit);
 }
 
@@ -257,6 +322,32 @@ TEST_F(Connections, BytesOfAllStrangers_AboveLimit_EndHoldingOfLargestPeer) {
   EXPECT_EQ(*large[0].gone, EvictionReason::kMemory);
   EXPECT_FALSE(large[1].is_evicted());
   for (const Connected& connection : small) EXPECT_FALSE(connection.is_evicted());
+}
+
+TEST_F(Connections, OneGrowthFarAboveLimit_EndsAsManyHoldingsAsNeeded) {
+  const auto own = EnterMany(4, Tcp("192.0.2.1"));
+  for (std::size_t i = 0; i < 3; ++i) own[i].place->SetHeldBytes(30);
+  own[3].place->SetHeldBytes(60);
+  EXPECT_TRUE(own[0].is_evicted() && own[1].is_evicted());
+  EXPECT_FALSE(own[2].is_evicted() || own[3].is_evicted());
+  own[3].place->SetHeldBytes(0);
+
+  std::vector<Connected> others;
+  for (int i = 0; i < 4; ++i) others.push_back(Enter(Tcp("198.51.100." + std::to_string(i / 2))));
+  for (const Connected& connection : others) connection.place->SetHeldBytes(50);
+  const Connected last = Enter(Tcp("203.0.113.1"));
+  last.place->SetHeldBytes(85);
+  EXPECT_EQ(table_->evicted(), 2U + 2U) << "315 bytes; 265 would still be too many";
+  EXPECT_FALSE(last.is_evicted());
+}
+
+TEST_F(Connections, BytesOfManyNetworksWithOneHolderEach_AreBounded) {
+  std::vector<Connected> strangers;
+  for (int i = 0; i < 10; ++i) strangers.push_back(Enter(Tcp("198.51.100." + std::to_string(i))));
+  for (const Connected& connection : strangers) connection.place->SetHeldBytes(50);
+  std::size_t ended = 0;
+  for (const Connected& connection : strangers) ended += connection.is_evicted() ? 1 : 0;
+  EXPECT_EQ(ended, 5U);
 }
 
 TEST_F(Connections, BytesOfUser_DoNotCountAsStrangers) {

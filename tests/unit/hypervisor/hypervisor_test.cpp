@@ -456,6 +456,22 @@ TEST_F(TestMode, Calls_ConnectionDead_OpenAnother) {
   EXPECT_EQ(OutcomeName(hypervisor_->StateOf(kGuest)), "no_such_guest");
 }
 
+TEST_F(TestMode, SavedGuest_Restored_Runs) {
+  EXPECT_EQ(OutcomeName(hypervisor_->Save(kGuest)), "not_running");
+  EXPECT_EQ(OutcomeName(hypervisor_->Resume(kGuest)), "not_running");
+  EXPECT_EQ(OutcomeName(hypervisor_->SavedXmlOf(kGuest)), "unsupported") << "the test driver keeps none";
+  Start();
+  ASSERT_TRUE(test::PauseAsUser(kGuest));
+  EXPECT_EQ(OutcomeName(hypervisor_->Resume(kGuest)), "ok");
+  EXPECT_EQ(State(), GuestState::kRunning);
+  EXPECT_EQ(OutcomeName(hypervisor_->Resume(kGuest)), "ok") << "it runs already";
+  EXPECT_EQ(OutcomeName(hypervisor_->Save(kGuest)), "ok");
+  EXPECT_EQ(State(), GuestState::kSaved);
+  EXPECT_EQ(OutcomeName(hypervisor_->Restore(kGuest)), "ok") << "the test driver cannot start it paused";
+  EXPECT_EQ(State(), GuestState::kRunning);
+  EXPECT_EQ(OutcomeName(hypervisor_->Restore(kGuest)), "already_running");
+}
+
 TEST_F(TestMode, Calls_Disconnected_FailImmediately) {
   HypervisorOptions options;
   options.initial_retry_wait = std::chrono::hours(1);
@@ -466,6 +482,10 @@ TEST_F(TestMode, Calls_Disconnected_FailImmediately) {
   EXPECT_EQ(OutcomeName(hypervisor_->Define(Xml())), "disconnected");
   EXPECT_EQ(OutcomeName(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "disconnected");
   EXPECT_EQ(OutcomeName(hypervisor_->Start(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Restore(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Resume(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Save(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->SavedXmlOf(kGuest)), "disconnected");
   EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "disconnected");
   EXPECT_EQ(OutcomeName(hypervisor_->PowerOff(kGuest)), "disconnected");
   EXPECT_EQ(OutcomeName(hypervisor_->Reboot(kGuest)), "disconnected");

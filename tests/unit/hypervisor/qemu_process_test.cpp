@@ -11,11 +11,13 @@
 #include <fstream>
 
 #include "host/base/descriptor.h"
+#include "tests/support/fake_qemu.h"
 #include "tests/support/temp_dir.h"
 
 namespace vexa::hypervisor {
 namespace {
 
+constexpr char kGuest[] = "11111111-2222-4333-8444-5555555555fe";
 constexpr char kNoGuest[] = "11111111-2222-4333-8444-5555555555ff";
 
 std::string OwnPid() { return std::to_string(::getpid()); }
@@ -74,7 +76,7 @@ TEST(ProcessFiles, EndedProcess_IsNotFound) {
   if (child == 0) ::_exit(0);
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   EXPECT_EQ(FilesOfProcess(std::to_string(child)).error().code(), ErrorCode::kNotFound);
-  EXPECT_EQ(FilesOfQemuProcesses(kNoGuest, "").error().code(), ErrorCode::kNotFound);
+  EXPECT_EQ(FilesOfQemuProcesses(kNoGuest, "", ::getuid()).error().code(), ErrorCode::kNotFound);
 }
 
 TEST(ProcessFiles, ProcessOfOtherUser_IsDenied) {
@@ -84,6 +86,34 @@ TEST(ProcessFiles, ProcessOfOtherUser_IsDenied) {
   ASSERT_EQ(::seteuid(::getuid()), 0);
   ASSERT_FALSE(files);
   EXPECT_EQ(files.error().code(), ErrorCode::kDenied);
+}
+
+TEST(QemuProcesses, ProgramWithGuestsIdIsNotQemu_IsLeftOut) {
+  const test::TempDir folder;
+  const std::string path = folder.File("a");
+  std::ofstream(path) << "abc";
+  const test::FakeQemu other(kGuest, path, folder.path(), test::FakeQemu::Program::kOther);
+  EXPECT_FALSE(FilesOfQemuProcesses(kGuest, "", ::getuid()));
+  const test::FakeQemu qemu(kGuest, path, folder.path());
+  const auto files = FilesOfQemuProcesses(kGuest, "", ::getuid());
+  ASSERT_TRUE(files) << files.error().ToString();
+  ASSERT_EQ(files->size(), 1U);
+  EXPECT_NE(FindPath(files->front(), path), nullptr);
+  EXPECT_FALSE(FilesOfQemuProcesses(kGuest, "", ::getuid() + 1)) << "it belongs to another user";
+}
+
+TEST(QemuProcesses, Owner_IsThatOfTheLabelOrThisProcess) {
+  const auto domain = [](const std::string& labels) { return "<domain type='kvm'>" + labels + "</domain>"; };
+  const auto label = [](const std::string& text) {
+    return "<seclabel type='dynamic' model='dac' relabel='yes'><label>" + text + "</label></seclabel>";
+  };
+  const std::string profile = "<seclabel type='dynamic' model='apparmor'><label>libvirt-1</label></seclabel>";
+  EXPECT_EQ(OwnerOfQemu(domain(profile + label("+64055:+64056")).c_str()), 64055U);
+  EXPECT_EQ(OwnerOfQemu(domain(label("107:107")).c_str()), 107U);
+  EXPECT_EQ(OwnerOfQemu(domain(label("root:root")).c_str()), 0U);
+  for (const std::string& xml : {domain(""), domain(profile), domain(label("no such user:kvm")), std::string("<")}) {
+    EXPECT_EQ(OwnerOfQemu(xml.c_str()), ::geteuid()) << xml;
+  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "host/records/environment.h"
+#include "host/records/keys.h"
 #include "host/records/member_list.h"
 #include "host/store/key.h"
 #include "tests/support/require.h"
@@ -80,7 +81,7 @@ TEST_F(Membership, Revoke_Again_ReplacesTheTime) {
 
 TEST_F(Membership, MemberList_Changes_AreKnownSoon) {
   PutClaim(kClaim);
-  const MemberList members(CurrentEnvironment()->store);
+  MemberList members(CurrentEnvironment()->store);
   EXPECT_TRUE(members.Knows(kHost, At(5))) << "from the start";
   PutRevocation(R"({"before":1000})");
   EXPECT_FALSE(members.Accepts(kHost, At(5))) << "immediately";
@@ -92,9 +93,34 @@ TEST_F(Membership, MemberList_Changes_AreKnownSoon) {
   EXPECT_TRUE(test::Eventually([&] { return !members.Knows(kHost, At(1000)); }));
 }
 
+TEST_F(Membership, MemberList_HostRecords_AreFollowed) {
+  const MemberList members(CurrentEnvironment()->store);
+  host_.PutText("host", kHost, "{}");
+  EXPECT_TRUE(test::Eventually([&] { return members.Knows(kHost, At(5)); }));
+  (void)Require(host_.store().Commit({{}, {{ObjectKey("host", kHost), std::nullopt}}}));
+  EXPECT_TRUE(test::Eventually([&] { return !members.Knows(kHost, At(5)); }));
+}
+
+// The next call of the host has the limits of a member.
+TEST_F(Membership, MemberList_Accepts_IsKnownImmediately) {
+  MemberList members(CurrentEnvironment()->store);
+  members.Stop();  // nobody else refreshes it
+  host_.PutText("host", kHost, "{}");
+  EXPECT_FALSE(members.Knows(kHost, At(5)));
+  EXPECT_TRUE(members.Accepts(kHost, At(5)));
+  EXPECT_TRUE(members.Knows(kHost, At(5)));
+  PutRevocation(R"({"before":1000})");
+  EXPECT_FALSE(members.Accepts(kHost, At(5)));
+  EXPECT_FALSE(members.Knows(kHost, At(5)));
+  EXPECT_TRUE(members.Knows(kHost, At(1000)));
+  PutClaim(kForgotten);
+  EXPECT_FALSE(members.Accepts(kHost, At(1000)));
+  EXPECT_FALSE(members.Knows(kHost, At(1000)));
+}
+
 TEST_F(Membership, MemberList_StoreUnreadable_DecidesByWhatItKnows) {
   PutClaim(kClaim);
-  const MemberList members(CurrentEnvironment()->store);
+  MemberList members(CurrentEnvironment()->store);
   host_.store().FailSnapshots();
   EXPECT_TRUE(members.Accepts(kHost, At(5)));
   EXPECT_FALSE(members.Accepts("stranger", At(5)));

@@ -109,6 +109,36 @@ TEST_F(SessionListTest, EndAllOfUser_ExceptOne_GivesThatOneTheNewStamp) {
   EXPECT_EQ(StampOf(*Open(), kept), "newer") << "the stamp alone is a reason to write";
 }
 
+TEST_F(SessionListTest, AcceptStamp_WhileThePasswordChanges_SessionHasBoth) {
+  const auto table = Open();
+  const NewSession alice = LogIn(*table, {"alice", kUid, "old"});
+  EXPECT_TRUE(table->HasStamp(alice.token, "old"));
+  EXPECT_FALSE(table->HasStamp(alice.token, "new"));
+  EXPECT_FALSE(table->HasStamp(alice.token, ""));
+  ASSERT_TRUE(table->AcceptStamp(alice.token, "new").ok());
+  EXPECT_TRUE(table->HasStamp(alice.token, "old"));
+  EXPECT_TRUE(table->HasStamp(alice.token, "new"));
+  const Status second = table->AcceptStamp(alice.token, "newer");
+  ASSERT_FALSE(second.ok());
+  EXPECT_EQ(second.error().code(), ErrorCode::kBusy);
+  EXPECT_EQ(second.error().ToString(), "This login is changing the password already");
+  table->RefuseStamp(alice.token, "newer");
+  EXPECT_TRUE(table->HasStamp(alice.token, "new")) << "of another change";
+  table->RefuseStamp(alice.token, "new");
+  EXPECT_FALSE(table->HasStamp(alice.token, "new"));
+
+  ASSERT_TRUE(table->AcceptStamp(alice.token, "newer").ok());
+  EXPECT_EQ(table->EndAllOfUser("alice", alice.token, "newer").ended, 0u);
+  EXPECT_TRUE(table->HasStamp(alice.token, "newer"));
+  EXPECT_FALSE(table->HasStamp(alice.token, "old"));
+  table->RefuseStamp(alice.token, "newer");
+  EXPECT_TRUE(table->HasStamp(alice.token, "newer")) << "it is the session's own by now";
+  now_ += options_.idle.count();
+  EXPECT_FALSE(table->HasStamp(alice.token, "newer")) << "of an expired session";
+  EXPECT_TRUE(table->AcceptStamp(std::string(43, 'A'), "new").ok()) << "without a session, nothing happens";
+  EXPECT_TRUE(table->AcceptStamp("", "new").ok());
+}
+
 TEST_F(SessionListTest, End_FileCannotBeWritten_EndsInMemoryAndReportsIt) {
   const auto table = Open();
   const NewSession alice = LogIn(*table, {"alice", kUid});
@@ -153,6 +183,27 @@ TEST_F(SessionListTest, ForgetUser_WithSessions_EndsThemAndForgetsAddressesInThe
   EXPECT_FALSE(reopened->Find(alice.token));
   EXPECT_FALSE(reopened->IsKnownAddress("alice", "192.0.2.7"));
   EXPECT_TRUE(reopened->IsKnownAddress("bob", "192.0.2.8"));
+}
+
+TEST_F(SessionListTest, ForgetUser_WithoutSessions_ForgetsAddressesInTheFile) {
+  const auto table = Open();
+  const NewSession alice = LogIn(*table, {"alice", kUid}, "192.0.2.7");
+  EXPECT_EQ(table->End(alice.token).ended, 1u);
+  ASSERT_TRUE(Open()->IsKnownAddress("alice", "192.0.2.7"));
+  EXPECT_EQ(table->ForgetUser("ALICE").ended, 0u);
+  EXPECT_FALSE(Open()->IsKnownAddress("alice", "192.0.2.7"));
+}
+
+TEST_F(SessionListTest, ForgetUser_FileCannotBeWritten_ReportsItUntilTheNextWrite) {
+  const auto table = Open();
+  EXPECT_EQ(table->End(LogIn(*table, {"alice", kUid}, "192.0.2.7").token).ended, 1u);
+  BreakWriting();
+  EXPECT_TRUE(table->ForgetUser("bob").stored.ok()) << "nothing is known of bob, so nothing is written";
+  EXPECT_FALSE(table->ForgetUser("alice").stored.ok());
+  RepairWriting();
+  ASSERT_TRUE(Open()->IsKnownAddress("alice", "192.0.2.7"));
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_FALSE(Open()->IsKnownAddress("alice", "192.0.2.7"));
 }
 
 TEST(KnownAddressesTest, Remember_MoreThanTheMaximumOfAUser_ForgetsTheOldest) {

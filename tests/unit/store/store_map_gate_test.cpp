@@ -19,6 +19,26 @@ TEST(MapGate, Close_GateEmpty_GetsExclusiveAccess) {
   EXPECT_TRUE(gate.Close(milliseconds(0)));
 }
 
+TEST(MapGate, TryEnter_GateClosedOrClosing_DoesNotWait) {
+  MapGate gate;
+  ASSERT_TRUE(gate.Close(milliseconds(0)));
+  EXPECT_FALSE(gate.TryEnter().has_value());
+  gate.Reopen();
+  auto inside = gate.TryEnter();
+  ASSERT_TRUE(inside.has_value());
+  std::thread closer([&] { EXPECT_TRUE(gate.Close(kLong)); });
+  const auto deadline = std::chrono::steady_clock::now() + kLong;
+  std::thread other([&] {
+    while (gate.TryEnter().has_value() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  });
+  other.join();
+  EXPECT_LT(std::chrono::steady_clock::now(), deadline);
+  EXPECT_TRUE(gate.TryEnter().has_value()) << "a thread that is inside";
+  inside.reset();
+  closer.join();
+  gate.Reopen();
+}
+
 TEST(MapGate, Close_CallerInside_FailsImmediately) {
   MapGate gate;
   const MapGate::Pass pass = gate.Enter();
