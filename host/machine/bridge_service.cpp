@@ -25,9 +25,10 @@ namespace {
 
 constexpr std::size_t kMaxPacket = 4096;
 constexpr std::size_t kMaxMessage = 512;
-// A client that sends nothing must not keep others waiting; a request itself is done in milliseconds.
+// A client that sends nothing must not keep others waiting, and a service that hangs no stop of the daemon; a request
+// itself is done in milliseconds.
 constexpr int kServerTimeoutS = 5;
-constexpr int kClientTimeoutS = 60;
+constexpr int kClientTimeoutS = 15;
 
 constexpr ErrorCode kCodes[] = {ErrorCode::kInvalid, ErrorCode::kNotFound, ErrorCode::kConflict,
                                 ErrorCode::kDenied,  ErrorCode::kBusy,     ErrorCode::kUnavailable,
@@ -93,6 +94,16 @@ Status Call(const std::string& path, const char* action, const BridgeRequest& re
   return Unavailable("Its answer is not valid");
 }
 
+// Does not repeat itself: hosts repeat what fails every few seconds.
+void Log(const std::string& action, const BridgeRequest& request, const Status& done) {
+  static std::string last;
+  const std::string sentence = fmt::format("{} the bridge '{}' for the network {}: {}.", action,
+                                           SanitizeForLog(request.bridge, 64), SanitizeForLog(request.network_id, 64),
+                                           done ? "done" : SanitizeForLog(done.error().ToString(), kMaxMessage));
+  if (std::exchange(last, sentence) == sentence) return;
+  ::syslog(done ? LOG_INFO : LOG_WARNING, "%s", sentence.c_str());
+}
+
 Status Act(const std::string& text, const std::string& folder) {
   const Result<Json::Value> value = ParseJson(text);
   if (!value || !value->isObject()) return Error(ErrorCode::kInvalid, "The request is not a JSON object");
@@ -100,9 +111,7 @@ Status Act(const std::string& text, const std::string& folder) {
   const BridgeRequest request = ParseBridgeRequest(*value);
   if (action != "make" && action != "remove") return Error(ErrorCode::kInvalid, "The request has no known action");
   const Status done = action == "make" ? MakeKernelBridge(request, folder) : RemoveKernelBridge(request, folder);
-  ::syslog(done ? LOG_INFO : LOG_WARNING, "%s the bridge '%s' for the network %s: %s.", action.c_str(),
-           SanitizeForLog(request.bridge, 64).c_str(), SanitizeForLog(request.network_id, 64).c_str(),
-           done ? "done" : SanitizeForLog(done.error().ToString(), kMaxMessage).c_str());
+  Log(action, request, done);
   return done;
 }
 

@@ -12,12 +12,12 @@
 
 #include "host/base/descriptor.h"
 #include "host/base/result.h"
+#include "host/machine/bridge_files.h"
 #include "host/machine/bridge_request.h"
 
 namespace vexa::machine {
 
 inline constexpr char kBridgeSocket[] = "/run/vexa-network/socket";
-inline constexpr char kNetworkdFolder[] = "/etc/systemd/network";
 
 // Makes bridges in this process if it may change interfaces, and otherwise asks the service. Threads: one at a time.
 BridgeMaker SystemBridgeMaker();

@@ -5,158 +5,160 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstdint>
-#include <string_view>
+#include <utility>
 
-#include "host/base/files.h"
-#include "host/base/interface_name.h"
+#include "host/machine/bridge_addresses.h"
+#include "host/machine/bridge_files.h"
 #include "host/machine/netlink.h"
 
 namespace vexa::machine {
 namespace {
 
-constexpr std::size_t kMaxFileBytes = 65'536;
-constexpr std::string_view kUplinkLine = "# uplink ";
-
-std::string Mark(const std::string& network_id) { return "# " + BridgeAlias(network_id) + "\n"; }
-
-// The files for systemd-networkd.
-struct Files {
-  std::string netdev;
-  std::string network;
-  std::string uplink;
-};
-Files FilesOf(const std::string& bridge, const std::string& folder) {
-  const std::string stem = folder + "/10-vexa-" + bridge;
-  return {stem + ".netdev", stem + ".network", stem + "-uplink.network"};
-}
-
-// "": there is no such file.
-std::string Content(const std::string& path) {
-  Result<std::string> text = ReadFile(path, kMaxFileBytes);
-  return text ? std::move(*text) : std::string();
-}
-
-bool IsMarkedFile(const Files& files, const std::string& network_id) {
-  return Content(files.netdev).starts_with(Mark(network_id));
-}
-
-// The uplink that the file names; "": none.
-std::string UplinkInFile(const Files& files) {
-  const std::string text = Content(files.netdev);
-  const std::size_t at = text.find(kUplinkLine);
-  if (at == std::string::npos) return "";
-  const std::size_t begin = at + kUplinkLine.size();
-  const std::string name = text.substr(begin, text.find('\n', begin) - begin);
-  return IsInterfaceName(name) ? name : "";
-}
-
-bool IsOwn(rtnl_link* link, const BridgeRequest& request, const Files& files) {
-  const char* const alias = rtnl_link_get_ifalias(link);
-  if (alias != nullptr && BridgeAlias(request.network_id) == alias) return true;
-  return IsMarkedFile(files, request.network_id);
-}
-
-std::string AddressText(nl_addr* address) {
-  std::array<char, 128> text{};
-  return address == nullptr ? "" : nl_addr2str(address, text.data(), text.size());
-}
-
-// What the bridge has: the addresses that it takes over from its uplink, or none.
-std::string NetworkFile(const BridgeRequest& request, const Configured& configured) {
-  std::string text = fmt::format("{}[Match]\nName={}\n\n[Network]\nConfigureWithoutCarrier=yes\n",
-                                 Mark(request.network_id), request.bridge);
-  bool has_dhcp = false;
-  for (const AddressHandle& address : configured.addresses) {
-    const bool is_leased = rtnl_addr_get_valid_lifetime(address.get()) != UINT32_MAX;
-    has_dhcp = has_dhcp || is_leased;
-    if (!is_leased) text += fmt::format("Address={}\n", AddressText(rtnl_addr_get_local(address.get())));
-  }
-  text += has_dhcp ? "DHCP=yes\n" : "";
-  if (configured.empty()) text += "LinkLocalAddressing=no\n";
-  for (const RouteHandle& route : configured.routes) {
-    if (has_dhcp) break;
-    nl_addr* const destination = rtnl_route_get_dst(route.get());
-    const bool is_default = destination == nullptr || nl_addr_get_prefixlen(destination) == 0;
-    const std::string gateway = AddressText(rtnl_route_nh_get_gateway(rtnl_route_nexthop_n(route.get(), 0)));
-    text += "\n[Route]\n";
-    if (!is_default) text += fmt::format("Destination={}\n", AddressText(destination));
-    if (!gateway.empty()) text += fmt::format("Gateway={}\n", gateway);
-  }
-  return text;
-}
-
-// A VLAN's uplink keeps its own configuration, so the host makes the VLAN after each start.
-Status WriteFiles(const BridgeRequest& request, const Files& files, const Configured& configured) {
-  constexpr mode_t kMode = 0644;
-  const std::string mark = Mark(request.network_id);
-  const std::string netdev =
-      fmt::format("{}{}{}\n\n[NetDev]\nName={}\nKind=bridge\n", mark, kUplinkLine, request.uplink, request.bridge);
-  // What was moved before is in the file already.
-  const bool keeps_network = IsMarkedFile(files, request.network_id) && configured.empty();
-  if (Status written = WriteFileAtomically(files.netdev, netdev, kMode); !written) return written;
-  if (!keeps_network || Content(files.network).empty()) {
-    if (Status written = WriteFileAtomically(files.network, NetworkFile(request, configured), kMode); !written) {
-      return written;
-    }
-  }
-  if (request.vlan_id != 0) return {};
-  return WriteFileAtomically(files.uplink,
-                             fmt::format("{}[Match]\nName={}\n\n[Network]\nBridge={}\nLinkLocalAddressing=no\n", mark,
-                                         request.uplink, request.bridge),
-                             kMode);
-}
-
-void RemoveFiles(const Files& files) {
-  // The one that has the mark comes last.
-  for (const std::string* file : {&files.uplink, &files.network, &files.netdev}) (void)::unlink(file->c_str());
-}
+constexpr unsigned kEthernet = 1;  // ARPHRD_ETHER; its header excludes those of libnl
 
 Error Conflict(std::string sentence) { return Error(ErrorCode::kConflict, std::move(sentence)); }
+
+std::string_view AliasOf(rtnl_link* link) {
+  const char* const alias = rtnl_link_get_ifalias(link);
+  return alias != nullptr ? alias : "";
+}
 
 bool IsBridge(rtnl_link* link) {
   const char* const type = rtnl_link_get_type(link);
   return type != nullptr && std::string_view(type) == "bridge";
 }
 
+bool IsSame(rtnl_link* one, rtnl_link* other) {
+  return other != nullptr && rtnl_link_get_ifindex(one) == rtnl_link_get_ifindex(other);
+}
+
+bool IsPortOf(rtnl_link* link, rtnl_link* bridge) {
+  return bridge != nullptr && rtnl_link_get_master(link) == rtnl_link_get_ifindex(bridge);
+}
+
+// What a request for a bridge meets.
+struct Situation {
+  const Netlink& netlink;
+  const BridgeRequest& request;
+  const BridgeFiles& files;
+  LinkHandle bridge;  // null: there is none of the name
+
+  std::string Alias() const { return BridgeAlias(request.network_id); }
+  // Whether this system has made the bridge for the network. A new one has no alias yet; the files name it.
+  bool IsOwn() const {
+    const std::string_view alias = AliasOf(bridge.get());
+    if (!alias.empty()) return alias == Alias();
+    const auto written = files.Read();
+    return written && written->network_id == request.network_id;
+  }
+};
+
+// Ports of the bridge that this system has not put there, for a sentence; "": there are none.
+Result<std::string> OtherPorts(const Situation& at, const std::string& uplink) {
+  const auto ports = at.netlink.PortsOf(at.bridge.get());
+  if (!ports) return ports.error();
+  std::string others;
+  for (const LinkHandle& port : *ports) {
+    const std::string name = rtnl_link_get_name(port.get());
+    if (name == uplink || AliasOf(port.get()) == at.Alias()) continue;
+    others += fmt::format("{}'{}'", others.empty() ? "" : ", ", name);
+  }
+  return others;
+}
+
+// Gives the addresses of the bridge back to its uplink; null: it has none.
+Status GiveBack(const Situation& at, rtnl_link* uplink) {
+  const Result<Configured> configured = at.netlink.ConfigurationOf(at.bridge.get());
+  if (!configured) return configured.error();
+  if (configured->empty()) return {};
+  const std::string& bridge = at.request.bridge;
+  if (configured->has_other_routes) {
+    return Conflict(fmt::format("The bridge '{}' has routes that cannot be moved: remove them", bridge));
+  }
+  if (uplink == nullptr) {
+    return Conflict(
+        fmt::format("The bridge '{}' has addresses, and no uplink that could take them: remove them", bridge));
+  }
+  if (Status up = at.netlink.SetUp(uplink); !up) return up;
+  return at.netlink.Move(*configured, at.bridge.get(), uplink);
+}
+
+Status FreeUplink(const Situation& at, const BridgeRequest& written) {
+  const bool has_uplink = !written.uplink.empty() && written.vlan_id == 0;
+  const Result<LinkHandle> uplink = has_uplink ? at.netlink.Find(written.uplink) : LinkHandle();
+  if (!uplink) return uplink.error();
+  if (Status given = GiveBack(at, uplink->get()); !given) return given;
+  const bool is_port = *uplink && IsPortOf(uplink->get(), at.bridge.get());
+  return is_port ? at.netlink.SetBridge(uplink->get(), nullptr) : Status();
+}
+
+// The alias names what is left when the process is killed between two steps: files go first, so that systemd-networkd
+// does not make the bridge again.
+Status Remove(Situation& at) {
+  const BridgeRequest written = at.files.Read().value_or(BridgeRequest());
+  if (at.bridge) {
+    const Result<std::string> others = OtherPorts(at, written.uplink);
+    if (!others) return others.error();
+    if (!others->empty()) {
+      return Error(ErrorCode::kBusy, fmt::format("The bridge '{}' has other ports: {}", at.request.bridge, *others));
+    }
+    if (Status marked = at.netlink.SetAlias(at.bridge.get(), at.Alias()); !marked) return marked;
+    if (Status freed = FreeUplink(at, written); !freed) return freed;
+  }
+  if (written.network_id == at.request.network_id) {
+    if (Status removed = at.files.Remove(); !removed) return removed;
+  }
+  // The bridge, and the VLAN, whatever its tag was.
+  const Result<std::vector<LinkHandle>> own = at.netlink.FindByAlias(at.Alias());
+  if (!own) return own.error();
+  for (const LinkHandle& link : *own) {
+    const bool is_other_bridge =
+        IsBridge(link.get()) && !IsSame(link.get(), at.bridge.get());  // somebody has renamed it
+    if (is_other_bridge) continue;
+    if (Status removed = at.netlink.Delete(link.get()); !removed) return removed;
+  }
+  at.bridge.reset();
+  return {};
+}
+
 // Makes one bridge.
 class Making {
  public:
-  Making(const Netlink& netlink, const BridgeRequest& request, Files files)
-      : netlink_(netlink), request_(request), files_(std::move(files)) {}
+  explicit Making(Situation situation) : at_(std::move(situation)), request_(at_.request), netlink_(at_.netlink) {}
 
   Status Run() {
-    uplink_ = netlink_.Find(request_.uplink);
+    Result<LinkHandle> uplink = netlink_.Find(request_.uplink);
+    if (!uplink) return uplink.error();
+    uplink_ = std::move(*uplink);
     if (!uplink_) return Error(ErrorCode::kNotFound, fmt::format("The host has no interface '{}'", request_.uplink));
-    bridge_ = netlink_.Find(request_.bridge);
-    if (bridge_ && !IsBridge(bridge_.get())) {
+    if (at_.bridge && !IsBridge(at_.bridge.get())) {
       return Conflict(fmt::format("The interface '{}' is not a bridge", request_.bridge));
     }
-    if (bridge_ && !IsOwn(bridge_.get(), request_, files_)) {
-      if (IsPortOfBridge()) return {};
+    if (at_.bridge && !at_.IsOwn()) {
+      if (request_.vlan_id == 0 && IsPortOf(uplink_.get(), at_.bridge.get())) return {};
       return Conflict(fmt::format("The bridge '{}' was not made by this system, and '{}' is not one of its ports",
-                                  request_.bridge, request_.uplink));
+                                  request_.bridge, request_.vlan_id == 0 ? request_.uplink : VlanInterface(request_)));
     }
+    const std::string foreign = at_.files.Foreign(request_.network_id);
+    if (!foreign.empty()) return Conflict(fmt::format("The file '{}' was not made by this system", foreign));
     if (Status checked = CheckUplink(); !checked) return checked;
-    is_new_ = !bridge_;
-    const std::string before = UplinkInFile(files_);
-    if (!is_new_ && before != request_.uplink) former_uplink_ = before;
-    if (Status written = WriteFiles(request_, files_, configured_); !written) return written;
-    Status made = Make();
+    if (Status replaced = RemoveFormer(); !replaced) return replaced;
+    is_new_ = !at_.bridge;
+    Status made = WriteFiles();
+    if (made) made = Make();
     if (!made) Undo();
     return made;
   }
 
  private:
-  bool IsPortOfBridge() const {
-    return bridge_ && rtnl_link_get_master(uplink_.get()) == rtnl_link_get_ifindex(bridge_.get());
-  }
-
   Status CheckUplink() {
+    if (rtnl_link_get_arptype(uplink_.get()) != kEthernet) {
+      return Conflict(fmt::format("The interface '{}' is not an Ethernet interface", request_.uplink));
+    }
     if (request_.vlan_id != 0) return {};
-    if (rtnl_link_get_master(uplink_.get()) != 0 && !IsPortOfBridge()) {
+    if (rtnl_link_get_master(uplink_.get()) != 0 && !IsPortOf(uplink_.get(), at_.bridge.get())) {
       return Conflict(fmt::format("The interface '{}' is a port of another bridge", request_.uplink));
     }
     Result<Configured> configured = netlink_.ConfigurationOf(uplink_.get());
@@ -167,88 +169,131 @@ class Making {
                                "reached: let the bridge take them over (--move-addresses), or remove them",
                                request_.uplink));
     }
+    if (configured->has_other_routes) {
+      return Error(ErrorCode::kDenied,
+                   fmt::format("The interface '{}' has routes in other tables or over several interfaces, which cannot "
+                               "be moved: configure the bridge by hand",
+                               request_.uplink));
+    }
     configured_ = std::move(*configured);
     return {};
   }
 
-  Status Make() {
-    if (!bridge_) {
-      if (Status added = netlink_.AddBridge(request_.bridge); !added) return added;
-      bridge_ = netlink_.Find(request_.bridge);
-      if (!bridge_) return Error(ErrorCode::kInternal, "The bridge is gone again");
+  // A bridge with another uplink or tag, from before the network was edited, is made again: two uplinks on one bridge
+  // would be a loop.
+  Status RemoveFormer() {
+    if (!at_.bridge) return {};
+    const auto written = at_.files.Read();
+    if (!written) {
+      // Somebody has removed the files.
+      const bool is_complete = request_.vlan_id == 0 && IsPortOf(uplink_.get(), at_.bridge.get());
+      return is_complete ? Status() : Remove(at_);
     }
-    if (Status marked = netlink_.SetAlias(bridge_.get(), BridgeAlias(request_.network_id)); !marked) return marked;
+    const bool is_former = written->uplink != request_.uplink || written->vlan_id != request_.vlan_id;
+    return is_former ? Remove(at_) : Status();
+  }
+
+  Status WriteFiles() {
+    Configured taken_over;
+    if (at_.bridge) {
+      // A process that was killed has moved a part.
+      Result<Configured> configured = netlink_.ConfigurationOf(at_.bridge.get());
+      if (!configured) return configured.error();
+      taken_over = std::move(*configured);
+    }
+    const std::string mac = request_.vlan_id == 0 ? AddressText(rtnl_link_get_addr(uplink_.get())) : "";
+    return at_.files.Write(request_, mac, DescribeAddresses(configured_, taken_over), !configured_.empty());
+  }
+
+  Status Make() {
+    if (is_new_) {
+      // With the uplink's hardware address, others reach this machine as before.
+      rtnl_link* const like = request_.vlan_id == 0 ? uplink_.get() : nullptr;
+      if (Status added = netlink_.AddBridge(request_.bridge, like); !added) return added;
+      has_new_bridge_ = true;
+      if (Status found = FindNew(request_.bridge, at_.bridge); !found) return found;
+    }
+    if (Status marked = netlink_.SetAlias(at_.bridge.get(), at_.Alias()); !marked) return marked;
     rtnl_link* port = uplink_.get();
     if (request_.vlan_id != 0) {
       if (Status made = MakeVlan(); !made) return made;
       port = vlan_.get();
     }
-    for (rtnl_link* link : {bridge_.get(), uplink_.get(), port}) {
+    for (rtnl_link* link : {at_.bridge.get(), uplink_.get(), port}) {
       if (Status up = netlink_.SetUp(link); !up) return up;
     }
     // The addresses come first: while the port is not on the bridge, the next attempt knows that there is more to do.
-    if (Status moved = netlink_.Move(configured_, uplink_.get(), bridge_.get()); !moved) return moved;
-    if (rtnl_link_get_master(port) != rtnl_link_get_ifindex(bridge_.get())) {
-      if (Status put = netlink_.SetBridge(port, bridge_.get()); !put) return put;
-    }
-    return RemoveFormerPorts(port);
+    if (Status moved = netlink_.Move(configured_, uplink_.get(), at_.bridge.get()); !moved) return moved;
+    return IsPortOf(port, at_.bridge.get()) ? Status() : netlink_.SetBridge(port, at_.bridge.get());
   }
 
-  // The ports of the bridge before the network was edited: another uplink, a VLAN with another tag.
-  Status RemoveFormerPorts(rtnl_link* port) {
-    Result<std::vector<LinkHandle>> own = netlink_.FindByAlias(BridgeAlias(request_.network_id));
-    if (!own) return own.error();
-    for (const LinkHandle& link : *own) {
-      const int index = rtnl_link_get_ifindex(link.get());
-      if (index == rtnl_link_get_ifindex(bridge_.get()) || index == rtnl_link_get_ifindex(port)) continue;
-      if (Status removed = netlink_.Delete(link.get()); !removed) return removed;
-    }
-    const LinkHandle former = former_uplink_.empty() ? nullptr : netlink_.Find(former_uplink_);
-    const bool is_port = former && rtnl_link_get_master(former.get()) == rtnl_link_get_ifindex(bridge_.get());
-    return is_port ? netlink_.SetBridge(former.get(), nullptr) : Status();
+  Status FindNew(const std::string& name, LinkHandle& link) {
+    Result<LinkHandle> found = netlink_.Find(name);
+    if (!found) return found.error();
+    link = std::move(*found);
+    if (!link) return Error(ErrorCode::kInternal, fmt::format("The new interface '{}' is gone again", name));
+    return {};
   }
 
   Status MakeVlan() {
     const std::string name = VlanInterface(request_);
-    vlan_ = netlink_.Find(name);
-    if (vlan_ && rtnl_link_get_link(vlan_.get()) != rtnl_link_get_ifindex(uplink_.get())) {
-      // The uplink of the network was changed.
-      const char* const alias = rtnl_link_get_ifalias(vlan_.get());
-      if (alias == nullptr || BridgeAlias(request_.network_id) != alias) {
-        return Conflict(fmt::format("The interface '{}' was not made by this system", name));
-      }
-      if (Status removed = netlink_.Delete(vlan_.get()); !removed) return removed;
-      vlan_.reset();
-    }
+    Result<LinkHandle> found = netlink_.Find(name);
+    if (!found) return found.error();
+    vlan_ = std::move(*found);
     if (!vlan_) {
       if (Status added = netlink_.AddVlan(name, uplink_.get(), request_.vlan_id); !added) return added;
       has_new_vlan_ = true;
-      vlan_ = netlink_.Find(name);
-      if (!vlan_) return Error(ErrorCode::kInternal, "The VLAN is gone again");
+      if (Status made = FindNew(name, vlan_); !made) return made;
     }
-    return netlink_.SetAlias(vlan_.get(), BridgeAlias(request_.network_id));
+    // One without an alias was made before a kill.
+    const std::string_view alias = AliasOf(vlan_.get());
+    const bool is_own = (alias.empty() || alias == at_.Alias()) &&
+                        rtnl_link_get_link(vlan_.get()) == rtnl_link_get_ifindex(uplink_.get());
+    if (!is_own) return Conflict(fmt::format("The interface '{}' was not made by this system", name));
+    return netlink_.SetAlias(vlan_.get(), at_.Alias());
   }
 
-  // What cannot be undone either is left; the next attempt continues there.
-  void Undo() {
-    if (!configured_.empty() && bridge_) (void)netlink_.Move(configured_, bridge_.get(), uplink_.get());
-    if (has_new_vlan_ && vlan_) (void)netlink_.Delete(vlan_.get());
+  // What cannot be undone either is left; the next attempt continues there. A socket whose request has failed does not
+  // recognize the answers to the next ones.
+  void Undo() const {
+    const Result<Netlink> netlink = Netlink::Open();
+    if (!netlink) return;
+    if (!configured_.empty() && at_.bridge) {
+      if (!netlink->Move(configured_, at_.bridge.get(), uplink_.get())) return;
+    }
+    if (has_new_vlan_ && !DeleteNew(*netlink, VlanInterface(request_))) return;
     if (!is_new_) return;
-    if (bridge_ && !netlink_.Delete(bridge_.get())) return;
-    RemoveFiles(files_);
+    if (has_new_bridge_ && !DeleteNew(*netlink, request_.bridge)) return;
+    (void)at_.files.Remove();
+  }
+  static Status DeleteNew(const Netlink& netlink, const std::string& name) {
+    const Result<LinkHandle> link = netlink.Find(name);
+    if (!link) return link.error();
+    return *link ? netlink.Delete(link->get()) : Status();
   }
 
-  const Netlink& netlink_;
+  Situation at_;
   const BridgeRequest& request_;
-  const Files files_;
+  const Netlink& netlink_;
   LinkHandle uplink_;
-  LinkHandle bridge_;
   LinkHandle vlan_;
-  Configured configured_;      // of the uplink
-  std::string former_uplink_;  // "": none, or the same
+  Configured configured_;  // of the uplink
   bool is_new_ = false;
+  bool has_new_bridge_ = false;
   bool has_new_vlan_ = false;
 };
+
+// Calls `act` with the situation on this machine.
+template <class Act>
+Status With(const BridgeRequest& request, const std::string& folder, Act act) {
+  if (Status checked = CheckBridgeRequest(request); !checked) return checked;
+  const Result<Netlink> netlink = Netlink::Open();
+  if (!netlink) return netlink.error();
+  const BridgeFiles files(folder, request.bridge);
+  Result<LinkHandle> bridge = netlink->Find(request.bridge);
+  if (!bridge) return bridge.error();
+  return act(Situation{*netlink, request, files, std::move(*bridge)});
+}
 
 }  // namespace
 
@@ -264,41 +309,17 @@ std::string VlanInterface(const BridgeRequest& request) {
 }
 
 Status MakeKernelBridge(const BridgeRequest& request, const std::string& folder) {
-  if (Status checked = CheckBridgeRequest(request); !checked) return checked;
   if (request.uplink.empty()) return Error(ErrorCode::kInvalid, "The bridge has no uplink");
-  const Result<Netlink> netlink = Netlink::Open();
-  if (!netlink) return netlink.error();
-  return Making(*netlink, request, FilesOf(request.bridge, folder)).Run();
+  return With(request, folder, [](Situation situation) { return Making(std::move(situation)).Run(); });
 }
 
 Status RemoveKernelBridge(const BridgeRequest& request, const std::string& folder) {
-  if (Status checked = CheckBridgeRequest(request); !checked) return checked;
-  const Result<Netlink> netlink = Netlink::Open();
-  if (!netlink) return netlink.error();
-  const Files files = FilesOf(request.bridge, folder);
-  const LinkHandle bridge = netlink->Find(request.bridge);
-  if (bridge && (!IsBridge(bridge.get()) || !IsOwn(bridge.get(), request, files))) {
-    return Conflict(fmt::format("The interface '{}' was not made by this system", request.bridge));
-  }
-  if (bridge) {
-    const std::string uplink_name = UplinkInFile(files);
-    const LinkHandle uplink = uplink_name.empty() ? nullptr : netlink->Find(uplink_name);
-    const bool is_port = uplink && rtnl_link_get_master(uplink.get()) == rtnl_link_get_ifindex(bridge.get());
-    if (is_port) {
-      const Result<Configured> configured = netlink->ConfigurationOf(bridge.get());
-      if (!configured) return configured.error();
-      if (Status moved = netlink->Move(*configured, bridge.get(), uplink.get()); !moved) return moved;
+  return With(request, folder, [](Situation situation) {
+    if (situation.bridge && (!IsBridge(situation.bridge.get()) || !situation.IsOwn())) {
+      return Status(Conflict(fmt::format("The interface '{}' was not made by this system", situation.request.bridge)));
     }
-    if (Status removed = netlink->Delete(bridge.get()); !removed) return removed;
-  }
-  // The VLAN, whatever its tag was.
-  const Result<std::vector<LinkHandle>> rest = netlink->FindByAlias(BridgeAlias(request.network_id));
-  if (!rest) return rest.error();
-  for (const LinkHandle& link : *rest) {
-    if (Status removed = netlink->Delete(link.get()); !removed) return removed;
-  }
-  if (IsMarkedFile(files, request.network_id)) RemoveFiles(files);
-  return {};
+    return Remove(situation);
+  });
 }
 
 }  // namespace vexa::machine

@@ -34,10 +34,24 @@ void ForEach(nl_cache* cache, Visit visit) {
   }
 }
 
+// Whether the route leads over the interface, and the kernel has not added it by itself.
 bool IsConfiguredRoute(rtnl_route* route, int index) {
-  if (rtnl_route_get_table(route) != RT_TABLE_MAIN || rtnl_route_get_protocol(route) == RTPROT_KERNEL) return false;
-  if (rtnl_route_get_type(route) != RTN_UNICAST || rtnl_route_get_nnexthops(route) != 1) return false;
-  return rtnl_route_nh_get_ifindex(rtnl_route_nexthop_n(route, 0)) == index;
+  if (rtnl_route_get_table(route) == RT_TABLE_LOCAL || rtnl_route_get_protocol(route) == RTPROT_KERNEL) return false;
+  if (rtnl_route_get_type(route) != RTN_UNICAST) return false;
+  for (int i = 0; i < rtnl_route_get_nnexthops(route); ++i) {
+    if (rtnl_route_nh_get_ifindex(rtnl_route_nexthop_n(route, i)) == index) return true;
+  }
+  return false;
+}
+
+bool IsMovable(rtnl_route* route) {
+  return rtnl_route_get_table(route) == RT_TABLE_MAIN && rtnl_route_get_nnexthops(route) == 1;
+}
+
+// An interface always has an IPv6 address of its link.
+bool IsConfiguredAddress(rtnl_addr* address, int index) {
+  const bool is_of_link = rtnl_addr_get_family(address) == AF_INET6 && rtnl_addr_get_scope(address) == RT_SCOPE_LINK;
+  return rtnl_addr_get_ifindex(address) == index && !is_of_link;
 }
 
 }  // namespace
@@ -51,13 +65,16 @@ Result<Netlink> Netlink::Open() {
   return Netlink(std::move(socket));
 }
 
-LinkHandle Netlink::Find(const std::string& name) const {
+Result<LinkHandle> Netlink::Find(const std::string& name) const {
   rtnl_link* link = nullptr;
-  if (rtnl_link_get_kernel(socket_.get(), 0, name.c_str(), &link) < 0) return nullptr;
+  const int result = rtnl_link_get_kernel(socket_.get(), 0, name.c_str(), &link);
+  if (result == -NLE_NODEV || result == -NLE_OBJ_NOTFOUND) return LinkHandle();
+  if (Status found = Check(result, fmt::format("Cannot read the interface '{}'", name)); !found) return found.error();
   return LinkHandle(link);
 }
 
-Result<std::vector<LinkHandle>> Netlink::FindByAlias(const std::string& alias) const {
+template <class Matches>
+Result<std::vector<LinkHandle>> Netlink::FindAll(Matches matches) const {
   nl_cache* raw = nullptr;
   const Status read =
       Check(rtnl_link_alloc_cache(socket_.get(), AF_UNSPEC, &raw), "Cannot read the interfaces of this machine");
@@ -66,18 +83,29 @@ Result<std::vector<LinkHandle>> Netlink::FindByAlias(const std::string& alias) c
   std::vector<LinkHandle> found;
   ForEach(links.get(), [&](nl_object* object) {
     auto* const link = reinterpret_cast<rtnl_link*>(object);
-    const char* const own = rtnl_link_get_ifalias(link);
-    if (own == nullptr || alias != own) return;
+    if (!matches(link)) return;
     nl_object_get(object);
     found.emplace_back(link);
   });
   return found;
 }
 
-Status Netlink::AddBridge(const std::string& name) const {
+Result<std::vector<LinkHandle>> Netlink::FindByAlias(const std::string& alias) const {
+  return FindAll([&](rtnl_link* link) {
+    const char* const own = rtnl_link_get_ifalias(link);
+    return own != nullptr && alias == own;
+  });
+}
+
+Result<std::vector<LinkHandle>> Netlink::PortsOf(rtnl_link* bridge) const {
+  return FindAll([&](rtnl_link* link) { return rtnl_link_get_master(link) == rtnl_link_get_ifindex(bridge); });
+}
+
+Status Netlink::AddBridge(const std::string& name, rtnl_link* like) const {
   const LinkHandle link(rtnl_link_bridge_alloc());
   if (!link) return Error(ErrorCode::kInternal, "Out of memory");
   rtnl_link_set_name(link.get(), name.c_str());
+  if (like != nullptr) rtnl_link_set_addr(link.get(), rtnl_link_get_addr(like));
   return Check(rtnl_link_add(socket_.get(), link.get(), NLM_F_CREATE | NLM_F_EXCL),
                fmt::format("Cannot make the bridge '{}'", name));
 }
@@ -134,14 +162,19 @@ Result<Configured> Netlink::ConfigurationOf(rtnl_link* link) const {
   const CacheHandle addresses(raw);
   ForEach(addresses.get(), [&](nl_object* object) {
     auto* const address = reinterpret_cast<rtnl_addr*>(object);
-    if (rtnl_addr_get_ifindex(address) != index || rtnl_addr_get_scope(address) == RT_SCOPE_LINK) return;
+    if (!IsConfiguredAddress(address, index)) return;
     configured.addresses.emplace_back(reinterpret_cast<rtnl_addr*>(nl_object_clone(object)));
   });
   read = Check(rtnl_route_alloc_cache(socket_.get(), AF_UNSPEC, 0, &raw), "Cannot read the routes of this machine");
   if (!read) return read.error();
   const CacheHandle routes(raw);
   ForEach(routes.get(), [&](nl_object* object) {
-    if (!IsConfiguredRoute(reinterpret_cast<rtnl_route*>(object), index)) return;
+    auto* const route = reinterpret_cast<rtnl_route*>(object);
+    if (!IsConfiguredRoute(route, index)) return;
+    if (!IsMovable(route)) {
+      configured.has_other_routes = true;
+      return;
+    }
     configured.routes.emplace_back(reinterpret_cast<rtnl_route*>(nl_object_clone(object)));
   });
   return configured;
@@ -166,6 +199,9 @@ Status Netlink::Move(const Configured& configured, rtnl_link* from, rtnl_link* t
       rtnl_nexthop* const hop = rtnl_route_nexthop_n(route.get(), 0);
       if ((rtnl_route_nh_get_gateway(hop) != nullptr) != has_gateway) continue;
       rtnl_route_nh_set_ifindex(hop, rtnl_link_get_ifindex(to));
+      // What the kernel says of an interface without a cable, and accepts from nobody.
+      rtnl_route_unset_flags(route.get(), RTNH_F_DEAD | RTNH_F_LINKDOWN);
+      rtnl_route_nh_unset_flags(hop, RTNH_F_DEAD | RTNH_F_LINKDOWN);
       const int result = rtnl_route_add(socket_.get(), route.get(), NLM_F_CREATE | NLM_F_REPLACE);
       if (Status replaced = Check(result, what); !replaced) return replaced;
     }
@@ -178,7 +214,10 @@ Status Netlink::Move(const Configured& configured, rtnl_link* from, rtnl_link* t
       return nl_addr_cmp(rtnl_addr_get_local(moved.get()), rtnl_addr_get_local(address.get())) == 0;
     });
     if (!is_moved) continue;
-    if (Status removed = Check(rtnl_addr_delete(socket_.get(), address.get(), 0), what); !removed) return removed;
+    // The kernel removes an address's secondary ones with it.
+    const int result = rtnl_addr_delete(socket_.get(), address.get(), 0);
+    if (result == -NLE_NOADDR) continue;
+    if (Status removed = Check(result, what); !removed) return removed;
   }
   return {};
 }

@@ -34,7 +34,9 @@ using CacheHandle = std::unique_ptr<nl_cache, FreeWith<nl_cache_free>>;
 struct Configured {
   std::vector<AddressHandle> addresses;
   std::vector<RouteHandle> routes;
-  bool empty() const { return addresses.empty() && routes.empty(); }
+  // Routes that Move cannot move: in tables of their own, or over several interfaces.
+  bool has_other_routes = false;
+  bool empty() const { return addresses.empty() && routes.empty() && !has_other_routes; }
 };
 
 // Threads: one at a time.
@@ -42,12 +44,15 @@ class Netlink {
  public:
   static Result<Netlink> Open();
 
-  // Null: there is no interface of this name.
-  LinkHandle Find(const std::string& name) const;
-  Result<std::vector<LinkHandle>> FindByAlias(const std::string& alias) const;
+  // The errors of all functions are kDenied and kInternal.
 
-  // The errors of all these are kDenied and kInternal, with `what` failed.
-  Status AddBridge(const std::string& name) const;
+  // Null: there is no interface of this name.
+  Result<LinkHandle> Find(const std::string& name) const;
+  Result<std::vector<LinkHandle>> FindByAlias(const std::string& alias) const;
+  Result<std::vector<LinkHandle>> PortsOf(rtnl_link* bridge) const;
+
+  // The bridge has the hardware address of `like`, and of any of its ports when `like` is null.
+  Status AddBridge(const std::string& name, rtnl_link* like) const;
   Status AddVlan(const std::string& name, rtnl_link* uplink, int vlan_id) const;
   Status SetAlias(rtnl_link* link, const std::string& alias) const;
   Status SetUp(rtnl_link* link) const;
@@ -62,6 +67,8 @@ class Netlink {
 
  private:
   explicit Netlink(SocketHandle socket) : socket_(std::move(socket)) {}
+  template <class Matches>
+  Result<std::vector<LinkHandle>> FindAll(Matches matches) const;
   // Changes one property of a link, which `set` sets.
   template <class Set>
   Status Change(rtnl_link* link, const std::string& what, Set set) const;

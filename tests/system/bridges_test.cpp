@@ -2,8 +2,10 @@
 // program vexa-network for a process without rights.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +22,49 @@
 #include "tests/support/qemu_host.h"
 #include "tests/support/temp_dir.h"
 
+namespace {
+
+// A change that this process makes of the machine: a request to the kernel that changes interfaces, or a file that gets
+// its name or loses it.
+struct Fault {
+  int at = 0;  // which change; 0: none
+  bool is_kill = false;
+  int changes = 0;  // so far
+};
+Fault fault;
+
+// Whether the next change must fail.
+bool Fails() {
+  if (fault.at == 0 || ++fault.changes != fault.at) return false;
+  if (fault.is_kill) ::_exit(9);
+  errno = EIO;
+  return true;
+}
+
+bool IsChange(const msghdr& message) {
+  if (message.msg_iovlen == 0 || message.msg_iov[0].iov_len < sizeof(nlmsghdr)) return false;
+  nlmsghdr header;
+  std::memcpy(&header, message.msg_iov[0].iov_base, sizeof header);
+  return (header.nlmsg_flags & NLM_F_ACK) != 0;  // questions are answered by what they ask for
+}
+
+}  // namespace
+
+// libnl and this program's own code call these.
+extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+  int family = 0;
+  socklen_t size = sizeof family;
+  (void)::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &family, &size);
+  if (family == AF_NETLINK && IsChange(*message) && Fails()) return -1;
+  return ::syscall(SYS_sendmsg, fd, message, flags);
+}
+extern "C" int rename(const char* from, const char* to) noexcept {
+  return Fails() ? -1 : static_cast<int>(::syscall(SYS_rename, from, to));
+}
+extern "C" int unlink(const char* path) noexcept {
+  return Fails() ? -1 : static_cast<int>(::syscall(SYS_unlink, path));
+}
+
 namespace vexa::test {
 namespace {
 
@@ -31,6 +76,7 @@ using testing::Not;
 
 constexpr char kId[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr char kOtherId[] = "1b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
+constexpr int kManyChanges = 100;  // more than anything here makes
 constexpr uid_t kNobody = 65534;
 
 class Bridges : public testing::Test {
@@ -42,6 +88,7 @@ class Bridges : public testing::Test {
     RunTool({"ip", "link", "set", "far0", "up"});
   }
   void TearDown() override {
+    fault = {};
     for (const char* link : {"br7", "up0", "up1", "vx42.0b6c"}) RunProcess({.argv = {"ip", "link", "delete", link}});
   }
 
@@ -50,10 +97,13 @@ class Bridges : public testing::Test {
   static BridgeRequest Plain() { return {kId, "br7", "up0", 0, false}; }
   static BridgeRequest Moving() { return {kId, "br7", "up0", 0, true}; }
   static BridgeRequest Vlan(int tag = 42) { return {kId, "br7", "up0", tag, false}; }
-  static std::string Link(const std::string& name) {
-    return RunProcess({.argv = {"ip", "-d", "link", "show", name}}).output;
-  }
+  static std::string Link(const std::string& name) { return RunProcess({.argv = {"ip", "link", "show", name}}).output; }
   static std::string Addresses(const std::string& name) { return RunTool({"ip", "address", "show", "dev", name}); }
+  static std::string HardwareAddress(const std::string& link) {
+    std::string address;
+    std::getline(std::ifstream("/sys/class/net/" + link + "/address"), address);
+    return address;
+  }
   static bool HasVlans() {
     const auto made =
         RunProcess({.argv = {"ip", "link", "add", "link", "up0", "name", "vx1.test", "type", "vlan", "id", "1"}});
@@ -63,13 +113,15 @@ class Bridges : public testing::Test {
   static std::string Routes() { return RunTool({"ip", "route"}); }
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_.path()))
-      names.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+      const std::string kind = entry.path().extension();  // a kill at a rename leaves a file that nobody reads
+      if (kind == ".netdev" || kind == ".network") names.push_back(entry.path().filename());
+    }
     return names;
   }
   std::string File(const std::string& name) const {
     std::ostringstream text;
-    text << std::ifstream(folder_.path() + "/10-vexa-br7" + name).rdbuf();
+    text << std::ifstream(folder_.path() + "/10-vexa-" + name).rdbuf();
     return text.str();
   }
   static void Configure() {
@@ -77,7 +129,36 @@ class Bridges : public testing::Test {
     RunTool({"ip", "address", "add", "192.0.2.7/24", "dev", "up0"});
     RunTool({"ip", "address", "add", "2001:db8::7/64", "dev", "up0", "nodad"});
     RunTool({"ip", "route", "add", "default", "via", "192.0.2.1"});
-    RunTool({"ip", "route", "add", "198.51.100.0/24", "via", "192.0.2.2"});
+    RunTool({"ip", "route", "add", "198.51.100.0/24", "via", "192.0.2.2", "metric", "7"});
+    RunTool({"ip", "route", "add", "default", "via", "2001:db8::1"});
+  }
+  static std::string AllRoutes() { return Routes() + RunTool({"ip", "-6", "route", "show", "default"}); }
+  static void ExpectConfigurationOf(const std::string& link) {
+    EXPECT_THAT(Addresses(link), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
+    const std::string other = link == "up0" ? "br7" : "up0";
+    if (!Link(other).empty()) {
+      EXPECT_THAT(Addresses(other), AllOf(Not(HasSubstr("192.0.2.7")), Not(HasSubstr("2001:db8::7"))));
+    }
+    EXPECT_THAT(AllRoutes(), AllOf(HasSubstr("default via 192.0.2.1 dev " + link),
+                                   HasSubstr("198.51.100.0/24 via 192.0.2.2 dev " + link + " metric 7"),
+                                   HasSubstr("default via 2001:db8::1 dev " + link), Not(HasSubstr("dev " + other))));
+  }
+  static void ExpectFileNamesConfiguration(const std::string& file) {
+    EXPECT_THAT(file, AllOf(HasSubstr("Address=192.0.2.7/24\n"), HasSubstr("Address=2001:db8::7/64\n"),
+                            HasSubstr("[Route]\nGateway=192.0.2.1\n"), HasSubstr("[Route]\nGateway=2001:db8::1\n"),
+                            HasSubstr("[Route]\nDestination=198.51.100.0/24\nGateway=192.0.2.2\nMetric=7\n")));
+  }
+  // Whether a process was killed at this change while it did `act`; false: it came to its end.
+  static bool IsKilledAt(int change, const std::function<Status()>& act) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      fault = {change, true, 0};
+      ::_exit(act().ok() ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && (WEXITSTATUS(status) == 9 || WEXITSTATUS(status) == 0)) << change;
+    return WEXITSTATUS(status) == 9;
   }
 
   const TempDir folder_;
@@ -89,10 +170,18 @@ TEST_F(Bridges, Make_WithUplink_IsMarkedUpAndKept) {
   ASSERT_TRUE(made) << made.error().ToString();
   EXPECT_THAT(Link("br7"), AllOf(HasSubstr("alias vexa-network " + std::string(kId)), HasSubstr("UP")));
   EXPECT_THAT(Link("up0"), AllOf(HasSubstr("master br7"), HasSubstr("UP")));
-  EXPECT_EQ(File(".netdev"),
-            "# vexa-network " + std::string(kId) + "\n# uplink up0\n\n[NetDev]\nName=br7\nKind=bridge\n");
-  EXPECT_THAT(File("-uplink.network"), HasSubstr("[Match]\nName=up0\n\n[Network]\nBridge=br7\n"));
-  EXPECT_THAT(File(".network"), HasSubstr("LinkLocalAddressing=no\n"));
+  const std::string mac = HardwareAddress("up0");
+  EXPECT_EQ(HardwareAddress("br7"), mac);
+  const std::string mark = "# vexa-network " + std::string(kId) + "\n";
+  EXPECT_EQ(File("bridge-br7.netdev"),
+            mark + "# uplink up0\n\n[NetDev]\nName=br7\nKind=bridge\nMACAddress=" + mac + "\n");
+  EXPECT_EQ(File("port-br7.network"), mark +
+                                          "\n[Match]\nName=up0\n\n[Link]\nRequiredForOnline=no\n\n[Network]\n"
+                                          "Bridge=br7\nLinkLocalAddressing=no\n");
+  EXPECT_EQ(File("bridge-br7.network"),
+            mark +
+                "\n[Match]\nName=br7\n\n[Link]\nRequiredForOnline=no\n\n[Network]\nConfigureWithoutCarrier=yes\n"
+                "LinkLocalAddressing=no\n");
   EXPECT_TRUE(Make(Plain())) << "again";
   const Status removed = Remove();
   ASSERT_TRUE(removed) << removed.error().ToString();
@@ -104,7 +193,8 @@ TEST_F(Bridges, Make_WithUplink_IsMarkedUpAndKept) {
 TEST_F(Bridges, Make_Vlan_HasTaggedPort) {
   if (!HasVlans()) GTEST_SKIP() << SkipNotice("this kernel has no VLANs");
   ASSERT_TRUE(Make(Vlan()));
-  EXPECT_THAT(Link("vx42.0b6c"), AllOf(HasSubstr("vlan protocol 802.1Q id 42"), HasSubstr("master br7")));
+  EXPECT_THAT(RunTool({"ip", "-d", "link", "show", "vx42.0b6c"}),
+              AllOf(HasSubstr("vlan protocol 802.1Q id 42"), HasSubstr("master br7")));
   EXPECT_THAT(Link("up0"), Not(HasSubstr("master")));
   // Another tag replaces the VLAN.
   ASSERT_TRUE(Make(Vlan(43)));
@@ -136,6 +226,10 @@ TEST_F(Bridges, Make_VlanOfUplinkWithAddresses_LeavesThem) {
   const std::string routes = Routes();
   EXPECT_TRUE(Make(Vlan()));
   EXPECT_EQ(Routes(), routes);
+  // Addresses of the VLAN must not get on its uplink.
+  RunTool({"ip", "address", "add", "203.0.113.9/24", "dev", "br7"});
+  EXPECT_EQ(Remove().error().message(),
+            "The bridge 'br7' has addresses, and no uplink that could take them: remove them");
   EXPECT_THAT(Addresses("up0"), HasSubstr("192.0.2.7/24"));
 }
 
@@ -152,21 +246,195 @@ TEST_F(Bridges, Make_MoveAddresses_TakesThemAndGivesThemBack) {
   Configure();
   const Status made = Make(Moving());
   ASSERT_TRUE(made) << made.error().ToString();
-  EXPECT_THAT(Addresses("br7"), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
-  EXPECT_THAT(Addresses("up0"), AllOf(Not(HasSubstr("192.0.2.7")), Not(HasSubstr("2001:db8::7"))));
-  EXPECT_THAT(Routes(), AllOf(HasSubstr("default via 192.0.2.1 dev br7"),
-                              HasSubstr("198.51.100.0/24 via 192.0.2.2 dev br7"), Not(HasSubstr("up0"))));
-  EXPECT_THAT(File(".network"), AllOf(HasSubstr("Address=192.0.2.7/24\n"), HasSubstr("Address=2001:db8::7/64\n"),
-                                      HasSubstr("[Route]\nGateway=192.0.2.1\n"),
-                                      HasSubstr("[Route]\nDestination=198.51.100.0/24\nGateway=192.0.2.2\n")));
+  ExpectConfigurationOf("br7");
+  ExpectFileNamesConfiguration(File("bridge-br7.network"));
+  EXPECT_THAT(File("bridge-br7.network"), Not(HasSubstr("RequiredForOnline")));
   // The files keep what was moved.
   ASSERT_TRUE(Make(Moving()));
-  EXPECT_THAT(File(".network"), HasSubstr("Address=192.0.2.7/24\n"));
+  ExpectFileNamesConfiguration(File("bridge-br7.network"));
   const Status removed = Remove();
   ASSERT_TRUE(removed) << removed.error().ToString();
-  EXPECT_THAT(Addresses("up0"), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
-  EXPECT_THAT(Routes(),
-              AllOf(HasSubstr("default via 192.0.2.1 dev up0"), HasSubstr("198.51.100.0/24 via 192.0.2.2 dev up0")));
+  ExpectConfigurationOf("up0");
+}
+
+TEST_F(Bridges, Make_MoveSecondaryAddresses_TakesAll) {
+  Configure();
+  RunTool({"ip", "address", "add", "192.0.2.8/24", "dev", "up0"});
+  const Status made = Make(Moving());
+  ASSERT_TRUE(made) << made.error().ToString();
+  EXPECT_THAT(Addresses("br7"), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("192.0.2.8/24")));
+  EXPECT_THAT(Addresses("up0"), Not(HasSubstr("192.0.2")));
+  ASSERT_TRUE(Remove());
+  EXPECT_THAT(Addresses("up0"), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("192.0.2.8/24")));
+}
+
+TEST_F(Bridges, Make_MoveLeasedAddresses_KeepsTheLeases) {
+  RunTool({"ip", "link", "set", "up0", "up"});
+  RunTool({"ip", "address", "add", "192.0.2.7/24", "dev", "up0", "valid_lft", "3600", "preferred_lft", "3600"});
+  RunTool({"ip", "route", "add", "default", "via", "192.0.2.1", "proto", "dhcp"});
+  RunTool({"ip", "route", "add", "198.51.100.0/24", "via", "192.0.2.2", "proto", "static"});
+  ASSERT_TRUE(Make(Moving()));
+  const std::string file = File("bridge-br7.network");
+  EXPECT_THAT(file, AllOf(HasSubstr("DHCP=ipv4\n"), HasSubstr("Destination=198.51.100.0/24\n"),
+                          Not(HasSubstr("Address=")), Not(HasSubstr("Gateway=192.0.2.1"))));
+  // Before the next lease there is no address.
+  RunTool({"ip", "address", "flush", "dev", "br7"});
+  RunTool({"ip", "link", "set", "up0", "nomaster"});
+  ASSERT_TRUE(Make(Moving()));
+  EXPECT_EQ(File("bridge-br7.network"), file);
+}
+
+TEST_F(Bridges, Make_MoveWithoutCable_TakesAll) {
+  Configure();
+  RunTool({"ip", "link", "set", "far0", "down"});
+  const Status made = Make(Moving());
+  ASSERT_TRUE(made) << made.error().ToString();
+  EXPECT_THAT(Routes(), AllOf(HasSubstr("default via 192.0.2.1 dev br7"), Not(HasSubstr("up0"))));
+}
+
+TEST_F(Bridges, Make_RoutesThatCannotBeMoved_IsRefused) {
+  Configure();
+  RunTool({"ip", "route", "add", "default", "via", "192.0.2.1", "table", "77"});
+  const Status made = Make(Moving());
+  ASSERT_FALSE(made);
+  EXPECT_EQ(made.error().message(),
+            "The interface 'up0' has routes in other tables or over several interfaces, which cannot be moved: "
+            "configure the bridge by hand");
+  ExpectConfigurationOf("up0");
+  EXPECT_THAT(Link("br7"), IsEmpty());
+  RunTool({"ip", "route", "delete", "default", "table", "77"});
+  ASSERT_TRUE(Make(Moving()));
+  RunTool({"ip", "route", "add", "default", "via", "192.0.2.1", "table", "77"});
+  EXPECT_EQ(Remove().error().message(), "The bridge 'br7' has routes that cannot be moved: remove them");
+  ExpectConfigurationOf("br7");
+}
+
+TEST_F(Bridges, Make_FailsAtAnyStep_LeavesEverythingAsItWas) {
+  Configure();
+  const std::string addresses = Addresses("up0");
+  int change = 1;
+  for (;; ++change) {
+    fault = {change, false, 0};
+    const Status made = Make(Moving());
+    fault = {};
+    if (made) break;
+    SCOPED_TRACE(std::to_string(change) + " " + made.error().ToString());
+    ASSERT_LT(change, kManyChanges);
+    ExpectConfigurationOf("up0");
+    EXPECT_THAT(Link("br7"), IsEmpty());
+    EXPECT_THAT(Files(), IsEmpty());
+  }
+  EXPECT_GT(change, 12);
+  ExpectConfigurationOf("br7");
+}
+
+TEST_F(Bridges, Make_KilledAtAnyStep_LosesNothingAndIsCompleted) {
+  Configure();
+  int change = 1;
+  for (; IsKilledAt(change, [&] { return Make(Moving()); }); ++change) {
+    SCOPED_TRACE(change);
+    ASSERT_LT(change, kManyChanges);
+    EXPECT_THAT(RunTool({"ip", "address"}), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
+    EXPECT_THAT(AllRoutes(), AllOf(HasSubstr("default via 192.0.2.1"), HasSubstr("198.51.100.0/24 via 192.0.2.2"),
+                                   HasSubstr("default via 2001:db8::1")));
+    // Every other time the network is removed instead.
+    if (change % 2 == 0) {
+      const Status made = Make(Moving());
+      ASSERT_TRUE(made) << made.error().ToString();
+      ExpectConfigurationOf("br7");
+      ExpectFileNamesConfiguration(File("bridge-br7.network"));
+      EXPECT_THAT(Link("up0"), HasSubstr("master br7"));
+      EXPECT_THAT(Link("br7"), HasSubstr("alias vexa-network"));
+    }
+    const Status removed = Remove();
+    ASSERT_TRUE(removed) << removed.error().ToString();
+    ExpectConfigurationOf("up0");
+    EXPECT_THAT(Link("br7"), IsEmpty());
+    EXPECT_THAT(Files(), IsEmpty());
+  }
+  EXPECT_GT(change, 12);
+}
+
+TEST_F(Bridges, Remove_KilledAtAnyStep_LosesNothingAndIsCompleted) {
+  Configure();
+  for (int change = 1;; ++change) {
+    SCOPED_TRACE(change);
+    ASSERT_LT(change, kManyChanges);
+    ASSERT_TRUE(Make(Moving()));
+    const bool is_killed = IsKilledAt(change, [&] { return Remove(); });
+    EXPECT_THAT(RunTool({"ip", "address"}), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
+    const Status removed = Remove();
+    ASSERT_TRUE(removed) << removed.error().ToString();
+    ExpectConfigurationOf("up0");
+    EXPECT_THAT(Link("br7"), IsEmpty());
+    EXPECT_THAT(Files(), IsEmpty());
+    if (!is_killed) {
+      EXPECT_GT(change, 8);
+      break;
+    }
+  }
+}
+
+TEST_F(Bridges, Remove_UplinkGone_KeepsTheAddresses) {
+  Configure();
+  ASSERT_TRUE(Make(Moving()));
+  RunTool({"ip", "link", "delete", "up0"});
+  EXPECT_EQ(Remove().error().message(),
+            "The bridge 'br7' has addresses, and no uplink that could take them: remove them");
+  EXPECT_THAT(Addresses("br7"), HasSubstr("192.0.2.7/24"));
+  RunTool({"ip", "address", "flush", "dev", "br7"});
+  RunTool({"ip", "route", "flush", "dev", "br7"});
+  RunTool({"ip", "-6", "route", "flush", "dev", "br7"});
+  EXPECT_TRUE(Remove());
+}
+
+TEST_F(Bridges, Remove_OtherPorts_IsRefusedUntilTheyAreGone) {
+  ASSERT_TRUE(Make(Plain()));
+  RunTool({"ip", "link", "add", "up1", "type", "veth", "peer", "name", "far1"});
+  RunTool({"ip", "link", "set", "up1", "master", "br7"});
+  for (const Status& done : {Remove(), Make({kId, "br7", "far1", 0, false})}) {
+    ASSERT_FALSE(done);
+    EXPECT_EQ(done.error().code(), ErrorCode::kBusy);
+    EXPECT_EQ(done.error().message(), "The bridge 'br7' has other ports: 'up1'");
+  }
+  EXPECT_THAT(Link("up0"), HasSubstr("master br7"));
+  RunTool({"ip", "link", "set", "up1", "nomaster"});
+  EXPECT_TRUE(Remove());
+}
+
+TEST_F(Bridges, Files_WithoutTheirBridge_AreRemoved) {
+  ASSERT_TRUE(Make(Plain()));
+  RunTool({"ip", "link", "delete", "br7"});
+  EXPECT_TRUE(Remove(kOtherId));
+  EXPECT_EQ(Files().size(), 3u);
+  EXPECT_TRUE(Remove());
+  EXPECT_THAT(Files(), IsEmpty());
+}
+
+TEST_F(Bridges, Files_OfSomebodyElse_AreNeverReplaced) {
+  for (const char* name : {"bridge-br7.netdev", "bridge-br7.network", "port-br7.network"}) {
+    const std::string path = folder_.path() + "/10-vexa-" + name;
+    std::ofstream(path) << "[Match]\n";
+    EXPECT_EQ(Make(Plain()).error().message(), "The file '" + path + "' was not made by this system");
+    EXPECT_TRUE(Remove());
+    EXPECT_EQ(File(name), "[Match]\n");
+    EXPECT_THAT(Link("br7"), IsEmpty());
+    std::filesystem::remove(path);
+  }
+}
+
+// As systemd-networkd makes it when the machine starts.
+TEST_F(Bridges, Bridge_WithoutAlias_IsRecognizedByItsFiles) {
+  ASSERT_TRUE(Make(Plain()));
+  RunTool({"ip", "link", "delete", "br7"});
+  RunTool({"ip", "link", "add", "br7", "type", "bridge"});
+  ASSERT_TRUE(Make(Plain()));
+  EXPECT_THAT(Link("br7"), HasSubstr("alias vexa-network"));
+  EXPECT_THAT(Link("up0"), HasSubstr("master br7"));
+  RunTool({"ip", "link", "delete", "br7"});
+  RunTool({"ip", "link", "add", "br7", "type", "bridge"});
+  EXPECT_TRUE(Remove());
+  EXPECT_THAT(Link("br7"), IsEmpty());
 }
 
 TEST_F(Bridges, Make_FailsAfterMove_PutsAddressesBack) {
@@ -186,26 +454,6 @@ TEST_F(Bridges, Make_FailsAfterMove_PutsAddressesBack) {
   EXPECT_THAT(Files(), IsEmpty());
   RunTool({"ip", "link", "delete", "up1"});
   EXPECT_EQ(Routes(), routes);
-}
-
-TEST_F(Bridges, Make_AfterAKillAtAnyStep_IsCompleted) {
-  // After the files, and before the mark.
-  ASSERT_TRUE(Make(Plain()));
-  RunTool({"ip", "link", "set", "br7", "alias", ""});
-  RunTool({"ip", "link", "set", "up0", "nomaster"});
-  ASSERT_TRUE(Make(Plain()));
-  EXPECT_THAT(Link("br7"), HasSubstr("alias vexa-network"));
-  EXPECT_THAT(Link("up0"), HasSubstr("master br7"));
-  // Between an address on the bridge and its end on the uplink.
-  ASSERT_TRUE(Remove());
-  Configure();
-  ASSERT_TRUE(Make(Moving()));
-  RunTool({"ip", "link", "set", "up0", "nomaster"});
-  RunTool({"ip", "address", "add", "192.0.2.7/24", "dev", "up0"});
-  ASSERT_TRUE(Make(Moving()));
-  EXPECT_THAT(Addresses("up0"), Not(HasSubstr("192.0.2.7")));
-  EXPECT_THAT(Addresses("br7"), HasSubstr("192.0.2.7/24"));
-  EXPECT_THAT(Routes(), HasSubstr("default via 192.0.2.1 dev br7"));
 }
 
 TEST_F(Bridges, ForeignInterfaces_AreNeverChangedOrRemoved) {
@@ -238,6 +486,9 @@ TEST_F(Bridges, Uplink_MissingOrTaken_IsRefused) {
   RunTool({"ip", "link", "add", "up1", "type", "bridge"});
   RunTool({"ip", "link", "set", "up0", "master", "up1"});
   EXPECT_EQ(Make(Plain()).error().message(), "The interface 'up0' is a port of another bridge");
+  RunTool({"ip", "link", "set", "lo", "up"});
+  EXPECT_EQ(Make({kId, "br7", "lo", 0, true}).error().message(), "The interface 'lo' is not an Ethernet interface");
+  EXPECT_THAT(Addresses("lo"), HasSubstr("127.0.0.1/8"));
 }
 
 TEST_F(Bridges, Edited_Uplink_ReplacesThePort) {
@@ -246,6 +497,17 @@ TEST_F(Bridges, Edited_Uplink_ReplacesThePort) {
   ASSERT_TRUE(Make({kId, "br7", "up1", 0, false}));
   EXPECT_THAT(Link("up1"), HasSubstr("master br7"));
   EXPECT_THAT(Link("up0"), Not(HasSubstr("master")));
+  EXPECT_THAT(File("port-br7.network"), HasSubstr("Name=up1\n"));
+}
+
+TEST_F(Bridges, Edited_UplinkWithAddresses_GetsThemBack) {
+  Configure();
+  ASSERT_TRUE(Make(Moving()));
+  RunTool({"ip", "link", "add", "up1", "type", "veth", "peer", "name", "far1"});
+  ASSERT_TRUE(Make({kId, "br7", "up1", 0, true}));
+  ExpectConfigurationOf("up0");
+  EXPECT_THAT(Link("up1"), HasSubstr("master br7"));
+  EXPECT_THAT(File("bridge-br7.network"), Not(HasSubstr("Address=")));
 }
 
 TEST_F(Bridges, Request_Hostile_IsRefused) {
@@ -262,7 +524,7 @@ TEST_F(Bridges, Request_Hostile_IsRefused) {
   EXPECT_THAT(Files(), IsEmpty());
 }
 
-// The program, as the service manager runs it.
+// The program with the rights that its unit gives it.
 class BridgeService : public Bridges {
  protected:
   void SetUp() override {
@@ -272,8 +534,9 @@ class BridgeService : public Bridges {
     ::mkdir("/etc/systemd", 0755);
     RunTool({"mount", "-t", "tmpfs", "vexa-test", "/etc/systemd"});
     ::mkdir(machine::kNetworkdFolder, 0755);
-    program_ =
-        std::make_unique<Process>(ProcessOptions{.argv = {VEXA_NETWORK, "--socket", kSocket, "--user", "nobody"}});
+    program_ = std::make_unique<Process>(
+        ProcessOptions{.argv = {CONFINED_PROGRAM, VEXA_SOURCE_DIR "/packaging/vexa-network.service", "--", VEXA_NETWORK,
+                                "--socket", kSocket, "--user", "nobody"}});
     ASSERT_TRUE(Await([] { return ::access(kSocket, F_OK) == 0; }, std::chrono::seconds(30))) << program_->errors();
     ::chmod(kSocket, 0666);  // its group decides in production
   }
@@ -325,14 +588,31 @@ class BridgeService : public Bridges {
   const BridgeMaker client_ = machine::BridgeMakerOverSocket(kSocket);
 };
 
+TEST_F(BridgeService, Rights_OfTheUnit_AreNetworksOnly) {
+  std::ifstream file("/proc/" + std::to_string(program_->pid()) + "/status");
+  std::ostringstream status;
+  status << file.rdbuf();
+  // CAP_NET_ADMIN is the 12th.
+  for (const char* set : {"CapPrm", "CapEff", "CapBnd"}) {
+    EXPECT_THAT(status.str(), HasSubstr(std::string(set) + ":\t0000000000001000\n"));
+  }
+  EXPECT_THAT(status.str(), AllOf(HasSubstr("CapAmb:\t0000000000000000\n"), HasSubstr("NoNewPrivs:\t1\n"),
+                                  HasSubstr("Seccomp:\t2\n")));
+}
+
 TEST_F(BridgeService, User_Allowed_GetsBridgesWithoutRights) {
   const BridgeRequest request = Plain();
   EXPECT_THAT(As(kNobody, [&] { return machine::MakeKernelBridge(request, folder_.path()); }), Not(IsEmpty()));
   EXPECT_EQ(As(kNobody, [&] { return client_.make(request); }), "");
   EXPECT_THAT(Link("up0"), HasSubstr("master br7"));
-  EXPECT_TRUE(std::filesystem::exists(std::string(machine::kNetworkdFolder) + "/10-vexa-br7.netdev"));
+  EXPECT_TRUE(std::filesystem::exists(std::string(machine::kNetworkdFolder) + "/10-vexa-bridge-br7.netdev"));
   EXPECT_EQ(As(kNobody, [&] { return client_.remove(request); }), "");
   EXPECT_THAT(Link("br7"), IsEmpty());
+  Configure();
+  EXPECT_EQ(As(kNobody, [&] { return client_.make(Moving()); }), "");
+  ExpectConfigurationOf("br7");
+  EXPECT_EQ(As(kNobody, [&] { return client_.remove(request); }), "");
+  ExpectConfigurationOf("up0");
   BridgeRequest missing = request;
   missing.uplink = "nothing0";
   EXPECT_EQ(As(kNobody, [&] { return client_.make(missing); }), "The host has no interface 'nothing0'");
