@@ -42,7 +42,8 @@ std::shared_ptr<storage::StorageWatch> MakeStorageWatch(const GuestControlOption
   return std::make_shared<storage::StorageWatch>(std::move(storage));
 }
 
-std::unique_ptr<networks::NetworkKeeper> MakeNetworkKeeper(const GuestControlOptions& options) {
+std::unique_ptr<networks::NetworkKeeper> MakeNetworkKeeper(const GuestControlOptions& options,
+                                                           const std::atomic<bool>& stopping) {
   if (options.networks == GuestControlOptions::Networks::kNotKept) return nullptr;
   networks::NetworkKeeperOptions keeper;
   keeper.store = options.store;
@@ -53,6 +54,7 @@ std::unique_ptr<networks::NetworkKeeper> MakeNetworkKeeper(const GuestControlOpt
     keeper.bridge_maker = machine::SystemBridgeMaker();
   }
   if (options.claim) keeper.guard = [claim = options.claim] { return claim->Guard(); };
+  keeper.is_stopping = [&stopping] { return stopping.load(); };
   return std::make_unique<networks::NetworkKeeper>(std::move(keeper));
 }
 
@@ -74,7 +76,7 @@ Result<std::unique_ptr<GuestControl>> GuestControl::Start(GuestControlOptions op
 LibvirtGuestControl::LibvirtGuestControl(GuestControlOptions options, std::uint64_t epoch)
     : options_(std::move(options)),
       storage_(MakeStorageWatch(options_)),
-      networks_(MakeNetworkKeeper(options_)),
+      networks_(MakeNetworkKeeper(options_, stopping_)),
       deletion_(MakeDeletionOptions()),
       edits_(MakeEditOptions()),
       sequencer_(epoch) {}

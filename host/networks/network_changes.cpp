@@ -189,11 +189,14 @@ Status TouchNetworks(const store::Snapshot& snapshot, const std::string& id, sto
   return records::CompareNetworksRevision(snapshot, transaction);
 }
 
+// `own`: what a host has found that has not reported it yet.
 Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const NewNetwork& added, std::string& id,
-                                        std::optional<Refusal>& refused) {
+                                        std::optional<Refusal>& refused,
+                                        const std::pair<std::string, NetworkReport>* own = nullptr) {
   store::Transaction transaction;
-  const Result<Known> known = ReadKnown(snapshot);
+  Result<Known> known = ReadKnown(snapshot);
   if (!known) return known.error();
+  if (own != nullptr) known->reports[own->first] = own->second;
   Network network = MakeNetwork(added);
   const auto interface_id = FindNetworkIdOfInterfaces(snapshot, network.network_name, network.id);
   if (!interface_id) return interface_id.error();
@@ -312,7 +315,9 @@ Result<void, Refusal> RemoveNetwork(store::Store& store, const std::string& id, 
   });
 }
 
-Result<bool> AddDefaultNetwork(store::Store& store, HostHasNetworks has_networks) {
+Result<bool> AddDefaultNetwork(store::Store& store, HostHasNetworks has_networks, const std::string& host_id,
+                               const NetworkReport& report) {
+  const std::pair own(host_id, report);
   bool is_added = false;
   const Status done = records::CommitWithRetry(store, [&](const records::Reader& reader) -> Result<store::Transaction> {
     is_added = false;
@@ -327,7 +332,7 @@ Result<bool> AddDefaultNetwork(store::Store& store, HostHasNetworks has_networks
       added.settings.name = kDefaultName;
       std::string id;
       std::optional<Refusal> refused;
-      auto planned = PlanAddition(reader, added, id, refused);
+      auto planned = PlanAddition(reader, added, id, refused, &own);
       if (!planned || !refused) {
         is_added = planned.ok();
         return planned;

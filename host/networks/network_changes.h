@@ -58,10 +58,11 @@ Result<void, Refusal> EditNetwork(store::Store& store, const std::string& id, co
 Result<void, Refusal> RemoveNetwork(store::Store& store, const std::string& id, std::string& name);
 
 // The network that a new cluster begins with, when its first host has none: "default", which reaches other networks by
-// NAT. Once anything has been written about networks, this does nothing. Returns whether it was added. Errors: those of
-// the store.
+// NAT, with a subnet that is free on the host as well, by its `report`. Once anything has been written about networks,
+// this does nothing. Returns whether it was added. Errors: those of the store.
 enum class HostHasNetworks { kNo, kYes };
-Result<bool> AddDefaultNetwork(store::Store& store, HostHasNetworks has_networks);
+Result<bool> AddDefaultNetwork(store::Store& store, HostHasNetworks has_networks, const std::string& host_id,
+                               const records::NetworkReport& report);
 
 struct ListedNetwork {
   records::Network network;  // of one that was only found: id, name, kind, network_name and subnet

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/base/sanitize_for_log.h"
+#include "host/machine/bridge_files.h"
 #include "host/machine/kernel_bridges.h"
 #include "host/machine/machine.h"
 #include "host/networks/network_changes.h"
@@ -48,9 +49,20 @@ struct NetworkKeeper::Pass {
   std::optional<std::vector<std::pair<KnownNetwork, ParsedNetwork>>> libvirt;
   std::string libvirt_failure;
   std::vector<std::string> bridges;  // of the machine
+  // Bridges that this system has made, with the ids of their networks; also those that only have files yet.
+  std::map<std::string, std::string> own_bridges;
   std::vector<records::StoredNetwork> networks;
+  // The networks that this pass keeps in libvirt, and those that it keeps as bridges.
+  std::set<std::string> libvirt_ids;
+  std::set<std::string> bridge_ids;
+  std::optional<Error> bridge_maker_failure;  // it does not answer
   records::NetworkReport report;
 
+  bool HasBridge(const std::string& name) const { return std::ranges::find(bridges, name) != bridges.end(); }
+  bool IsOwnBridge(const std::string& name, const std::string& id) const {
+    const auto own = own_bridges.find(name);
+    return own != own_bridges.end() && own->second == id;
+  }
   const std::pair<KnownNetwork, ParsedNetwork>* Find(const std::string& name) const {
     const auto found = std::ranges::find_if(*libvirt, [&](const auto& one) { return one.first.name == name; });
     return found == libvirt->end() ? nullptr : &*found;
@@ -84,13 +96,19 @@ void NetworkKeeper::ReadMachine(Pass& pass) const {
   for (std::string& name : machine::Machine(options_.machine_root).Names("/sys/class/net")) {
     if (links.KindOf(name) != BridgeKind::kNone) pass.bridges.push_back(std::move(name));
   }
+  // systemd-networkd makes bridges without the alias.
+  pass.own_bridges = machine::BridgesWithFiles(machine::Machine(options_.machine_root));
+  for (const std::string& bridge : pass.bridges) {
+    if (const std::string id = AliasOf(bridge); !id.empty()) pass.own_bridges[bridge] = id;
+  }
 }
 
 void NetworkKeeper::AddDefault(const Pass& pass) const {
   // Without knowing what there is, nothing is added.
   if (!pass.libvirt) return;
   const bool has_networks = !pass.libvirt->empty() || !pass.bridges.empty();
-  const auto added = AddDefaultNetwork(*options_.store, has_networks ? HostHasNetworks::kYes : HostHasNetworks::kNo);
+  const auto added = AddDefaultNetwork(*options_.store, has_networks ? HostHasNetworks::kYes : HostHasNetworks::kNo,
+                                       options_.host_id, pass.report);
   if (added && *added) {
     ::syslog(LOG_NOTICE, "The network 'default' was added, because this host had neither networks nor bridges.");
   }
@@ -106,6 +124,7 @@ Status NetworkKeeper::ReadRecords(Pass& pass) const {
 }
 
 NetworkCondition NetworkKeeper::KeepInLibvirt(Pass& pass, const Network& network, NetworkDefinition definition) const {
+  pass.libvirt_ids.insert(network.id);
   if (!pass.libvirt) return {records::kNetworkFailed, pass.libvirt_failure};
   definition.name = network.network_name;
   definition.id = network.id;
@@ -138,10 +157,11 @@ NetworkCondition NetworkKeeper::KeepInLibvirt(Pass& pass, const Network& network
 
 NetworkCondition NetworkKeeper::KeepBridge(Pass& pass, const Network& network) const {
   if (options_.bridges == NetworkKeeperOptions::Bridges::kAllExist) return Ready();
+  pass.bridge_ids.insert(network.id);
   const std::string& name = network.network_name;
   const std::string& uplink = network.UplinkOn(options_.host_id);
-  const bool exists = std::ranges::find(pass.bridges, name) != pass.bridges.end();
-  const bool is_used_as_it_is = exists && network.kind == NetworkKind::kBridge && MarkOf(name) != network.id;
+  const bool exists = pass.HasBridge(name);
+  const bool is_used_as_it_is = exists && network.kind == NetworkKind::kBridge && !pass.IsOwnBridge(name, network.id);
   if (is_used_as_it_is) return Ready();
   if (uplink.empty() || !options_.bridge_maker.make) {
     if (exists) return Ready();
@@ -150,20 +170,30 @@ NetworkCondition NetworkKeeper::KeepBridge(Pass& pass, const Network& network) c
   }
   const machine::BridgeRequest request{network.id, name, uplink, network.vlan_id, network.move_addresses};
   if (exists && IsMade(request)) return Ready();
-  const Status made = options_.bridge_maker.make(request);
+  const Status made = MakeBridge(pass, request);
   if (made) {
     ::syslog(LOG_NOTICE, "The bridge %s was made for the network %s.", Quoted(name).c_str(),
              Quoted(network.name).c_str());
     return Ready();
   }
   const ErrorCode code = made.error().code();
+  // Guests are still on the bridge as it was before the edit.
+  if (code == ErrorCode::kBusy && exists) return Ready("A change waits: " + made.error().ToString());
   const bool is_missing = code == ErrorCode::kNotFound || code == ErrorCode::kDenied || code == ErrorCode::kUnavailable;
   return is_missing ? Missing(made.error().ToString()) : Failed(made.error());
 }
 
+// A service that hangs is asked once in a pass.
+Status NetworkKeeper::MakeBridge(Pass& pass, const machine::BridgeRequest& request) const {
+  if (pass.bridge_maker_failure) return *pass.bridge_maker_failure;
+  Status made = options_.bridge_maker.make(request);
+  if (!made && made.error().code() == ErrorCode::kUnavailable) pass.bridge_maker_failure = made.error();
+  return made;
+}
+
 // Whether the bridge, which exists, is as requested, as far as sysfs shows; its maker does not have to be asked then.
 bool NetworkKeeper::IsMade(const machine::BridgeRequest& request) const {
-  if (MarkOf(request.bridge) != request.network_id) return false;
+  if (AliasOf(request.bridge) != request.network_id) return false;
   const machine::NetworkLinks links(options_.machine_root);
   if (request.vlan_id == 0) return links.MasterOf(request.uplink) == request.bridge;
   const std::string vlan = machine::VlanInterface(request);
@@ -171,37 +201,37 @@ bool NetworkKeeper::IsMade(const machine::BridgeRequest& request) const {
          machine::Machine(options_.machine_root).IsFolder("/sys/class/net/" + vlan + "/lower_" + request.uplink);
 }
 
-std::string NetworkKeeper::MarkOf(const std::string& interface) const {
+std::string NetworkKeeper::AliasOf(const std::string& interface) const {
   return machine::NetworkOfAlias(
       machine::Machine(options_.machine_root).ReadLine("/sys/class/net/" + interface + "/ifalias"));
 }
 
-// Removes bridges that this host has made and that have no record any more. One that running guests are on stays until
-// they are off.
-void NetworkKeeper::RemoveStaleBridges(const Pass& pass) const {
-  if (!options_.bridge_maker.remove) return;
+// Removes bridges that this host has made and that are not for a network any more. One that running guests are on stays
+// until they are off.
+void NetworkKeeper::RemoveStaleBridges(const Pass& pass) {
+  if (!options_.bridge_maker.remove || pass.bridge_maker_failure) return;
   const machine::Machine machine(options_.machine_root);
-  for (const std::string& bridge : pass.bridges) {
-    const std::string id = MarkOf(bridge);
-    const bool has_record = std::ranges::any_of(
-        pass.networks, [&](const records::StoredNetwork& stored) { return stored.network.id == id; });
-    if (id.empty() || has_record) continue;
+  for (const auto& [bridge, id] : pass.own_bridges) {
+    if (pass.bridge_ids.contains(id) || IsStopping()) continue;
     const auto ports = machine.Names("/sys/class/net/" + bridge + "/brif");
     const bool is_in_use = std::ranges::any_of(ports, [&](const std::string& port) {
       return machine.Read("/sys/class/net/" + port + "/tun_flags").has_value();
     });
     if (is_in_use) continue;
-    machine::BridgeRequest request;
-    request.network_id = id;
-    request.bridge = bridge;
-    const Status removed = options_.bridge_maker.remove(request);
-    if (removed) {
-      ::syslog(LOG_NOTICE, "The bridge %s was removed.", Quoted(bridge).c_str());
-    } else {
-      ::syslog(LOG_ERR, "The bridge %s cannot be removed: %s.", Quoted(bridge).c_str(),
-               removed.error().ToString().c_str());
-    }
+    const Status removed = options_.bridge_maker.remove({id, bridge, "", 0, false});
+    LogRemoval("bridge " + Quoted(bridge), "", removed ? "" : removed.error().ToString());
+    if (!removed && removed.error().code() == ErrorCode::kUnavailable) return;
   }
+}
+
+void NetworkKeeper::LogRemoval(const std::string& what, const std::string& where, const std::string& failure) {
+  if (failure.empty()) {
+    failed_removals_.erase(what);
+    ::syslog(LOG_NOTICE, "The %s was removed%s.", what.c_str(), where.c_str());
+    return;
+  }
+  if (std::exchange(failed_removals_[what], failure) == failure) return;
+  ::syslog(LOG_ERR, "The %s cannot be removed: %s.", what.c_str(), SanitizeForLog(failure, 512).c_str());
 }
 
 NetworkCondition NetworkKeeper::KeepOne(Pass& pass, const Network& network) const {
@@ -232,23 +262,24 @@ NetworkCondition NetworkKeeper::KeepOne(Pass& pass, const Network& network) cons
   return KeepBridge(pass, network);
 }
 
-// Removes networks that this host has made and that have no record any more. One that running guests are in stays
-// until they are off.
-void NetworkKeeper::RemoveStale(Pass& pass) const {
+void NetworkKeeper::KeepOrLeave(Pass& pass, const records::StoredNetwork& stored) const {
+  // A damaged record is left alone; readers of the list see the damage.
+  if (stored.damage.empty()) pass.report.conditions[stored.network.id] = KeepOne(pass, stored.network);
+  // What the host has of a network that it cannot keep now stays as it is.
+  if (pass.libvirt_ids.contains(stored.network.id) || pass.bridge_ids.contains(stored.network.id)) return;
+  pass.libvirt_ids.insert(stored.network.id);
+  pass.bridge_ids.insert(stored.network.id);
+}
+
+// Removes networks of libvirt that this host has made and that are not needed any more. One that running guests are in
+// stays until they are off.
+void NetworkKeeper::RemoveStale(const Pass& pass) {
   if (!pass.libvirt) return;
   for (const auto& [known, parsed] : *pass.libvirt) {
-    if (!IsOwn(parsed) || known.is_in_use) continue;
-    const bool has_record = std::ranges::any_of(
-        pass.networks, [&id = parsed.id](const records::StoredNetwork& stored) { return stored.network.id == id; });
-    if (has_record) continue;
+    if (!IsOwn(parsed) || known.is_in_use || pass.libvirt_ids.contains(parsed.id) || IsStopping()) continue;
     auto removed = pass.hypervisor.StopNetwork(known.name);
     if (removed && known.is_persistent) removed = pass.hypervisor.UndefineNetwork(known.name);
-    if (removed) {
-      ::syslog(LOG_NOTICE, "The network %s was removed from libvirt.", Quoted(known.name).c_str());
-    } else {
-      ::syslog(LOG_ERR, "The network %s cannot be removed: %s.", Quoted(known.name).c_str(),
-               removed.error().ToString().c_str());
-    }
+    LogRemoval("network " + Quoted(known.name), " from libvirt", removed ? "" : removed.error().ToString());
   }
 }
 
@@ -262,8 +293,8 @@ void NetworkKeeper::Report(Pass& pass) const {
     if (!IsOwn(parsed)) pass.report.found.push_back({known.name, parsed.kind, parsed.subnet});
   }
   for (const std::string& bridge : pass.bridges) {
-    if (!libvirt_bridges.contains(bridge) && MarkOf(bridge).empty())
-      pass.report.found.push_back({bridge, "bridge", ""});
+    if (libvirt_bridges.contains(bridge) || pass.own_bridges.contains(bridge)) continue;
+    pass.report.found.push_back({bridge, "bridge", ""});
   }
   std::set<std::string> subnets;
   if (options_.bridges == NetworkKeeperOptions::Bridges::kOfMachine) {
@@ -307,15 +338,18 @@ void NetworkKeeper::Keep(hypervisor::Hypervisor& hypervisor) {
   Pass pass(hypervisor);
   ReadLibvirt(pass);
   ReadMachine(pass);
+  Report(pass);
   AddDefault(pass);
   if (const Status read = ReadRecords(pass); !read) return LogOnce(read.error().ToString());
-  Report(pass);
+  // What was read after the database was lost may be old, and nothing is removed because of it.
+  if (options_.store->health() == store::Health::kInaccessible) return;
   for (const records::StoredNetwork& stored : pass.networks) {
-    // A damaged record is left alone; readers of the list see the damage.
-    if (stored.damage.empty()) pass.report.conditions[stored.network.id] = KeepOne(pass, stored.network);
+    if (IsStopping()) return;
+    KeepOrLeave(pass, stored);
   }
   RemoveStale(pass);
   RemoveStaleBridges(pass);
+  if (IsStopping()) return;
   LogChanges(pass);
   const std::string text = json::ToText(records::NetworkReportToJson(pass.report));
   const std::string key = records::NetworkReportKey(options_.host_id);

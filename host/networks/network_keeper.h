@@ -1,6 +1,6 @@
 // Keeps the networks of this host as the records of the cluster say: makes what is missing, and removes what it has
 // made when the record is gone. Never changes what it has not made: its networks of libvirt have a mark in their
-// metadata, its bridges in their alias.
+// metadata, its bridges in their alias and in the files of systemd-networkd.
 #pragma once
 
 #include <functional>
@@ -33,6 +33,8 @@ struct NetworkKeeperOptions {
   machine::AddressReader addresses = machine::SystemAddresses;
   // The compare of this host's commits (cluster::HostClaim::Guard). Not set: none.
   std::function<store::Compare()> guard;
+  // Whether the host stops: a pass then ends early and reports nothing. Not set: never.
+  std::function<bool()> is_stopping;
 };
 
 // Threads: any, at the same time; passes wait for each other.
@@ -55,22 +57,28 @@ class NetworkKeeper {
   void ReadMachine(Pass& pass) const;
   void AddDefault(const Pass& pass) const;
   Status ReadRecords(Pass& pass) const;
+  void KeepOrLeave(Pass& pass, const records::StoredNetwork& stored) const;
   records::NetworkCondition KeepOne(Pass& pass, const records::Network& network) const;
   records::NetworkCondition KeepBridge(Pass& pass, const records::Network& network) const;
   records::NetworkCondition KeepInLibvirt(Pass& pass, const records::Network& network,
                                           domain_xml::NetworkDefinition definition) const;
   bool IsMade(const machine::BridgeRequest& request) const;
-  // The id of the network for which this system has made the interface; "": another program has made it.
-  std::string MarkOf(const std::string& interface) const;
-  void RemoveStale(Pass& pass) const;
-  void RemoveStaleBridges(const Pass& pass) const;
+  Status MakeBridge(Pass& pass, const machine::BridgeRequest& request) const;
+  // The id of the network that the interface's alias names; "": another program has made it, or the machine's start.
+  std::string AliasOf(const std::string& interface) const;
+  void RemoveStale(const Pass& pass) VEXA_REQUIRES(keeping_);
+  void RemoveStaleBridges(const Pass& pass) VEXA_REQUIRES(keeping_);
+  void LogRemoval(const std::string& what, const std::string& where, const std::string& failure)
+      VEXA_REQUIRES(keeping_);
   void Report(Pass& pass) const;
+  bool IsStopping() const { return options_.is_stopping && options_.is_stopping(); }
   void LogChanges(const Pass& pass) VEXA_REQUIRES(keeping_);
   void LogOnce(const std::string& sentence) VEXA_REQUIRES(keeping_);
 
   const NetworkKeeperOptions options_;
   Mutex keeping_;                                                                           // locked during a pass
   std::map<std::string, records::NetworkCondition> last_logged_ VEXA_GUARDED_BY(keeping_);  // by network id
+  std::map<std::string, std::string> failed_removals_ VEXA_GUARDED_BY(keeping_);  // failures by what cannot be removed
   std::string last_error_ VEXA_GUARDED_BY(keeping_);
 };
 

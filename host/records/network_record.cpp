@@ -59,8 +59,7 @@ Status CheckNames(const Network& network) {
   if (!IsNetworkName(network.name)) {
     return Invalid(
         "A network's name is 1 to 64 bytes of UTF-8 without '/' and control characters, and neither begins nor ends "
-        "with "
-        "a space");
+        "with a space");
   }
   if (HasBridge(network.kind) && !IsInterfaceName(network.network_name)) {
     return Invalid(
@@ -128,9 +127,9 @@ Status CheckUplinks(const Network& network) {
     if (NormalizeUuid(host_id) != host_id) return Invalid(fmt::format("{} is not a host's id", Quoted(host_id)));
     if (Status checked = CheckUplink(network, uplink); !checked) return checked;
   }
-  const bool is_bridge_with_uplink = HasBridge(network.kind) && has_uplinks;
+  const bool is_bridge_with_uplink = network.kind == NetworkKind::kBridge && has_uplinks;
   if (network.move_addresses && !is_bridge_with_uplink) {
-    return Invalid("Only a bridge can take over the addresses of its uplink");
+    return Invalid("Only a network of the kind bridge with an uplink can take over its addresses");
   }
   return {};
 }
@@ -210,6 +209,7 @@ Json::Value NetworkToJson(const Network& network) {
   record[keys::name] = network.name;
   record["kind"] = std::string(NetworkKindName(network.kind));
   record["network_name"] = network.network_name;
+  record[keys::bridge_name] = network.network_name;  // hosts with older versions read this one
   if (!network.description.empty()) record["description"] = network.description;
   if (!network.subnet.empty()) record["subnet"] = network.subnet;
   if (network.vlan_id != 0) record["vlan_id"] = network.vlan_id;

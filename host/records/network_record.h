@@ -1,7 +1,8 @@
 // The networks of the cluster that guests' interfaces can be in.
 //
 //   /dash/network/<id>/object   {"name", "kind", "network_name", "description", "subnet", "vlan_id", "uplink",
-//                               "uplinks": {"<host id>": interface}, "move_addresses"}
+//                               "uplinks": {"<host id>": interface}, "move_addresses", "bridge_name": as
+//                               "network_name"}
 //   /dash/host/<id>/networks    {"states": {"<network id>": {"state", "reason"}}, "found": [{"name", "kind",
 //                               "subnet"}], "subnets": [subnet]}: what the host last found out about its networks
 //   /networks                   written by every commit that changes networks, or puts an interface into a network

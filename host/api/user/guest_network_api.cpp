@@ -163,7 +163,7 @@ std::vector<Parameter> SettingParameters() {
       Optional("uplinks", ParameterType::kObject,
                "Other uplinks by host id, for hosts whose interface has another name; \"\": none."),
       OptionalFlag("move_addresses",
-                   "Of the kinds bridge and vlan: the bridge takes over the addresses and routes of its uplink; "
+                   "Of the kind bridge: it takes over the addresses and routes of its uplink; "
                    "otherwise, an uplink with addresses is refused.")};
 }
 

@@ -83,7 +83,9 @@ class NetworkChanges : public test::RecordTest {
 TEST_F(NetworkChanges, Add_Nat_GetsIdOfItsNameAndFreeSubnet) {
   ExpectAdded(Nat("lan"));
   EXPECT_EQ(id_, NetworkGroupId("lan"));
-  EXPECT_EQ(Record(id_), Parsed(R"({"kind":"nat","name":"lan","network_name":"lan","subnet":"192.168.100.0/24"})"));
+  EXPECT_EQ(
+      Record(id_),
+      Parsed(R"({"bridge_name":"lan","kind":"nat","name":"lan","network_name":"lan","subnet":"192.168.100.0/24"})"));
   ExpectAdded(Nat("lan 2"));
   EXPECT_EQ(Record(id_)["subnet"], "192.168.101.0/24");
 }
@@ -91,7 +93,7 @@ TEST_F(NetworkChanges, Add_Nat_GetsIdOfItsNameAndFreeSubnet) {
 TEST_F(NetworkChanges, Add_Bridge_HasIdOfTheBridge) {
   ExpectAdded(Bridge("The office", "br0"));
   EXPECT_EQ(id_, NetworkGroupId("br0"));
-  EXPECT_EQ(Record(id_), Parsed(R"({"kind":"bridge","name":"The office","network_name":"br0"})"));
+  EXPECT_EQ(Record(id_), Parsed(R"({"bridge_name":"br0","kind":"bridge","name":"The office","network_name":"br0"})"));
   ExpectAdded(Bridge("br1", ""));
   EXPECT_EQ(id_, NetworkGroupId("br1"));
 }
@@ -241,7 +243,8 @@ TEST_F(NetworkChanges, Edit_Settings_KeepIdAndUnknownMembers) {
   settings.subnet = "10.9.0.0/24";
   EXPECT_TRUE(Edit(id_, settings).ok());
   EXPECT_EQ(name_, "lan");
-  EXPECT_EQ(Record(id_), Parsed(R"({"description":"The lab","kind":"nat","name":"renamed","network_name":"lan",
+  EXPECT_EQ(Record(id_),
+            Parsed(R"({"bridge_name":"lan","description":"The lab","kind":"nat","name":"renamed","network_name":"lan",
                                     "of_a_newer_version":7,"subnet":"10.9.0.0/24"})"));
   settings = {};
   settings.description = "";
@@ -332,20 +335,27 @@ TEST_F(NetworkChanges, Remove_InterfaceComesBetweenReadAndCommit_IsRefused) {
 }
 
 TEST_F(NetworkChanges, Default_FirstHostWithoutNetworks_IsAddedOnce) {
-  EXPECT_TRUE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo)));
+  EXPECT_TRUE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo, kHost, {})));
   ASSERT_EQ(List().size(), 1u);
   EXPECT_EQ(List()[0].network.name, "default");
   EXPECT_EQ(List()[0].network.kind, NetworkKind::kNat);
-  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo)));
+  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo, kHost, {})));
   EXPECT_TRUE(Remove(List()[0].network.id).ok());
   // Administrators who remove it do not get it back.
-  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo)));
+  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo, kHost, {})));
   EXPECT_TRUE(List().empty());
 }
 
+TEST_F(NetworkChanges, Default_SubnetTakenOnTheHost_IsAnotherOne) {
+  records::NetworkReport report;
+  report.subnets = {"192.168.100.0/24"};
+  EXPECT_TRUE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo, kHost, report)));
+  EXPECT_EQ(List()[0].network.subnet, "192.168.101.0/24");
+}
+
 TEST_F(NetworkChanges, Default_FirstHostWithNetworks_IsNotAddedLater) {
-  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kYes)));
-  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo)));
+  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kYes, kHost, {})));
+  EXPECT_FALSE(Require(AddDefaultNetwork(host_.store(), HostHasNetworks::kNo, kHost, {})));
   EXPECT_TRUE(List().empty());
 }
 

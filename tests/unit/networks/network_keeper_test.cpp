@@ -208,6 +208,117 @@ TEST_F(Keeper, BridgeWithUplink_Missing_IsMadeOnceAndRemovedWithItsRecord) {
   EXPECT_THAT(LogLines(), ElementsAre("5 The bridge 'br0' was removed."));
 }
 
+// systemd-networkd has made it when the machine started.
+TEST_F(Keeper, BridgeWithFilesOnly_IsMadeCompleteOrRemoved) {
+  AddInterface("eth0");
+  AddInterface("br0", true);
+  const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
+  const std::string folder = machine_.path() + "/etc/systemd/network/";
+  std::filesystem::create_directories(folder);
+  std::ofstream(folder + "10-vexa-bridge-br0.netdev") << "# " << machine::BridgeAlias(id) << "\n# uplink eth0\n";
+  std::ofstream(folder + "10-vexa-bridge-br1.netdev") << "# somebody else\n";
+  std::vector<machine::BridgeRequest> made;
+  std::vector<machine::BridgeRequest> removed;
+  options_.bridge_maker.make = [&](const machine::BridgeRequest& request) {
+    made.push_back(request);
+    return Status();
+  };
+  options_.bridge_maker.remove = [&](const machine::BridgeRequest& request) {
+    removed.push_back(request);
+    return Status();
+  };
+  Keep();
+  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, "br0", "eth0", 0, false}}));
+  EXPECT_THAT(Report().found, IsEmpty());
+  EXPECT_THAT(removed, IsEmpty());
+  // Also without the bridge: the files would make it again.
+  std::filesystem::remove_all(machine_.path() + "/sys/class/net/br0");
+  std::string name;
+  ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
+  Keep();
+  EXPECT_EQ(removed, (std::vector<machine::BridgeRequest>{{id, "br0", "", 0, false}}));
+}
+
+TEST_F(Keeper, Vlan_UplinkBecomesASwitch_LeavesNoBridgeBehind) {
+  AddInterface("eth0");
+  std::vector<std::string> removed;
+  options_.bridge_maker.make = [&](const machine::BridgeRequest& request) {
+    AddInterface("phones", true);
+    std::ofstream(machine_.path() + "/sys/class/net/phones/ifalias")
+        << machine::BridgeAlias(request.network_id) << "\n";
+    return Status();
+  };
+  options_.bridge_maker.remove = [&](const machine::BridgeRequest& request) {
+    removed.push_back(request.bridge);
+    return Status();
+  };
+  const std::string id = Add("phones", NetworkKind::kVlan, "eth0", 42);
+  Keep();
+  Keep();
+  EXPECT_THAT(removed, IsEmpty());
+  AddInterface("ovs_lan");
+  NetworkSettings settings;
+  settings.uplink = "ovs_lan";
+  std::string name;
+  ASSERT_TRUE(EditNetwork(host_.store(), id, settings, name).ok());
+  Keep();
+  EXPECT_THAT(Names(), ElementsAre("phones"));
+  EXPECT_THAT(removed, ElementsAre("phones"));
+  // And back again.
+  settings.uplink = "eth0";
+  ASSERT_TRUE(EditNetwork(host_.store(), id, settings, name).ok());
+  Keep();
+  EXPECT_THAT(Names(), IsEmpty());
+  // An uplink that is missing for a while removes nothing.
+  removed.clear();
+  std::filesystem::remove_all(machine_.path() + "/sys/class/net/eth0");
+  Keep();
+  EXPECT_EQ(Condition(id).state, "missing");
+  EXPECT_THAT(removed, IsEmpty());
+}
+
+TEST_F(Keeper, BridgeMaker_DoesNotAnswer_IsAskedOnce) {
+  AddInterface("eth0");
+  AddInterface("eth1");
+  int calls = 0;
+  options_.bridge_maker.make = [&](const machine::BridgeRequest&) {
+    ++calls;
+    return Status(Error(ErrorCode::kUnavailable, "It does not answer"));
+  };
+  options_.bridge_maker.remove = options_.bridge_maker.make;
+  const std::string one = Add("br0", NetworkKind::kBridge, "eth0");
+  const std::string other = Add("br1", NetworkKind::kBridge, "eth1");
+  Keep();
+  EXPECT_EQ(calls, 1);
+  for (const std::string& id : {one, other}) {
+    EXPECT_EQ(Condition(id), (NetworkCondition{"missing", "It does not answer"}));
+  }
+}
+
+TEST_F(Keeper, Host_Stops_EndsThePass) {
+  bool is_stopping = false;
+  options_.is_stopping = [&] { return is_stopping; };
+  (void)Add("lan", NetworkKind::kNat);
+  is_stopping = true;
+  Keep();
+  EXPECT_THAT(Names(), IsEmpty());
+  is_stopping = false;
+  Keep();
+  EXPECT_THAT(Names(), ElementsAre("lan"));
+}
+
+TEST_F(Keeper, EditedUplink_GuestsOnTheBridge_Waits) {
+  AddInterface("eth0");
+  AddInterface("br0", true);
+  const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
+  std::ofstream(machine_.path() + "/sys/class/net/br0/ifalias") << machine::BridgeAlias(id) << "\n";
+  options_.bridge_maker.make = [](const machine::BridgeRequest&) {
+    return Status(Error(ErrorCode::kBusy, "The bridge 'br0' has other ports: 'vnet0'"));
+  };
+  Keep();
+  EXPECT_EQ(Condition(id), (NetworkCondition{"ready", "A change waits: The bridge 'br0' has other ports: 'vnet0'"}));
+}
+
 TEST_F(Keeper, BridgeWithUplink_CannotBeMade_SaysWhy) {
   AddInterface("eth0");
   Status answer = Error(ErrorCode::kDenied, "The interface has addresses");
@@ -228,6 +339,7 @@ TEST_F(Keeper, BridgeWithUplink_CannotBeMade_SaysWhy) {
   std::string name;
   ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
   test::ClearCapturedSyslog();
+  Keep();
   Keep();
   EXPECT_THAT(LogLines(),
               ElementsAre("3 The bridge 'br0' cannot be removed: Cannot make the bridge: No buffer space."));
@@ -339,8 +451,11 @@ TEST_F(Keeper, Found_BridgesAndAddresses_AreReported) {
 
 TEST_F(Keeper, FirstPass_NeitherNetworksNorBridges_AddsDefault) {
   Delete(records::NetworksGuardKey());
+  // The network of the host itself.
+  addresses_ = {{"eth0", "192.168.100.7", "255.255.255.0", false}};
   Keep();
   EXPECT_THAT(Names(), ElementsAre("default"));
+  EXPECT_EQ(ParseNetworkXml(InLibvirt()[0].xml).subnet, "192.168.101.0/24");
   EXPECT_EQ(Condition(NetworkGroupId("default")).state, "ready");
 }
 

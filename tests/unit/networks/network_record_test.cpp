@@ -130,7 +130,7 @@ TEST(NetworkRecord, Settings_OfOtherKinds_AreRefused) {
   }
   network = Valid(NetworkKind::kMacvtap);
   network.move_addresses = true;
-  EXPECT_EQ(Refusal(network), "Only a bridge can take over the addresses of its uplink");
+  EXPECT_EQ(Refusal(network), "Only a network of the kind bridge with an uplink can take over its addresses");
   network = Valid(NetworkKind::kBridge);
   network.uplinks = {{"nas-1", "eth0"}};
   EXPECT_EQ(Refusal(network), "'nas-1' is not a host's id");
