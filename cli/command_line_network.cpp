@@ -9,6 +9,13 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kFooter = R"(
+Kinds:
+  bridge     a bridge of the hosts; with --uplink, hosts that lack it make it, with this interface as its port
+  nat        a subnet of its own; guests reach what their host reaches
+  isolated   a subnet of its own; guests reach each other and their host
+  vlan       the VLAN --vlan of --uplink, on a bridge of its own
+  macvtap    --uplink itself; guests do not reach their own host
+
 Examples:
   vexa network list
   vexa network add lan                              # guests reach other networks by NAT
@@ -34,7 +41,7 @@ void AddSettingOptions(const Command& command, NetworkSettingOptions& settings) 
       .Placeholder("HOST=INTERFACE")
       .TakesOneValue();
   command.AddFlag("--move-addresses", settings.move_addresses,
-                  "Let the bridge take over the addresses and routes of its uplink");
+                  "Of bridge: let it take over the addresses and routes of its uplink, which is refused otherwise");
 }
 
 }  // namespace

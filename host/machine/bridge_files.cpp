@@ -8,7 +8,6 @@
 
 #include "host/base/files.h"
 #include "host/base/interface_name.h"
-#include "host/base/uuid.h"
 
 namespace vexa::machine {
 namespace {
@@ -21,7 +20,7 @@ constexpr std::string_view kNetdev = ".netdev";
 constexpr std::string_view kIpv4Leases = "DHCP=ipv4\n";
 constexpr std::string_view kIpv6Leases = "IPv6AcceptRA=yes\n";
 
-std::string Mark(const std::string& network_id) { return "# " + BridgeAlias(network_id) + "\n"; }
+std::string FirstLine(const BridgeMark& mark) { return "# " + BridgeAlias(mark) + "\n"; }
 
 // "": there is no such file.
 std::string Content(const std::string& path) {
@@ -44,12 +43,10 @@ std::string LineAfter(std::string_view text, std::string_view begin) {
   return found;
 }
 
-// The id of the network in the first line; "": the file is not ours.
-std::string MarkIn(std::string_view text) {
+// The mark in the first line. Not set: the file is not ours.
+std::optional<BridgeMark> MarkIn(std::string_view text) {
   const std::string_view first = text.substr(0, text.find('\n'));
-  if (!first.starts_with("# ")) return "";
-  const std::string id = NetworkOfAlias(std::string(first.substr(2)));
-  return NormalizeUuid(id) == id ? id : "";
+  return first.starts_with("# ") ? ParseBridgeAlias(first.substr(2)) : std::nullopt;
 }
 
 }  // namespace
@@ -63,9 +60,11 @@ BridgeFiles::BridgeFiles(const std::string& folder, const std::string& bridge)
 
 std::optional<BridgeRequest> BridgeFiles::Read() const {
   const std::string text = Content(netdev_);
+  const auto mark = MarkIn(text);
+  if (!mark) return std::nullopt;
   BridgeRequest request;
-  request.network_id = MarkIn(text);
-  if (request.network_id.empty()) return std::nullopt;
+  request.network_id = mark->network_id;
+  request.host_id = mark->host_id;
   request.bridge = bridge_;
   request.uplink = LineAfter(text, "# uplink ");
   if (!IsInterfaceName(request.uplink)) request.uplink.clear();
@@ -73,10 +72,10 @@ std::optional<BridgeRequest> BridgeFiles::Read() const {
   return request;
 }
 
-std::string BridgeFiles::Foreign(const std::string& network_id) const {
+std::string BridgeFiles::Foreign(const BridgeMark& mark) const {
   for (const std::string& path : {netdev_, network_, port_}) {
     if (::access(path.c_str(), F_OK) != 0) continue;
-    if (!Content(path).starts_with(Mark(network_id))) return path;
+    if (!Content(path).starts_with(FirstLine(mark))) return path;
   }
   return "";
 }
@@ -84,7 +83,7 @@ std::string BridgeFiles::Foreign(const std::string& network_id) const {
 // systemd-networkd-wait-online waits neither for an interface without addresses nor for a port.
 Status BridgeFiles::Write(const BridgeRequest& request, const std::string& mac, const BridgeAddresses& all,
                           bool is_moving) const {
-  const std::string mark = Mark(request.network_id);
+  const std::string mark = FirstLine({request.network_id, request.host_id});
   constexpr std::string_view kNotAwaited = "\n[Link]\nRequiredForOnline=no\n";
   if (Status made = CreateDirectories(folder_, 0755); !made) return made;
   std::string netdev = fmt::format("{}# uplink {}\n", mark, request.uplink);
@@ -117,13 +116,13 @@ Status BridgeFiles::Remove() const {
   return {};
 }
 
-std::map<std::string, std::string> BridgesWithFiles(const Machine& machine) {
-  std::map<std::string, std::string> bridges;
+std::map<std::string, BridgeMark> BridgesWithFiles(const Machine& machine) {
+  std::map<std::string, BridgeMark> bridges;
   for (const std::string& name : machine.Names(kNetworkdFolder)) {
     if (!name.starts_with(kBridgeStem) || !name.ends_with(kNetdev)) continue;
     const std::string bridge = name.substr(kBridgeStem.size(), name.size() - kBridgeStem.size() - kNetdev.size());
-    const std::string id = MarkIn(machine.Read(fmt::format("{}/{}", kNetworkdFolder, name)).value_or(""));
-    if (IsInterfaceName(bridge) && !id.empty()) bridges.emplace(bridge, id);
+    const auto mark = MarkIn(machine.Read(fmt::format("{}/{}", kNetworkdFolder, name)).value_or(""));
+    if (IsInterfaceName(bridge) && mark) bridges.emplace(bridge, *mark);
   }
   return bridges;
 }

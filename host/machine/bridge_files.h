@@ -1,8 +1,7 @@
 // The files that let systemd-networkd make a bridge again when the machine starts, and that name what it is for:
 //
-//   10-vexa-bridge-<bridge>.netdev    the bridge; begins with "# vexa-network <network id>", then has "# uplink
-//   <interface>"
-//                                     and, when its port is a VLAN, "# vlan <tag>"
+//   10-vexa-bridge-<bridge>.netdev    the bridge; begins with "# vexa-network <network id> <host id>", then has
+//                                     "# uplink <interface>" and, when its port is a VLAN, "# vlan <tag>"
 //   10-vexa-bridge-<bridge>.network   its addresses and routes
 //   10-vexa-port-<bridge>.network     puts the uplink on it; without a VLAN only
 //
@@ -32,10 +31,10 @@ class BridgeFiles {
  public:
   BridgeFiles(const std::string& folder, const std::string& bridge);
 
-  // What the bridge was made for: network_id, bridge, uplink and vlan_id are set. Not set: there is no such file.
+  // What the bridge was made for; move_addresses is not in it. Not set: there is no such file.
   std::optional<BridgeRequest> Read() const;
-  // A file under one of the three names that was not made for the network; "": there is none.
-  std::string Foreign(const std::string& network_id) const;
+  // A file under one of the three names without this mark; "": there is none.
+  std::string Foreign(const BridgeMark& mark) const;
   // Writes what is missing or has changed; `mac` is the address of the bridge's interface, "" for any. The addresses of
   // a bridge are written when there are some to move, and else stay as they are in the file. Errors: those of
   // WriteFileAtomically.
@@ -51,7 +50,7 @@ class BridgeFiles {
   const std::string port_;
 };
 
-// The bridges that such files in kNetworkdFolder are for, with the ids of their networks.
-std::map<std::string, std::string> BridgesWithFiles(const Machine& machine);
+// The bridges that such files in kNetworkdFolder are for, by name.
+std::map<std::string, BridgeMark> BridgesWithFiles(const Machine& machine);
 
 }  // namespace vexa::machine

@@ -17,6 +17,8 @@ Error Invalid(const std::string& what, const std::string& value) {
   return Error(ErrorCode::kInvalid, fmt::format("'{}' is not {}", SanitizeForLog(value, 64), what));
 }
 
+bool IsUuid(const std::string& id) { return !id.empty() && NormalizeUuid(id) == id; }
+
 // A name that is also safe in a file name and in a file of systemd-networkd, where '%' and '*' have meanings.
 bool IsPlainInterfaceName(const std::string& name) {
   return IsInterfaceName(name) && name.find_first_not_of(
@@ -27,9 +29,8 @@ bool IsPlainInterfaceName(const std::string& name) {
 }  // namespace
 
 Status CheckBridgeRequest(const BridgeRequest& request) {
-  if (request.network_id.empty() || NormalizeUuid(request.network_id) != request.network_id) {
-    return Invalid("the id of a network", request.network_id);
-  }
+  if (!IsUuid(request.network_id)) return Invalid("the id of a network", request.network_id);
+  if (!IsUuid(request.host_id)) return Invalid("the id of a host", request.host_id);
   if (!IsPlainInterfaceName(request.bridge)) {
     return Invalid("a name for a bridge: use 1 to 15 letters, digits, '-', '_', '.' and '@'", request.bridge);
   }
@@ -46,6 +47,7 @@ Status CheckBridgeRequest(const BridgeRequest& request) {
 Json::Value BridgeRequestToJson(const BridgeRequest& request) {
   Json::Value value(Json::objectValue);
   value["network_id"] = request.network_id;
+  value["host_id"] = request.host_id;
   value["bridge"] = request.bridge;
   value["uplink"] = request.uplink;
   value["vlan_id"] = request.vlan_id;
@@ -56,6 +58,7 @@ Json::Value BridgeRequestToJson(const BridgeRequest& request) {
 BridgeRequest ParseBridgeRequest(const Json::Value& value) {
   BridgeRequest request;
   request.network_id = json::StringMember(value, "network_id");
+  request.host_id = json::StringMember(value, "host_id");
   request.bridge = json::StringMember(value, "bridge");
   request.uplink = json::StringMember(value, "uplink");
   const Json::Value& vlan_id = json::Member(value, "vlan_id");
@@ -64,10 +67,18 @@ BridgeRequest ParseBridgeRequest(const Json::Value& value) {
   return request;
 }
 
-std::string BridgeAlias(const std::string& network_id) { return std::string(kAliasPrefix) + network_id; }
+std::string BridgeAlias(const BridgeMark& mark) {
+  return fmt::format("{}{} {}", kAliasPrefix, mark.network_id, mark.host_id);
+}
 
-std::string NetworkOfAlias(const std::string& alias) {
-  return alias.starts_with(kAliasPrefix) ? alias.substr(kAliasPrefix.size()) : "";
+std::optional<BridgeMark> ParseBridgeAlias(std::string_view alias) {
+  if (!alias.starts_with(kAliasPrefix)) return std::nullopt;
+  alias.remove_prefix(kAliasPrefix.size());
+  const std::size_t space = alias.find(' ');
+  if (space == std::string_view::npos) return std::nullopt;
+  BridgeMark mark{std::string(alias.substr(0, space)), std::string(alias.substr(space + 1))};
+  if (!IsUuid(mark.network_id) || !IsUuid(mark.host_id)) return std::nullopt;
+  return mark;
 }
 
 }  // namespace vexa::machine

@@ -45,13 +45,17 @@ struct Situation {
   const BridgeFiles& files;
   LinkHandle bridge;  // null: there is none of the name
 
-  std::string Alias() const { return BridgeAlias(request.network_id); }
+  BridgeMark Mark() const { return {request.network_id, request.host_id}; }
+  std::string Alias() const { return BridgeAlias(Mark()); }
+  bool IsMarked(const BridgeRequest& written) const {
+    return written.network_id == request.network_id && written.host_id == request.host_id;
+  }
   // Whether this system has made the bridge for the network. A new one has no alias yet; the files name it.
   bool IsOwn() const {
     const std::string_view alias = AliasOf(bridge.get());
     if (!alias.empty()) return alias == Alias();
     const auto written = files.Read();
-    return written && written->network_id == request.network_id;
+    return written && IsMarked(*written);
   }
 };
 
@@ -107,7 +111,7 @@ Status Remove(Situation& at) {
     if (Status marked = at.netlink.SetAlias(at.bridge.get(), at.Alias()); !marked) return marked;
     if (Status freed = FreeUplink(at, written); !freed) return freed;
   }
-  if (written.network_id == at.request.network_id) {
+  if (at.IsMarked(written)) {
     if (Status removed = at.files.Remove(); !removed) return removed;
   }
   // The bridge, and the VLAN, whatever its tag was.
@@ -141,7 +145,7 @@ class Making {
       return Conflict(fmt::format("The bridge '{}' was not made by this system, and '{}' is not one of its ports",
                                   request_.bridge, request_.vlan_id == 0 ? request_.uplink : VlanInterface(request_)));
     }
-    const std::string foreign = at_.files.Foreign(request_.network_id);
+    const std::string foreign = at_.files.Foreign(at_.Mark());
     if (!foreign.empty()) return Conflict(fmt::format("The file '{}' was not made by this system", foreign));
     if (Status checked = CheckUplink(); !checked) return checked;
     if (Status replaced = RemoveFormer(); !replaced) return replaced;

@@ -97,9 +97,12 @@ void NetworkKeeper::ReadMachine(Pass& pass) const {
     if (links.KindOf(name) != BridgeKind::kNone) pass.bridges.push_back(std::move(name));
   }
   // systemd-networkd makes bridges without the alias.
-  pass.own_bridges = machine::BridgesWithFiles(machine::Machine(options_.machine_root));
+  auto marked = machine::BridgesWithFiles(machine::Machine(options_.machine_root));
   for (const std::string& bridge : pass.bridges) {
-    if (const std::string id = AliasOf(bridge); !id.empty()) pass.own_bridges[bridge] = id;
+    if (const auto mark = MarkOf(bridge)) marked[bridge] = *mark;
+  }
+  for (const auto& [bridge, mark] : marked) {
+    if (mark.host_id == options_.host_id) pass.own_bridges.emplace(bridge, mark.network_id);
   }
 }
 
@@ -168,7 +171,8 @@ NetworkCondition NetworkKeeper::KeepBridge(Pass& pass, const Network& network) c
     return Missing(fmt::format("The host has no bridge {}: make it{}", Quoted(name),
                                uplink.empty() ? ", or give the network an uplink" : ""));
   }
-  const machine::BridgeRequest request{network.id, name, uplink, network.vlan_id, network.move_addresses};
+  const machine::BridgeRequest request{network.id, options_.host_id, name,
+                                       uplink,     network.vlan_id,  network.move_addresses};
   if (exists && IsMade(request)) return Ready();
   const Status made = MakeBridge(pass, request);
   if (made) {
@@ -193,7 +197,7 @@ Status NetworkKeeper::MakeBridge(Pass& pass, const machine::BridgeRequest& reque
 
 // Whether the bridge, which exists, is as requested, as far as sysfs shows; its maker does not have to be asked then.
 bool NetworkKeeper::IsMade(const machine::BridgeRequest& request) const {
-  if (AliasOf(request.bridge) != request.network_id) return false;
+  if (MarkOf(request.bridge) != machine::BridgeMark{request.network_id, request.host_id}) return false;
   const machine::NetworkLinks links(options_.machine_root);
   if (request.vlan_id == 0) return links.MasterOf(request.uplink) == request.bridge;
   const std::string vlan = machine::VlanInterface(request);
@@ -201,8 +205,8 @@ bool NetworkKeeper::IsMade(const machine::BridgeRequest& request) const {
          machine::Machine(options_.machine_root).IsFolder("/sys/class/net/" + vlan + "/lower_" + request.uplink);
 }
 
-std::string NetworkKeeper::AliasOf(const std::string& interface) const {
-  return machine::NetworkOfAlias(
+std::optional<machine::BridgeMark> NetworkKeeper::MarkOf(const std::string& interface) const {
+  return machine::ParseBridgeAlias(
       machine::Machine(options_.machine_root).ReadLine("/sys/class/net/" + interface + "/ifalias"));
 }
 
@@ -218,7 +222,7 @@ void NetworkKeeper::RemoveStaleBridges(const Pass& pass) {
       return machine.Read("/sys/class/net/" + port + "/tun_flags").has_value();
     });
     if (is_in_use) continue;
-    const Status removed = options_.bridge_maker.remove({id, bridge, "", 0, false});
+    const Status removed = options_.bridge_maker.remove({id, options_.host_id, bridge, "", 0, false});
     LogRemoval("bridge " + Quoted(bridge), "", removed ? "" : removed.error().ToString());
     if (!removed && removed.error().code() == ErrorCode::kUnavailable) return;
   }

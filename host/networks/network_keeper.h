@@ -64,8 +64,8 @@ class NetworkKeeper {
                                           domain_xml::NetworkDefinition definition) const;
   bool IsMade(const machine::BridgeRequest& request) const;
   Status MakeBridge(Pass& pass, const machine::BridgeRequest& request) const;
-  // The id of the network that the interface's alias names; "": another program has made it, or the machine's start.
-  std::string AliasOf(const std::string& interface) const;
+  // Not set: another program has made the interface, or the machine's start.
+  std::optional<machine::BridgeMark> MarkOf(const std::string& interface) const;
   void RemoveStale(const Pass& pass) VEXA_REQUIRES(keeping_);
   void RemoveStaleBridges(const Pass& pass) VEXA_REQUIRES(keeping_);
   void LogRemoval(const std::string& what, const std::string& where, const std::string& failure)

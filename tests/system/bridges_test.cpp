@@ -75,6 +75,7 @@ using testing::IsEmpty;
 using testing::Not;
 
 constexpr char kId[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
+constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr char kOtherId[] = "1b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr int kManyChanges = 100;  // more than anything here makes
 constexpr uid_t kNobody = 65534;
@@ -93,10 +94,10 @@ class Bridges : public testing::Test {
   }
 
   Status Make(const BridgeRequest& request) { return maker_.make(request); }
-  Status Remove(const std::string& id = kId) { return maker_.remove({id, "br7", "", 0, false}); }
-  static BridgeRequest Plain() { return {kId, "br7", "up0", 0, false}; }
-  static BridgeRequest Moving() { return {kId, "br7", "up0", 0, true}; }
-  static BridgeRequest Vlan(int tag = 42) { return {kId, "br7", "up0", tag, false}; }
+  Status Remove(const std::string& id = kId) { return maker_.remove({id, kHost, "br7", "", 0, false}); }
+  static BridgeRequest Plain() { return {kId, kHost, "br7", "up0", 0, false}; }
+  static BridgeRequest Moving() { return {kId, kHost, "br7", "up0", 0, true}; }
+  static BridgeRequest Vlan(int tag = 42) { return {kId, kHost, "br7", "up0", tag, false}; }
   static std::string Link(const std::string& name) { return RunProcess({.argv = {"ip", "link", "show", name}}).output; }
   static std::string Addresses(const std::string& name) { return RunTool({"ip", "address", "show", "dev", name}); }
   static std::string HardwareAddress(const std::string& link) {
@@ -168,11 +169,11 @@ class Bridges : public testing::Test {
 TEST_F(Bridges, Make_WithUplink_IsMarkedUpAndKept) {
   const Status made = Make(Plain());
   ASSERT_TRUE(made) << made.error().ToString();
-  EXPECT_THAT(Link("br7"), AllOf(HasSubstr("alias vexa-network " + std::string(kId)), HasSubstr("UP")));
+  EXPECT_THAT(Link("br7"), AllOf(HasSubstr("alias vexa-network " + std::string(kId) + " " + kHost), HasSubstr("UP")));
   EXPECT_THAT(Link("up0"), AllOf(HasSubstr("master br7"), HasSubstr("UP")));
   const std::string mac = HardwareAddress("up0");
   EXPECT_EQ(HardwareAddress("br7"), mac);
-  const std::string mark = "# vexa-network " + std::string(kId) + "\n";
+  const std::string mark = "# vexa-network " + std::string(kId) + " " + kHost + "\n";
   EXPECT_EQ(File("bridge-br7.netdev"),
             mark + "# uplink up0\n\n[NetDev]\nName=br7\nKind=bridge\nMACAddress=" + mac + "\n");
   EXPECT_EQ(File("port-br7.network"), mark +
@@ -392,7 +393,7 @@ TEST_F(Bridges, Remove_OtherPorts_IsRefusedUntilTheyAreGone) {
   ASSERT_TRUE(Make(Plain()));
   RunTool({"ip", "link", "add", "up1", "type", "veth", "peer", "name", "far1"});
   RunTool({"ip", "link", "set", "up1", "master", "br7"});
-  for (const Status& done : {Remove(), Make({kId, "br7", "far1", 0, false})}) {
+  for (const Status& done : {Remove(), Make({kId, kHost, "br7", "far1", 0, false})}) {
     ASSERT_FALSE(done);
     EXPECT_EQ(done.error().code(), ErrorCode::kBusy);
     EXPECT_EQ(done.error().message(), "The bridge 'br7' has other ports: 'up1'");
@@ -445,7 +446,7 @@ TEST_F(Bridges, Make_FailsAfterMove_PutsAddressesBack) {
   RunTool({"ip", "link", "set", "up1", "up"});
   RunTool({"ip", "address", "add", "203.0.113.9/24", "dev", "up1"});
   RunTool({"ip", "route", "add", "203.0.113.128/25", "via", "203.0.113.1"});
-  const Status made = Make({kId, "br7", "up1", 0, true});
+  const Status made = Make({kId, kHost, "br7", "up1", 0, true});
   ASSERT_FALSE(made);
   EXPECT_THAT(made.error().message(), HasSubstr("Cannot put the interface 'up1' on the bridge 'br7'"));
   EXPECT_THAT(Addresses("up1"), HasSubstr("203.0.113.9/24"));
@@ -473,6 +474,7 @@ TEST_F(Bridges, ForeignInterfaces_AreNeverChangedOrRemoved) {
   // Of another network.
   ASSERT_TRUE(Make(Plain()));
   EXPECT_EQ(Remove(kOtherId).error().code(), ErrorCode::kConflict);
+  EXPECT_EQ(maker_.remove({kId, kOtherId, "br7", "", 0, false}).error().code(), ErrorCode::kConflict);
   BridgeRequest other = Plain();
   other.network_id = kOtherId;
   EXPECT_TRUE(Make(other)) << "the uplink is a port of it already";
@@ -487,14 +489,15 @@ TEST_F(Bridges, Uplink_MissingOrTaken_IsRefused) {
   RunTool({"ip", "link", "set", "up0", "master", "up1"});
   EXPECT_EQ(Make(Plain()).error().message(), "The interface 'up0' is a port of another bridge");
   RunTool({"ip", "link", "set", "lo", "up"});
-  EXPECT_EQ(Make({kId, "br7", "lo", 0, true}).error().message(), "The interface 'lo' is not an Ethernet interface");
+  EXPECT_EQ(Make({kId, kHost, "br7", "lo", 0, true}).error().message(),
+            "The interface 'lo' is not an Ethernet interface");
   EXPECT_THAT(Addresses("lo"), HasSubstr("127.0.0.1/8"));
 }
 
 TEST_F(Bridges, Edited_Uplink_ReplacesThePort) {
   ASSERT_TRUE(Make(Plain()));
   RunTool({"ip", "link", "add", "up1", "type", "veth", "peer", "name", "far1"});
-  ASSERT_TRUE(Make({kId, "br7", "up1", 0, false}));
+  ASSERT_TRUE(Make({kId, kHost, "br7", "up1", 0, false}));
   EXPECT_THAT(Link("up1"), HasSubstr("master br7"));
   EXPECT_THAT(Link("up0"), Not(HasSubstr("master")));
   EXPECT_THAT(File("port-br7.network"), HasSubstr("Name=up1\n"));
@@ -504,7 +507,7 @@ TEST_F(Bridges, Edited_UplinkWithAddresses_GetsThemBack) {
   Configure();
   ASSERT_TRUE(Make(Moving()));
   RunTool({"ip", "link", "add", "up1", "type", "veth", "peer", "name", "far1"});
-  ASSERT_TRUE(Make({kId, "br7", "up1", 0, true}));
+  ASSERT_TRUE(Make({kId, kHost, "br7", "up1", 0, true}));
   ExpectConfigurationOf("up0");
   EXPECT_THAT(Link("up1"), HasSubstr("master br7"));
   EXPECT_THAT(File("bridge-br7.network"), Not(HasSubstr("Address=")));
@@ -512,13 +515,14 @@ TEST_F(Bridges, Edited_UplinkWithAddresses_GetsThemBack) {
 
 TEST_F(Bridges, Request_Hostile_IsRefused) {
   for (const BridgeRequest& request :
-       {BridgeRequest{"x", "br7", "up0", 0, false}, BridgeRequest{"", "br7", "up0", 0, false},
-        BridgeRequest{kId, "", "up0", 0, false}, BridgeRequest{kId, "../etc", "up0", 0, false},
-        BridgeRequest{kId, "a b", "up0", 0, false}, BridgeRequest{kId, "br7\n", "up0", 0, false},
-        BridgeRequest{kId, "br7", "*", 0, false}, BridgeRequest{kId, "br7", "up%i", 0, false},
-        BridgeRequest{kId, "br7", "br7", 0, false}, BridgeRequest{kId, "br7", "", 0, false},
-        BridgeRequest{kId, "a-name-of-16-byt", "up0", 0, false}, BridgeRequest{kId, "br7", "up0", -1, false},
-        BridgeRequest{kId, "br7", "up0", 4095, false}}) {
+       {BridgeRequest{"x", kHost, "br7", "up0", 0, false}, BridgeRequest{"", kHost, "br7", "up0", 0, false},
+        BridgeRequest{kId, "", "br7", "up0", 0, false}, BridgeRequest{kId, "x\ny", "br7", "up0", 0, false},
+        BridgeRequest{kId, kHost, "", "up0", 0, false}, BridgeRequest{kId, kHost, "../etc", "up0", 0, false},
+        BridgeRequest{kId, kHost, "a b", "up0", 0, false}, BridgeRequest{kId, kHost, "br7\n", "up0", 0, false},
+        BridgeRequest{kId, kHost, "br7", "*", 0, false}, BridgeRequest{kId, kHost, "br7", "up%i", 0, false},
+        BridgeRequest{kId, kHost, "br7", "br7", 0, false}, BridgeRequest{kId, kHost, "br7", "", 0, false},
+        BridgeRequest{kId, kHost, "a-name-of-16-byt", "up0", 0, false},
+        BridgeRequest{kId, kHost, "br7", "up0", -1, false}, BridgeRequest{kId, kHost, "br7", "up0", 4095, false}}) {
     EXPECT_EQ(Make(request).error().code(), ErrorCode::kInvalid) << request.bridge << " " << request.uplink;
   }
   EXPECT_THAT(Files(), IsEmpty());

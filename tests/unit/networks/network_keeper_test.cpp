@@ -179,7 +179,7 @@ TEST_F(Keeper, BridgeWithUplink_Missing_IsMadeOnceAndRemovedWithItsRecord) {
   options_.bridge_maker.make = [&](const machine::BridgeRequest& request) {
     made.push_back(request);
     AddInterface("br0", true);
-    std::ofstream(folder + "br0/ifalias") << machine::BridgeAlias(request.network_id) << "\n";
+    std::ofstream(folder + "br0/ifalias") << machine::BridgeAlias({request.network_id, request.host_id}) << "\n";
     std::filesystem::create_directory_symlink("../br0", folder + "eth0/master");
     return Status();
   };
@@ -191,7 +191,7 @@ TEST_F(Keeper, BridgeWithUplink_Missing_IsMadeOnceAndRemovedWithItsRecord) {
   Keep();
   Keep();
   EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
-  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, "br0", "eth0", 0, false}}));
+  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, kHost, "br0", "eth0", 0, false}}));
   EXPECT_THAT(Report().found, IsEmpty());
   std::string name;
   ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
@@ -204,7 +204,7 @@ TEST_F(Keeper, BridgeWithUplink_Missing_IsMadeOnceAndRemovedWithItsRecord) {
   std::filesystem::remove_all(folder + "br0/brif/vnet0");
   test::ClearCapturedSyslog();
   Keep();
-  EXPECT_EQ(removed, (std::vector<machine::BridgeRequest>{{id, "br0", "", 0, false}}));
+  EXPECT_EQ(removed, (std::vector<machine::BridgeRequest>{{id, kHost, "br0", "", 0, false}}));
   EXPECT_THAT(LogLines(), ElementsAre("5 The bridge 'br0' was removed."));
 }
 
@@ -215,7 +215,8 @@ TEST_F(Keeper, BridgeWithFilesOnly_IsMadeCompleteOrRemoved) {
   const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
   const std::string folder = machine_.path() + "/etc/systemd/network/";
   std::filesystem::create_directories(folder);
-  std::ofstream(folder + "10-vexa-bridge-br0.netdev") << "# " << machine::BridgeAlias(id) << "\n# uplink eth0\n";
+  std::ofstream(folder + "10-vexa-bridge-br0.netdev")
+      << "# " << machine::BridgeAlias({id, kHost}) << "\n# uplink eth0\n";
   std::ofstream(folder + "10-vexa-bridge-br1.netdev") << "# somebody else\n";
   std::vector<machine::BridgeRequest> made;
   std::vector<machine::BridgeRequest> removed;
@@ -228,7 +229,7 @@ TEST_F(Keeper, BridgeWithFilesOnly_IsMadeCompleteOrRemoved) {
     return Status();
   };
   Keep();
-  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, "br0", "eth0", 0, false}}));
+  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, kHost, "br0", "eth0", 0, false}}));
   EXPECT_THAT(Report().found, IsEmpty());
   EXPECT_THAT(removed, IsEmpty());
   // Also without the bridge: the files would make it again.
@@ -236,7 +237,30 @@ TEST_F(Keeper, BridgeWithFilesOnly_IsMadeCompleteOrRemoved) {
   std::string name;
   ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
   Keep();
-  EXPECT_EQ(removed, (std::vector<machine::BridgeRequest>{{id, "br0", "", 0, false}}));
+  EXPECT_EQ(removed, (std::vector<machine::BridgeRequest>{{id, kHost, "br0", "", 0, false}}));
+}
+
+// Two hosts on one machine.
+TEST_F(Keeper, BridgeOfAnotherHost_IsUsedAsItIs) {
+  AddInterface("eth0");
+  AddInterface("br0", true);
+  AddInterface("br1", true);
+  constexpr char kOtherHost[] = "9d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
+  for (const char* name : {"br0", "br1"}) {
+    std::ofstream(machine_.path() + "/sys/class/net/" + name + "/ifalias")
+        << machine::BridgeAlias({NetworkGroupId(name), kOtherHost}) << "\n";
+  }
+  int calls = 0;
+  options_.bridge_maker.make = [&](const machine::BridgeRequest&) {
+    ++calls;
+    return Status();
+  };
+  options_.bridge_maker.remove = options_.bridge_maker.make;
+  const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
+  Keep();
+  EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
+  EXPECT_EQ(Report().found.size(), 2u);
+  EXPECT_EQ(calls, 0);
 }
 
 TEST_F(Keeper, Vlan_UplinkBecomesASwitch_LeavesNoBridgeBehind) {
@@ -245,7 +269,7 @@ TEST_F(Keeper, Vlan_UplinkBecomesASwitch_LeavesNoBridgeBehind) {
   options_.bridge_maker.make = [&](const machine::BridgeRequest& request) {
     AddInterface("phones", true);
     std::ofstream(machine_.path() + "/sys/class/net/phones/ifalias")
-        << machine::BridgeAlias(request.network_id) << "\n";
+        << machine::BridgeAlias({request.network_id, request.host_id}) << "\n";
     return Status();
   };
   options_.bridge_maker.remove = [&](const machine::BridgeRequest& request) {
@@ -311,7 +335,7 @@ TEST_F(Keeper, EditedUplink_GuestsOnTheBridge_Waits) {
   AddInterface("eth0");
   AddInterface("br0", true);
   const std::string id = Add("br0", NetworkKind::kBridge, "eth0");
-  std::ofstream(machine_.path() + "/sys/class/net/br0/ifalias") << machine::BridgeAlias(id) << "\n";
+  std::ofstream(machine_.path() + "/sys/class/net/br0/ifalias") << machine::BridgeAlias({id, kHost}) << "\n";
   options_.bridge_maker.make = [](const machine::BridgeRequest&) {
     return Status(Error(ErrorCode::kBusy, "The bridge 'br0' has other ports: 'vnet0'"));
   };
@@ -335,7 +359,7 @@ TEST_F(Keeper, BridgeWithUplink_CannotBeMade_SaysWhy) {
   Keep();
   EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
   // What cannot be removed is logged.
-  std::ofstream(machine_.path() + "/sys/class/net/br0/ifalias") << machine::BridgeAlias(id) << "\n";
+  std::ofstream(machine_.path() + "/sys/class/net/br0/ifalias") << machine::BridgeAlias({id, kHost}) << "\n";
   std::string name;
   ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
   test::ClearCapturedSyslog();
@@ -355,7 +379,7 @@ TEST_F(Keeper, Vlan_OfACard_IsRequestedWithItsTag) {
   const std::string id = Add("phones", NetworkKind::kVlan, "eth0", 42);
   Keep();
   EXPECT_EQ(Condition(id).state, "ready");
-  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, "phones", "eth0", 42, false}}));
+  EXPECT_EQ(made, (std::vector<machine::BridgeRequest>{{id, kHost, "phones", "eth0", 42, false}}));
 }
 
 TEST_F(Keeper, Edited_Subnet_IsDefinedAgain) {
