@@ -186,7 +186,7 @@ Status Netlink::Move(const Configured& configured, rtnl_link* from, rtnl_link* t
   for (const AddressHandle& address : configured.addresses) {
     rtnl_addr_set_ifindex(address.get(), rtnl_link_get_ifindex(to));
     if (rtnl_addr_get_family(address.get()) == AF_INET) rtnl_addr_set_label(address.get(), NameOf(to).c_str());
-    // The other interface has the address, which is no conflict.
+    // No duplicate is searched: the other interface still has the address.
     if (rtnl_addr_get_family(address.get()) == AF_INET6) rtnl_addr_set_flags(address.get(), IFA_F_NODAD);
     const int result = rtnl_addr_add(socket_.get(), address.get(), 0);
     if (result != -NLE_EXIST) {

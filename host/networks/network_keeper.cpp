@@ -49,10 +49,10 @@ struct NetworkKeeper::Pass {
   std::optional<std::vector<std::pair<KnownNetwork, ParsedNetwork>>> libvirt;
   std::string libvirt_failure;
   std::vector<std::string> bridges;  // of the machine
-  // Bridges that this system has made, with the ids of their networks; also those that only have files yet.
+  // Bridges that this system has made, with the ids of their networks; also bridges that only have files yet.
   std::map<std::string, std::string> own_bridges;
   std::vector<records::StoredNetwork> networks;
-  // The networks that this pass keeps in libvirt, and those that it keeps as bridges.
+  // The networks that this pass keeps in libvirt, and the ones that it keeps as bridges.
   std::set<std::string> libvirt_ids;
   std::set<std::string> bridge_ids;
   std::optional<Error> bridge_maker_failure;  // it does not answer

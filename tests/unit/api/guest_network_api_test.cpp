@@ -69,14 +69,17 @@ TEST_F(NetworkApi, AddGetEditRemove_WorksAndIsLogged) {
 TEST_F(NetworkApi, Settings_EachKind_AreStoredAndShown) {
   const std::string host = kHost;
   const Answer vlan = Call("add", R"({"name":"phones","kind":"vlan","bridge":"br42","vlan_id":42,"uplink":"eth0",
-      "uplinks":{")" + host + R"(":"eth1"},"move_addresses":true})");
+      "uplinks":{")" + host + R"(":"eth1"}})");
   ASSERT_EQ(vlan.code, 0) << ReasonOf(vlan);
   const Json::Value shown = Call("get", json::ToText(vlan.data)).data;
   EXPECT_EQ(shown["network_name"], "br42");
   EXPECT_EQ(shown["vlan_id"], 42);
   EXPECT_EQ(shown["uplink"], "eth0");
   EXPECT_EQ(shown["uplinks"], Parsed("{\"" + host + R"(":"eth1"})"));
-  EXPECT_EQ(shown["move_addresses"], true);
+  const Answer bridge =
+      Call("add", R"({"name":"office","kind":"bridge","bridge":"br1","uplink":"eth2","move_addresses":true})");
+  ASSERT_EQ(bridge.code, 0) << ReasonOf(bridge);
+  EXPECT_EQ(Call("get", json::ToText(bridge.data)).data["move_addresses"], true);
   EXPECT_EQ(Call("add", R"({"name":"direct","kind":"macvtap","uplink":"eth0"})").code, 0);
   EXPECT_EQ(Call("add", R"({"name":"inside","kind":"isolated","subnet":"10.3.0.0/24"})").code, 0);
   EXPECT_EQ(Call("add", R"({"name":"br0","kind":"bridge"})").code, 0);
