@@ -21,23 +21,29 @@ if(VEXA_CCACHE)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2 -Wundef -Werror)
+# The presets compile the address sanitizer with clang, which takes half of the time, and the thread sanitizer with g++: its
+# runtime is a shared library, which tests that replace functions such as pthread_create can call.
 if(VEXA_SANITIZE)
   # -O1 keeps the sanitizer builds quick enough to run on every change; -g1 keeps line numbers in reports.
   set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1")
   add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VEXA_SANITIZE})
-  # According to gcc(1), sanitizers cause false positives of this warning; the other builds keep it.
+  # For the sources: g++ and clang have different macros for it.
+  foreach(kind address thread)
+    if(VEXA_SANITIZE MATCHES ${kind})
+      string(TOUPPER VEXA_${kind}_SANITIZER macro)
+      add_compile_definitions(${macro})
+    endif()
+  endforeach()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    add_compile_options(-Wno-maybe-uninitialized)
+    # According to gcc(1), sanitizers cause false positives of the first; the other builds keep it. By the second it warns
+    # that it does not model atomic_thread_fence; Asio uses it in its own headers only.
+    add_compile_options(-Wno-maybe-uninitialized -Wno-tsan)
   endif()
   if(VEXA_FUZZ)
     # Coverage everywhere; the engine, with its main function, is only linked to the fuzz targets.
     add_compile_options(-fsanitize=fuzzer-no-link)
     add_link_options(-fsanitize=fuzzer-no-link)
-  endif()
-  if(VEXA_SANITIZE MATCHES "thread")
-    # gcc warns that it does not model atomic_thread_fence; Asio uses it in its own headers only.
-    add_compile_options(-Wno-tsan)
   endif()
 else()
   add_link_options(-Wl,-z,relro,-z,now)
@@ -117,8 +123,14 @@ function(vexa_test_headers)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
 endfunction()
 
-# Like ld a part of binutils, and three times as fast with many static libraries and their debug information.
-find_program(VEXA_GOLD ld.gold)
+# Three times as fast as ld with many static libraries and their debug information: gold, which like ld is a part of
+# binutils. It warns of symbols in clang's sanitizers, and lld does not.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  set(vexa_test_linker lld)
+else()
+  set(vexa_test_linker gold)
+endif()
+find_program(VEXA_TEST_LINKER_PROGRAM ld.${vexa_test_linker})
 
 # vexa_test(NAME [SINGLE_THREADED] [ON_QEMU] SOURCES... LINK ... [TIMEOUT s] [SHARDS n]): one GoogleTest program, run by
 # CTest as one test. Its label is its folder below tests/: unit, contract, system or regress.
@@ -131,8 +143,8 @@ function(vexa_test name)
   add_executable(${name} ${arg_SOURCES})
   target_compile_options(${name} PRIVATE ${VEXA_TEST_OPTIONS})
   target_precompile_headers(${name} REUSE_FROM vexa_test_headers)
-  if(VEXA_GOLD)
-    target_link_options(${name} PRIVATE -fuse-ld=gold)
+  if(VEXA_TEST_LINKER_PROGRAM)
+    target_link_options(${name} PRIVATE -fuse-ld=${vexa_test_linker})
   endif()
   target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
   if(arg_SINGLE_THREADED AND VEXA_SANITIZE MATCHES "thread")

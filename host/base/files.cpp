@@ -168,8 +168,8 @@ Status SyncFolderAndParent(const std::string& path) {
   const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (folder.get() < 0 || ::fsync(folder.get()) != 0) return Failed("Cannot sync the folder '{}'", path, errno);
   const Descriptor parent(::openat(folder.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (parent.get() >= 0 && ::fsync(parent.get()) != 0)
-    return Failed("Cannot sync the folder '{}'", path + "/..", errno);
+  if (parent.get() < 0 && errno == EACCES) return {};
+  if (parent.get() < 0 || ::fsync(parent.get()) != 0) return Failed("Cannot sync the folder '{}'", path + "/..", errno);
   return {};
 }
 

@@ -31,7 +31,7 @@ Status WriteFileAtomically(const std::string& path, std::string_view content, mo
 Status CreateDirectories(const std::string& path, mode_t mode);
 
 // Makes the names in the folder durable, and its own name, whether this process made them or another one. A parent that
-// cannot be read is left out.
+// this process may not read is left out.
 Status SyncFolderAndParent(const std::string& path);
 
 }  // namespace vexa

@@ -25,7 +25,7 @@ constexpr std::chrono::seconds kIdleThreadExitTimeout{5};
 // Longer timeouts would overflow the clock.
 constexpr std::chrono::hours kMaxStopTimeout{24 * 365};
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(VEXA_ADDRESS_SANITIZER) || defined(VEXA_THREAD_SANITIZER)
 constexpr std::size_t kMinStackBytes = std::size_t{1} << 20;  // instrumented frames are several times larger
 #else
 constexpr std::size_t kMinStackBytes = 0;

@@ -174,6 +174,8 @@ class Daemon::Impl {
         items_(ItemLane(config)) {}
 
   ~Impl() {
+    // Nothing runs yet, and what is installed for this process may be another daemon's.
+    if (!has_installed_environment_) return;
     // The links and the caches are stopped first and without a deadline: they use the lanes and the members that are
     // destroyed next.
     guest_states_.links().BeginStop();
@@ -327,6 +329,7 @@ class Daemon::Impl {
     environment.request_id = api::CurrentRequestId;
     environment.acting_user = api::CurrentActingUser;
     environment.image_roots = config.image_roots;
+    has_installed_environment_ = true;
     records::InstallEnvironment(std::move(environment));
     // Its thread reads through the environment.
     members_ = std::make_unique<records::MemberList>(store_);
@@ -593,6 +596,7 @@ class Daemon::Impl {
   }
 
   const Config config_;
+  bool has_installed_environment_ = false;
   DataLock data_lock_;
   std::shared_ptr<store::Store> store_;
   std::shared_ptr<accounts::AccountProvider> accounts_;

@@ -77,7 +77,7 @@ class HostCertificate {
   void UseNewer();
   void Renew();
   Status RequestAndStore() const;
-  void LogFailure(const Error& error);  // once a day for each reason, and immediately for another one
+  void LogFailure(const Error& error);  // once a day for each reason, and ten reasons at most
 
   const HostCertificateOptions options_;
   // Used by the constructor, then by the thread:

@@ -247,6 +247,11 @@ void LibvirtGuestControl::RetryUnfinished() {
   std::set<std::string> guest_ids;
   for (std::string& guest_id : deletion_.Unfinished()) guest_ids.insert(std::move(guest_id));
   for (std::string& guest_id : edits_.Unfinished()) guest_ids.insert(std::move(guest_id));
+  if (const auto runs = records::RunsOf(*options_.store, options_.host_id)) {
+    for (const auto& [guest_id, run] : *runs) {
+      if (IsBeingRestored(guest_id, run.run)) guest_ids.insert(guest_id);
+    }
+  }
   for (const std::string& guest_id : guest_ids) {
     const auto known = unfinished_.find(guest_id);
     Retry retry = known == unfinished_.end() ? Retry{now, options_.maintenance_interval} : known->second;
@@ -255,6 +260,7 @@ void LibvirtGuestControl::RetryUnfinished() {
       if (auto guard = activities_.TryTakeForReconcile(guest_id)) {
         edits_.Finish(guest_id);
         deletion_.Finish(guest_id);
+        FinishRestore(guest_id);
         ReconcileAndRelease(*std::move(guard), guest_id);
         retry = {now + retry.delay, std::min<std::chrono::milliseconds>(2 * retry.delay, kMaxRetryDelay)};
       }

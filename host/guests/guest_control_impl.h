@@ -129,7 +129,8 @@ class LibvirtGuestControl final : public GuestControl {
   // Lets a guest run that was restored from saved memory and is paused; saves it again if it has other files open.
   Result<void, Refusal> ResumeRestored(const std::string& guest_id, CheckedFiles& files);
   Refusal SaveAgain(const std::string& guest_id, const std::string& reason);
-  // The same for a guest whose host was killed, or lost libvirt, before the guest was resumed.
+  bool IsBeingRestored(const std::string& guest_id, const records::Run& run) const;
+  // The same for a guest that is still paused, because its host was killed, lost libvirt or could not save it.
   void FinishRestore(const std::string& guest_id);
 
   // guest_definition.cpp

@@ -107,13 +107,20 @@ Refusal LibvirtGuestControl::SaveAgain(const std::string& guest_id, const std::s
           fmt::format("{}. The guest stays paused, because its memory could not be saved again: {}", reason, why)};
 }
 
+// Until it has run, only FinishRestore decides about a guest that is paused.
+bool LibvirtGuestControl::IsBeingRestored(const std::string& guest_id, const records::Run& run) const {
+  return run.host_id == options_.host_id && run.starting && run.restoring && !IsTestMode() &&
+         !end_reasons_.HasRun(guest_id);
+}
+
 void LibvirtGuestControl::FinishRestore(const std::string& guest_id) {
   const auto stored = records::ReadRun(*options_.store, guest_id);
-  const bool is_restoring = stored && *stored && (*stored)->run.starting && (*stored)->run.restoring &&
-                            (*stored)->run.host_id == options_.host_id;
-  if (!is_restoring) return;
+  if (!stored || !*stored || !IsBeingRestored(guest_id, (*stored)->run)) return;
   const auto state = hypervisor_->StateOf(guest_id);
   if (!state || *state != hypervisor::GuestState::kPaused) return;
+  // While the database is lost, the record may be old, and another host may run the guest: only a commit shows that
+  // none does. The reconciliation that follows reports why it failed.
+  if (!PutRun(guest_id, *stored, (*stored)->run)) return;
   auto files = CheckFiles(guest_id, hypervisor_->RunningXmlOf(guest_id));
   if (!files.ok()) {
     (void)SaveAgain(guest_id, files.error().reason);

@@ -90,6 +90,9 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
     const auto state = hypervisor_->StateOf(guest_id);
     const bool is_gone = !state && state.error().kind() == FailureKind::kNoSuchGuest;
     if (!state && !is_gone) return state.error();
+    if (state && *state == GuestState::kPaused && *stored && IsBeingRestored(guest_id, (*stored)->run)) {
+      return Observe(guest_id, states::freeze, sequence);
+    }
     if (state && IsActive(*state)) {
       const bool is_shutting_down = shut_downs_->IsInProgress(guest_id);
       const Result<bool> is_ours = RecordRunning(guest_id, *stored);

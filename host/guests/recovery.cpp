@@ -201,12 +201,12 @@ class Recovery {
               "The guest's saved memory is on the host '{}' and would be lost. Confirm that it may be discarded",
               host)};
     }
-    // libvirt starts an imported guest at boot of its host if its owner configured that.
+    // libvirt starts an imported guest at boot of its host if its owner configured that, also from saved memory.
     const auto imported = snapshot.Get(records::DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
-    const bool is_proved =
-        !may_have_started && run.incarnation != 0 && run.incarnation < records::FirstIncarnationSinceBoot(claim.record);
-    if (run.saved || is_proved || request_.machine == MachineState::kConfirmedOff) return {};
+    const bool has_ended =
+        run.saved || (run.incarnation != 0 && run.incarnation < records::FirstIncarnationSinceBoot(claim.record));
+    if ((has_ended && !may_have_started) || request_.machine == MachineState::kConfirmedOff) return {};
     return Refusal{
         kNotConfirmed,
         fmt::format("The guest may still be running on the host '{}', and a guest that runs twice destroys its "

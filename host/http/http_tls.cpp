@@ -156,8 +156,6 @@ Result<TlsContext> MakeTlsContext(const ListenerOptions& options) {
   return context;
 }
 
-namespace {}  // namespace
-
 void ReadClientCertificate(SSL* ssl, Peer& peer) {
   peer.is_certified = (SSL_get_verify_mode(ssl) & SSL_VERIFY_FAIL_IF_NO_PEER_CERT) != 0;
   const std::unique_ptr<X509, OpenSslDeleter> certificate(SSL_get1_peer_certificate(ssl));

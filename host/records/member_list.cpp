@@ -99,6 +99,7 @@ bool MemberList::Refresh() {
     members.emplace(id, *membership);
   }
   const MutexLock lock(mutex_);
+  if (reader->revision() < revision_) return false;  // Accepts has read something newer meanwhile
   members_.swap(members);
   revision_ = reader->revision();
   return true;

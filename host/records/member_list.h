@@ -42,7 +42,7 @@ class MemberList {
 
   // Waits briefly for changes, and reads the list again when there are some.
   void Follow(Positions& positions);
-  bool Refresh();  // false: the store cannot be read, and the list stays as it is
+  bool Refresh();  // false: the store cannot be read, or what was read is outdated, and the list stays as it is
   void Remember(const std::string& host_id, const HostMembership& membership, store::Revision revision);
   void PauseAfterFailure();
   bool IsStopping() const;

@@ -171,7 +171,7 @@ TEST(ClockAttack, LogEntries_OfOtherTimes_RemoveNothingOfOthersAndHideNothing) {
 
 // The clock of this machine was wrong at the login, and has been corrected since.
 TEST(ClockAttack, Sessions_OfAnotherTime_EndNoLaterThanTheyShould) {
-  constexpr int kLifetime = 8;
+  constexpr int kLifetime = 20;  // a slow machine needs some for its start
   AttackedHostOptions options;
   options.flags = {"--session-lifetime", std::to_string(kLifetime), "--session-idle", std::to_string(kLifetime)};
   AttackedHost host(std::move(options));
@@ -213,7 +213,7 @@ TEST(ClockAttack, Sessions_OfAnotherTime_EndNoLaterThanTheyShould) {
 }
 
 TEST(ClockAttack, Certificate_OnAnOpenConnection_EndsWithItsTime) {
-  constexpr seconds kLeft{8};
+  constexpr seconds kLeft{20};  // a slow machine needs some for the first call
   AttackedHostOptions options;
   options.doors = Doors::kUsersAndHosts;
   AttackedHost host(std::move(options));

@@ -87,7 +87,7 @@ std::shared_ptr<Store> Open(const std::string& directory) {
 }
 
 TEST(MirrorKilled, Copy_KilledAtAnyPoint_EqualsAPrimaryState) {
-#if defined(__SANITIZE_THREAD__)
+#ifdef VEXA_THREAD_SANITIZER
   GTEST_SKIP() << "the thread sanitizer allows no threads in a forked child";
 #endif
   const TemporaryFolder folder;

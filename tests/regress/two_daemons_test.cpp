@@ -4,6 +4,8 @@
 #include <filesystem>
 
 #include "host/base/data_lock.h"
+#include "host/records/environment.h"
+#include "host/transport/transport.h"
 #include "tests/support/test_daemon.h"
 
 namespace {
@@ -15,6 +17,16 @@ TEST(TwoDaemons, SecondDaemon_SameDataFolder_DoesNotStart) {
   const auto second = vexa::daemon::Daemon::Start(config);
   ASSERT_FALSE(second.ok());
   EXPECT_EQ(second.error().code(), vexa::ErrorCode::kBusy);
+}
+
+// The one that was refused took the first one's database, accounts and transport away, while its threads used them.
+TEST(TwoDaemons, SecondDaemon_Refused_LeavesTheFirstAtWork) {
+  const vexa::test::TestDaemon first;
+  ASSERT_FALSE(vexa::daemon::Daemon::Start(first.config()).ok());
+  EXPECT_NE(vexa::records::CurrentEnvironment(), nullptr);
+  EXPECT_NE(vexa::transport::CurrentTransport(), nullptr);
+  const auto list = first.TcpAs("admin").PostJson("/webapi/VEXA.Virtualization.Host/list", "{}");
+  EXPECT_EQ(vexa::test::ErrorCode(list), 0) << list.body;
 }
 
 TEST(TwoDaemons, SecondLock_FirstReleased_IsTaken) {

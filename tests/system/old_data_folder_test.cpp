@@ -251,7 +251,7 @@ TEST_F(OldDataFolder, Edit_KilledAfterCommit_IsFinished) {
 
 TEST_F(OldDataFolder, Deletion_KilledBeforeOrAfterCommit_IsFinished) {
   for (const auto& [guest_id, name] : {std::pair(kDeletionBegun, "hiding-1"), std::pair(kDeleted, "gone-1")}) {
-    EXPECT_TRUE(Eventually([&] { return CodeOfGet(guest_id) == 403 && !IsHidden(guest_id); })) << name;
+    EXPECT_TRUE(Eventually([&, id = guest_id] { return CodeOfGet(id) == 403 && !IsHidden(id); })) << name;
     EXPECT_FALSE(fs::exists(DiskFile(name + std::string("-vda")))) << name;
   }
 }

@@ -70,6 +70,7 @@ class QemuImages : public GuestControlTest {
     GuestControlOptions options = Options();
     options.hypervisor.mode = "embed";
     options.hypervisor.root = TheEnvironment().Get().root();
+    options.maintenance_interval = 1h;  // faults are those of the test's own thread
     options.before_step = [this](std::string_view step) {
       if (step == "poweron: files checked" && before_open_) before_open_();
       if (step == "poweron: started") is_paused_after_start_ = test::StateAsUser(kGuest) == VIR_DOMAIN_PAUSED;

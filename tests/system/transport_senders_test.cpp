@@ -27,7 +27,7 @@ using VexaCCC::MultiResponse;
 using VexaCCC::MultiSender;
 using VexaCCC::Sender;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(VEXA_ADDRESS_SANITIZER) || defined(VEXA_THREAD_SANITIZER)
 constexpr double kThousandHostsS = 20;  // the benchmark measures; this distinguishes sequential from concurrent calls
 #else
 constexpr double kThousandHostsS = 3;

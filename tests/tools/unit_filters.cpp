@@ -41,8 +41,10 @@ class Filter {
 
 constexpr std::uint32_t kDenied = SCMP_ACT_ERRNO(EPERM);
 
-scmp_arg_cmp HasBits(unsigned argument, std::uint64_t bits) {
-  return SCMP_CMP(argument, SCMP_CMP_MASKED_EQ, bits, bits);
+scmp_arg_cmp HasBits(unsigned argument, std::uint64_t bits) { return {argument, SCMP_CMP_MASKED_EQ, bits, bits}; }
+
+scmp_arg_cmp Compare(unsigned argument, scmp_compare comparison, int value) {
+  return {argument, comparison, static_cast<scmp_datum_t>(value), 0};
 }
 
 int FamilyNumber(const std::string& name) {
@@ -63,10 +65,9 @@ void RestrictFamilies(const UnitFile& unit) {
   Filter filter(SCMP_ACT_ALLOW);
   const std::uint32_t refused = SCMP_ACT_ERRNO(EAFNOSUPPORT);
   for (int family = 0; family < AF_MAX; ++family) {
-    if (!allowed.contains(family))
-      filter.Add(refused, SCMP_SYS(socket), {SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(family))});
+    if (!allowed.contains(family)) filter.Add(refused, SCMP_SYS(socket), {Compare(0, SCMP_CMP_EQ, family)});
   }
-  filter.Add(refused, SCMP_SYS(socket), {SCMP_A0(SCMP_CMP_GE, AF_MAX)});
+  filter.Add(refused, SCMP_SYS(socket), {Compare(0, SCMP_CMP_GE, AF_MAX)});
   filter.Load();
 }
 
@@ -113,14 +114,14 @@ void DenySetIdFiles() {
 void DenyRealtime() {
   Filter filter(SCMP_ACT_ALLOW);
   for (const int policy : {SCHED_FIFO, SCHED_RR, 6 /* SCHED_DEADLINE */}) {
-    filter.Add(kDenied, SCMP_SYS(sched_setscheduler), {SCMP_A1(SCMP_CMP_EQ, static_cast<scmp_datum_t>(policy))});
+    filter.Add(kDenied, SCMP_SYS(sched_setscheduler), {Compare(1, SCMP_CMP_EQ, policy)});
   }
   filter.Load();
 }
 
 void LockPersonality() {
   Filter filter(SCMP_ACT_ALLOW);
-  filter.Add(kDenied, SCMP_SYS(personality), {SCMP_A0(SCMP_CMP_NE, PER_LINUX)});
+  filter.Add(kDenied, SCMP_SYS(personality), {Compare(0, SCMP_CMP_NE, PER_LINUX)});
   filter.Load();
 }
 

@@ -16,11 +16,11 @@
 #include "host/base/files.h"
 #include "tests/unit/storage/temporary_folder.h"
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VEXA_ADDRESS_SANITIZER
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#ifdef __SANITIZE_THREAD__
+#ifdef VEXA_THREAD_SANITIZER
 // The loader frees what another thread's dlopen(3) allocated, under a lock of its own that the sanitizer cannot see. It
 // is known by its file's name: on many machines its functions have none.
 extern "C" const char* __tsan_default_suppressions();
@@ -31,7 +31,7 @@ namespace vexa::accounts {
 namespace {
 
 // pam_start(3) of Linux-PAM 1.5.2 loses 96 bytes when there is no service file, and gives no handle to end.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VEXA_ADDRESS_SANITIZER
 using LeakOfPamStart = __lsan::ScopedDisabler;
 #else
 struct LeakOfPamStart {

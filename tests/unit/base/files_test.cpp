@@ -262,6 +262,22 @@ TEST_F(Files, SyncFolderAndParent_ParentCannotBeRead_IsLeftOut) {
   ::chmod(Path("unreadable").c_str(), 0700);
 }
 
+// Only a parent that may not be read is left out.
+TEST_F(Files, SyncFolderAndParent_NoDescriptorForTheParent_Fails) {
+  fs::create_directories(Path("folder"));
+  const int next = ::dup(STDIN_FILENO);
+  ASSERT_GE(next, 0);
+  ::close(next);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit one_more{static_cast<rlim_t>(next) + 1, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &one_more), 0);
+  const Status synced = SyncFolderAndParent(Path("folder"));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  ASSERT_FALSE(synced);
+  EXPECT_EQ(synced.error().ToString(), "Cannot sync the folder '" + Path("folder") + "/..': Too many open files");
+}
+
 TEST_F(Files, CreateDirectories_EmptyPath_Fails) { EXPECT_FALSE(CreateDirectories("", 0700).ok()); }
 
 TEST_F(Files, ReadPrivate_OwnFile_ReturnsContentAndStamp) {

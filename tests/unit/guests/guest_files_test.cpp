@@ -32,6 +32,7 @@ class GuestFiles : public GuestControlTest {
     std::ofstream(node) << hypervisor::TestNodeXml();
     GuestControlOptions options = Options();
     options.hypervisor.mode = "test://" + node;
+    options.maintenance_interval = maintenance_interval_;
     options.before_step = [this](std::string_view step) {
       if (step == "poweron: files checked" && before_open_) before_open_();
       if (step == "poweron: started" && after_start_) after_start_();
@@ -90,6 +91,7 @@ class GuestFiles : public GuestControlTest {
     return count;
   }
 
+  std::chrono::milliseconds maintenance_interval_ = 1h;
   // No other test that runs now has a guest with this id.
   const std::string id_ = test::Require(RandomUuid());
   std::function<void()> before_open_;
@@ -230,6 +232,34 @@ TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeSavedAgain_StaysAndIsReported) {
                  "The guest stays paused, because its memory could not be saved again: Cannot save the memory");
   EXPECT_EQ(State(id_), states::freeze);
   EXPECT_EQ(CountLines("The guest " + id_ + " stays paused, because its memory could not be saved again (Cannot"), 1);
+}
+
+class MaintainedGuestFiles : public GuestFiles {
+ protected:
+  MaintainedGuestFiles() { maintenance_interval_ = 20ms; }
+};
+
+// What fails here fails on this thread only.
+TEST_F(MaintainedGuestFiles, PowerOn_RestoredGuestStaysPaused_IsResumedLater) {
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path);
+  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  after_start_ = [&] { test::PauseAsUser(id_); };
+  const test::FailingResumes unresumed({VIR_ERR_OPERATION_FAILED, "no lease"});
+  const test::FailingSaves unsaved({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "no lease. The guest stays paused");
+  ExpectState(states::running, id_);
+  EXPECT_FALSE(RunOf(id_)->starting);
+}
+
+TEST_F(MaintainedGuestFiles, PowerOn_RestoredGuestStaysPausedWithOtherFiles_IsSavedLater) {
+  ASSERT_NO_FATAL_FAILURE(SaveAndReplaceDisk());
+  after_start_ = [&] { test::PauseAsUser(id_); };
+  const test::FailingSaves failing({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest stays paused");
+  ExpectState(states::saved, id_);
+  EXPECT_TRUE(RunOf(id_)->saved);
 }
 
 TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeResumed_IsSavedAgain) {

@@ -186,6 +186,17 @@ TEST_F(GuestRecovery, Recover_SavedMemory_NeedsConsent) {
   EXPECT_TRUE(RecoverGuest(host_.store(), request).ok()) << "a guest that is saved runs nowhere";
 }
 
+// libvirt may have restored it at the boot of its host.
+TEST_F(GuestRecovery, Recover_SavedMemoryOfImportedGuest_NeedsConfirmation) {
+  PutRun(6, true);
+  Put(records::DomainKey(kGuest), "{}");
+  RecoverRequest request = Request(MachineState::kUnknown);
+  request.saved = SavedMemory::kDiscard;
+  EXPECT_EQ(RecoverGuest(host_.store(), request).error().code, 972);
+  request.machine = MachineState::kConfirmedOff;
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
+}
+
 TEST_F(GuestRecovery, Recover_InvalidRequest_IsRefused) {
   RecoverRequest request = Request();
   request.guest_id = kOff;

@@ -3,10 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "host/base/mutex.h"
 #include "host/records/environment.h"
 #include "host/records/keys.h"
 #include "host/records/member_list.h"
 #include "host/store/key.h"
+#include "tests/support/racing_store.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "tests/support/waiting.h"
@@ -116,6 +122,61 @@ TEST_F(Membership, MemberList_Accepts_IsKnownImmediately) {
   PutClaim(kForgotten);
   EXPECT_FALSE(members.Accepts(kHost, At(1000)));
   EXPECT_FALSE(members.Knows(kHost, At(1000)));
+}
+
+// Calls a function once, right after a snapshot has been taken, and reports no changes from then on.
+class OvertakenStore : public test::RacingStore {
+ public:
+  using test::RacingStore::RacingStore;
+  void AfterNextSnapshot(std::function<void()> call) {
+    const MutexLock lock(mutex_);
+    call_ = std::move(call);
+  }
+  Result<std::unique_ptr<store::Snapshot>> Read() const override {
+    auto snapshot = test::RacingStore::Read();
+    std::function<void()> call;
+    {
+      const MutexLock lock(mutex_);
+      call.swap(call_);
+      was_called_ |= call != nullptr;
+    }
+    if (call) call();
+    return snapshot;
+  }
+  Result<store::ChangeBatch> Watch(std::string_view prefix, store::Revision from,
+                                   std::chrono::milliseconds timeout) override {
+    {
+      const MutexLock lock(mutex_);
+      if (was_called_) {
+        ++failed_watches_;
+        return Error(ErrorCode::kUnavailable, "no changes");
+      }
+    }
+    return test::RacingStore::Watch(prefix, from, timeout);
+  }
+  int failed_watches() const {
+    const MutexLock lock(mutex_);
+    return failed_watches_;
+  }
+
+ private:
+  mutable Mutex mutex_;
+  mutable std::function<void()> call_ VEXA_GUARDED_BY(mutex_);
+  mutable bool was_called_ VEXA_GUARDED_BY(mutex_) = false;
+  int failed_watches_ VEXA_GUARDED_BY(mutex_) = 0;
+};
+
+TEST_F(Membership, MemberList_OvertakenRefresh_DoesNotUndoWhatAcceptsHasRead) {
+  PutClaim(kClaim);
+  const auto store = std::make_shared<OvertakenStore>(host_.store());
+  MemberList members(store);
+  store->AfterNextSnapshot([&] {
+    PutClaim(kForgotten);
+    EXPECT_FALSE(members.Accepts(kHost, At(5)));
+  });
+  PutRevocation(R"({"before":1})");  // the list is read again
+  EXPECT_TRUE(test::Eventually([&] { return store->failed_watches() > 0; }));
+  EXPECT_FALSE(members.Knows(kHost, At(5)));
 }
 
 TEST_F(Membership, MemberList_StoreUnreadable_DecidesByWhatItKnows) {
