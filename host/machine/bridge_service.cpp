@@ -25,10 +25,8 @@ namespace {
 
 constexpr std::size_t kMaxPacket = 4096;
 constexpr std::size_t kMaxMessage = 512;
-// A client that sends nothing must not keep others waiting, and a service that hangs no stop of the daemon; a request
-// itself is done in milliseconds.
+// A client that sends nothing must not keep others waiting; a request itself is done in milliseconds.
 constexpr int kServerTimeoutS = 5;
-constexpr int kClientTimeoutS = 15;
 
 constexpr ErrorCode kCodes[] = {ErrorCode::kInvalid, ErrorCode::kNotFound, ErrorCode::kConflict,
                                 ErrorCode::kDenied,  ErrorCode::kBusy,     ErrorCode::kUnavailable,
@@ -66,11 +64,11 @@ Error Unavailable(const std::string& cause) {
                "This host may not make bridges: start the service vexa-network, or make the bridge", cause);
 }
 
-Result<Json::Value> Ask(const std::string& path, const Json::Value& request) {
+Result<Json::Value> Ask(const std::string& path, int timeout_s, const Json::Value& request) {
   const auto address = AddressOf(path);
   if (!address) return Unavailable("The path of its socket is too long");
   const Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  LimitWaits(socket.get(), kClientTimeoutS);
+  LimitWaits(socket.get(), timeout_s);
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
     return Unavailable(std::strerror(errno));
   }
@@ -79,10 +77,10 @@ Result<Json::Value> Ask(const std::string& path, const Json::Value& request) {
   return ParseJson(*reply);
 }
 
-Status Call(const std::string& path, const char* action, const BridgeRequest& request) {
+Status Call(const std::string& path, int timeout_s, const char* action, const BridgeRequest& request) {
   Json::Value value = BridgeRequestToJson(request);
   value["action"] = action;
-  const Result<Json::Value> reply = Ask(path, value);
+  const Result<Json::Value> reply = Ask(path, timeout_s, value);
   if (!reply) return reply.error();
   const Json::Value& name = json::Member(*reply, "code");
   if (name == Json::Value("")) return {};
@@ -141,9 +139,9 @@ BridgeMaker BridgeMakerInProcess(std::string folder) {
           [folder](const BridgeRequest& request) { return RemoveKernelBridge(request, folder); }};
 }
 
-BridgeMaker BridgeMakerOverSocket(std::string path) {
-  return {[path](const BridgeRequest& request) { return Call(path, "make", request); },
-          [path](const BridgeRequest& request) { return Call(path, "remove", request); }};
+BridgeMaker BridgeMakerOverSocket(std::string path, int timeout_s) {
+  return {[path, timeout_s](const BridgeRequest& request) { return Call(path, timeout_s, "make", request); },
+          [path, timeout_s](const BridgeRequest& request) { return Call(path, timeout_s, "remove", request); }};
 }
 
 BridgeMaker SystemBridgeMaker() {

@@ -22,7 +22,9 @@ inline constexpr char kBridgeSocket[] = "/run/vexa-network/socket";
 // Makes bridges in this process if it may change interfaces, and otherwise asks the service. Threads: one at a time.
 BridgeMaker SystemBridgeMaker();
 BridgeMaker BridgeMakerInProcess(std::string folder);
-BridgeMaker BridgeMakerOverSocket(std::string path);
+// A call that has no answer after `timeout_s` is kUnavailable. The default is shorter than what a stop of the host
+// takes.
+BridgeMaker BridgeMakerOverSocket(std::string path, int timeout_s = 15);
 
 // Listens on a new socket at `path` with the mode 0660. Errors: kInternal.
 Result<Descriptor> ListenForBridgeRequests(const std::string& path);

@@ -574,13 +574,17 @@ class BridgeService : public Bridges {
     EXPECT_EQ(status, 0);
     return text;
   }
-  // The reply to a packet; "": none.
-  static std::string Reply(const std::string& packet) {
-    const Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  static Descriptor Connect() {
+    Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, kSocket);
     EXPECT_EQ(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return socket;
+  }
+  // The reply to a packet; "": none.
+  static std::string Reply(const std::string& packet) {
+    const Descriptor socket = Connect();
     (void)::send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
     char buffer[4096];
     const ssize_t size = ::recv(socket.get(), buffer, sizeof buffer, 0);
@@ -622,6 +626,43 @@ TEST_F(BridgeService, User_Allowed_GetsBridgesWithoutRights) {
   EXPECT_EQ(As(kNobody, [&] { return client_.make(missing); }), "The host has no interface 'nothing0'");
 }
 
+// The machine starts again: interfaces have lost what was configured by hand, and systemd-networkd reads the files.
+TEST_F(BridgeService, Files_AfterARestart_LetNetworkdMakeTheBridge) {
+  constexpr char kNetworkd[] = "/lib/systemd/systemd-networkd";
+  if (::access(kNetworkd, X_OK) != 0) GTEST_SKIP() << SkipNotice("there is no systemd-networkd");
+  Configure();
+  ASSERT_EQ(As(kNobody, [&] { return client_.make(Moving()); }), "");
+  const std::string mac = HardwareAddress("br7");
+  RunTool({"ip", "link", "delete", "br7"});
+  RunTool({"ip", "link", "delete", "up0"});
+  RunTool({"ip", "link", "add", "up0", "address", mac, "type", "veth", "peer", "name", "far0"});
+  RunTool({"ip", "link", "set", "far0", "up"});
+  // Without write access to /sys it does not wait for udev.
+  const std::string start = std::string("mount -o remount,bind,ro /sys && exec ") + kNetworkd;
+  const Process networkd({.argv = {"unshare", "--mount", "sh", "-c", start}});
+  const auto is_made = [] {
+    const std::string routes = AllRoutes();
+    return routes.find("default via 192.0.2.1 dev br7") != std::string::npos &&
+           routes.find("default via 2001:db8::1 dev br7") != std::string::npos &&
+           routes.find("198.51.100.0/24 via 192.0.2.2 dev br7 proto static metric 7") != std::string::npos &&
+           Link("up0").find("master br7") != std::string::npos;
+  };
+  EXPECT_TRUE(Await(is_made, std::chrono::seconds(30))) << AllRoutes() << networkd.errors();
+  EXPECT_THAT(Addresses("br7"), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
+  EXPECT_EQ(HardwareAddress("br7"), mac);
+  // The host's next look, and the end of the network.
+  EXPECT_EQ(As(kNobody, [&] { return client_.make(Moving()); }), "");
+  EXPECT_THAT(Link("br7"), HasSubstr("alias vexa-network"));
+  EXPECT_EQ(As(kNobody, [&] { return client_.remove(Moving()); }), "");
+  EXPECT_THAT(Addresses("up0"), AllOf(HasSubstr("192.0.2.7/24"), HasSubstr("2001:db8::7/64")));
+  EXPECT_THAT(Link("br7"), IsEmpty());
+}
+
+TEST_F(BridgeService, User_Silent_KeepsOthersWaitingForSecondsOnly) {
+  const Descriptor silent = Connect();
+  EXPECT_EQ(As(kNobody, [&] { return client_.make(Plain()); }), "");
+}
+
 TEST_F(BridgeService, User_Other_IsDisconnected) {
   EXPECT_EQ(As(1234, [&] { return client_.make(Plain()); }),
             "This host may not make bridges: start the service vexa-network, or make the bridge: It does not answer");
@@ -635,6 +676,15 @@ TEST_F(BridgeService, Packet_Hostile_IsRefusedAndTheServiceGoesOn) {
   EXPECT_THAT(Reply(R"({"action":"make","network_id":7,"bridge":[],"uplink":{}})"), HasSubstr("\"invalid\""));
   EXPECT_THAT(Reply(std::string(5000, '{')), IsEmpty());
   EXPECT_EQ(As(kNobody, [&] { return client_.make(Plain()); }), "");
+}
+
+TEST_F(BridgeService, Service_Hangs_IsReportedInTime) {
+  ::unlink("/run/vexa-network-hanging");
+  const auto listener = machine::ListenForBridgeRequests("/run/vexa-network-hanging");
+  ASSERT_TRUE(listener);
+  const BridgeMaker hanging = machine::BridgeMakerOverSocket("/run/vexa-network-hanging", 1);
+  EXPECT_EQ(hanging.make(Plain()).error().ToString(),
+            "This host may not make bridges: start the service vexa-network, or make the bridge: It does not answer");
 }
 
 TEST_F(BridgeService, Service_Absent_IsReported) {
