@@ -44,6 +44,9 @@ class SystemLibvirtd {
     const bool listens = Await([] { return Connection(::virConnectOpen(kSystemUri), ::virConnectClose) != nullptr; },
                                std::chrono::seconds(60));
     if (!listens) ADD_FAILURE() << "libvirtd does not listen: " << program_->errors();
+    // It first runs each QEMU to learn what it can do, which the first start of a guest would wait for.
+    const Connection connection(::virConnectOpen(kSystemUri), ::virConnectClose);
+    if (connection) ::free(::virConnectGetCapabilities(connection.get()));
   }
 
   void StartNetwork(const std::string& forward) const {

@@ -205,6 +205,33 @@ TEST_F(Networks, Bridge_WithUplink_IsMadeForTheGuestAndRemoved) {
   ASSERT_EQ(Vexa({"guest", "delete", "connected", "--yes"}).exit_code, 0);
   ASSERT_EQ(Vexa({"network", "remove", "br6"}).exit_code, 0);
   EXPECT_TRUE(Await([] { return RunTool({"ip", "link"}).find(": br6:") == std::string::npos; }, kLimit));
+  RunTool({"ip", "link", "delete", "up6"});
+  RunProcess({.argv = {"umount", "/etc/systemd"}});
+}
+
+// Daemon and service have the rights of their units, so only the service can make the bridge.
+TEST_F(Networks, ConfinedHost_BridgeWithUplink_IsMadeByTheService) {
+  RunTool({"ip", "link", "add", "up6", "type", "veth", "peer", "name", "far6"});
+  RunTool({"mount", "-t", "tmpfs", "vexa-test", "/etc/systemd"});
+  RunTool({"mkdir", "-p", "/etc/systemd/network", "/run/vexa-network"});
+  const auto confined = [](const char* unit, const std::string& program) {
+    return std::vector<std::string>{CONFINED_PROGRAM, std::string(VEXA_SOURCE_DIR "/packaging/") + unit, "--", program};
+  };
+  QemuHostOptions options;
+  options.hypervisor = kSystemUri;
+  options.command = confined("vexad.service", VEXAD_PROGRAM);
+  host_ = std::make_unique<QemuHost>(*environment_, options);
+  host_->Start();
+  ASSERT_EQ(Vexa({"network", "add", "br6", "--kind", "bridge", "--uplink", "up6"}).exit_code, 0);
+  ExpectState("br6", "missing");
+  EXPECT_THAT(Vexa({"network", "show", "br6"}).output,
+              HasSubstr("This host may not make bridges: start the service vexa-network, or make the bridge"));
+  const Process service(ProcessOptions{.argv = confined("vexa-network.service", VEXA_NETWORK)});
+  ExpectState("br6", "ready");
+  EXPECT_THAT(RunTool({"ip", "link", "show", "up6"}), HasSubstr("master br6"));
+  ASSERT_EQ(Vexa({"network", "remove", "br6"}).exit_code, 0);
+  EXPECT_TRUE(Await([] { return RunTool({"ip", "link"}).find(": br6:") == std::string::npos; }, kLimit));
+  RunTool({"ip", "link", "delete", "up6"});
   RunProcess({.argv = {"umount", "/etc/systemd"}});
 }
 
