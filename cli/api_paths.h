@@ -10,6 +10,7 @@ inline constexpr const char* kHostGet = "/webapi/VEXA.Virtualization.Host/get";
 inline constexpr const char* kHostList = "/webapi/VEXA.Virtualization.Host/list";
 inline constexpr const char* kImageList = "/webapi/VEXA.Virtualization.Image/list";
 inline constexpr const char* kLogList = "/webapi/VEXA.Virtualization.Log/list";
+inline constexpr const char* kNetworkList = "/webapi/VEXA.Virtualization.Network/list";
 inline constexpr const char* kRepositoryList = "/webapi/VEXA.Virtualization.Repository/list";
 
 }  // namespace vexa::cli

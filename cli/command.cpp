@@ -58,6 +58,7 @@ template Option Command::AddOption(const std::string&, int&, const std::string&)
 template Option Command::AddOption(const std::string&, std::size_t&, const std::string&) const;
 template Option Command::AddOption(const std::string&, std::string&, const std::string&) const;
 template Option Command::AddOption(const std::string&, std::optional<int>&, const std::string&) const;
+template Option Command::AddOption(const std::string&, std::optional<std::string>&, const std::string&) const;
 template Option Command::AddOption(const std::string&, std::optional<std::uint32_t>&, const std::string&) const;
 template Option Command::AddOption(const std::string&, std::vector<std::string>&, const std::string&) const;
 

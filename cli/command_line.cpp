@@ -60,6 +60,7 @@ void AddCommands(const Command& app) {
   AddClusterCommands(app);
   AddRepositoryCommands(app);
   AddImageCommands(app);
+  AddNetworkCommands(app);
   AddImportCommand(app);
 }
 

@@ -24,7 +24,7 @@ operating system, with --data or --store those of a store on this machine. Other
 Examples:
   vexa guest set web-1 vcpu_num=4 vram_size=8192 desc='The shop'
   vexa guest set web-1 --add-disk 100 --grow-disk 0a7c1f52-6b0e-4d8f-9a43-5e2d81c0b7f6=50
-  vexa guest set web-1 --add-nic net=3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6,type=1
+  vexa guest set web-1 --add-nic net=lan,type=1
   vexa guest set web-1 --iso /srv/images/debian.iso boot_from=iso
   vexa guest set web-1 --allow user:alice --revoke group:staff
   vexa guest set web-1 --del-disk 0a7c1f52-6b0e-4d8f-9a43-5e2d81c0b7f6 --dry-run)";
@@ -69,11 +69,12 @@ void AddDeviceOptions(const Command& set, GuestSetArguments& arguments) {
   AddRepeated(set, "--grow-disk", arguments.grow_disks, "ID=GIB", "Make a disk larger, to this many GiB");
   set.AddOption("--order-disks", arguments.order_disks, "The new order of the disks; disks that are not named follow")
       .Placeholder("ID,ID,...");
-  AddRepeated(set, "--add-nic", arguments.add_nics, "net=ID[,type=N][,mac=ADDRESS][,sriov=true]",
-              "Add a network interface; net=none for no network, type 1 (VirtIO, the default), 2 (e1000) or 3 "
+  AddRepeated(set, "--add-nic", arguments.add_nics, "net=NETWORK[,type=N][,mac=ADDRESS][,sriov=true]",
+              "Add a network interface; the network by id or name, net=none for none, type 1 (VirtIO, the default), 2 "
+              "(e1000) or 3 "
               "(rtl8139)");
   AddRepeated(set, "--del-nic", arguments.del_nics, "ID", "Remove a network interface");
-  AddRepeated(set, "--edit-nic", arguments.edit_nics, "ID,net=ID|type=N|mac=ADDRESS|sriov=true,...",
+  AddRepeated(set, "--edit-nic", arguments.edit_nics, "ID,net=NETWORK|type=N|mac=ADDRESS|sriov=true,...",
               "Change a network interface");
   AddRepeated(set, "--iso", arguments.isos, "IMAGE",
               "The new content of a drive: the id of an image, an absolute path, or 'none'; all drives are set, "

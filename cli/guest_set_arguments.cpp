@@ -186,15 +186,14 @@ Status ParseNicProperty(const std::string& argument, Json::Value& nic) {
   const auto* const row =
       std::ranges::find_if(kMembers, [&key = key](const auto& member) { return key == member.first; });
   if (!pair || row == std::end(kMembers)) {
-    return Invalid(
-        fmt::format("'{}' is not a property of an interface. Use net=ID, type=N, mac=ADDRESS or sriov=true", argument));
+    return Invalid(fmt::format(
+        "'{}' is not a property of an interface. Use net=NETWORK, type=N, mac=ADDRESS or sriov=true", argument));
   }
   if (nic.isMember(row->second)) return Invalid(fmt::format("'{}' is given twice for one interface", key));
   Json::Value& member = nic[row->second];
   if (key == "net") {
     const bool is_none = value.empty() || value == "none";
-    if (!is_none && !HasUuidForm(value))
-      return Invalid(fmt::format("'{}' is neither the id of a network (a UUID) nor 'none'", value));
+    if (!IsValidUtf8(value)) return Invalid("The name of a network is not valid UTF-8");
     member = is_none ? "" : value;
   } else if (key == "mac") {
     if (!IsValidUtf8(value)) return Invalid("A MAC address is not valid UTF-8");
@@ -218,7 +217,7 @@ Status AddNics(const GuestSetArguments& arguments, Json::Value& parameters) {
       if (Status added = ParseNicProperty(part, nic); !added) return added;
     }
     if (!nic.isMember("network_id"))
-      return Invalid(fmt::format("'{}' does not name a network. Use net=ID or net=none", argument));
+      return Invalid(fmt::format("'{}' does not name a network. Use net=NETWORK or net=none", argument));
     if (!nic.isMember("vnic_type")) nic["vnic_type"] = 1;
     if (!nic.isMember("prefer_sriov")) nic["prefer_sriov"] = false;
     parameters["vnics_add"].append(std::move(nic));
@@ -240,6 +239,17 @@ Status AddNics(const GuestSetArguments& arguments, Json::Value& parameters) {
     parameters["vnics_edit"].append(std::move(nic));
   }
   return {};
+}
+
+// The same without the names of networks, which only the server can look up.
+Json::Value WithoutNetworkNames(Json::Value parameters) {
+  for (const char* list : {"vnics_add", "vnics_edit"}) {
+    if (!parameters.isMember(list)) continue;
+    for (Json::Value& nic : parameters[list]) {
+      if (nic.isMember("network_id") && !HasUuidForm(json::StringMember(nic, "network_id"))) nic["network_id"] = "";
+    }
+  }
+  return parameters;
 }
 
 // The contents of drives or ports.
@@ -284,7 +294,7 @@ Result<Json::Value> ParametersOf(const GuestSetArguments& arguments) {
         AddContents(arguments.isos, "iso_images", parameters), AddContents(arguments.usbs, "usbs", parameters)}) {
     if (!status) return status.error();
   }
-  if (const Status checked = CheckParameters(parameters); !checked) return checked.error();
+  if (const Status checked = CheckParameters(WithoutNetworkNames(parameters)); !checked) return checked.error();
   return parameters;
 }
 

@@ -25,14 +25,15 @@ struct GuestSetArguments {
   std::vector<std::string> del_disks;   // ids
   std::vector<std::string> grow_disks;  // "ID=GIB"
   std::string order_disks;              // "ID,ID"; "" for none
-  std::vector<std::string> add_nics;    // "net=ID,type=1,mac=02:00:5e:10:00:01,sriov=true"
+  std::vector<std::string> add_nics;    // "net=NETWORK,type=1,mac=02:00:5e:10:00:01,sriov=true"
   std::vector<std::string> del_nics;    // ids
   std::vector<std::string> edit_nics;   // "ID,net=…"
   std::vector<std::string> isos;        // ids of images, absolute paths, "none"
   std::vector<std::string> usbs;        // "1234:00ab", "3.14", "none"
 };
 
-// The parameters of "set" for these arguments, without "guest_id". kInvalid for an argument that cannot be parsed and
+// The parameters of "set" for these arguments, without "guest_id". "network_id" has the name of a network where an
+// argument has one. kInvalid for an argument that cannot be parsed and
 // for a value that a guest cannot have.
 Result<Json::Value> ParametersOf(const GuestSetArguments& arguments);
 

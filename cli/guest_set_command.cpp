@@ -11,6 +11,7 @@
 #include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/local_grant_command.h"
+#include "cli/network_command.h"
 #include "cli/objects.h"
 #include "cli/parallel.h"
 #include "cli/power_command.h"
@@ -304,6 +305,7 @@ ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   HttpClient client(*connect);
+  if (const ExitCode found = ResolveNetworks(client, *parameters); found != ExitCode::kOk) return found;
   const ExitCode added = AddRights(client, options, *std::move(principals), *parameters);
   if (added != ExitCode::kOk) return added;
   NamedGuest guest;

@@ -10,6 +10,7 @@
 #include "host/base/mutex.h"
 #include "host/base/run_logging_exceptions.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/machine/bridge_service.h"
 #include "host/records/keys.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -41,6 +42,22 @@ std::shared_ptr<storage::StorageWatch> MakeStorageWatch(const GuestControlOption
   return std::make_shared<storage::StorageWatch>(std::move(storage));
 }
 
+std::unique_ptr<networks::NetworkKeeper> MakeNetworkKeeper(const GuestControlOptions& options,
+                                                           const std::atomic<bool>& stopping) {
+  if (options.networks == GuestControlOptions::Networks::kNotKept) return nullptr;
+  networks::NetworkKeeperOptions keeper;
+  keeper.store = options.store;
+  keeper.host_id = options.host_id;
+  if (options.hypervisor.mode == "test") {
+    keeper.bridges = networks::NetworkKeeperOptions::Bridges::kAllExist;
+  } else {
+    keeper.bridge_maker = machine::SystemBridgeMaker();
+  }
+  if (options.claim) keeper.guard = [claim = options.claim] { return claim->Guard(); };
+  keeper.is_stopping = [&stopping] { return stopping.load(); };
+  return std::make_unique<networks::NetworkKeeper>(std::move(keeper));
+}
+
 bool IsFile(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
@@ -59,6 +76,7 @@ Result<std::unique_ptr<GuestControl>> GuestControl::Start(GuestControlOptions op
 LibvirtGuestControl::LibvirtGuestControl(GuestControlOptions options, std::uint64_t epoch)
     : options_(std::move(options)),
       storage_(MakeStorageWatch(options_)),
+      networks_(MakeNetworkKeeper(options_, stopping_)),
       deletion_(MakeDeletionOptions()),
       edits_(MakeEditOptions()),
       sequencer_(epoch) {}
@@ -90,7 +108,7 @@ LibvirtGuestControl::~LibvirtGuestControl() {
     is_open_ = false;
     while (threads_ > 0) maintenance_wake_.Wait(maintenance_mutex_);
   }
-  for (std::thread* thread : {&maintenance_thread_, &watch_thread_}) {
+  for (std::thread* thread : {&maintenance_thread_, &watch_thread_, &networks_thread_}) {
     if (thread->joinable()) thread->join();
   }
   // In this order, because its threads use the hypervisor.
@@ -121,6 +139,7 @@ Status LibvirtGuestControl::Begin() {
     }
     RunIfOpen([this] {
       ReadVersion();
+      KeepNetworks();
       ReconcileAll();
     });
   };
@@ -138,13 +157,15 @@ Status LibvirtGuestControl::Begin() {
   deletion_.FinishAll();
   if (hypervisor_->IsConnected()) {
     ReadVersion();
+    // Before the guests that need them.
+    KeepNetworks();
     ReconcileAll();
   } else {
     ::syslog(LOG_ERR, "The hypervisor cannot be reached. This is retried; guests cannot be started meanwhile.");
   }
   {
     const MutexLock lock(maintenance_mutex_);
-    threads_ += 2;
+    threads_ += networks_ ? 3 : 2;
   }
   const auto run = [this](void (LibvirtGuestControl::*work)()) {
     (this->*work)();
@@ -154,6 +175,7 @@ Status LibvirtGuestControl::Begin() {
   };
   maintenance_thread_ = std::thread(run, &LibvirtGuestControl::Maintain);
   watch_thread_ = std::thread(run, &LibvirtGuestControl::WatchRecords);
+  if (networks_) networks_thread_ = std::thread(run, &LibvirtGuestControl::WatchNetworks);
   return {};
 }
 
@@ -269,6 +291,27 @@ void LibvirtGuestControl::WatchRecords() {
       has_failed = false;
     });
     if (has_failed) (void)AwaitStop(kWatchRetryDelay);
+  }
+}
+
+void LibvirtGuestControl::KeepNetworks() {
+  if (!networks_ || stopping_) return;
+  RunLoggingExceptions("The keeping of networks", [this] { networks_->Keep(*hypervisor_); });
+}
+
+void LibvirtGuestControl::WatchNetworks() {
+  const std::string prefix = records::CategoryKey("network");
+  store::Revision revision = 0;
+  auto next = std::chrono::steady_clock::now();
+  while (!AwaitStop(std::chrono::milliseconds(0))) {
+    const auto batch = options_.store->Watch(prefix, revision, kWatchInterval);
+    if (batch) revision = batch->revision;
+    const bool has_changed = batch && (batch->lost || !batch->changes.empty());
+    if (has_changed || std::chrono::steady_clock::now() >= next) {
+      KeepNetworks();
+      next = std::chrono::steady_clock::now() + options_.networks_interval;
+    }
+    if (!batch) (void)AwaitStop(kWatchRetryDelay);
   }
 }
 

@@ -44,6 +44,10 @@ struct GuestControlOptions {
   // Whether the host has a network or bridge. Not set: in test mode it has all, otherwise libvirt and the kernel
   // decide.
   std::function<bool(const std::string& name)> has_network;
+  // Whether this host keeps the networks of the cluster (host/networks/network_keeper.h). Tests of guests do without.
+  enum class Networks { kNotKept, kKept };
+  Networks networks = Networks::kNotKept;
+  std::chrono::milliseconds networks_interval = std::chrono::seconds(10);  // between looks without a change of records
   // Commits of this host take effect only while it holds this claim. Null: always.
   std::shared_ptr<cluster::HostClaim> claim;
   // Whether another host of the cluster is alive; see deletion.h. Not set: none is.

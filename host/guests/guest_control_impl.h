@@ -20,6 +20,7 @@
 #include "host/guests/guest_control.h"
 #include "host/guests/shut_downs.h"
 #include "host/guests/starts.h"
+#include "host/networks/network_keeper.h"
 #include "host/records/domain_record.h"
 #include "host/records/live_state.h"
 #include "host/records/run_record.h"
@@ -212,6 +213,9 @@ class LibvirtGuestControl final : public GuestControl {
   // Reconciles guests whose records other processes change, such as imports of running domains.
   void WatchRecords();
   void AdoptImported(const std::string& guest_id);
+  // Keeps the networks of this host, at changes of their records and now and then.
+  void WatchNetworks();
+  void KeepNetworks();
 
   // guest_facts.cpp
   // The guest in the newest state.
@@ -226,6 +230,7 @@ class LibvirtGuestControl final : public GuestControl {
 
   const GuestControlOptions options_;
   const std::shared_ptr<storage::StorageWatch> storage_;
+  const std::unique_ptr<networks::NetworkKeeper> networks_;  // null: networks are not kept
   Deletion deletion_;
   Edits edits_;
   records::Sequencer sequencer_;
@@ -252,10 +257,11 @@ class LibvirtGuestControl final : public GuestControl {
   bool stop_requested_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
   // The hypervisor's callbacks may use everything above.
   bool is_open_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
-  // How many threads run: maintenance_thread_, watch_thread_ and handlers of hypervisor events.
+  // How many threads run: maintenance_thread_, watch_thread_, networks_thread_ and handlers of hypervisor events.
   int threads_ VEXA_GUARDED_BY(maintenance_mutex_) = 0;
   std::thread maintenance_thread_;
   std::thread watch_thread_;
+  std::thread networks_thread_;
   // Destroyed first: its callbacks use everything above.
   std::unique_ptr<hypervisor::Hypervisor> hypervisor_;
 };

@@ -55,6 +55,16 @@ struct Definition {
   std::string nvram;          // the file with its UEFI variables; "" without one
 };
 
+// A network that libvirt knows.
+struct KnownNetwork {
+  std::string name;
+  std::string xml;  // its definition; that of the running network when it has none
+  bool is_active = false;
+  bool is_persistent = false;
+  bool is_autostarted = false;
+  bool is_in_use = false;  // interfaces of running guests are in it, as far as libvirt knows
+};
+
 // What is removed together with a definition. The files of disks and UEFI variables never are.
 enum class UndefineScope {
   kDefinition,  // nothing else: a guest with a saved memory image, snapshots or checkpoints keeps its definition
@@ -193,6 +203,18 @@ class Hypervisor {
 
   // The names of the active networks that libvirt runs, in order; none where the driver has no networks.
   virtual Result<std::vector<std::string>, Failure> Networks() = 0;
+  // All networks, by name. Failures: kUnsupported (the driver has no networks).
+  virtual Result<std::vector<KnownNetwork>, Failure> KnownNetworks() = 0;
+  // Defines the network, which libvirt then starts whenever it starts itself, or replaces the definition of the network
+  // with the same name and UUID; an active network keeps its old one until it is started again. Failures: kInvalid,
+  // kUnsupported.
+  virtual Result<void, Failure> DefineNetwork(const std::string& xml) = 0;
+  // Having started or stopped it already is not a failure. Failures: kNetworkMissing; for instance kFailed, when its
+  // subnet is in use on this machine.
+  virtual Result<void, Failure> StartNetwork(const std::string& name) = 0;
+  virtual Result<void, Failure> StopNetwork(const std::string& name) = 0;
+  // An active network runs until it is stopped. Failures: kNetworkMissing.
+  virtual Result<void, Failure> UndefineNetwork(const std::string& name) = 0;
 
   // The bytes available to guests: free memory, buffers and caches.
   virtual Result<std::uint64_t, Failure> FreeMemory() = 0;

@@ -89,6 +89,11 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<bool, Failure> HasAgent(const std::string& id) override;
   Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) override;
   Result<std::vector<std::string>, Failure> Networks() override;
+  Result<std::vector<KnownNetwork>, Failure> KnownNetworks() override;
+  Result<void, Failure> DefineNetwork(const std::string& xml) override;
+  Result<void, Failure> StartNetwork(const std::string& name) override;
+  Result<void, Failure> StopNetwork(const std::string& name) override;
+  Result<void, Failure> UndefineNetwork(const std::string& name) override;
   Result<std::uint64_t, Failure> FreeMemory() override;
   Result<NodeInfo, Failure> GetNodeInfo() override;
   Result<std::string, Failure> Version() override;
@@ -115,6 +120,9 @@ class LibvirtHypervisor final : public Hypervisor {
   // The same for a call on a guest. If libvirt's error does not show whether the guest runs, queries its state.
   Failure GuestFailure(const DomainOnConnection& guest, Operation operation, std::string message) const;
 
+  // Calls `act`, one of libvirt's functions on networks, for the network with this name.
+  Result<void, Failure> ActOnNetwork(const std::string& name, const std::string& message, Operation operation,
+                                     int (*act)(virNetworkPtr network)) const;
   // Starts the guest with `create`, which calls libvirt.
   Result<void, Failure> StartWith(const std::string& id, const std::function<int(virDomainPtr)>& create);
   Result<void, Failure> CheckMemory(const DomainOnConnection& guest) const;

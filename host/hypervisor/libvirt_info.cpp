@@ -129,27 +129,6 @@ Result<bool, Failure> LibvirtHypervisor::HasAgent(const std::string& id) {
   return IsAgentConnected(xml->get());
 }
 
-Result<std::vector<std::string>, Failure> LibvirtHypervisor::Networks() {
-  Result<std::shared_ptr<virConnect>, Failure> connection = Connection();
-  if (!connection) return connection.error();
-  virNetworkPtr* raw = nullptr;
-  const int count = virConnectListAllNetworks(connection->get(), &raw, VIR_CONNECT_LIST_NETWORKS_ACTIVE);
-  std::vector<std::string> names;
-  if (count < 0) {
-    Failure failure = MakeFailure(*connection, Operation::kRead, "Cannot list the networks");
-    if (failure.kind() == FailureKind::kUnsupported) return names;
-    return failure;
-  }
-  const std::vector<NetworkHandle> networks(raw, raw + count);
-  std::free(raw);
-  for (const NetworkHandle& network : networks) {
-    const char* const name = virNetworkGetName(network.get());
-    if (name != nullptr) names.emplace_back(name);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 Result<std::uint64_t, Failure> LibvirtHypervisor::FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const {
   // Free memory alone is small on a host that has read many files: caches make room for guests.
   int count = 0;

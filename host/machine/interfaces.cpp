@@ -112,16 +112,6 @@ std::vector<InterfaceAddress> SystemAddresses() {
   return addresses;
 }
 
-bool IsInterfaceName(const std::string& name) {
-  if (name.empty() || name.size() >= IFNAMSIZ || name == "." || name == ".." || !IsValidUtf8(name)) {
-    return false;
-  }
-  return std::ranges::none_of(name, [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return c == '/' || c == ':' || byte <= ' ' || byte == 0x7F;
-  });
-}
-
 std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name) {
   NetworkLinks links(machine.root());
   return Read(machine, links, name);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "host/base/interface_name.h"
 #include "host/machine/machine.h"
 
 namespace vexa::machine {
@@ -36,10 +37,7 @@ using AddressReader = std::function<std::vector<InterfaceAddress>()>;
 // The addresses of this machine except link-local IPv6 addresses. Empty when they cannot be read.
 std::vector<InterfaceAddress> SystemAddresses();
 
-// Whether the kernel accepts the name: 1 to 15 bytes of UTF-8 without '/', ':', spaces and control characters, and
-// neither
-// "." nor "..". Such a name cannot lead out of the folder /sys/class/net.
-bool IsInterfaceName(const std::string& name);
+using vexa::IsInterfaceName;
 
 // Not set if there is no such interface, or the name is invalid.
 std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name);

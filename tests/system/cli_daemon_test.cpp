@@ -1,6 +1,7 @@
 // The client's commands on guests, images, repositories and the log against a real daemon: client and server agree.
 #include <signal.h>
 
+#include "host/domain_xml/domain_parse.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/require.h"
@@ -140,13 +141,16 @@ TEST_F(RecordsOnDaemon, ImageAdd_ConfiguredStore_IsWrittenToDaemonsStore) {
                            "[^\n]* success [^\n]*: The image \\[Debian 12\\] has been removed\\.\n"));
 }
 
-TEST_F(RecordsOnDaemon, ImageAdd_EightConcurrentWithOneName_OneIsAccepted) {
+TEST_F(RecordsOnDaemon, Add_EightConcurrentWithOneName_OneIsAccepted) {
   std::vector<ProcessOptions> images;
   std::vector<ProcessOptions> repositories;
+  std::vector<ProcessOptions> networks;
   for (int i = 0; i < 8; ++i) {
     images.push_back(ProgramOn({"image", "add", "debian", MakeImageFile(std::to_string(i) + ".iso")}));
     repositories.push_back(ProgramOn({"repository", "add", "pool"}));
+    networks.push_back(ProgramOn({"network", "add", "lan"}));
   }
+  EXPECT_EQ(CountAccepted(networks), 1);
   EXPECT_EQ(CountAccepted(images), 1);
   EXPECT_EQ(CountAccepted(repositories), 1);
   EXPECT_EQ(Parsed(RunOn({"image", "list", "--json"}).output).size(), 1u);
@@ -170,6 +174,24 @@ TEST_F(RecordsOnDaemon, Repository_AddListAcceptRemove_Works) {
   EXPECT_EQ(RunOn({"repository", "list"}).output, "");
 }
 
+TEST_F(RecordsOnDaemon, Network_AddListShowEditRemove_Works) {
+  const std::string id = domain_xml::NetworkGroupId("lan");
+  EXPECT_EQ(RunOn({"network", "add", "lan", "--description", "Lab"}).output, id + "\n");
+  EXPECT_THAT(RunOn({"network", "list"}).output,
+              AllOf(StartsWith("NETWORK "), HasSubstr(id + "  lan   nat   unknown  yes      192.168.100.0/24\n")));
+  EXPECT_EQ(RunOn({"network", "show", "lan"}).output,
+            "Network:     " + id +
+                "\nName:        lan\nDescription: Lab\nKind:        nat\nState:       unknown\nOn hosts:    lan\n"
+                "Subnet:      192.168.100.0/24\n  host " +
+                VexaCCC::DB::DBLocalhostID() + ": unknown (The host has not looked at it yet)\n");
+  EXPECT_EQ(RunOn({"network", "edit", "lan", "--name", "lab", "--subnet", "10.7.0.0/24"}).output,
+            "Edited the network 'lan'\n");
+  EXPECT_THAT(RunOn({"network", "add", "other", "--subnet", "10.7.0.0/28"}).errors,
+              HasSubstr("\nThe subnet 10.7.0.0/28 overlaps with 10.7.0.0/24 of the network 'lab'\n"));
+  EXPECT_EQ(RunOn({"network", "remove", "lab"}).output, "Removed the network 'lab'\n");
+  EXPECT_EQ(RunOn({"network", "list", "--json"}).output, "[]\n");
+}
+
 TEST_F(RecordsOnDaemon, OrdinaryUser_Images_AreListedWithoutPathsAndReadOnly) {
   const std::string file = MakeImageFile("a.iso");
   ASSERT_EQ(RunOn({"image", "add", "a", file}).exit_code, 0);
@@ -179,11 +201,14 @@ TEST_F(RecordsOnDaemon, OrdinaryUser_Images_AreListedWithoutPathsAndReadOnly) {
   EXPECT_THAT(images.output, HasSubstr("  a     12     yes\n"));
   EXPECT_THAT(images.output, Not(HasSubstr(images_of_host)));
   EXPECT_THAT(RunOn({"repository", "list"}).output, HasSubstr("  pool-1\n"));
-  for (const std::vector<std::string>& words : {std::vector<std::string>{"image", "add", "b", file},
-                                                {"image", "remove", "a"},
-                                                {"repository", "add", "pool-2"},
-                                                {"repository", "accept", "pool-1"},
-                                                {"repository", "remove", "pool-1"}}) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"image", "add", "b", file},
+        {"image", "remove", "a"},
+        {"repository", "add", "pool-2"},
+        {"repository", "accept", "pool-1"},
+        {"repository", "remove", "pool-1"},
+        {"network", "add", "lan"},
+        {"network", "edit", domain_xml::NetworkGroupId("lan"), "--name", "x"}}) {
     const auto result = RunOn(words);
     EXPECT_EQ(result.exit_code, 1) << words[0] << " " << words[1];
     EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method. (error 104, HTTP 403, "));

@@ -13,7 +13,9 @@ const std::string kA = "0a000000-0000-4000-8000-00000000000a";
 const std::string kB = "0b000000-0000-4000-8000-00000000000b";
 
 const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},{"guest_id":"g2","guest_name":"twin"},
-  {"guest_id":"g3","guest_name":"twin"},{"guest_id":"g4","guest_name":"b\u001b[31md\n"}]})";
+  {"guest_id":"g3","guest_name":"twin"},{"guest_id":"g4","guest_name":"b\u001b[31md\n"}],
+  "networks":[{"network_id":"0c000000-0000-4000-8000-00000000000c","name":"lan"},{"network_id":"n2","name":"dup"},
+  {"network_id":"n3","name":"dup"}]})";
 constexpr const char* kSettings =
     "The settings are name, desc, vcpu_num, cpu_pin_num, cpu_weight, cpu_passthru, hyperv_enlighten, vram_size, "
     "video_card, kb_layout, boot_from, use_ovmf, autorun, usb_version";
@@ -100,6 +102,10 @@ TEST_F(GuestSet, Set_Options_AreSentUnderApiNames) {
   EXPECT_EQ(Sent({"--add-nic", "net=none,type=3,mac=02:00:5e:10:00:01,sriov=true", "--add-nic", "net=,type=2"}),
             R"({"vnics_add":[{"mac":"02:00:5e:10:00:01","network_id":"","prefer_sriov":true,"vnic_type":3},)"
             R"({"network_id":"","prefer_sriov":false,"vnic_type":2}]})");
+  EXPECT_EQ(Sent({"--add-nic", "net=lan"}), R"({"vnics_add":[{"network_id":"0c000000-0000-4000-8000-00000000000c",)"
+                                            R"("prefer_sriov":false,"vnic_type":1}]})");
+  EXPECT_EQ(Sent({"--edit-nic", kB + ",net=lan"}),
+            R"({"vnics_edit":[{"network_id":"0c000000-0000-4000-8000-00000000000c","vnic_id":")" + kB + "\"}]}");
   EXPECT_EQ(Sent({"--del-nic", kA}), R"({"vnics_del":[{"vnic_id":")" + kA + "\"}]}");
   EXPECT_EQ(Sent({"--edit-nic", kA + ",type=2", "--edit-nic", kB + ",net=" + kA + ",sriov=no"}),
             R"({"vnics_edit":[{"vnic_id":")" + kA + R"(","vnic_type":2},{"network_id":")" + kA +
@@ -151,11 +157,23 @@ TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
   for (const auto& [words, expected] : rows) EXPECT_EQ(Refusal(words), "vexa: " + expected + "\n");
 }
 
+TEST_F(GuestSet, Set_UnknownOrAmbiguousNetwork_IsNotSent) {
+  const ApiHost host(SucceedAlways());
+  const auto unknown = RunOn(host, {"web-1", "--add-nic", "net=office"});
+  EXPECT_EQ(unknown.exit_code, 1);
+  EXPECT_EQ(unknown.errors, "vexa: There is no network called 'office'; see 'vexa network list'\n");
+  const auto several = RunOn(host, {"web-1", "--add-nic", "net=dup"});
+  EXPECT_EQ(several.exit_code, 1);
+  EXPECT_EQ(several.errors, "vexa: Several networks are called 'dup'. Use one of the ids n2, n3\n");
+  EXPECT_EQ(host.Count("set"), 0);
+}
+
 TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
   const std::string no_size = "' is not a disk size. Use GiB, 1 to 2097151";
   const std::string no_disk = "' is not the id of a disk (a UUID); 'vexa guest get' shows them";
   const std::string no_nic = "' is not the id of a network interface (a UUID); 'vexa guest get' shows them";
-  const std::string no_member = "' is not a property of an interface. Use net=ID, type=N, mac=ADDRESS or sriov=true";
+  const std::string no_member =
+      "' is not a property of an interface. Use net=NETWORK, type=N, mac=ADDRESS or sriov=true";
   const auto unknown = [](const std::string& word) {
     return "Unknown user or group '" + word + "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
   };
@@ -172,8 +190,8 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
       {{"--grow-disk", kA + "=2", "--grow-disk", kA + "=3"}, "The disk '" + kA + "' is named twice"},
       {{"--order-disks", kA + ","}, "'" + no_disk},
       {{"--order-disks", kA + "," + kA}, "The disk '" + kA + "' is named twice"},
-      {{"--add-nic", "type=1"}, "'type=1' does not name a network. Use net=ID or net=none"},
-      {{"--add-nic", "net=office"}, "'office' is neither the id of a network (a UUID) nor 'none'"},
+      {{"--add-nic", "type=1"}, "'type=1' does not name a network. Use net=NETWORK or net=none"},
+      {{"--add-nic", "net=\xFF"}, "The name of a network is not valid UTF-8"},
       {{"--add-nic", "net=none,speed=1"}, "'speed=1" + no_member},
       {{"--add-nic", "net=none,sriov"}, "'sriov" + no_member},
       {{"--add-nic", "net=none,net=none"}, "'net' is given twice for one interface"},

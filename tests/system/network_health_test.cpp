@@ -1,21 +1,16 @@
 // Whether users see that a guest's network works: a real host with a real guest on each kind of network, whose cables
 // are pulled out.
 #include <gtest/gtest.h>
-#include <libvirt/libvirt.h>
-#include <libvirt/virterror.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <memory>
 #include <thread>
 
 #include "host/base/json_parse.h"
 #include "json/readers.h"
-#include "tests/support/libvirt_user.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/process.h"
 #include "tests/support/qemu_host.h"
+#include "tests/support/system_libvirtd.h"
 
 namespace vexa::test {
 namespace {
@@ -24,81 +19,10 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000011";
-constexpr char kUri[] = "qemu:///system";
 constexpr char kHealthy[] = "healthy";
 constexpr char kUnconnectable[] = "warning network_unconnectable";
 // 10 s by the promise, and a busy machine.
 constexpr auto kLimit = 30s;
-
-bool IsInstalled(const char* program) {
-  return RunProcess({.argv = {"sh", "-c", std::string("command -v ") + program}}).exit_code == 0;
-}
-
-// A libvirtd with networks, as a system has it, in the folders of the test program's own.
-class SystemLibvirtd {
- public:
-  using Connection = std::unique_ptr<virConnect, int (*)(virConnectPtr)>;
-  using Network = std::unique_ptr<virNetwork, int (*)(virNetworkPtr)>;
-  using Domain = std::unique_ptr<virDomain, int (*)(virDomainPtr)>;
-
-  SystemLibvirtd() {
-    std::ofstream("/etc/libvirt/qemu.conf")
-        << "stdio_handler = \"file\"\nuser = \"root\"\ngroup = \"root\"\nsecurity_driver = \"none\"\n"
-           "namespaces = []\ncgroup_controllers = []\ndynamic_ownership = 0\nremember_owner = 0\n";
-    std::ofstream("/etc/libvirt/libvirtd.conf") << "auth_unix_rw = \"none\"\nauth_unix_ro = \"none\"\n";
-    program_ =
-        std::make_unique<Process>(ProcessOptions{.argv = {"/usr/sbin/libvirtd", "--pid-file", "/run/libvirtd.pid"}});
-    // What an earlier one has left is there, and does not answer.
-    ::virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
-    const bool listens = Await([] { return Connection(::virConnectOpen(kUri), ::virConnectClose) != nullptr; }, 60s);
-    if (!listens) ADD_FAILURE() << "libvirtd does not listen: " << program_->errors();
-  }
-
-  void StartNetwork(const std::string& forward) const {
-    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
-    const std::string xml = "<network><name>inside</name>" + forward +
-                            "<bridge name='virbr7'/><ip address='198.51.100.1' netmask='255.255.255.0'/></network>";
-    const Network network(::virNetworkCreateXML(connection.get(), xml.c_str()), ::virNetworkFree);
-    ASSERT_TRUE(network) << ::virGetLastErrorMessage();
-  }
-  void StopNetwork() const {
-    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
-    const Network network(::virNetworkLookupByName(connection.get(), "inside"), ::virNetworkFree);
-    ASSERT_EQ(::virNetworkDestroy(network.get()), 0) << ::virGetLastErrorMessage();
-  }
-
-  std::string Log() const { return program_->errors(); }
-
-  // What a test has left, for the next one.
-  void Forget(const std::string& guest) const {
-    const LibvirtUser user(kUri);
-    (void)user.Destroy(guest);
-    (void)user.Undefine(guest);
-    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
-    const Network network(::virNetworkLookupByName(connection.get(), "inside"), ::virNetworkFree);
-    if (network) ::virNetworkDestroy(network.get());
-  }
-
-  // What `virsh domif-setlink` does.
-  void SetLink(const std::string& guest, const std::string& state) const {
-    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
-    const Domain domain(::virDomainLookupByUUIDString(connection.get(), guest.c_str()), ::virDomainFree);
-    ASSERT_TRUE(domain);
-    const std::unique_ptr<char, void (*)(void*)> text(::virDomainGetXMLDesc(domain.get(), 0), ::free);
-    const std::string xml = text.get();
-    const std::size_t begin = xml.find("<interface");
-    std::string interface = xml.substr(begin, xml.find("</interface>", begin) - begin);
-    if (const std::size_t link = interface.find("<link "); link != std::string::npos) {
-      interface.erase(link, interface.find('>', link) + 1 - link);
-    }
-    interface += "<link state='" + state + "'/></interface>";
-    ASSERT_EQ(::virDomainUpdateDeviceFlags(domain.get(), interface.c_str(), VIR_DOMAIN_AFFECT_LIVE), 0)
-        << ::virGetLastErrorMessage();
-  }
-
- private:
-  std::unique_ptr<Process> program_;
-};
 
 class NetworkHealth : public testing::Test {
  protected:
@@ -111,7 +35,7 @@ class NetworkHealth : public testing::Test {
     environment_ = std::make_unique<QemuEnvironment>(files);
     libvirtd_ = std::make_unique<SystemLibvirtd>();
     QemuHostOptions options;
-    options.hypervisor = kUri;
+    options.hypervisor = kSystemUri;
     host_ = std::make_unique<QemuHost>(*environment_, options);
   }
   void TearDown() override {
@@ -254,36 +178,6 @@ INSTANTIATE_TEST_SUITE_P(NetworkHealth, NetworkOfLibvirt,
                          testing::Values(std::pair("Nat", "<forward mode='nat'/>"), std::pair("Isolated", "")),
                          [](const auto& row) { return row.param.first; });
 
-// The datapath is in user space, which every kernel can run.
-class VirtualSwitch {
- public:
-  static std::string UnavailableReason() {
-    return IsInstalled("ovs-vswitchd") ? "" : "there is no ovs-vswitchd: install openvswitch-switch";
-  }
-  VirtualSwitch() {
-    RunTool({"mkdir", "-p", "/run/openvswitch"});
-    RunTool({"ovsdb-tool", "create", "/run/openvswitch/conf.db", "/usr/share/openvswitch/vswitch.ovsschema"});
-    database_ = std::make_unique<Process>(ProcessOptions{
-        .argv = {"ovsdb-server", "/run/openvswitch/conf.db", "--remote=punix:/run/openvswitch/db.sock"}});
-    EXPECT_TRUE(Await([] { return ::access("/run/openvswitch/db.sock", F_OK) == 0; }, 30s));
-    RunTool({"ovs-vsctl", "--no-wait", "init"});
-    datapath_ = std::make_unique<Process>(ProcessOptions{.argv = {"ovs-vswitchd", "unix:/run/openvswitch/db.sock"}});
-  }
-  void AddBridge(const std::string& name) const {
-    RunTool({"ovs-vsctl", "--timeout=30", "add-br", name, "--", "set", "bridge", name, "datapath_type=netdev"});
-  }
-  void AddPort(const std::string& bridge, const std::string& port) const {
-    RunTool({"ovs-vsctl", "--timeout=30", "add-port", bridge, port});
-  }
-  void DeletePort(const std::string& bridge, const std::string& port) const {
-    RunTool({"ovs-vsctl", "--timeout=30", "del-port", bridge, port});
-  }
-
- private:
-  std::unique_ptr<Process> database_;
-  std::unique_ptr<Process> datapath_;
-};
-
 TEST_F(NetworkHealth, SwitchBridge_AnyName_FollowsItsCable) {
   if (const std::string why_not = VirtualSwitch::UnavailableReason(); !why_not.empty())
     GTEST_SKIP() << SkipNotice(why_not);
@@ -307,7 +201,7 @@ TEST_F(NetworkHealth, Macvtap_OnCard_FollowsItsCable) {
   const Cable cable("up2");
   const std::string image = host_->DiskFolder() + "/boot.img";
   RunTool({"cp", environment_->Image(GuestImage::kWithAgent), image});
-  const LibvirtUser user(kUri);
+  const LibvirtUser user(kSystemUri);
   const std::string defined = user.Define(
       std::string("<domain type='qemu'><name>direct</name><uuid>") + kGuest +
       "</uuid><memory unit='MiB'>192</memory><vcpu>1</vcpu><os><type arch='x86_64' machine='q35'>hvm</type></os>"
@@ -320,7 +214,7 @@ TEST_F(NetworkHealth, Macvtap_OnCard_FollowsItsCable) {
     GTEST_SKIP() << SkipNotice("a guest on macvtap cannot be started: " + refused);
   }
   host_->Start();
-  host_->Vexa({"import", "--all", kUri, "--socket", host_->Socket(), "--host-id", host_->id(), "--repository-id",
+  host_->Vexa({"import", "--all", kSystemUri, "--socket", host_->Socket(), "--host-id", host_->id(), "--repository-id",
                kHostRepository});
   ExpectCableCounts(cable);
   ExpectOwnCableCounts();

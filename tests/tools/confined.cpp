@@ -1,4 +1,4 @@
-// Runs a program as the service manager would run the daemon, as far as that works without one: with the capabilities,
+// Runs a program as the service manager would run it, as far as that works without one: with the capabilities,
 // limits and system calls of a unit. The account, the mount namespace and the control group stay those of the caller.
 //
 // usage: confined UNIT [DROP-IN…] -- PROGRAM [ARGUMENT…]
@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -31,13 +32,26 @@ void SetLimit(const UnitFile& unit, const std::string& setting, __rlimit_resourc
   if (!is_known || ::setrlimit(resource, &limit) != 0) FailToConfine("Cannot set " + setting + ".");
 }
 
+// "CAP_NET_ADMIN" is "net_admin" to libcap-ng.
+void AllowCapability(const std::string& name) {
+  std::string lower = name.substr(name.find('_') + 1);
+  std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  const int capability = capng_name_to_capability(lower.c_str());
+  if (capability < 0) FailToConfine("Unknown capability: " + name + ".");
+  (void)capng_updatev(CAPNG_ADD, static_cast<capng_type_t>(CAPNG_EFFECTIVE | CAPNG_PERMITTED | CAPNG_BOUNDING_SET),
+                      capability, -1);
+}
+
 void DropCapabilities(const UnitFile& unit) {
-  for (const char* const setting : {"CapabilityBoundingSet", "AmbientCapabilities"}) {
-    if (!unit.Has(setting) || !unit.Values(setting).empty()) FailToConfine(std::string(setting) + "= is not empty.");
-  }
+  if (!unit.Has("CapabilityBoundingSet")) FailToConfine("CapabilityBoundingSet= is not set.");
+  const bool has_ambient = !unit.Has("AmbientCapabilities") || !unit.Values("AmbientCapabilities").empty();
+  if (has_ambient) FailToConfine("AmbientCapabilities= is not empty.");
   // Only who has rights can give up the bounding set; no_new_privs keeps everybody else from using it.
   const bool has_rights = capng_get_caps_process() == 0 && capng_have_capability(CAPNG_EFFECTIVE, CAP_SETPCAP) == 1;
   capng_clear(CAPNG_SELECT_ALL);
+  for (const std::string& value : unit.Values("CapabilityBoundingSet")) {
+    for (const std::string& name : vexa::test::WordsOf(value)) AllowCapability(name);
+  }
   if (capng_apply(has_rights ? CAPNG_SELECT_ALL : CAPNG_SELECT_CAPS) != 0) FailToConfine("Cannot drop capabilities.");
 }
 

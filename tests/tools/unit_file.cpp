@@ -41,6 +41,7 @@ const std::set<std::string> kLeftOut = {
     "ProtectKernelTunables",
     "ProtectProc",
     "ProtectSystem",
+    "ReadWritePaths",
     "RemoveIPC",
     "Restart",
     "RuntimeDirectory",

@@ -12,10 +12,9 @@ namespace {
 
 constexpr std::size_t kMaxReason = 1024;
 
-// Ids of records may have been given by other programs.
-bool IsId(const std::string& text) { return records::IsRecordName(text); }
-
 }  // namespace
+
+bool IsId(const std::string& text) { return records::IsRecordName(text); }
 
 void RespondListError(const Call& call, std::string_view what, const Error& error) {
   const std::string reason =

@@ -1,4 +1,4 @@
-// Shared by the methods about images and repositories: they list, add and change named records.
+// Shared by the methods about images, networks and repositories: they list, add and change named records.
 #pragma once
 
 #include <string>
@@ -11,6 +11,9 @@
 #include "host/store/store.h"
 
 namespace vexa::api {
+
+// Whether `text` can be the id of a record. Ids of records may have been given by other programs.
+bool IsId(const std::string& text);
 
 // Responds that `what` cannot be listed. The reason is written to the system log, and returned to administrators.
 void RespondListError(const Call& call, std::string_view what, const Error& error);

@@ -11,6 +11,7 @@
 #include "host/guests/edit/edit_plan.h"
 #include "host/guests/edit/edit_request.h"
 #include "host/records/keys.h"
+#include "host/records/network_record.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -49,26 +50,57 @@ Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::str
   return name;
 }
 
-// The name of the network or bridge with this id. Not set: it is unknown.
-Result<std::optional<std::string>> NetworkName(const store::Snapshot& snapshot, const std::string& network_id) {
+// The name of the network that a host has found, and that has this id. "": there is none.
+Result<std::string> NameFromReports(const store::Snapshot& snapshot, const std::string& network_id) {
+  const auto reports = records::ReadNetworkReports(snapshot);
+  if (!reports) return reports.error();
+  for (const auto& [host_id, report] : *reports) {
+    if (!report) continue;
+    for (const records::FoundNetwork& found : report->found) {
+      if (domain_xml::NetworkGroupId(found.name) == network_id) return found.name;
+    }
+  }
+  return std::string();
+}
+
+// What hosts call the network with this id: by its record, else by another interface in it, else by what hosts have
+// found. Not set: it is unknown.
+Result<std::optional<std::string>> NetworkName(EditedGuest& edited, const std::string& network_id) {
   if (network_id.empty()) return std::optional<std::string>("");
-  Result<std::string> name = NameFromNics(snapshot, network_id);
-  if (!name) return name.error();
-  if (!name->empty()) return std::optional(std::move(*name));
-  const auto record = records::LoadObject(snapshot, records::ObjectKey(kNetworkCategory, network_id));
-  if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
-  if (!record) return std::optional<std::string>();
-  for (const char* member : {keys::bridge_name, keys::name}) {
-    std::string text = json::StringMember(record->record, member);
-    if (!text.empty()) return std::optional(std::move(text));
+  const auto stored = records::ReadNetwork(edited.snapshot, network_id);
+  if (!stored) return stored.error();
+  if (*stored && !(*stored)->network.network_name.empty()) {
+    // Code that removes the network meanwhile must find this interface, and this edit must find it removed.
+    edited.plan.transaction.compares.push_back(
+        {records::ObjectKey(kNetworkCategory, network_id), (*stored)->record.revision});
+    edited.names_network = true;
+    return std::optional((*stored)->network.network_name);
+  }
+  for (const auto find : {NameFromNics, NameFromReports}) {
+    Result<std::string> name = find(edited.snapshot, network_id);
+    if (!name) return name.error();
+    if (!name->empty()) return std::optional(std::move(*name));
   }
   return std::optional<std::string>();
 }
 
+Result<std::string> UnknownNetwork(const store::Snapshot& snapshot, const std::string& network_id) {
+  auto names = records::NetworkNames(snapshot);
+  if (!names) return names.error();
+  const std::string unknown = fmt::format("There is no network {}", QuoteForMessage(network_id));
+  if (names->empty()) return unknown + ", and no other one";
+  for (std::string& name : *names) name = QuoteForMessage(name);
+  return fmt::format("{}. The networks are {}", unknown, records::FormatReferrers(*names));
+}
+
 Status SetNetwork(EditedGuest& edited, Json::Value& nic, const std::string& network_id) {
-  Result<std::optional<std::string>> name = NetworkName(edited.snapshot, network_id);
+  Result<std::optional<std::string>> name = NetworkName(edited, network_id);
   if (!name) return name.error();
-  if (!*name) edited.Refuse(host_error::kBadNic, fmt::format("There is no network {}", QuoteForMessage(network_id)));
+  if (!*name) {
+    Result<std::string> reason = UnknownNetwork(edited.snapshot, network_id);
+    if (!reason) return reason.error();
+    edited.Refuse(host_error::kBadNic, std::move(*reason));
+  }
   nic[keys::network_group_id] = network_id;
   nic[kNetworkName] = name->value_or("");
   return {};

@@ -13,6 +13,7 @@
 #include "host/records/guest_image.h"
 #include "host/records/keys.h"
 #include "host/records/name_search.h"
+#include "host/records/network_record.h"
 #include "host/records/repository_host.h"
 #include "host/records/run_record.h"
 #include "host/storage/storage_disks.h"
@@ -306,6 +307,13 @@ void WriteFileReferencesGuard(EditedGuest& edited) {
       {records::FileReferencesGuardKey(), json::ToText(Json::Value(edited.id))});
 }
 
+// Every commit that puts an interface into a network writes this key, so that code about to remove the network searches
+// again.
+void WriteNetworksGuard(EditedGuest& edited) {
+  if (!edited.names_network) return;
+  edited.plan.transaction.operations.push_back({records::NetworksGuardKey(), json::ToText(Json::Value(edited.id))});
+}
+
 Status Write(EditedGuest& edited) {
   WriteList(edited, keys::vdisks, edited.disks);
   WriteList(edited, keys::vnics, edited.nics);
@@ -321,6 +329,7 @@ Status Write(EditedGuest& edited) {
   if (Status removed = RemoveParts(edited, DashCate::vDisk, edited.removed_disks); !removed) return removed;
   if (Status removed = RemoveParts(edited, DashCate::vNic, edited.removed_nics); !removed) return removed;
   WriteFileReferencesGuard(edited);
+  WriteNetworksGuard(edited);
   return WriteMacs(edited);
 }
 
@@ -337,7 +346,7 @@ void AddImagesToKeep(EditedGuest& edited) {
 
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
                           const NewIds& ids, const store::Snapshot& snapshot, FileFacts& facts) {
-  EditedGuest edited{options, request, ids, snapshot, facts, guest_id, {},    {},    {},
+  EditedGuest edited{options, request, ids, snapshot, facts, guest_id, {},    {},    {}, {},
                      {},      {},      {},  {},       {},    {},       false, false, {}};
   Status done = Load(edited);
   if (!done) return done.error();

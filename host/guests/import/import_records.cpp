@@ -9,6 +9,7 @@
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
 #include "host/records/live_state.h"
+#include "host/records/network_record.h"
 #include "host/records/run_record.h"
 #include "json/readers.h"
 
@@ -110,6 +111,10 @@ store::Transaction MakeImportTransaction(const domain_xml::ImportedGuest& guest,
   transaction.operations.push_back({records::DomainKey(guest.id), records::SerializeDomain(domain)});
   // Code that removes or changes a file must notice that this guest refers to it.
   transaction.operations.push_back({records::FileReferencesGuardKey(), json::ToText(Json::Value(guest.id))});
+  // The same for networks.
+  if (!guest.nics.empty()) {
+    transaction.operations.push_back({records::NetworksGuardKey(), json::ToText(Json::Value(guest.id))});
+  }
   transaction.compares.push_back({records::LiveStateKey(guest.id), replaced.live_revision});
   // The guest must not be replaced while a host holds it, deletes it, or edits its disks.
   CompareFree(transaction, guest.id);

@@ -79,6 +79,14 @@ TEST_F(RacedEdit, Edit_GuestStartsBeforeFileChanges_KeepsFiles) {
   ExpectUnchangedExcept(records::RunKey(kEdited));
 }
 
+TEST_F(RacedEdit, AddNic_NetworkRemovedMeanwhile_IsRefused) {
+  At("commit", [&] { RemoveKey(*store_, KeyOf("network", kNetworkByRecord)); });
+  EXPECT_EQ(
+      Code(std::string(R"({"vnics_add":[{"network_id":")") + kNetworkByRecord + R"(","mac":"02:00:00:00:00:77"}]})"),
+      903);
+  ExpectUnchangedExcept(KeyOf("network", kNetworkByRecord));
+}
+
 TEST_F(RacedEdit, Edit_DiskRemovedMeanwhile_IsRefusedAndNotRestored) {
   At("commit", [&] {
     EditOptions other = environment_.Options(store_);

@@ -4,7 +4,9 @@
 
 #include <thread>
 
+#include "host/domain_xml/domain_parse.h"
 #include "host/records/environment.h"
+#include "host/records/network_record.h"
 #include "tests/support/setting_values.h"
 #include "tests/unit/guests/guest_edit_environment.h"
 
@@ -214,6 +216,36 @@ TEST_F(GuestEdit, Interfaces_AreAddedChangedAndRemoved) {
   EXPECT_EQ(records.nics[2].second["network_name"], "br2");
   EXPECT_EQ(records.nics[2].second["mac_address"], "02:aa:00:00:00:09");
   EXPECT_TRUE(RecordOf(*store_, "vnic", kNic1).isNull());
+}
+
+TEST_F(GuestEdit, AddNic_UnknownNetwork_NamesTheNetworks) {
+  PutText(*store_, records::NetworkReportKey(kThisHost), R"({"found":[{"name":"br9","kind":"bridge"}]})");
+  const std::string edit = std::string(R"({"vnics_add":[{"network_id":")") + kUnknownId + "\"}]}";
+  EXPECT_EQ(Edit(edit).error().reason,
+            std::string("There is no network '") + kUnknownId + "'. The networks are 'office'");
+  // The host is one of the cluster now.
+  PutRecord(*store_, KeyOf("host", kThisHost), Parsed(R"({"name":"nas-1"})"));
+  EXPECT_EQ(Edit(edit).error().reason,
+            std::string("There is no network '") + kUnknownId + "'. The networks are 'br9', 'office'");
+  RemoveKey(*store_, KeyOf("network", kNetworkByRecord));
+  RemoveKey(*store_, records::NetworkReportKey(kThisHost));
+  EXPECT_EQ(Edit(edit).error().reason, std::string("There is no network '") + kUnknownId + "', and no other one");
+  EXPECT_EQ(Edit(edit).error().code, 903);
+}
+
+TEST_F(GuestEdit, AddNic_NetworkFoundByAHost_IsTaken) {
+  PutRecord(*store_, KeyOf("host", kThisHost), Parsed(R"({"name":"nas-1"})"));
+  PutText(*store_, records::NetworkReportKey(kThisHost), R"({"found":[{"name":"br9","kind":"bridge"}]})");
+  const auto refused = Edit(R"({"vnics_add":[{"network_id":")" + domain_xml::NetworkGroupId("br9") + "\"}]}");
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
+  EXPECT_EQ(RecordsOf(*store_).nics.back().second["network_name"], "br9");
+}
+
+// Code that removes the network compares the key, so it notices the interface.
+TEST_F(GuestEdit, AddNic_NetworkWithRecord_WritesTheGuardOfNetworks) {
+  const auto refused = Edit(std::string(R"({"vnics_add":[{"network_id":")") + kNetworkByRecord + "\"}]}");
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
+  EXPECT_EQ(TextOf(*store_, records::NetworksGuardKey()), std::string("\"") + kEdited + "\"");
 }
 
 TEST_F(GuestEdit, SetMac_InUse_IsRefused) {

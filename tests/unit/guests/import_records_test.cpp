@@ -49,9 +49,9 @@ TEST(ImportTransaction, Transaction_NewGuest_RequiresThatNoneExists) {
       Operations(transaction),
       ElementsAre(Pair("/dash/guest/g/object", R"({"autorun":0,"name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
                   Pair("/dash/guest/g/domain", R"({"autostart":true,"xml":"<domain/>"})"), Pair("/files", R"("g")"),
-                  Pair("/renames", R"("g")"), Pair("/dash/guest/g/state", "-"), Pair("/live/g", "-"),
-                  Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"), Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"),
-                  Pair("/dash/vnic/n1/object", "{}")));
+                  Pair("/networks", R"("g")"), Pair("/renames", R"("g")"), Pair("/dash/guest/g/state", "-"),
+                  Pair("/live/g", "-"), Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"),
+                  Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"), Pair("/dash/vnic/n1/object", "{}")));
 }
 
 TEST(ImportTransaction, Transaction_ReplacedGuest_RemovesUnusedPartsAndKeepsSettingsNotInXml) {
@@ -78,7 +78,7 @@ TEST(ImportTransaction, Transaction_ReplacedGuest_RemovesUnusedPartsAndKeepsSett
   EXPECT_THAT(
       Operations(transaction),
       UnorderedElementsAre(
-          Pair("/renames", R"("g")"), Pair("/files", R"("g")"),
+          Pair("/renames", R"("g")"), Pair("/files", R"("g")"), Pair("/networks", R"("g")"),
           Pair("/dash/guest/g/domain", R"({"autostart":false,"xml":"<domain/>"})"),
           Pair("/dash/guest/g/object",
                R"({"autorun":1,"ha_group_id":"h","name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
@@ -91,7 +91,7 @@ TEST(ImportTransaction, Transaction_StoredRecordOfWrongTypes_DeletesNothing) {
     StoredGuest stored;
     stored.revision = 3;
     stored.record = *ParseJson(text);
-    EXPECT_THAT(MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", false}, stored).operations, SizeIs(7)) << text;
+    EXPECT_THAT(MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", false}, stored).operations, SizeIs(8)) << text;
   }
 }
 
