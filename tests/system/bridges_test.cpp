@@ -678,6 +678,27 @@ TEST_F(BridgeService, Packet_Hostile_IsRefusedAndTheServiceGoesOn) {
   EXPECT_EQ(As(kNobody, [&] { return client_.make(Plain()); }), "");
 }
 
+TEST_F(BridgeService, Program_SocketOfTheServiceManager_IsServed) {
+  constexpr char kPassed[] = "/run/vexa-network-passed";
+  ::unlink(kPassed);
+  const Process manager({.argv = {"systemd-socket-activate", "--seqpacket", "--listen", kPassed, VEXA_NETWORK}});
+  ASSERT_TRUE(Await([&] { return ::access(kPassed, F_OK) == 0; }, std::chrono::seconds(30))) << manager.errors();
+  const Status made = machine::BridgeMakerOverSocket(kPassed).make(Plain());
+  EXPECT_TRUE(made) << made.error().ToString();
+}
+
+TEST_F(BridgeService, Program_ArgumentsWrong_SaysWhy) {
+  const auto usage = RunProcess({.argv = {VEXA_NETWORK, "--socket"}});
+  EXPECT_EQ(usage.exit_code, 2);
+  EXPECT_EQ(usage.errors, "usage: vexa-network [--socket PATH] [--user NAME]\n");
+  const auto user = RunProcess({.argv = {VEXA_NETWORK, "--user", "missing"}});
+  EXPECT_EQ(user.exit_code, 1);
+  EXPECT_EQ(user.errors, "vexa-network: There is no user 'missing'\n");
+  const auto path = RunProcess({.argv = {VEXA_NETWORK, "--socket", "/run/missing/socket"}});
+  EXPECT_EQ(path.exit_code, 1);
+  EXPECT_EQ(path.errors, "vexa-network: Cannot listen on '/run/missing/socket': No such file or directory\n");
+}
+
 TEST_F(BridgeService, Service_Hangs_IsReportedInTime) {
   ::unlink("/run/vexa-network-hanging");
   const auto listener = machine::ListenForBridgeRequests("/run/vexa-network-hanging");
