@@ -146,7 +146,7 @@ Result<store::Transaction> EditJob::PlanBegin(const records::Reader& reader, con
   // The intent is committed first. The guest's records change after the files, by another commit.
   store::Transaction intent;
   intent.compares = plan->transaction.compares;
-  MaybeRefused refused = AddToIntent(reader, plan->transaction, intent);
+  MaybeRefused refused = AddToIntent(reader, intent);
   if (!refused) return refused.error();
   if (*refused) {
     refusal_ = std::move(**refused);

@@ -33,9 +33,8 @@ class EditJob {
  protected:
   // What a job does beside the edit, in the same commits. Not set: it may continue.
   using MaybeRefused = Result<std::optional<Refusal>>;
-  // For the commit of the intent. `plan` is the transaction of the edit, of which only the compares are committed.
-  virtual MaybeRefused AddToIntent(const records::Reader& /*reader*/, const store::Transaction& /*plan*/,
-                                   store::Transaction& /*transaction*/) {
+  // For the commit of the intent.
+  virtual MaybeRefused AddToIntent(const records::Reader& /*reader*/, store::Transaction& /*transaction*/) {
     return std::optional<Refusal>();
   }
   // For the commit of the records, or the only commit of an edit without files.
