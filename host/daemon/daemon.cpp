@@ -21,6 +21,7 @@
 #include "host/api/peer/services.h"
 #include "host/api/request_id.h"
 #include "host/api/user/account_api.h"
+#include "host/api/user/creation_api.h"
 #include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
 #include "host/api/user/guest_saved_state_api.h"
@@ -408,9 +409,10 @@ class Daemon::Impl {
     for (auto&& part : {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
                         api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
                         api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-                        api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
-                        api::RepositoryRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
-                        api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
+                        api::CreationRows(MakeAccountServices()), api::RecoveryRows(store_),
+                        api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_), api::LogRows(),
+                        api::AccountRows(MakeAccountServices()), api::GrantRows(MakeAccountServices()),
+                        api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));

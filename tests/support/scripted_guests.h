@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/guests/guest_control.h"
+#include "json/readers.h"
 
 namespace vexa::test {
 

@@ -1,6 +1,7 @@
 #include "host/guests/creation/request_record.h"
 
 #include <fmt/format.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <array>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "host/base/json_parse.h"
+#include "host/records/object_edit.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
@@ -151,6 +153,25 @@ Result<bool> AddNewRequest(const store::Snapshot& snapshot, const NumberedReques
   transaction.compares.push_back({own_key, stored.revision});
   transaction.operations.push_back({own_key, SerializeRequest(record)});
   return true;
+}
+
+void ReplaceAnswer(store::Store& store, const NumberedRequest& request, const Json::Value& answer) {
+  const Status replaced =
+      records::CommitWithRetry(store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+        const auto stored = ReadRequest(reader, request.owner, request.id, system_clock::now());
+        if (!stored) return stored.error();
+        store::Transaction transaction;
+        if (!stored->record || stored->record->state != RequestState::kDone) return transaction;
+        RequestRecord record = *stored->record;
+        record.answer = answer;
+        const std::string key = RequestKey(request.owner, request.id);
+        transaction.compares.push_back({key, stored->revision});
+        transaction.operations.push_back({key, SerializeRequest(record)});
+        return transaction;
+      });
+  if (replaced) return;
+  ::syslog(LOG_WARNING, "The answer of the request[%s] could not be updated: %s", request.id.c_str(),
+           replaced.error().ToString().c_str());
 }
 
 }  // namespace vexa::guests

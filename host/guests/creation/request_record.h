@@ -68,4 +68,7 @@ FirstOutcome OutcomeOf(const NumberedRequest& request, const StoredRequest& stor
 Result<bool> AddNewRequest(const store::Snapshot& snapshot, const NumberedRequest& request, const StoredRequest& stored,
                            const RequestRecord& record, store::Transaction& transaction);
 
+// Replaces the answer of a request that is done. A failure is logged: a repeated request then gets the previous answer.
+void ReplaceAnswer(store::Store& store, const NumberedRequest& request, const Json::Value& answer);
+
 }  // namespace vexa::guests
