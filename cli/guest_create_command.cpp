@@ -26,7 +26,7 @@ constexpr std::int64_t kMibPerTib = 1024 * kMibPerGib;
 
 Error Invalid(std::string text) { return Error(ErrorCode::kInvalid, std::move(text)); }
 
-// A size in MiB: a number with MiB, GiB or TiB, or without a unit. Not set: it is none, or less than 1 MiB.
+// A size in MiB: a number with MiB, GiB or TiB, or without a unit. Not set: it is not a size, or less than 1 MiB.
 std::optional<std::int64_t> ParseSize(std::string_view text, std::int64_t unit_mib) {
   std::int64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

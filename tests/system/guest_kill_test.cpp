@@ -135,7 +135,7 @@ class KilledDaemon : public testing::Test {
     }
   }
 
-  // Whether each created guest is whole, and nothing is left of those that were not.
+  // Whether each created guest is whole, and nothing is left of the others.
   void ExpectCreatedAreWhole() {
     const std::map<std::string, std::string> keys = Keys();
     std::set<std::string> expected;

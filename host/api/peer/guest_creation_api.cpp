@@ -8,6 +8,9 @@ namespace vexa::api {
 namespace {
 
 void Create(guests::GuestControl* control, const store::Store* store, const Call& call) {
+  const auto name = call.request->GetAndCheckString("name", kRequired);
+  const auto repository_id = call.request->GetAndCheckString("repository_id", kRequired);
+  if (name.IsInvalid() || repository_id.IsInvalid()) return Fail(call, host_error::kBadParameter);
   if (!control) return call.response->SetError(host_error::kUnavailable, "This host runs no guests");
   if (const auto allowed = CheckDatabaseReadable(store); !allowed.ok()) {
     return call.response->SetError(allowed.error().code, allowed.error().reason);

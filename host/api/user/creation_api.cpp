@@ -122,8 +122,8 @@ Result<std::optional<guests::NumberedRequest>, Refusal> ReadNumber(const Call& c
       guests::NumberedRequest{std::to_string(call.caller.user.uid), json::String(*id), session::EncodeHash(*hash)});
 }
 
-// The host that has the most free memory of those that can start the guest; the repository's host, which is nearest to
-// the disks, before all others. Empty: none can, as far as is known.
+// Of the hosts that can start the guest, the repository's, which is nearest to the disks, otherwise the one with the
+// most free memory. Empty: no host can, as far as is known.
 std::string ChooseHost(const std::string& guest_id, const std::string& repository_host_id) {
   Json::Value parameters = GuestParameter(guest_id);
   parameters["type"] = "poweron";

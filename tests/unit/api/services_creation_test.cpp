@@ -44,6 +44,7 @@ TEST_F(GuestCreationRowTest, Create_Refused_HasCodeAndReason) {
 }
 
 TEST_F(GuestCreationRowTest, Create_DatabaseLostOrNoGuests_IsRefused) {
+  EXPECT_EQ(CallTable(ApiTable(GuestCreationRows({})), "VEXA.CCC.Guest", "create", R"({"name":"web-2"})").code, 401);
   EXPECT_EQ(Call(ServiceParts()).code, 949);
   ServiceParts parts;
   parts.guests = &guests_;

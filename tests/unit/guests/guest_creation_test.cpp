@@ -278,7 +278,7 @@ TEST_F(CreationTest, Create_RepositoryRemovedMeanwhile_IsRefused) {
   ExpectDone(Named("x", kTwoDisks));
 }
 
-TEST_F(CreationTest, Create_EightAtOnce_OneGetsTheName) {
+TEST_F(CreationTest, Create_EightCreators_OneGetsTheName) {
   std::vector<std::thread> creators;
   std::atomic<int> done = 0;
   std::atomic<int> taken = 0;

@@ -100,7 +100,7 @@ TEST_F(RequestTest, Repeat_WhileInProgress_WaitsForIt) {
   EXPECT_TRUE(Guest(kCreatedToo).isNull());
 }
 
-TEST_F(RequestTest, Repeat_EightAtOnce_MakeOneGuest) {
+TEST_F(RequestTest, Repeat_EightCallers_MakeOneGuest) {
   std::vector<std::thread> callers;
   std::vector<std::string> answers(8);
   for (std::size_t i = 0; i < answers.size(); ++i) {
