@@ -55,6 +55,7 @@ void AddCommands(const Command& app) {
   AddRecoveryCommands(app);
   AddActionCommands(app);
   AddEditCommands(app);
+  AddCreateCommand(app);
   AddErrorCommand(app);
   AddAccountCommands(app);
   AddClusterCommands(app);

@@ -15,6 +15,8 @@ void AddRecoveryCommands(const Command& app);
 void AddActionCommands(const Command& app);
 // Likewise: "guest set" and "guest edit".
 void AddEditCommands(const Command& app);
+// Likewise: "guest create".
+void AddCreateCommand(const Command& app);
 void AddErrorCommand(const Command& app);
 // Also after AddClientCommands: "user", "group", and "guest grants".
 void AddAccountCommands(const Command& app);

@@ -298,6 +298,13 @@ Result<Json::Value> ParametersOf(const GuestSetArguments& arguments) {
   return parameters;
 }
 
+Status AddNicProperties(const std::vector<std::string>& properties, Json::Value& nic) {
+  for (const std::string& property : properties) {
+    if (Status added = ParseNicProperty(property, nic); !added) return added;
+  }
+  return {};
+}
+
 Status CheckParameters(const Json::Value& parameters) {
   Json::Value edit = parameters;
   for (const char* name : {"vdisks_add", "vdisks_edit"}) {

@@ -37,6 +37,10 @@ struct GuestSetArguments {
 // for a value that a guest cannot have.
 Result<Json::Value> ParametersOf(const GuestSetArguments& arguments);
 
+// Adds the properties of a network interface in `properties`, such as "type=1" or "mac=02:00:5e:10:00:01", to `nic`.
+// kInvalid for one that cannot be parsed.
+Status AddNicProperties(const std::vector<std::string>& properties, Json::Value& nic);
+
 // Whether a host could accept these parameters of "set" for some guest. The API refuses most invalid values with one
 // code and no reason, so they are checked here.
 Status CheckParameters(const Json::Value& parameters);

@@ -30,29 +30,29 @@ std::string KeyOf(records::AccountKind kind, std::uint32_t id) {
   return records::GuestAdminKey(records::GuestAdminIdentifier(KindOf(kind), id));
 }
 
-// Keeps unknown members of the record.
-Result<store::Transaction> PlanEdit(const store::Snapshot& snapshot, const GrantPrincipal& principal,
-                                    const Edit& edit) {
+// Adds the change of the principal's record to `transaction`. Keeps unknown members of the record.
+Status AddEdit(const store::Snapshot& snapshot, const GrantPrincipal& principal, const Edit& edit,
+               store::Transaction& transaction) {
   const std::string key = KeyOf(principal.kind, principal.id);
   Result<records::StoredObject> stored = records::LoadObject(snapshot, key);
   if (!stored) return stored.error();
-  if (const Status owned = records::CheckBelongsTo(stored->record, key, principal.name); !owned) return owned.error();
+  if (Status owned = records::CheckBelongsTo(stored->record, key, principal.name); !owned) return owned;
   Json::Value record = records::NewGrantRecord(principal.name, GrantLevelName(GrantLevel::kUser));
   for (const std::string& member : json::MemberNames(stored->record)) {
     if (!stored->record[member].isNull()) record[member] = stored->record[member];
   }
   edit(record);
   stored->record = std::move(record);
-  store::Transaction transaction;
   records::PutObject(transaction, key, *stored);
-  const Status compared =
-      records::AddAccountCompare(snapshot, KindOf(principal.kind), principal.id, principal.seen, transaction);
-  if (!compared) return compared.error();
-  return transaction;
+  return records::AddAccountCompare(snapshot, KindOf(principal.kind), principal.id, principal.seen, transaction);
 }
 
 Status Change(store::Store& store, const GrantPrincipal& principal, const Edit& edit) {
-  return CommitAccountChange(store, [&](const records::Reader& reader) { return PlanEdit(reader, principal, edit); });
+  return CommitAccountChange(store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+    store::Transaction transaction;
+    if (const Status added = AddEdit(reader, principal, edit, transaction); !added) return added.error();
+    return transaction;
+  });
 }
 
 // Guests' ids are in lower case; records of older versions may have others.
@@ -119,6 +119,13 @@ Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const s
   return Change(store, principal, [&](Json::Value& record) {
     for (const std::string& id : guest_ids) record[keys::guests][NormalizeGuestId(id)] = true;
   });
+}
+
+Status AddGrant(const store::Snapshot& snapshot, const GrantPrincipal& principal, const std::string& guest_id,
+                store::Transaction& transaction) {
+  return AddEdit(
+      snapshot, principal, [&](Json::Value& record) { record[keys::guests][NormalizeGuestId(guest_id)] = true; },
+      transaction);
 }
 
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {

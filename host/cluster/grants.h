@@ -55,6 +55,10 @@ struct GrantRecord {
 
 // `guest_ids` are UUIDs in any case.
 Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
+// The same as a part of another commit: adds the grant of one guest to `transaction`, with compares. Also fails with
+// the errors of the store.
+Status AddGrant(const store::Snapshot& snapshot, const GrantPrincipal& principal, const std::string& guest_id,
+                store::Transaction& transaction);
 // Removes the ids from the record, ignoring case. A guest that is not granted is not an error.
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
 Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, GrantLevel level);

@@ -79,6 +79,7 @@ LibvirtGuestControl::LibvirtGuestControl(GuestControlOptions options, std::uint6
       networks_(MakeNetworkKeeper(options_, stopping_)),
       deletion_(MakeDeletionOptions()),
       edits_(MakeEditOptions()),
+      creations_(MakeCreationOptions()),
       sequencer_(epoch) {}
 
 JobOptions LibvirtGuestControl::MakeJobOptions() {
@@ -99,6 +100,12 @@ EditOptions LibvirtGuestControl::MakeEditOptions() {
   edits.check_pins = [this](const records::Guest& edited) { return CheckPinsAvailable(edited); };
   if (!IsTestMode()) edits.has_file = IsFile;
   return edits;
+}
+
+CreationOptions LibvirtGuestControl::MakeCreationOptions() {
+  CreationOptions creations{MakeEditOptions()};
+  creations.is_stopping = [this] { return stopping_.load(); };
+  return creations;
 }
 
 LibvirtGuestControl::~LibvirtGuestControl() {
@@ -153,6 +160,7 @@ Status LibvirtGuestControl::Begin() {
   // The watch reports what is imported from now on.
   if (const auto snapshot = options_.store->Read()) watch_revision_ = (*snapshot)->revision();
   storage_->Refresh();
+  creations_.FinishAll();
   edits_.FinishAll();
   deletion_.FinishAll();
   if (hypervisor_->IsConnected()) {
@@ -252,12 +260,14 @@ void LibvirtGuestControl::RetryUnfinished() {
       if (IsBeingRestored(guest_id, run.run)) guest_ids.insert(guest_id);
     }
   }
+  for (std::string& guest_id : creations_.Unfinished()) guest_ids.insert(std::move(guest_id));
   for (const std::string& guest_id : guest_ids) {
     const auto known = unfinished_.find(guest_id);
     Retry retry = known == unfinished_.end() ? Retry{now, options_.maintenance_interval} : known->second;
     if (retry.next <= now && !stopping_) {
       // Not set: another activity holds the guest.
       if (auto guard = activities_.TryTakeForReconcile(guest_id)) {
+        creations_.Finish(guest_id);
         edits_.Finish(guest_id);
         deletion_.Finish(guest_id);
         FinishRestore(guest_id);

@@ -105,6 +105,8 @@ class GuestControl {
 
   // See Deletion::Delete.
   virtual Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) = 0;
+  // See Creations::Create; the guest gets a new id.
+  virtual Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) = 0;
   // See Edits::Edit. Changes that a running guest cannot take immediately take effect at its next start, and are in the
   // record's "pending" until then.
   virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,

@@ -13,6 +13,7 @@
 
 #include "host/base/mutex.h"
 #include "host/guests/checked_files.h"
+#include "host/guests/creation/creation.h"
 #include "host/guests/deletion/deletion.h"
 #include "host/guests/edit/edit.h"
 #include "host/guests/end_reasons.h"
@@ -49,6 +50,7 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> Reboot(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Fence(const std::string& guest_id) override;
   Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) override;
+  Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) override;
   Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) override;
   bool StopFencedGuests() override;
@@ -196,6 +198,7 @@ class LibvirtGuestControl final : public GuestControl {
   JobOptions MakeJobOptions();
   DeletionOptions MakeDeletionOptions();
   EditOptions MakeEditOptions();
+  CreationOptions MakeCreationOptions();
   bool IsTestMode() const { return options_.hypervisor.mode == "test"; }
   bool IsEmbedded() const { return options_.hypervisor.mode == "embed"; }
   void BeforeStep(std::string_view step) const {
@@ -233,6 +236,7 @@ class LibvirtGuestControl final : public GuestControl {
   const std::unique_ptr<networks::NetworkKeeper> networks_;  // null: networks are not kept
   Deletion deletion_;
   Edits edits_;
+  Creations creations_;
   records::Sequencer sequencer_;
   GuestActivities activities_;
   Starts starts_;
@@ -251,7 +255,8 @@ class LibvirtGuestControl final : public GuestControl {
     std::chrono::steady_clock::time_point next;
     std::chrono::milliseconds delay;
   };
-  std::map<std::string, Retry> unfinished_;  // deletions and edits, by guest; used by maintenance_thread_ only
+  std::map<std::string, Retry>
+      unfinished_;  // deletions, edits and creations, by guest; used by maintenance_thread_ only
   std::chrono::steady_clock::time_point next_refresh_;  // of storage_; used by maintenance_thread_ only
   store::Revision watch_revision_ = 0;                  // the revision from which watch_thread_ continues
   bool stop_requested_ VEXA_GUARDED_BY(maintenance_mutex_) = false;

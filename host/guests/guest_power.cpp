@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/uuid.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
@@ -233,6 +234,20 @@ Result<void, Refusal> LibvirtGuestControl::Delete(const std::string& guest_id, c
     if (deleted.ok()) RemoveListedDefinition(guest_id);
     return deleted;
   });
+}
+
+Result<Json::Value, Refusal> LibvirtGuestControl::Create(const Json::Value& parameters, const Requester& requester) {
+  const auto guest_id = RandomUuid();
+  if (!guest_id) return RefusalOf(guest_id.error());
+  Json::Value answer;
+  const auto performed = Perform(*guest_id, "create", requester, [&]() -> Result<void, Refusal> {
+    auto created = creations_.Create(*guest_id, parameters, requester);
+    if (!created.ok()) return created.error();
+    answer = *std::move(created);
+    return {};
+  });
+  if (!performed.ok()) return performed.error();
+  return answer;
 }
 
 Result<void, Refusal> LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value& edit,

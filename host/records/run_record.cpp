@@ -65,6 +65,8 @@ std::string FileReferencesGuardKey() { return store::MakeKey({"files"}); }
 
 std::string EditKey(const std::string& guest_id) { return store::MakeKey({"edit", guest_id}); }
 
+std::string CreationKey(const std::string& guest_id) { return store::MakeKey({"creation", guest_id}); }
+
 Result<std::optional<StoredRun>> ReadRun(const store::Snapshot& snapshot, const std::string& guest_id) {
   const auto value = snapshot.Get(RunKey(guest_id));
   if (!value) return value.error();

@@ -1,4 +1,4 @@
-// Which host runs a guest or holds its saved memory, and which guests are being deleted or edited.
+// Which host runs a guest or holds its saved memory, and which guests are being deleted, edited or created.
 //
 //   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "restoring" and
 //                         "state_before" (while starting), "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
@@ -6,6 +6,7 @@
 //                         memory: a guest that libvirt saved still belongs to the host that has its memory
 //   /deletion/<guest id>  see deletion.h; from before the first file is touched until it is finished or undone
 //   /edit/<guest id>      see edit.h; the same for an edit of files
+//   /creation/<guest id>  see creation.h; the same for a guest that does not exist yet
 //
 // A guest has at most one of these records, whichever hosts try to write them: the commit that writes one compares that
 // the others are absent. So a guest that runs somewhere is not deleted, and one that is being deleted is not started.
@@ -47,6 +48,7 @@ std::chrono::system_clock::time_point TimeFromJson(const Json::Value& seconds);
 std::string RunKey(const std::string& guest_id);
 std::string DeletionKey(const std::string& guest_id);
 std::string EditKey(const std::string& guest_id);
+std::string CreationKey(const std::string& guest_id);
 
 // A key without a meaning of its own, which every commit that gives a guest a name compares and writes: of two
 // concurrent commits that assign the same name, one gets a conflict and checks the name again.

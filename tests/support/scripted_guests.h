@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/guests/guest_control.h"
+#include "json/readers.h"
 
 namespace vexa::test {
 
@@ -23,6 +24,12 @@ class ScriptedGuests final : public guests::GuestControl {
   Result<void, Refusal> Reboot(const std::string& id, const Requester& by) override { return Note("reboot", id, by); }
   Result<void, Refusal> Fence(const std::string& id) override { return Note("fence", id, {}); }
   Result<void, Refusal> Delete(const std::string& id, const Requester& by) override { return Note("delete", id, by); }
+  Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& by) override {
+    last_creation = parameters;
+    const auto noted = Note("create", json::StringMember(parameters, "name"), by);
+    if (!noted.ok()) return noted.error();
+    return created;
+  }
   Result<void, Refusal> Edit(const std::string& id, const Json::Value& edit, const Requester& by) override {
     last_edit = edit;
     return Note("edit", id, by);
@@ -50,6 +57,8 @@ class ScriptedGuests final : public guests::GuestControl {
   std::optional<Refusal> refused;  // the answer to every action
   guests::Rating rating;
   Json::Value last_edit;
+  Json::Value last_creation;
+  Json::Value created{Json::objectValue};  // the answer to a creation
   bool is_hypervisor_reachable = true;
   std::string hypervisor_version;
   std::optional<guests::RunningGuest> running = guests::RunningGuest{{"192.0.2.7"}, 77, true};

@@ -1,5 +1,5 @@
-// A daemon that is killed while guests are started, stopped and deleted: afterwards records, hypervisor and disks
-// agree.
+// A daemon that is killed while guests are created, started, stopped and deleted: afterwards records, hypervisor and
+// disks agree.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "host/base/json_parse.h"
@@ -114,10 +115,63 @@ class KilledDaemon : public testing::Test {
     return json::Int(json::Member(json::Member(*parsed, "error"), "code"));
   }
 
+  // Creates and deletes guests until there is no reply.
+  static void CreateUntilKilled(HttpClient& client, unsigned seed) {
+    std::mt19937 choices(seed);
+    for (int step = 0; step < 100; ++step) {
+      const std::string name = "new-" + std::to_string(choices() % 3);
+      const std::string disks = choices() % 4 == 0 ? "" : R"({"size_gib":1},{"size_gib":2,"format":"raw"})";
+      const std::string number = choices() % 2 == 0 ? "" : R"(,"request_id":")" + std::to_string(choices()) + "\"";
+      const vexa::test::HttpReply reply =
+          client.PostJson("/webapi/VEXA.Virtualization.Guest/create",
+                          R"({"name":")" + name + R"(","vdisks":[)" + disks + "]" + number + "}");
+      if (!reply.arrived()) return;
+      const auto parsed = vexa::ParseJson(reply.body);
+      if (!parsed) return;
+      const std::string id = json::StringMember(json::Member(*parsed, "data"), "guest_id");
+      if (id.empty() || choices() % 2 == 0) continue;
+      if (!client.PostJson("/webapi/VEXA.Virtualization.Guest/delete", R"({"guest_id":")" + id + "\"}").arrived())
+        return;
+    }
+  }
+
+  // Whether each created guest is whole, and nothing is left of the others.
+  void ExpectCreatedAreWhole() {
+    const std::map<std::string, std::string> keys = Keys();
+    std::set<std::string> expected;
+    std::set<std::string> names;
+    for (const auto& [key, text] : keys) {
+      EXPECT_FALSE(key.starts_with("/creation/")) << key << ": " << text;
+      if (key.starts_with("/request/")) {
+        EXPECT_EQ(text.find("\"doing\""), std::string::npos) << key << ": " << text;
+      }
+      const bool is_object = key.starts_with("/dash/") && key.ends_with("/object");
+      if (!is_object || text.find("\"new-") == std::string::npos) continue;
+      const Json::Value guest = *vexa::ParseJson(text);
+      EXPECT_EQ(guest["state"], states::shutdown) << text;
+      EXPECT_TRUE(names.insert(guest["name"].asString()).second) << text;
+      for (const Json::Value& id : guest["vdisks"]) {
+        const auto disk = keys.find(Key("vdisk", id.asString()));
+        ASSERT_NE(disk, keys.end()) << text;
+        expected.insert((*vexa::ParseJson(disk->second))["path"].asString());
+      }
+    }
+    std::set<std::string> files;
+    const std::string folder = Images() + "/" + kRepository;
+    if (std::filesystem::exists(folder)) {
+      for (const auto& entry : std::filesystem::directory_iterator(folder)) files.insert(entry.path());
+    }
+    EXPECT_EQ(files, expected);
+    std::size_t disks = 0;
+    for (const auto& [key, text] : keys)
+      disks += key.starts_with("/dash/vdisk/") && text.find(folder) != std::string::npos ? 1 : 0;
+    EXPECT_EQ(disks, expected.size());
+  }
+
   std::map<std::string, std::string> Keys() const {
     std::map<std::string, std::string> keys;
     const auto snapshot = Require(store_->Read());
-    for (const char* prefix : {"dash", "run", "deletion", "leftover", "live"}) {
+    for (const char* prefix : {"dash", "run", "deletion", "leftover", "live", "creation", "request"}) {
       EXPECT_TRUE(snapshot->Scan(vexa::store::MakeKey({prefix}), [&](std::string_view key, const auto& value) {
         keys.emplace(key, value.text);
         return true;
@@ -189,8 +243,13 @@ TEST_F(KilledDaemon, Kill_AtAnyMoment_LeavesNothingHalfMade) {
       HttpClient client = Client();
       for (int i = 0; i < kGuests; ++i) ExpectAgreement(i, client);
       ExpectNoStrayFiles();
+      ExpectCreatedAreWhole();
       std::atomic<int> unanswered = 0;
       std::vector<std::thread> askers;
+      askers.emplace_back([&, choice = random()] {
+        HttpClient own = Client();
+        CreateUntilKilled(own, static_cast<unsigned>(choice));
+      });
       for (int i = 0; i < kGuests; ++i) {
         askers.emplace_back([&, i, choice = random()] {
           HttpClient own = Client();
@@ -227,6 +286,7 @@ TEST_F(KilledDaemon, Kill_AtAnyMoment_LeavesNothingHalfMade) {
   HttpClient client = Client();
   for (int i = 0; i < kGuests; ++i) ExpectAgreement(i, client);
   ExpectNoStrayFiles();
+  ExpectCreatedAreWhole();
   // Else nothing was killed in the middle.
   EXPECT_GE(interrupted, VEXA_KILL_ROUNDS / 2);
 }

@@ -1,5 +1,7 @@
 #include "host/guests/edit/edit.h"
 
+#include <variant>
+
 #include "host/guests/edit/edit_job.h"
 #include "host/guests/jobs/edit_record.h"
 #include "host/guests/jobs/unfinished_jobs.h"
@@ -9,14 +11,16 @@ namespace {
 
 ResumeJob ResumeEdit(const EditOptions& options) {
   return [&options](const std::string& guest_id, const StoredJob& unfinished) {
-    return EditJob(options, guest_id).Resume(unfinished);
+    return EditJob(kEditKind, options, guest_id).Resume(unfinished);
   };
 }
 
 }  // namespace
 
 Result<void, Refusal> Edits::Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) {
-  return EditJob(options_, guest_id).Start(edit, requester);
+  auto request = ParseEdit(edit);
+  if (auto* refusal = std::get_if<Refusal>(&request)) return std::move(*refusal);
+  return EditJob(kEditKind, options_, guest_id).Start(std::get<EditRequest>(request), requester);
 }
 
 void Edits::FinishAll() { FinishJobs(*options_.store, kEditKind, options_.host_id, ResumeEdit(options_)); }

@@ -116,13 +116,12 @@ Result<store::Transaction> EditJob::PlanBegin(const records::Reader& reader, con
   if (facts_.HasMissingFacts()) return store::Transaction();
   if (plan->files.empty()) {
     files_ = FileChanges();
-    if (!plan->transaction.operations.empty()) job_.BeforeStep("commit");
-    return std::move(plan->transaction);
+    return CompleteOrRefuse(AddToRecords(reader, plan->transaction), plan->transaction);
   }
-  const auto other = ReadJob(reader, kEditKind, guest_id_);
+  const auto other = ReadJob(reader, kind_, guest_id_);
   if (!other) return other.error();
   if (*other) {
-    refusal_ = HeldByJob(kEditKind, **other);
+    refusal_ = HeldByJob(kind_, **other);
     return store::Transaction();
   }
   const bool changes_existing_files = !plan->files.removed.empty() || !plan->files.grown.empty();
@@ -145,9 +144,27 @@ Result<store::Transaction> EditJob::PlanBegin(const records::Reader& reader, con
     }
   }
   // The intent is committed first. The guest's records change after the files, by another commit.
-  plan->transaction.operations.clear();
-  job_.AddIntent(requester, intent_, plan->transaction);
-  return std::move(plan->transaction);
+  store::Transaction intent;
+  intent.compares = plan->transaction.compares;
+  MaybeRefused refused = AddToIntent(reader, intent);
+  if (!refused) return refused.error();
+  if (*refused) {
+    refusal_ = std::move(**refused);
+    return store::Transaction();
+  }
+  job_.AddIntent(requester, intent_, intent);
+  return intent;
+}
+
+// The only transaction of an edit without files; empty when it is refused.
+Result<store::Transaction> EditJob::CompleteOrRefuse(MaybeRefused refused, store::Transaction& transaction) {
+  if (!refused) return refused.error();
+  if (*refused) {
+    refusal_ = std::move(**refused);
+    return store::Transaction();
+  }
+  if (!transaction.operations.empty()) job_.BeforeStep("commit");
+  return std::move(transaction);
 }
 
 Status EditJob::SelectFor(const FileChanges& files) {

@@ -1,5 +1,6 @@
 #include "host/guests/edit/edit_job.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <set>
@@ -18,13 +19,11 @@ constexpr std::size_t kMaxNotes = 64;
 
 }  // namespace
 
-EditJob::EditJob(const EditOptions& options, std::string guest_id)
-    : options_(options), guest_id_(std::move(guest_id)), job_(kEditKind, options, guest_id_) {}
+EditJob::EditJob(const JobKind& kind, const EditOptions& options, std::string guest_id)
+    : kind_(kind), options_(options), guest_id_(std::move(guest_id)), job_(kind, options, guest_id_) {}
 
-Result<void, Refusal> EditJob::Start(const Json::Value& edit, const Requester& requester) {
-  auto parsed = ParseEdit(edit);
-  if (auto* refusal = std::get_if<Refusal>(&parsed)) return std::move(*refusal);
-  request_ = std::move(std::get<EditRequest>(parsed));
+Result<void, Refusal> EditJob::Start(const EditRequest& request, const Requester& requester) {
+  request_ = request;
   for (int attempt = 0; attempt < kMaxJobAttempts; ++attempt) {
     Outcome outcome = Begin(requester);
     if (outcome == Outcome::kStarted) {
@@ -161,7 +160,14 @@ Result<store::Transaction> EditJob::PlanCommit(const records::Reader& reader, st
   const Result<bool> is_ours = job_.IsOurs(reader);
   if (!is_ours) return is_ours.error();
   if (!*is_ours) {
-    refusal_ = Refusal{host_error::kFailed, "The record of the guest's edit was changed"};
+    refusal_ = Refusal{host_error::kFailed, fmt::format("The record of the guest's {} was changed", kind_.noun)};
+    early_outcome = Outcome::kRefused;
+    return store::Transaction();
+  }
+  MaybeRefused refused = AddToRecords(reader, plan->transaction);
+  if (!refused) return refused.error();
+  if (*refused) {
+    refusal_ = std::move(**refused);
     early_outcome = Outcome::kRefused;
     return store::Transaction();
   }

@@ -1,5 +1,5 @@
 // One edit of one guest: its beginning (edit_begin.cpp), the rest (edit_job.cpp), and the undo (edit_undo.cpp). For
-// host/guests/edit/edit*.cpp only.
+// host/guests/edit/edit*.cpp and for jobs that are edits with more records, such as a creation.
 #pragma once
 
 #include <json/value.h>
@@ -12,7 +12,6 @@
 #include "host/guests/edit/edit_facts.h"
 #include "host/guests/edit/edit_plan.h"
 #include "host/guests/edit/edit_request.h"
-#include "host/guests/jobs/edit_record.h"
 #include "host/guests/jobs/file_job.h"
 #include "host/records/reader.h"
 
@@ -21,13 +20,34 @@ namespace vexa::guests {
 // Threads: one at a time.
 class EditJob {
  public:
-  EditJob(const EditOptions& options, std::string guest_id);
+  // `kind` and `options` must outlive the job.
+  EditJob(const JobKind& kind, const EditOptions& options, std::string guest_id);
+  virtual ~EditJob() = default;
 
   // From the beginning. Refusals: those of Edits::Edit.
-  Result<void, Refusal> Start(const Json::Value& edit, const Requester& requester);
+  Result<void, Refusal> Start(const EditRequest& request, const Requester& requester);
 
   // Resumes an edit that this host had started when it ended. A refusal has the reason why it is not finished.
   Result<void, Refusal> Resume(const StoredJob& unfinished);
+
+ protected:
+  // What a job does beside the edit, in the same commits. Not set: it may continue.
+  using MaybeRefused = Result<std::optional<Refusal>>;
+  // For the commit of the intent.
+  virtual MaybeRefused AddToIntent(const records::Reader& /*reader*/, store::Transaction& /*transaction*/) {
+    return std::optional<Refusal>();
+  }
+  // For the commit of the records, or the only commit of an edit without files.
+  virtual MaybeRefused AddToRecords(const records::Reader& /*reader*/, store::Transaction& /*transaction*/) {
+    return std::optional<Refusal>();
+  }
+  // Undoes what AddToIntent has added, once the files are as they were. Can be repeated.
+  virtual Status UndoRecords() { return {}; }
+
+  const std::string& guest_id() const { return guest_id_; }
+  const EditOptions& options() const { return options_; }
+  const FileJob& job() const { return job_; }
+  const Refusal& refusal() const { return refusal_; }
 
  private:
   enum class Outcome {
@@ -48,6 +68,7 @@ class EditJob {
   Result<void, Refusal> CheckStorage() const;
   Outcome HandleFailedBegin(const Error& error);
   Result<store::Transaction> PlanBegin(const records::Reader& reader, const Requester& requester);
+  Result<store::Transaction> CompleteOrRefuse(MaybeRefused refused, store::Transaction& transaction);
   Status SelectFor(const FileChanges& files);
   Status SelectGrown(const FileChanges& files);
   Status SelectRemoved(const FileChanges& files);
@@ -66,6 +87,7 @@ class EditJob {
 
   Outcome Refuse(Refusal refusal);
 
+  const JobKind& kind_;
   const EditOptions& options_;
   const std::string guest_id_;
   FileJob job_;

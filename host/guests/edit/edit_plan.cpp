@@ -9,6 +9,7 @@
 #include "host/base/sanitize_for_log.h"
 #include "host/disks/file_referrers.h"
 #include "host/domain_xml/domain_build.h"
+#include "host/guests/jobs/creation_record.h"
 #include "host/guests/jobs/deletion_record.h"
 #include "host/records/guest_image.h"
 #include "host/records/keys.h"
@@ -61,7 +62,7 @@ Status LoadParts(EditedGuest& edited, const char* name, const DashCate& category
   return {};
 }
 
-// Reads whether a host holds the guest, and the guest's state. Refuses while the guest is being deleted.
+// Reads whether a host holds the guest, and the guest's state. Refuses while the guest is being deleted or created.
 Status LoadState(EditedGuest& edited) {
   const auto run = edited.snapshot.Get(records::RunKey(edited.id));
   if (!run) return run.error();
@@ -74,6 +75,15 @@ Status LoadState(EditedGuest& edited) {
     edited.Refuse(refusal.code, std::move(refusal.reason));
   }
   edited.plan.transaction.compares.push_back({records::DeletionKey(edited.id), 0});
+  if (!edited.request.new_guest) {
+    const auto creation = ReadJob(edited.snapshot, kCreationKind, edited.id);
+    if (!creation) return creation.error();
+    if (*creation) {
+      Refusal refusal = HeldByJob(kCreationKind, **creation);
+      edited.Refuse(refusal.code, std::move(refusal.reason));
+    }
+    edited.plan.transaction.compares.push_back({records::CreationKey(edited.id), 0});
+  }
   const auto value = edited.snapshot.Get(records::MemberKey(DashCate::Guest.name(), edited.id, keys::state));
   if (!value) return value.error();
   std::string state = json::StringMember(edited.before, keys::state);
@@ -88,7 +98,12 @@ Status LoadState(EditedGuest& edited) {
 Status Load(EditedGuest& edited) {
   Result<records::StoredObject> guest = records::LoadObject(edited.snapshot, records::GuestObjectKey(edited.id));
   if (!guest && guest.error().code() != ErrorCode::kCorrupt) return guest.error();
-  if (!guest || guest->revision == 0) {
+  if (guest && edited.request.new_guest) {
+    Json::Value record = *edited.request.new_guest;
+    if (guest->revision != 0) record[keys::name] = json::StringMember(guest->record, keys::name);
+    guest->record = std::move(record);
+  }
+  if (!guest || (guest->revision == 0 && !edited.request.new_guest)) {
     edited.Refuse(host_error::kNotFoundOrUnreadable, "There is no readable record of the guest");
     return {};
   }
@@ -198,11 +213,16 @@ Result<std::string> Build(const domain_xml::GuestRecords& records) {
   return domain_xml::BuildDomainXml(records, options);
 }
 
-// Refuses an edit after which a guest that can be started could not be started any more.
+// Refuses an edit after which a guest that can be started could not be started any more, and a new guest that could
+// not be started.
 void CheckStillStartable(EditedGuest& edited, const domain_xml::GuestRecords& before) {
   const Result<std::string> built = Build(RecordsOf(edited, Version::kAfter));
-  if (built || !Build(before)) return;
-  edited.Refuse(kBadEdit, fmt::format("The guest could no longer be started: {}", built.error().message()));
+  if (built) return;
+  if (edited.request.new_guest) {
+    edited.Refuse(kBadEdit, fmt::format("The guest could not be started: {}", built.error().message()));
+  } else if (Build(before)) {
+    edited.Refuse(kBadEdit, fmt::format("The guest could no longer be started: {}", built.error().message()));
+  }
 }
 
 void CheckPins(EditedGuest& edited) {
@@ -352,6 +372,7 @@ Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_i
   if (!done) return done.error();
   if (edited.plan.refused) return std::move(edited.plan);
   const domain_xml::GuestRecords before = RecordsOf(edited, Version::kBefore);
+  if (request.new_guest) edited.guest.record[keys::state] = states::shutdown;
   for (const std::string& name : json::MemberNames(request.members)) {
     edited.guest.record[name] = json::Member(request.members, name);
   }

@@ -58,6 +58,9 @@ struct EditRequest {
   std::vector<std::string> disks_del;
   std::vector<DiskChange> disks_edit;
   std::vector<std::string> disks_order;
+  // The record of a guest that is being created, before its settings are made; what is stored of it counts only for
+  // its name. Not set: the guest exists.
+  std::optional<Json::Value> new_guest;
 
   bool HasDisks() const {
     return !disks_add.empty() || !disks_del.empty() || !disks_edit.empty() || !disks_order.empty();

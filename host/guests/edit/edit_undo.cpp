@@ -45,7 +45,8 @@ Status EditJob::UndoFiles() {
   if (Status shown = job_.RestoreNames(FileJob::Order::kBackwards); !shown) return shown;
   if (Status removed = job_.RemoveCreated(); !removed) return removed;
   if (Status synced = job_.SyncAll("sync undone"); !synced) return synced;
-  return shrunk;
+  if (!shrunk) return shrunk;
+  return UndoRecords();
 }
 
 // kUnavailable: the guest runs, or that is unknown, so the image is shrunk back at the next attempt.

@@ -66,10 +66,13 @@ Result<std::optional<Refusal>> FindHolder(const store::Snapshot& snapshot, const
       return std::optional(
           Refusal{kImportBusy, fmt::format("The guest '{}' is being deleted: wait until it is gone", id)});
     case GuestLock::kEdit:
+      return std::optional(
+          Refusal{kImportBusy, fmt::format("The guest '{}' is being edited: wait until that is done", id)});
+    case GuestLock::kCreation:
       break;
   }
   return std::optional(
-      Refusal{kImportBusy, fmt::format("The guest '{}' is being edited: wait until that is done", id)});
+      Refusal{kImportBusy, fmt::format("The guest '{}' is being created: wait until that is done", id)});
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "host/guests/jobs/creation_record.h"
 #include "host/guests/jobs/deletion_record.h"
 #include "host/guests/jobs/edit_record.h"
 #include "host/records/run_record.h"
@@ -17,7 +18,7 @@ struct Lock {
 
 // In the order in which they are reported.
 constexpr std::array kLocks = {Lock{GuestLock::kRun, nullptr}, Lock{GuestLock::kDeletion, &kDeletionKind},
-                               Lock{GuestLock::kEdit, &kEditKind}};
+                               Lock{GuestLock::kEdit, &kEditKind}, Lock{GuestLock::kCreation, &kCreationKind}};
 
 std::string KeyOf(const Lock& entry, const std::string& guest_id) {
   return entry.job != nullptr ? entry.job->key(guest_id) : records::RunKey(guest_id);

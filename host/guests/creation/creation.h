@@ -1,0 +1,68 @@
+// Creates guests from nothing: their records and the files of their disks, the whole guest or no part of it.
+//
+//   /creation/<guest id>   {"host_id", "user", "request_id", "since" (Unix seconds), "stage": "making" | "purging",
+//                           "made": [path]}
+//
+// A creation is an edit (edit.h) of a guest that has no record yet:
+// 1. "making" is committed together with the guest's record in the state "creating", so that lists show the guest and
+//    no other guest gets its name, and with the record of a numbered request (request_record.h).
+// 2. The files of its disks are made.
+// 3. One commit writes the records of the guest, its disks and interfaces, its grants and the request's answer. This is
+//    the point of no return.
+// A failure before that removes the files, then the guest's record. When a host starts, it undoes the creations that it
+// had started, because their callers have not got a success. A guest without disks is one commit.
+#pragma once
+
+#include <json/value.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/base/refusal.h"
+#include "host/guests/creation/request_record.h"
+#include "host/guests/edit/edit.h"
+#include "host/guests/jobs/requester.h"
+
+namespace vexa::guests {
+
+struct CreationOptions : EditOptions {
+  // How long a repeated request waits for the first one.
+  std::chrono::milliseconds request_wait = std::chrono::hours(1);
+  // Whether such a wait must end now. Not set: never.
+  std::function<bool()> is_stopping{};
+};
+
+// Threads: any, at the same time, each with a guest id of its own.
+class Creations {
+ public:
+  explicit Creations(CreationOptions options) : options_(std::move(options)) {}
+
+  // Creates the guest `guest_id`, a UUID that was never used. `parameters` has those of the method "create" between
+  // hosts (docs/services.md). Returns {"guest_id", "name", "host_id"}, and for a repeated request what the first one
+  // returned. Refusals: those of Edits::Edit; 403 (no such repository, host or account). After a refusal, everything is
+  // as it was, but for the record of a numbered request.
+  Result<Json::Value, Refusal> Create(const std::string& guest_id, const Json::Value& parameters,
+                                      const Requester& requester);
+
+  // Undoes the creations that this host had started when it ended. Call it at the start, before any Create. Failures
+  // are logged and retried at the next call.
+  void FinishAll();
+  // The same for one guest, which must not be being created meanwhile.
+  void Finish(const std::string& guest_id);
+  // The guests whose creation this host has started, and has in progress or could not undo. Empty when they cannot be
+  // read.
+  std::vector<std::string> Unfinished() const;
+
+ private:
+  const CreationOptions options_;
+};
+
+// The outcome of a numbered request that was made before, also to another host; waits at most `timeout` while it is in
+// progress, and then refuses with 915. Not set: there was no such request. Errors of the store become refusals.
+FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest& request,
+                               std::chrono::milliseconds timeout, const std::function<bool()>& is_stopping = {});
+
+}  // namespace vexa::guests

@@ -1,0 +1,145 @@
+#include "host/guests/creation/creation_job.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "host/guests/jobs/creation_record.h"
+#include "host/records/keys.h"
+#include "host/records/live_state.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
+#include "json/readers.h"
+#include "webapi/platform/ccc_state.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace states = VexaCCC::State::Guest;
+using VexaCCC::DB::DashCate;
+
+constexpr char kMethod[] = "create";
+
+// Whether a problem is about the grant, as opposed to the store.
+bool IsAboutGrant(const Error& error) {
+  return error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kDenied ||
+         error.code() == ErrorCode::kCorrupt;
+}
+
+}  // namespace
+
+CreationJob::CreationJob(const EditOptions& options, std::string guest_id, const CreationRequest* request)
+    : EditJob(kCreationKind, options, std::move(guest_id)), request_(request) {}
+
+Result<Json::Value, Refusal> CreationJob::Create(const Requester& requester) {
+  const auto created = Start(request_->edit, requester);
+  if (!created.ok()) return created.error();
+  return Answer();
+}
+
+Json::Value CreationJob::Answer() const {
+  Json::Value answer(Json::objectValue);
+  answer[keys::guest_id] = guest_id();
+  answer[keys::name] = request_->name;
+  answer[keys::host_id] = request_->host_id;
+  return answer;
+}
+
+EditJob::MaybeRefused CreationJob::AddToIntent(const records::Reader& reader, store::Transaction& transaction) {
+  MaybeRefused refused = CheckPlaces(reader);
+  if (!refused || *refused) return refused;
+  refused = AddRequest(reader, RequestState::kDoing, transaction);
+  if (!refused || *refused) return refused;
+  Json::Value record = *request_->edit.new_guest;
+  record[keys::name] = request_->name;
+  transaction.operations.push_back({records::GuestObjectKey(guest_id()), json::ToText(record)});
+  transaction.operations.push_back({records::GuestNamesGuardKey(), json::ToText(Json::Value(guest_id()))});
+  return refused;
+}
+
+EditJob::MaybeRefused CreationJob::AddToRecords(const records::Reader& reader, store::Transaction& transaction) {
+  MaybeRefused refused = CheckPlaces(reader);
+  if (!refused || *refused) return refused;
+  refused = AddGrants(reader, transaction);
+  if (!refused || *refused) return refused;
+  return AddRequest(reader, RequestState::kDone, transaction);
+}
+
+// The guest's record names the repository and the host, so neither can be removed once it is committed.
+EditJob::MaybeRefused CreationJob::CheckPlaces(const records::Reader& reader) const {
+  const std::pair<const DashCate&, const std::string&> places[] = {{DashCate::Repository, request_->repository_id},
+                                                                   {DashCate::Host, request_->host_id}};
+  for (const auto& [category, id] : places) {
+    if (id.empty()) continue;
+    const auto place = reader.Get(records::ObjectKey(category.name(), id));
+    if (!place) return place.error();
+    if (place->has_value()) continue;
+    return std::optional(Refusal{host_error::kNotFoundOrUnreadable,
+                                 fmt::format("There is no {} {}", category.name(), QuoteForMessage(id))});
+  }
+  return std::optional<Refusal>();
+}
+
+EditJob::MaybeRefused CreationJob::AddRequest(const records::Reader& reader, RequestState state,
+                                              store::Transaction& transaction) {
+  if (!request_->number) return std::optional<Refusal>();
+  const NumberedRequest& number = *request_->number;
+  const auto now = std::chrono::floor<std::chrono::seconds>(options().now());
+  const auto stored = ReadRequest(reader, number.owner, number.id, now);
+  if (!stored) return stored.error();
+  if (stored->record && stored->record->guest_id != guest_id()) {
+    return std::optional(Refusal{host_error::kBusy, "The request was made before"});
+  }
+  RequestRecord record{kMethod, number.digest, guest_id(), state, now, {}, {}};
+  if (state == RequestState::kDone) record.answer = Answer();
+  const auto added = AddNewRequest(reader, number, *stored, record, transaction);
+  if (!added) return added.error();
+  if (*added) return std::optional<Refusal>();
+  return std::optional(Refusal{
+      host_error::kBusy, fmt::format("The caller has {} numbered requests in progress already", kMaxRequestsOfCaller)});
+}
+
+EditJob::MaybeRefused CreationJob::AddGrants(const records::Reader& reader, store::Transaction& transaction) const {
+  for (const cluster::GrantPrincipal& principal : request_->grants) {
+    const Status added = cluster::AddGrant(reader, principal, guest_id(), transaction);
+    if (added) continue;
+    if (!IsAboutGrant(added.error())) return added.error();
+    return std::optional(Refusal{host_error::kNotFoundOrUnreadable,
+                                 fmt::format("The guest cannot be granted to {}: {}", QuoteForMessage(principal.name),
+                                             added.error().ToString())});
+  }
+  return std::optional<Refusal>();
+}
+
+Status CreationJob::UndoRecords() {
+  return records::CommitWithRetry(*options().store, [&](const records::Reader& reader) { return PlanUndo(reader); });
+}
+
+// Empty when nothing is left of the guest, or another guest's record is there.
+Result<store::Transaction> CreationJob::PlanUndo(const records::Reader& reader) const {
+  store::Transaction transaction;
+  const auto guest = records::LoadObject(reader, records::GuestObjectKey(guest_id()));
+  if (!guest) return guest.error();
+  if (guest->revision == 0 || json::StringMember(guest->record, keys::state) != states::creating) return transaction;
+  transaction.compares.push_back({records::GuestObjectKey(guest_id()), guest->revision});
+  transaction.operations.push_back({records::GuestObjectKey(guest_id()), std::nullopt});
+  records::AddLiveStateRemoval(transaction, guest_id());
+  const Json::Value& number = json::Member(guest->record, kCreationRequest);
+  const std::string owner = json::StringMember(number, "owner");
+  const std::string id = json::StringMember(number, "id");
+  if (!owner.empty()) {
+    const auto stored = ReadRequest(reader, owner, id, options().now());
+    if (!stored) return stored.error();
+    if (stored->record && stored->record->guest_id == guest_id()) {
+      RequestRecord failed = *stored->record;
+      failed.state = RequestState::kFailed;
+      failed.refusal = refusal();
+      transaction.compares.push_back({RequestKey(owner, id), stored->revision});
+      transaction.operations.push_back({RequestKey(owner, id), SerializeRequest(failed)});
+    }
+  }
+  job().BeforeStep("commit removal");
+  return transaction;
+}
+
+}  // namespace vexa::guests

@@ -1,0 +1,235 @@
+// vexa guest create, and the method behind it, against a real host in test mode.
+#include <fstream>
+
+#include "host/daemon/host_id.h"
+#include "host/guests/creation/request_record.h"
+#include "host/records/guest_admin.h"
+#include "tests/support/test_daemon.h"
+#include "tests/system/cli_program.h"
+#include "tests/unit/guests/guest_edit_environment.h"
+
+namespace vexa::test {
+namespace {
+
+std::string images_of_host;  // for the function that configures it
+
+class CreateOnDaemon : public CliTest {
+ protected:
+  CreateOnDaemon() {
+    store::LmdbOptions options;
+    options.directory = daemon_->config().data_directory + "/store";
+    store_ = Require(store::OpenLmdbStore(options));
+    host_id_ = Require(daemon::LoadHostId(daemon_->config().data_directory));
+    environment_.Fill(*store_, host_id_);
+  }
+  ProcessResult RunOn(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--socket", daemon_->config().socket});
+    return RunProcess(Program(std::move(arguments)));
+  }
+  ProcessResult Create(std::vector<std::string> words) {
+    words.insert(words.begin(), {"guest", "create"});
+    return RunOn(std::move(words));
+  }
+  // The reply to `vexa --json guest create`.
+  Json::Value CreateJson(std::vector<std::string> words) {
+    words.insert(words.begin(), {"--json", "guest", "create"});
+    const auto result = RunOn(std::move(words));
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    return result.exit_code == 0 ? Parsed(result.output) : Json::Value();
+  }
+  // The method, which `vexa` calls with what it has checked.
+  ProcessResult CallCreate(const std::string& parameters) {
+    return RunOn({"call", "VEXA.Virtualization.Guest", "create", parameters});
+  }
+  void ExpectRefused(const std::string& parameters, int code, const std::string& words) {
+    SCOPED_TRACE(parameters);
+    const std::size_t guests = CountGuests();
+    const auto result = CallCreate(parameters);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr(words));
+    EXPECT_THAT(result.errors, HasSubstr(std::to_string(code)));
+    EXPECT_EQ(CountGuests(), guests);
+    EXPECT_EQ(environment_.Images().size(), 2u);
+  }
+  std::size_t CountGuests() const {
+    return Require(Require(store_->Read())->Children(store::MakeKey({"dash", "guest"}))).size();
+  }
+  Json::Value Guest(const std::string& id) const { return RecordOf(*store_, "guest", id); }
+
+  static void Configure(daemon::Config& config) {
+    config.hypervisor = "test";
+    config.image_roots = {images_of_host};
+  }
+
+  EditEnvironment environment_;
+  std::unique_ptr<TestDaemon> daemon_ = [&] {
+    images_of_host = environment_.File("images");
+    return std::make_unique<TestDaemon>(Configure);
+  }();
+  std::shared_ptr<store::Store> store_;
+  std::string host_id_;
+};
+
+TEST_F(CreateOnDaemon, Create_WithEverything_IsServedAndRuns) {
+  std::ofstream(images_of_host + "/debian.iso") << "twelve bytes";
+  ASSERT_EQ(RunOn({"image", "add", "debian-12", images_of_host + "/debian.iso"}).exit_code, 0);
+  const Json::Value created =
+      CreateJson({"web-2", "--cpus", "2", "--memory", "1GiB", "--disk", "20GiB", "--disk", "1GiB,format=raw,mode=3",
+                  "--net", "br0,type=2", "--net", "none", "--iso", "debian-12", "--start", "desc=The shop"});
+  const std::string id = created["guest_id"].asString();
+  EXPECT_EQ(created["name"], "web-2");
+  EXPECT_EQ(created["host_id"], host_id_);
+  EXPECT_EQ(created["started"], true);
+  const Json::Value got = Parsed(RunOn({"--json", "guest", "get", id}).output);
+  EXPECT_EQ(got["guest_name"].asString() + got["name"].asString(), "web-2");
+  EXPECT_EQ(got["vcpu_num"], 2);
+  EXPECT_EQ(got["desc"], "The shop");
+  ASSERT_EQ(got["vdisks"].size(), 2u);
+  ASSERT_EQ(got["vnics"].size(), 2u);
+  const Json::Value status = Parsed(RunOn({"--json", "guest", "status", id}).output);
+  EXPECT_EQ(status["status"], "running");
+  // Who did it is in the cluster log.
+  const auto log = RunOn({"log"});
+  EXPECT_THAT(log.output, HasSubstr("The virtual machine [web-2] has been created."));
+  EXPECT_THAT(log.output, HasSubstr("The virtual machine [web-2] has been powered on."));
+  EXPECT_EQ(RunOn({"guest", "kill", "web-2"}).exit_code, 0);
+  EXPECT_EQ(RunOn({"guest", "delete", "web-2", "--yes"}).exit_code, 0);
+  EXPECT_EQ(environment_.Images().size(), 2u);
+}
+
+TEST_F(CreateOnDaemon, Create_NeverStarted_IsEditedAndDeleted) {
+  const auto result = Create({"short", "--disk", "1"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, testing::MatchesRegex("Created the guest 'short' \\([0-9a-f-]{36}\\)\\.\n"));
+  EXPECT_EQ(RunOn({"guest", "set", "short", "vcpu_num=3", "--add-disk", "2"}).exit_code, 0);
+  EXPECT_EQ(environment_.Images().size(), 4u);
+  EXPECT_EQ(RunOn({"guest", "delete", "short", "--yes"}).exit_code, 0);
+  EXPECT_EQ(environment_.Images().size(), 2u);
+}
+
+TEST_F(CreateOnDaemon, Create_CannotStart_ExistsAndSaysWhy) {
+  const auto result = Create({"large", "--cpus", "512", "--start"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.output, StartsWith("Created the guest 'large' ("));
+  EXPECT_THAT(result.errors, StartsWith("vexa: The guest was created, but it does not run: "));
+  EXPECT_THAT(result.errors, HasSubstr("virtual CPUs"));
+  EXPECT_THAT(RunOn({"log"}).output, HasSubstr("Failed to power on the virtual machine [large]."));
+}
+
+TEST_F(CreateOnDaemon, Create_Grant_LetsTheUserUseIt) {
+  const Json::Value created = CreateJson({"hers", "--allow", "user:mallory"});
+  const auto uid = Require(daemon_->Accounts()->FindUser("mallory")).uid;
+  const auto text = TextOf(*store_, records::GuestAdminKey(records::GuestAdminIdentifier("users", uid)));
+  ASSERT_TRUE(text);
+  EXPECT_TRUE(Parsed(*text)["guests"].isMember(created["guest_id"].asString()));
+  ExpectRefused(R"({"name":"x","grants":[{"user":"nobody-here"}]})", 980, "");
+  ExpectRefused(R"({"name":"x","grants":[{}]})", 401, "has an element without one 'user' or 'group'");
+  ExpectRefused(R"({"name":"x","grants":7})", 401, "The parameter 'grants' is not a list of at most 256");
+}
+
+TEST_F(CreateOnDaemon, Create_WhatIsWrong_IsRefusedWithParameterAndRange) {
+  ExpectRefused("{}", 401, "The parameter 'name' is missing");
+  ExpectRefused(R"({"name":"web"})", 406, "Another guest has the name 'web'");
+  ExpectRefused(R"({"name":"x","vcpu_num":999})", 401, "The parameter 'vcpu_num' is not a number from 1 to 512");
+  ExpectRefused(R"({"name":"x","os":"beos"})", 401, "The parameter 'os' is not one of linux, windows, other");
+  ExpectRefused(R"({"name":"x","repository":"nowhere"})", 403, "There is no repository 'nowhere'");
+  ExpectRefused(R"({"name":"x","repository":5})", 401, "The parameter 'repository' is not a string");
+  ExpectRefused(R"({"name":"x","host":"nobody"})", 403, "There is no host 'nobody'");
+  ExpectRefused(R"({"name":"x","host":5})", 401, "The parameter 'host' is not a string");
+  ExpectRefused(R"({"name":"x","iso":"none.iso"})", 403, "There is no image 'none.iso'");
+  ExpectRefused(R"({"name":"x","vdisks":5})", 401, "The parameter 'vdisks' is not a list");
+  ExpectRefused(R"({"name":"x","vdisks":[5]})", 401, "The parameter 'vdisks[0]' is not an object");
+  ExpectRefused(R"({"name":"x","vdisks":[{}]})", 401, "The parameter 'vdisks[0].size_gib' is not a number from 1 to");
+  ExpectRefused(R"({"name":"x","vdisks":[{"size_gib":1.5}]})", 401, "The parameter 'vdisks[0].size_gib' is not");
+  ExpectRefused(R"({"name":"x","vdisks":[{"size_gib":1,"vdisk_mode":9}]})", 401,
+                "The parameter 'vdisks[0].vdisk_mode' is not a number from 1 to 4");
+  ExpectRefused(R"({"name":"x","vnics":[{"network":5}]})", 401, "The parameter 'vnics[0].network' is not a string");
+  ExpectRefused(R"({"name":"x","vnics":[{"network":"dmz"}]})", 919, "There is no network 'dmz'");
+  ExpectRefused(R"({"name":"x","vnics":[{"network":"","vnic_type":9}]})", 401, "The parameter 'vnics[0].vnic_type'");
+  ExpectRefused(R"({"name":"x","host":"","start":true})", 401, "The parameter 'start' needs a host");
+  ExpectRefused(R"({"name":"x","request_id":"a/b"})", 401, "The parameter 'request_id' is not 1 to 64 letters");
+  EXPECT_THAT(RunOn({"log"}).output, HasSubstr("Failed to create the virtual machine [web]."));
+}
+
+TEST_F(CreateOnDaemon, Create_SeveralRepositories_MustBeChosen) {
+  Json::Value other(Json::objectValue);
+  other["host_id"] = host_id_;
+  other["name"] = "pool-2";
+  PutRecord(*store_, KeyOf("repository", kUnknownId), other);
+  ExpectRefused(R"({"name":"x"})", 401, "The parameter 'repository' is missing, and there are 2 repositories");
+  EXPECT_EQ(Guest(CreateJson({"x", "--repository", "pool-2"})["guest_id"].asString())["repository_id"], kUnknownId);
+  RemoveKey(*store_, KeyOf("repository", kUnknownId));
+  RemoveKey(*store_, KeyOf("repository", kRepository));
+  ExpectRefused(R"({"name":"y"})", 401, "There is no repository for the guest: add one first");
+}
+
+TEST_F(CreateOnDaemon, Create_WithoutHost_HasNone) {
+  const Json::Value created = CreateJson({"free", "--host", "none"});
+  EXPECT_EQ(created["host_id"], "");
+  EXPECT_EQ(RunOn({"guest", "delete", "free", "--yes"}).exit_code, 0);
+}
+
+TEST_F(CreateOnDaemon, Create_NetworkByName_IsFound) {
+  for (const auto& [name, id] : {std::pair("office", kNetworkByRecord), std::pair("br2", kNetworkByRecord),
+                                 std::pair("br0", kNetwork0), std::pair(kNetwork1, kNetwork1)}) {
+    const Json::Value guest = Guest(CreateJson({std::string("on-") + name, "--net", name})["guest_id"].asString());
+    ASSERT_EQ(guest["vnics"].size(), 1u);
+    EXPECT_EQ(RecordOf(*store_, "vnic", guest["vnics"][0].asString())["network_group_id"], id);
+  }
+}
+
+TEST_F(CreateOnDaemon, Repeat_SameNumber_GetsTheFirstAnswer) {
+  const std::vector<std::string> words{"once", "--disk", "1", "--request-id", "job-7", "--start"};
+  const Json::Value first = CreateJson(words);
+  EXPECT_EQ(CreateJson(words), first);
+  // Also when what was named is gone.
+  RemoveKey(*store_, KeyOf("repository", kRepository));
+  EXPECT_EQ(CreateJson(words), first);
+  EXPECT_EQ(environment_.Images().size(), 3u);
+  const auto other = Create({"twice", "--request-id", "job-7"});
+  EXPECT_EQ(other.exit_code, 1);
+  EXPECT_THAT(other.errors, HasSubstr("was used for a request with other parameters"));
+}
+
+// The host ended between the creation and the start.
+TEST_F(CreateOnDaemon, Repeat_WasNotStarted_StartsIt) {
+  const std::vector<std::string> words{"once", "--request-id", "job-8", "--start"};
+  const Json::Value first = CreateJson(words);
+  const std::string id = first["guest_id"].asString();
+  ASSERT_EQ(RunOn({"guest", "kill", "once"}).exit_code, 0);
+  for (const std::string& key : Require(Require(store_->Read())->Children("/request"))) {
+    Json::Value record = Parsed(*TextOf(*store_, guests::RequestKey(key, "job-8")));
+    record["answer"].removeMember("started");
+    PutRecord(*store_, guests::RequestKey(key, "job-8"), record);
+  }
+  EXPECT_EQ(CreateJson(words), first);
+  EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", id}).output)["status"], "running");
+}
+
+TEST_F(CreateOnDaemon, Create_BadArguments_AreNotSent) {
+  const std::size_t guests = CountGuests();
+  for (const auto& [words, sentence] : {
+           std::pair<std::vector<std::string>, std::string>{{"x", "--memory", "lots"},
+                                                            "'lots' is not a size of memory"},
+           {{"x", "--memory", "0"}, "'0' is not a size of memory"},
+           {{"x", "--memory", "2GB"}, "'2GB' is not a size of memory"},
+           {{"x", "--disk", "20MiB"}, "'20MiB' is not a disk size"},
+           {{"x", "--disk", "-1"}, "not"},
+           {{"x", "--disk", "1GiB,format=vhd"}, "'format=vhd' is not a property of a disk"},
+           {{"x", "--disk", "1GiB,mode=7"}, "'mode=7' is not a property of a disk"},
+           {{"x", "--net", "lan,speed=1"}, "'speed=1' is not a property of an interface"},
+           {{"x", "--net", "lan,net=none"}, "'net' is not a property of --net"},
+           {{"x", "--allow", "alice"}, "Unknown user or group 'alice'"},
+           {{"x", "--cpus", "0"}, "'vcpu_num'"},
+           {{"", "--cpus", "1"}, "name"},
+           {{"x", "cpus=1"}, "There is no setting 'cpus'"},
+       }) {
+    const auto result = Create(words);
+    EXPECT_EQ(result.exit_code, 2) << sentence;
+    EXPECT_THAT(result.errors, HasSubstr(sentence));
+  }
+  EXPECT_EQ(CountGuests(), guests);
+}
+
+}  // namespace
+}  // namespace vexa::test
