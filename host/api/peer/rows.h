@@ -16,14 +16,15 @@ guests::Requester RequesterOf(const Call& call);
 // Success when it can be read, and without a store.
 Result<void, Refusal> CheckDatabaseReadable(const store::Store* store);  // guest_power_api.cpp
 
-std::vector<ApiRow> UtilizationRows(const ServiceParts& parts);  // utilization_api.cpp
-std::vector<ApiRow> SystemRows(const ServiceParts& parts);       // system_api.cpp
-std::vector<ApiRow> VolumeRows(const ServiceParts& parts);       // volume_api.cpp
-std::vector<ApiRow> NetworkRows(const ServiceParts& parts);      // network_api.cpp
-std::vector<ApiRow> GuestReportRows(const ServiceParts& parts);  // guest_report_api.cpp
-std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts);   // guest_power_api.cpp
-std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);     // guest_set_api.cpp
-std::vector<ApiRow> PollTaskRows(const ServiceParts& parts);     // poll_task_api.cpp
-std::vector<ApiRow> CertificateRows(const ServiceParts& parts);  // certificate_api.cpp
+std::vector<ApiRow> UtilizationRows(const ServiceParts& parts);   // utilization_api.cpp
+std::vector<ApiRow> SystemRows(const ServiceParts& parts);        // system_api.cpp
+std::vector<ApiRow> VolumeRows(const ServiceParts& parts);        // volume_api.cpp
+std::vector<ApiRow> NetworkRows(const ServiceParts& parts);       // network_api.cpp
+std::vector<ApiRow> GuestReportRows(const ServiceParts& parts);   // guest_report_api.cpp
+std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts);    // guest_power_api.cpp
+std::vector<ApiRow> GuestConsoleRows(const ServiceParts& parts);  // guest_console_api.cpp
+std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);      // guest_set_api.cpp
+std::vector<ApiRow> PollTaskRows(const ServiceParts& parts);      // poll_task_api.cpp
+std::vector<ApiRow> CertificateRows(const ServiceParts& parts);   // certificate_api.cpp
 
 }  // namespace vexa::api
