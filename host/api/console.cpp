@@ -46,9 +46,11 @@ bool IsOwnOrigin(const http::HttpRequest& request) {
 }
 
 std::variant<Caller, ConsoleRefusal> RedeemTicket(std::string_view ticket, const http::HttpRequest& request,
-                                                  const ConsoleTarget& target, session::ConsoleTickets& tickets) {
+                                                  const ConsoleTarget& target, const Identity& identity,
+                                                  session::ConsoleTickets& tickets) {
   const std::optional<session::ConsoleTicket> redeemed = tickets.Redeem(ticket);
-  if (!redeemed || redeemed->guest_id != target.guest_id || redeemed->type != target.type) {
+  if (!redeemed || redeemed->guest_id != target.guest_id || redeemed->type != target.type ||
+      !identity.IsLoggedIn(redeemed->session_token)) {
     return ConsoleRefusal{user_error::kNotLoggedIn,
                           "The ticket is unknown, used or expired, or is for another console."};
   }
@@ -84,7 +86,7 @@ std::variant<ConsolePlan, ConsoleRefusal> PlanConsole(const http::HttpRequest& r
     return ConsoleRefusal{user_error::kBadParameter, "A console needs a request for an upgrade to WebSocket."};
   }
   if (!query->ticket.empty() && !request.peer.is_certified) {
-    auto caller = RedeemTicket(query->ticket, request, plan.target, tickets);
+    auto caller = RedeemTicket(query->ticket, request, plan.target, identity, tickets);
     if (auto* refusal = std::get_if<ConsoleRefusal>(&caller)) return std::move(*refusal);
     plan.caller = std::move(std::get<Caller>(caller));
     return plan;

@@ -115,7 +115,7 @@ TEST_F(QemuScreen, Screenshot_ShowsWhatWasTyped) {
   ASSERT_TRUE(presses.ok()) << presses.error().ToString();
   const auto pressed = hypervisor_->PressKeys(kGuest, *presses);
   ASSERT_TRUE(pressed.ok()) << Why(pressed);
-  // The same glyphs, below those that the guest shows.
+  // The same glyphs, below the ones of the guest.
   EXPECT_TRUE(Eventually([&] {
     const Picture screen = Screen();
     return TextLine(screen, 1, columns) == TextLine(screen, 0, columns);
