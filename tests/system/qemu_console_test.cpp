@@ -11,6 +11,7 @@
 #include "tests/support/qemu_host_test.h"
 #include "tests/support/websocket_client.h"
 #include "tests/system/cli_terminal.h"
+#include "tests/system/transport_test_support.h"
 
 namespace vexa::test {
 namespace {
@@ -24,6 +25,14 @@ class QemuConsole : public EmbeddedHostTest {
   void SetUp() override {
     EmbeddedHostTest::SetUp();
     if (IsSkipped()) return;
+    PutConsoleGuest();
+    host_->Start();
+    ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+    AwaitGuest();
+  }
+  std::string UnavailableReason() override { return QemuUnavailableReason(); }
+
+  void PutConsoleGuest() {
     HostGuest guest;
     guest.id = kGuest;
     guest.name = "console";
@@ -33,11 +42,7 @@ class QemuConsole : public EmbeddedHostTest {
     // In the place of the image that PutGuest has copied.
     std::ofstream(host_->DiskFolder() + "/" + QemuHost::DiskId(kGuest, 99) + ".img", std::ios::binary | std::ios::trunc)
         << ConsoleBootSector();
-    host_->Start();
-    ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
-    AwaitGuest();
   }
-  std::string UnavailableReason() override { return QemuUnavailableReason(); }
 
   WebSocketClient Open(const std::string& type) {
     WebSocketClient client = WebSocketClient::Unix(host_->Socket());
@@ -178,6 +183,106 @@ TEST_F(QemuConsole, Stop_EndsConsolesAndGuestGoesOn) {
   EXPECT_EQ(screen.ReceiveClose(), 1001);
   EXPECT_EQ(line.ReceiveClose(), 1001);
   EXPECT_EQ(host_->Qemus(kGuest), 1);
+}
+
+// A second host of the cluster, which runs no guests, and through which the consoles are opened.
+class QemuRemoteConsole : public QemuConsole {
+ protected:
+  void MakeHost() override {
+    authority_ = std::make_unique<TestAuthority>(environment_->folder() + "/authority");
+    QemuHostOptions options;
+    options.store = environment_->folder() + "/store";
+    options.suffix = "-b";
+    options.hypervisor = "test";
+    other_ = std::make_unique<QemuHost>(*environment_, options);
+    other_->options().command = CommandOf(*other_);
+    options.suffix = "";
+    options.hypervisor = "embed";
+    host_ = std::make_unique<QemuHost>(*environment_, options);
+    host_->options().command = CommandOf(*host_);
+  }
+  void SetUp() override {
+    QemuConsole::SetUp();
+    if (!IsSkipped()) other_->Start();
+  }
+  void TearDown() override {
+    other_.reset();
+    QemuConsole::TearDown();
+  }
+
+  std::vector<std::string> CommandOf(const QemuHost& host) const {
+    const transport::TlsFiles files = authority_->FilesOf(host.id());
+    return {environment_->Program("vexad"),
+            "--cluster-listen",
+            "127.0.0.1:0",
+            "--cluster-certificate",
+            files.certificate,
+            "--cluster-key",
+            files.key,
+            "--cluster-authority",
+            files.authority};
+  }
+  WebSocketClient OpenRemotely(const std::string& type) {
+    WebSocketClient client = WebSocketClient::Unix(other_->Socket());
+    status_ = client.Upgrade(std::string("/console/") + kGuest + "?type=" + type);
+    return client;
+  }
+
+  std::unique_ptr<TestAuthority> authority_;
+  std::unique_ptr<QemuHost> other_;
+};
+
+TEST_F(QemuRemoteConsole, Consoles_AreOpenedThroughOtherHost) {
+  WebSocketClient line = OpenRemotely("serial");
+  ASSERT_EQ(status_, 101) << line.body() << other_->Log();
+  ASSERT_TRUE(line.Send("hello\x01"));
+  EXPECT_THAT(line.ReceiveUntil("HELLO!"), HasSubstr("HELLO!"));
+  WebSocketClient screen = OpenRemotely("vnc");
+  ASSERT_EQ(status_, 101) << screen.body();
+  EXPECT_EQ(screen.Receive(12), "RFB 003.008\n");
+  const WebSocketClient second = OpenRemotely("serial");
+  EXPECT_EQ(status_, 409) << "the refusal of the guest's host";
+  EXPECT_THAT(second.body(), HasSubstr("Somebody else uses it"));
+  // Pictures and typing go there as well.
+  const std::string file = environment_->folder() + "/remote.png";
+  other_->Vexa({"guest", "type", "console", "x", "--socket", other_->Socket()});
+  other_->Vexa({"guest", "screenshot", "console", file, "--socket", other_->Socket()});
+  EXPECT_EQ(DecodePng(Content(file)).width, 720U);
+  EXPECT_THAT(host_->Log(), HasSubstr("was opened for the host " + other_->id()));
+  // The end of a viewer frees the line, and the end of the guest ends its consoles.
+  line.Close();
+  WebSocketClient again = OpenRemotely("serial");
+  EXPECT_TRUE(Await([&] {
+    if (status_ == 101) return true;
+    again.Close();
+    return (void)OpenRemotely("serial"), status_ == 101;
+  }));
+  ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
+  EXPECT_EQ(screen.ReceiveClose(), 1000);
+}
+
+TEST_F(QemuRemoteConsole, ThroughSlowViewer_GuestsHostServesOthers) {
+  WebSocketClient screen = OpenRemotely("vnc");
+  ASSERT_EQ(status_, 101) << screen.body();
+  ASSERT_TRUE(screen.Send("RFB 003.008\n\x01\x01"));
+  // Many full updates that are never read.
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_TRUE(screen.Send(std::string("\x03\0\0\0\0\0\x02\xd0\x01\x90", 10)));
+  }
+  EXPECT_EQ(host_->Code("VEXA.Virtualization.Guest/status", kGuest), 0);
+  EXPECT_EQ(other_->Code("VEXA.Virtualization.Guest/status", kGuest), 0);
+  WebSocketClient other = Open("vnc");
+  EXPECT_EQ(other.Receive(12), "RFB 003.008\n");
+}
+
+TEST_F(QemuRemoteConsole, GuestsHostKilled_EndsConsole) {
+  WebSocketClient screen = OpenRemotely("vnc");
+  ASSERT_EQ(status_, 101) << screen.body();
+  EXPECT_EQ(screen.Receive(12), "RFB 003.008\n");
+  host_->Kill();
+  EXPECT_EQ(screen.ReceiveClose(), 1000);
+  (void)OpenRemotely("vnc");
+  EXPECT_EQ(status_, 502) << "it cannot be reached";
 }
 
 }  // namespace
