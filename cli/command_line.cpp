@@ -54,6 +54,7 @@ void AddCommands(const Command& app) {
   AddHostCommands(app);
   AddRecoveryCommands(app);
   AddActionCommands(app);
+  AddConsoleCommands(app);
   AddEditCommands(app);
   AddCreateCommand(app);
   AddErrorCommand(app);

@@ -36,6 +36,7 @@ struct State {
   bool by_id = false;
   bool off = false;
   bool show = false;
+  bool console = false;
 
   // For --local.
   bool local = false;
@@ -159,7 +160,7 @@ void AddGroupCommands(const Command& group, const Shared& state) {
 
 GrantTarget TargetOf(const State& state, AccountKind kind) {
   return {kind, state.user.name, state.from_system ? NameSource::kSystem : NameSource::kAccounts,
-          state.by_id ? NameForm::kId : NameForm::kName};
+          state.by_id ? NameForm::kId : NameForm::kName, state.console};
 }
 
 void AddTargetFlags(const Command& command, const Shared& state) {
@@ -195,6 +196,8 @@ void AddGrantCommands(const Command& group, const Shared& state, AccountKind kin
   for (const Command& command : {grant, revoke}) {
     command.AddOption("GUEST_ID", state->guests_or_groups, "The guests' ids").Required();
   }
+  grant.AddFlag("--console", state->console, "Also allow to open their consoles: to see their screens, and type");
+  revoke.AddFlag("--console", state->console, "Only revoke their consoles; the guests may still be used");
   const auto target = [state, kind] { return TargetOf(*state, kind); };
   OnRun(
       grant, state, [state, target](const auto& global) { return RunGrant(global, target(), state->guests_or_groups); },

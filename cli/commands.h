@@ -13,6 +13,8 @@ void AddHostCommands(const Command& app);
 void AddRecoveryCommands(const Command& app);
 // Also after AddClientCommands: the rest of "guest", and "log".
 void AddActionCommands(const Command& app);
+// Likewise: "guest console", "viewer", "screenshot" and "type".
+void AddConsoleCommands(const Command& app);
 // Likewise: "guest set" and "guest edit".
 void AddEditCommands(const Command& app);
 // Likewise: "guest create".

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 #include <span>
@@ -42,6 +43,7 @@ ExitCode ChangeGuests(const GlobalOptions& global, const char* method, const Gra
   Result<Json::Value> parameters = ParametersOf(target);
   if (!parameters) return Report(parameters.error());
   for (const std::string& id : *ids) (*parameters)["guests"].append(id);
+  if (target.console) (*parameters)["console"] = true;
   return ChangeAccount(global, method, *parameters, confirmation);
 }
 
@@ -136,7 +138,12 @@ ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
         Printable(Text(Member(outcome.data, "given_to"))));
   }
   std::cout << "Level: " << Printable(Text(Member(outcome.data, "level"))) << '\n';
-  for (const Json::Value& id : guests) std::cout << Printable(Text(id)) << '\n';
+  const Json::Value& consoles = Member(outcome.data, "consoles");
+  for (const Json::Value& id : guests) {
+    const auto& with_console = VexaVirtualization::json::Elements(consoles);
+    const bool has_console = std::ranges::find(with_console, id) != with_console.end();
+    std::cout << Printable(Text(id)) << (has_console ? " with its console\n" : "\n");
+  }
   return ExitCode::kOk;
 }
 
@@ -156,7 +163,8 @@ ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest) {
   if (!principals.isArray()) return Report(MissingInReply("grants"));
   if (global.json) return PrintJson(outcome.data);
   WarnAboutDamage(Member(outcome.data, "damaged"));
-  constexpr Column kColumns[] = {{"KIND", "kind"}, {"NAME", "name"}, {"ID", "id"}, {"LEVEL", "level"}};
+  constexpr Column kColumns[] = {
+      {"KIND", "kind"}, {"NAME", "name"}, {"ID", "id"}, {"LEVEL", "level"}, {"CONSOLE", "console"}};
   PrintRows(principals, kColumns);
   return ExitCode::kOk;
 }

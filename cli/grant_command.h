@@ -21,6 +21,7 @@ struct GrantTarget {
   std::string name;
   NameSource source = NameSource::kAccounts;
   NameForm form = NameForm::kName;
+  bool console = false;  // grant: with the consoles of the guests; revoke: only these
 };
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids);

@@ -68,9 +68,13 @@ ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPaths& paths, c
   const Result<std::vector<std::string>> ids = NormalizeGuestIds(guest_ids);
   if (!ids) return Report(ids.error());
   return RunChange(global, paths, target, FindAccount(paths, target),
-                   {[&](auto& store, const auto& principal) { return cluster::GrantGuests(store, principal, *ids); },
+                   {[&](auto& store, const auto& principal) {
+                      return target.console ? cluster::GrantConsoles(store, principal, *ids)
+                                            : cluster::GrantGuests(store, principal, *ids);
+                    },
                     [&](const std::string& account) {
-                      return fmt::format("The {} may use the virtual machines {}.", account, fmt::join(*ids, ", "));
+                      return fmt::format("The {} may use the virtual machines {}{}.", account, fmt::join(*ids, ", "),
+                                         target.console ? ", with the console" : "");
                     },
                     GrantsAdded(target.name)});
 }
@@ -80,10 +84,13 @@ ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPaths& paths, 
   const Result<std::vector<std::string>> ids = NormalizeGuestIds(guest_ids);
   if (!ids) return Report(ids.error());
   return RunChange(global, paths, target, FindAccount(paths, target),
-                   {[&](auto& store, const auto& principal) { return cluster::RevokeGuests(store, principal, *ids); },
+                   {[&](auto& store, const auto& principal) {
+                      return target.console ? cluster::RevokeConsoles(store, principal, *ids)
+                                            : cluster::RevokeGuests(store, principal, *ids);
+                    },
                     [&](const std::string& account) {
-                      return fmt::format("The {} may no longer use the virtual machines {}.", account,
-                                         fmt::join(*ids, ", "));
+                      return fmt::format("The {} may no longer {} the virtual machines {}.", account,
+                                         target.console ? "open the console of" : "use", fmt::join(*ids, ", "));
                     },
                     GrantsRevoked(target.name)});
 }

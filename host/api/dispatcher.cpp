@@ -14,9 +14,12 @@
 #include "host/api/http_reply.h"
 #include "host/api/openapi.h"
 #include "host/api/read_parameters.h"
+#include "host/api/reason.h"
 #include "host/api/request_id.h"
 #include "host/base/error_table.h"
 #include "host/base/peer_network.h"
+#include "host/http/http_tunnel.h"
+#include "host/records/request_scope.h"
 #include "host/transport/origin.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
@@ -85,12 +88,27 @@ std::size_t ExpectedBytes(const http::HttpRequest& request) {
 
 }  // namespace
 
+namespace {
+
+http::HttpResponse MakeConsoleRefusal(const ConsoleRefusal& refusal, const std::string& request_id, Audience audience) {
+  VEXA::APIResponse response;
+  response.SetError(refusal.code, Json::Value());
+  Json::Value more(Json::objectValue);
+  if (!refusal.reason.empty()) more[kReason] = refusal.reason;
+  http::HttpResponse reply = MakeReply(response, more, request_id, audience);
+  if (refusal.code == user_error::kHttpMethodNotAllowed) reply.headers.emplace_back("Allow", "GET");
+  return reply;
+}
+
+}  // namespace
+
 // What OnHeader determined about a request.
 struct Dispatcher::Plan {
-  enum class Page { kApi, kHealth, kMetrics, kDescription };
+  enum class Page { kApi, kHealth, kMetrics, kDescription, kConsole };
   Page page = Page::kApi;
   const ApiRow* row = nullptr;
   Caller caller;
+  ConsoleTarget console;                 // kConsole only
   std::shared_ptr<void> long_body_slot;  // for a method that allows long bodies
   std::unique_ptr<BodyQuota::Share> body_share;
   Clock::time_point started = Clock::now();
@@ -129,6 +147,7 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
 
   if (path.starts_with(kApiPrefix)) return PlanMethodCall(path, query, request);
   request.body_limit = kUnauthenticatedBodyBytes;
+  if (path.starts_with(kConsolePath) && parts_.open_console) return PlanConsoleRequest(request);
   if (request.peer.is_certified) return refuse(user_error::kNoSuchAddress);  // hosts call methods only
   auto plan = std::make_shared<Plan>();
   plan->caller = AnonymousCaller(request.peer);
@@ -146,6 +165,20 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
     response.headers.emplace_back("Allow", "GET, HEAD");
     return response;
   }
+  request.context = std::move(plan);
+  return std::nullopt;
+}
+
+std::optional<http::HttpResponse> Dispatcher::PlanConsoleRequest(http::HttpRequest& request) {
+  auto planned = PlanConsole(request, *parts_.identity, *parts_.tickets);
+  if (const auto* refusal = std::get_if<ConsoleRefusal>(&planned)) {
+    return MakeConsoleRefusal(*refusal, request.id, Audience::kUsers);
+  }
+  auto plan = std::make_shared<Plan>();
+  plan->page = Plan::Page::kConsole;
+  plan->caller = std::move(std::get<ConsolePlan>(planned).caller);
+  plan->console = std::move(std::get<ConsolePlan>(planned).target);
+  if (plan->caller.kind == Caller::Kind::kHost) ReadOrigin(request, plan->caller);
   request.context = std::move(plan);
   return std::nullopt;
 }
@@ -210,7 +243,8 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   auto plan = std::static_pointer_cast<Plan>(std::move(request.context));
   const ApiRow* row = plan->row;
   auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder)});
-  if (!row && work->plan->page != Plan::Page::kMetrics) return work->responder.Send(MakePage(*work));
+  const bool needs_lane = row || work->plan->page == Plan::Page::kMetrics || work->plan->page == Plan::Page::kConsole;
+  if (!needs_lane) return work->responder.Send(MakePage(*work));
   if (work->plan->body_share) (void)work->plan->body_share->Resize(work->request.body.size());
   const Lane::SubmitResult submitted = LaneFor(*work->plan).Submit(OwnerOf(work->plan->caller), [this, work] {
     const RequestIdScope id_scope(work->request.id);
@@ -227,13 +261,14 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
 }
 
 Lane& Dispatcher::LaneFor(const Plan& plan) const {
-  const bool is_long = plan.row && plan.row->lane.value == LaneKind::kLong;
+  const bool is_long = plan.page == Plan::Page::kConsole || (plan.row && plan.row->lane.value == LaneKind::kLong);
   if (plan.caller.kind == Caller::Kind::kHost) return is_long ? *parts_.hosts : *parts_.quick_hosts;
   return is_long ? *parts_.long_running : *parts_.quick;
 }
 
 void Dispatcher::Run(Work& work) const {
   if (work.plan->row) return RunMethod(work);
+  if (work.plan->page == Plan::Page::kConsole) return work.responder.Send(OpenConsole(work));
   const int code = NeedsUser(work) ? CheckAdministrator(work.request) : 0;
   work.responder.Send(code == 0 ? MakePage(work) : MakeErrorReply(code, work.request.id));
 }
@@ -273,6 +308,7 @@ http::HttpResponse Dispatcher::MakePage(const Work& work) const {
       response.shared_body = description_;
       break;
     case Plan::Page::kApi:
+    case Plan::Page::kConsole:
       break;
   }
   return response;
@@ -294,6 +330,28 @@ void Dispatcher::RunMethod(Work& work) const {
   work.plan->long_body_slot.reset();
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->started);
   work.responder.Send(std::move(reply));
+}
+
+http::HttpResponse Dispatcher::OpenConsole(Work& work) const {
+  Caller& caller = work.plan->caller;
+  const bool is_host = caller.kind == Caller::Kind::kHost;
+  const Audience audience = is_host ? Audience::kHosts : Audience::kUsers;
+  if (const int code = parts_.identity->LookUpCaller(caller)) {
+    http::HttpResponse reply = MakeConsoleRefusal({code, ""}, work.request.id, Audience::kUsers);
+    reply.closes_connection = is_host;
+    return reply;
+  }
+  SetActingUser(is_host ? caller.acts_for : caller.user.name);
+  const records::RequestScope scope;
+  auto opened = parts_.open_console({work.plan->console, caller});
+  if (const auto* refusal = std::get_if<ConsoleRefusal>(&opened)) {
+    return MakeConsoleRefusal(*refusal, work.request.id, audience);
+  }
+  http::HttpResponse reply;
+  reply.tunnel = std::move(std::get<std::shared_ptr<http::Tunnel>>(opened));
+  reply.owner = is_host ? http::Owner{http::Owner::Kind::kHost, caller.host_id, {}}
+                        : http::Owner{http::Owner::Kind::kUser, caller.user.name, {}};
+  return reply;
 }
 
 // Whom the connection counts for after the call. A certificate or a token alone is not enough: only a call that was

@@ -12,6 +12,7 @@
 
 #include "host/api/api_table.h"
 #include "host/api/body_quota.h"
+#include "host/api/console.h"
 #include "host/api/identity.h"
 #include "host/api/metrics.h"
 #include "host/base/lane.h"
@@ -28,11 +29,13 @@ class Dispatcher {
     Metrics* metrics = nullptr;
     Lane* quick = nullptr;
     Lane* long_running = nullptr;
-    Lane* hosts = nullptr;                      // for calls of other hosts: users cannot take their room
-    Lane* quick_hosts = nullptr;                // likewise, for calls that only read
-    std::function<std::string()> metrics_text;  // GET /metrics
-    std::function<std::string()> health;        // GET /healthz: the problem, or ""; on I/O threads, must not block
-    std::function<bool()> is_database_lost{};   // whether the cluster database cannot be read now; optional
+    Lane* hosts = nullptr;                       // for calls of other hosts: users cannot take their room
+    Lane* quick_hosts = nullptr;                 // likewise, for calls that only read
+    std::function<std::string()> metrics_text;   // GET /metrics
+    std::function<std::string()> health;         // GET /healthz: the problem, or ""; on I/O threads, must not block
+    session::ConsoleTickets* tickets = nullptr;  // with `open_console`
+    ConsoleOpener open_console{};              // GET /console/…, on the lane for long calls; not set: there are none
+    std::function<bool()> is_database_lost{};  // whether the cluster database cannot be read now; optional
   };
   explicit Dispatcher(Parts parts);
 
@@ -47,12 +50,14 @@ class Dispatcher {
 
   std::optional<http::HttpResponse> PlanMethodCall(std::string_view path, std::string_view query,
                                                    http::HttpRequest& request);
+  std::optional<http::HttpResponse> PlanConsoleRequest(http::HttpRequest& request);
   Lane& LaneFor(const Plan& plan) const;
   static bool NeedsUser(const Work& work);
   int CheckAdministrator(const http::HttpRequest& request) const;
   http::HttpResponse MakePage(const Work& work) const;
   void Run(Work& work) const;
   void RunMethod(Work& work) const;
+  http::HttpResponse OpenConsole(Work& work) const;
   std::optional<http::Owner> OwnerAfter(const Work& work, int code) const;
   void ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response) const;
   void CallMethod(Work& work, VEXA::APIResponse& response, std::vector<std::pair<std::string, std::string>>& headers,

@@ -61,6 +61,18 @@ std::string NormalizeGuestId(const std::string& id) {
   return normal.empty() ? id : normal;
 }
 
+std::set<std::string> NormalizedIds(const std::vector<std::string>& guest_ids) {
+  std::set<std::string> normal;
+  for (const std::string& id : guest_ids) normal.insert(NormalizeGuestId(id));
+  return normal;
+}
+
+void RemoveConsoles(Json::Value& record, const std::set<std::string>& guest_ids) {
+  for (const std::string& id : json::MemberNames(json::Member(record, records::kConsoles))) {
+    if (guest_ids.contains(NormalizeGuestId(id))) records::RemoveConsole(record, id);
+  }
+}
+
 template <class Found>
 GrantPrincipal PrincipalOf(records::AccountKind kind, const Found& found, std::uint32_t id, store::Revision seen) {
   return {kind, id, found.name, seen};
@@ -75,7 +87,11 @@ Result<GrantRecord> ParseGrantRecord(records::AccountKind kind, std::uint32_t id
   record.name = json::String(json::Member(stored, kName));
   const bool is_advanced = json::String(json::Member(stored, keys::authlevel)) == records::kAdvancedLevel;
   record.level = is_advanced ? GrantLevel::kAdvanced : GrantLevel::kUser;
-  record.guest_ids = json::MemberNames(json::Member(stored, keys::guests));
+  const Json::Value& guests = json::Member(stored, keys::guests);
+  record.guest_ids = json::MemberNames(guests);
+  for (const std::string& id_of_guest : json::MemberNames(json::Member(stored, records::kConsoles))) {
+    if (json::FindMember(guests, id_of_guest)) record.console_ids.push_back(id_of_guest);
+  }
   return record;
 }
 
@@ -128,10 +144,25 @@ Status AddGrant(const store::Snapshot& snapshot, const GrantPrincipal& principal
       transaction);
 }
 
-Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
-  std::set<std::string> revoked;
-  for (const std::string& id : guest_ids) revoked.insert(NormalizeGuestId(id));
+Status GrantConsoles(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
   return Change(store, principal, [&](Json::Value& record) {
+    Json::Value& consoles = record[records::kConsoles];
+    if (!consoles.isObject()) consoles = Json::Value(Json::objectValue);
+    for (const std::string& id : guest_ids) {
+      record[keys::guests][NormalizeGuestId(id)] = true;
+      consoles[NormalizeGuestId(id)] = true;
+    }
+  });
+}
+
+Status RevokeConsoles(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
+  return Change(store, principal, [&](Json::Value& record) { RemoveConsoles(record, NormalizedIds(guest_ids)); });
+}
+
+Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
+  const std::set<std::string> revoked = NormalizedIds(guest_ids);
+  return Change(store, principal, [&](Json::Value& record) {
+    RemoveConsoles(record, revoked);
     Json::Value& guests = record[keys::guests];
     for (const std::string& id : json::MemberNames(guests)) {
       // The overload for C strings stops at a NUL.

@@ -47,10 +47,11 @@ struct GrantRecord {
   std::uint32_t id = 0;
   std::string name;  // the principal's name when the grants were made; empty in records of older versions
   GrantLevel level = GrantLevel::kUser;
-  std::vector<std::string> guest_ids;  // sorted
+  std::vector<std::string> guest_ids;    // sorted
+  std::vector<std::string> console_ids;  // sorted: the guests among them whose consoles were granted
 };
 
-// The following three functions fail with kDenied when the record belongs to another name, kCorrupt when it is damaged,
+// The following functions fail with kDenied when the record belongs to another name, kCorrupt when it is damaged,
 // and kNotFound when the principal was deleted after it was looked up. The record is then unchanged.
 
 // `guest_ids` are UUIDs in any case.
@@ -59,7 +60,11 @@ Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const s
 // the errors of the store.
 Status AddGrant(const store::Snapshot& snapshot, const GrantPrincipal& principal, const std::string& guest_id,
                 store::Transaction& transaction);
-// Removes the ids from the record, ignoring case. A guest that is not granted is not an error.
+// The same, together with the consoles of the guests.
+Status GrantConsoles(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
+// Removes the consoles of the guests, which stay granted.
+Status RevokeConsoles(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
+// Removes the ids from the record, ignoring case, and their consoles. A guest that is not granted is not an error.
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
 Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, GrantLevel level);
 

@@ -21,6 +21,8 @@
 #include "host/api/peer/services.h"
 #include "host/api/request_id.h"
 #include "host/api/user/account_api.h"
+#include "host/api/user/console_api.h"
+#include "host/api/user/consoles.h"
 #include "host/api/user/creation_api.h"
 #include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
@@ -34,6 +36,7 @@
 #include "host/api/user/import_api.h"
 #include "host/api/user/log_api.h"
 #include "host/api/user/recovery_api.h"
+#include "host/api/user/remote_console.h"
 #include "host/api/user/repository_api.h"
 #include "host/api/user/session_api.h"
 #include "host/api/user/session_list_api.h"
@@ -63,6 +66,7 @@
 #include "host/daemon/host_state.h"
 #include "host/daemon/image_folders.h"
 #include "host/daemon/lanes.h"
+#include "host/daemon/periodic_call.h"
 #include "host/guests/fenced_domains.h"
 #include "host/guests/guest_control.h"
 #include "host/http/http_server.h"
@@ -75,6 +79,7 @@
 #include "host/records/object_edit.h"
 #include "host/records/object_members.h"
 #include "host/records/request_scope.h"
+#include "host/session/console_tickets.h"
 #include "host/session/login_limiter.h"
 #include "host/session/sessions.h"
 #include "host/store/lost_store.h"
@@ -98,6 +103,9 @@ api::CompoundOptions MakeCompoundOptions() {
   };
   return options;
 }
+
+// A revoked right or a deleted user may still have a console for this long.
+constexpr std::chrono::milliseconds kConsoleCheckInterval{2000};
 
 // Calls to other hosts may take an hour. When the daemon stops, they end this long before the deadline, so that their
 // callers get the result.
@@ -203,6 +211,7 @@ class Daemon::Impl {
     if (Status made = MakeTransport(); !made) return made;
     InstallCacheRefresh(guest_states_);
     StartHealthProbe();
+    MakeConsoles();
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -244,6 +253,7 @@ class Daemon::Impl {
       if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
     });
     const bool served = std::exchange(stopped_, true) || server_->Stop(deadline);
+    const bool checks_done = console_check_->Stop(left());
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
@@ -265,7 +275,7 @@ class Daemon::Impl {
                "This host could not sign off: the database or its disk did not respond in the time of the stop.");
     }
     return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
-           quick_hosts_done && certificate_done && caches_done && links_done && local_done && items_done;
+           quick_hosts_done && checks_done && certificate_done && caches_done && links_done && local_done && items_done;
   }
 
  private:
@@ -411,13 +421,14 @@ class Daemon::Impl {
     const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
       return item_caller_->Call(request, timeout);
     };
-    for (auto&& part : {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
-                        api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
-                        api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-                        api::CreationRows(MakeAccountServices()), api::RecoveryRows(store_),
-                        api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
-                        api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
-                        api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
+    for (auto&& part :
+         {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
+          api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
+          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
+          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
+          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
+          api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
+          api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));
@@ -441,6 +452,8 @@ class Daemon::Impl {
                                sessions_->size()});
     };
     parts.health = [this] { return health_->Problem(); };
+    parts.tickets = &console_tickets_;
+    parts.open_console = [this](const api::ConsolePlan& plan) { return consoles_->Open(plan); };
     parts.is_database_lost = [this] { return store_->health() == store::Health::kInaccessible; };
     dispatcher_ = std::make_unique<api::Dispatcher>(std::move(parts));
   }
@@ -468,6 +481,18 @@ class Daemon::Impl {
     };
     certificate_ = std::make_unique<HostCertificate>(std::move(options));
     return {};
+  }
+
+  // Called before the server starts.
+  void MakeConsoles() {
+    api::ConsoleOptions options;
+    options.store = store_;
+    options.host_id = host_id_;
+    options.identity = identity_.get();
+    options.guests = guests_.get();
+    options.open_remote = api::OpenRemoteConsole;
+    consoles_ = std::make_unique<api::Consoles>(std::move(options));
+    console_check_ = std::make_unique<PeriodicCall>(kConsoleCheckInterval, [this] { consoles_->Check(); });
   }
 
   // Called before the server starts, which reports it.
@@ -607,6 +632,9 @@ class Daemon::Impl {
   session::LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
   api::GuestStates guest_states_;
+  session::ConsoleTickets console_tickets_;
+  std::unique_ptr<api::Consoles> consoles_;
+  std::unique_ptr<PeriodicCall> console_check_;
   std::unique_ptr<HealthProbe> health_;
   std::unique_ptr<api::ApiTable> table_;
   std::unique_ptr<api::Metrics> metrics_;

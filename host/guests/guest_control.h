@@ -55,6 +55,12 @@ struct GuestControlOptions {
   std::function<void(std::string_view step)> before_step;  // for tests that stop there
 };
 
+// A guest's console: what somebody who stands before a machine sees and touches.
+enum class ConsoleType {
+  kScreen,  // the screen, keyboard and pointer, by the protocol of VNC (RFC 6143)
+  kSerial,  // the first serial line, as bytes
+};
+
 // What is known about a running guest in addition to its records.
 struct RunningGuest {
   std::vector<std::string> addresses;
@@ -119,6 +125,16 @@ class GuestControl {
   virtual Result<Rating> RateGuest(const std::string& guest_id) = 0;
   // Not set: the guest does not run here, or the hypervisor cannot be reached.
   virtual std::optional<RunningGuest> FindRunningGuest(const std::string& guest_id) = 0;
+
+  // A connection to the console of a guest that runs here: a stream socket. Any number of viewers can have a screen,
+  // one a serial line. Refusals: 911, 915 (somebody has the serial line), 403, 901 (it has no such console), 949.
+  virtual Result<Descriptor, Refusal> OpenConsole(const std::string& guest_id, ConsoleType type) = 0;
+  // A picture of the screen of a guest that runs here, as PNG. Refusals: 911, 915 (too many pictures are being taken),
+  // 403, 901, 949.
+  virtual Result<std::string, Refusal> Screenshot(const std::string& guest_id) = 0;
+  // Types a text on the keyboard of a guest that runs here, and returns when it is typed. Refusals: 401 (a character
+  // has no key; KeyPressesOf), 911, 403, 901, 949.
+  virtual Result<void, Refusal> Type(const std::string& guest_id, const std::string& text) = 0;
 
   // Whether the hypervisor can be reached, and its version as three numbers ("7.2.19", or
   // "" when unknown), both as last known: the call never waits.

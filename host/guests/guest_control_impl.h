@@ -58,6 +58,9 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> DiscardSaved(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Release(const std::string& guest_id, const Requester& requester) override;
   std::optional<RunningGuest> FindRunningGuest(const std::string& guest_id) override;
+  Result<Descriptor, Refusal> OpenConsole(const std::string& guest_id, ConsoleType type) override;
+  Result<std::string, Refusal> Screenshot(const std::string& guest_id) override;
+  Result<void, Refusal> Type(const std::string& guest_id, const std::string& text) override;
   bool IsHypervisorReachable() const override;
   std::string HypervisorVersion() const override;
   bool Stop(std::chrono::milliseconds timeout) override;
@@ -84,6 +87,9 @@ class LibvirtGuestControl final : public GuestControl {
   bool RepeatPress(const std::string& guest_id);
   // 910 when the guest's domain is active, no matter who defined it; 949 when the hypervisor cannot be reached.
   Result<void, Refusal> CheckNotRunning(const std::string& guest_id);
+
+  // guest_console.cpp
+  Result<void, Refusal> CheckRunsHere(const std::string& guest_id) const;
 
   // guest_fence.cpp
   // 949 from when other hosts considered this host gone until it has stopped the guests that were taken from it.
@@ -246,6 +252,7 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
   std::atomic<bool> stopping_ = false;
+  std::atomic<int> screenshots_ = 0;  // that are being taken
 
   std::unique_ptr<ShutDowns> shut_downs_;
   Mutex maintenance_mutex_;

@@ -78,6 +78,7 @@ void Connection::ArmWrite() {
 }
 
 void Connection::OnReadable() {
+  if (phase_ == Phase::kTunnel) return;
   if (phase_ == Phase::kHandshake) return Handshake();
   if (write_wants_read_ && HasOutput() && Flush()) ResumeInput();
   if (phase_ == Phase::kLinger) return Linger();
@@ -85,6 +86,7 @@ void Connection::OnReadable() {
 }
 
 void Connection::OnWritable() {
+  if (phase_ == Phase::kTunnel) return;
   if (phase_ == Phase::kHandshake) return Handshake();
   if (HasOutput() && Flush()) ResumeInput();
   if (std::exchange(read_wants_write_, false) && phase_ != Phase::kLinger && phase_ != Phase::kClosed) ReadInput();
@@ -257,6 +259,8 @@ void Connection::Dispatch() {
   deadline_ = Clock::time_point::max();
   request_number_ = io_.NextRequestNumber();
   HttpRequest request = std::move(parser_->request());
+  upgrade_ = request.upgrade;
+  websocket_key_ = request.websocket_key;
   parser_.reset();
   ReportState();  // before the handler can know of it, so that nobody finds an idle connection with a request
   const Responder responder(std::make_shared<Responder::Impl>(io_.mailbox(), slot_, request_number_));

@@ -13,6 +13,7 @@
 #include "host/http/http_parser.h"
 #include "host/http/http_shared.h"
 #include "host/http/http_transport.h"
+#include "host/http/http_tunnel_pump.h"
 
 namespace vexa::http {
 
@@ -45,6 +46,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     kBody,     // waits for the rest of its body
     kHandler,  // waits for the response of the handler
     kWrite,    // sends the response
+    kTunnel,   // has left HTTP: the bytes are those of `tunnel_`
     kLinger,   // has sent its last byte; still reads for a while, because closing now could destroy what was sent
     kClosed,
   };
@@ -80,6 +82,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool HasOutput() const { return !out_header_.empty() || !out_body_.text().empty(); }
   void FinishResponse();
   void ResumeInput();
+  void StartTunnel(Tunnel&& tunnel);
 
   // The place among the server's connections
   bool ClaimPlace();
@@ -131,6 +134,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool http_1_0_ = false;
   bool is_head_request_ = false;
   bool close_after_response_ = false;
+
+  std::string upgrade_;  // what the request that is being answered asked for
+  std::string websocket_key_;
+  std::shared_ptr<TunnelPump> tunnel_;
 
   std::string out_header_;
   Body out_body_;

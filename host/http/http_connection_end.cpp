@@ -33,6 +33,7 @@ void Connection::OnDeadline() {
 }
 
 void Connection::BeginStop() {
+  if (phase_ == Phase::kTunnel) return tunnel_->Close(TunnelClose::kGoingAway);
   // Bytes that the client has already sent count as the start of a request.
   if (phase_ == Phase::kHeader && !header_started_) ReadInput();
   if (phase_ == Phase::kHandshake) Close();
@@ -55,6 +56,7 @@ void Connection::Close() {
   deadline_ = Clock::time_point::max();
   error_code ignored;
   socket_.close(ignored);
+  if (tunnel_) std::exchange(tunnel_, nullptr)->Abandon();
   place_.reset();
   parser_.reset();
 }

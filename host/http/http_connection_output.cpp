@@ -35,6 +35,10 @@ void Connection::RefuseAsBusy() {
 
 void Connection::Respond(HttpResponse&& response) {
   if (response.owner) SetOwner(*response.owner);
+  if (response.tunnel && !upgrade_.empty() && phase_ == Phase::kHandler && !peer_ended_ && !io_.stopping()) {
+    return StartTunnel(std::move(*response.tunnel));
+  }
+  if (response.tunnel) response = io_.server().MakeError(io_.stopping() ? 503 : 500, request_id());
   parser_.reset();  // a refused request must not occupy memory while its response is sent
   if (response.status < 200 || response.status > 599) response = io_.server().MakeError(500, request_id());
   if (response.closes_connection || io_.stopping() || (peer_ended_ && buffer_.empty())) close_after_response_ = true;
@@ -119,6 +123,19 @@ bool Connection::Flush() {
 void Connection::FinishResponse() {
   if (close_after_response_ || io_.stopping()) return StartLinger();
   EnterHeader(io_.server().options.limits.idle);
+}
+
+// The wait for input that is armed stays and finds nothing to do.
+void Connection::StartTunnel(Tunnel&& tunnel) {
+  phase_ = Phase::kTunnel;
+  ClientSideParts parts{shared_from_this(), socket_,        transport_,    std::exchange(buffer_, {}),
+                        request_id(),       websocket_key_, tunnel.stalled};
+  auto client = upgrade_ == kWebSocket ? MakeWebSocketSide(std::move(parts)) : MakeRawSide(std::move(parts));
+  tunnel_ =
+      std::make_shared<TunnelPump>(socket_, std::move(client), std::move(tunnel), [connection = weak_from_this()] {
+        if (const auto alive = connection.lock()) alive->Close();
+      });
+  tunnel_->Start();
 }
 
 // After a response that was sent outside of ProcessInput(): processes the input that arrived meanwhile.

@@ -35,6 +35,8 @@ void Connection::OnEvicted(EvictionReason reason) {
 
 ConnectionActivity Connection::Activity() const {
   if (phase_ == Phase::kHandler) return ConnectionActivity::kAnswers;
+  // However little moves: the handler bounds how many a client has.
+  if (phase_ == Phase::kTunnel) return ConnectionActivity::kTransfers;
   const bool transfers = phase_ == Phase::kBody || phase_ == Phase::kWrite;
   const bool is_stalled = Clock::now() - progress_at_ >= kStalledAfter;
   return transfers && !is_stalled ? ConnectionActivity::kTransfers : ConnectionActivity::kIdle;
@@ -76,6 +78,8 @@ void Connection::CheckOwner(Clock::time_point now) {
 
 void Connection::OnSweep(Clock::time_point now) {
   if (now >= deadline_) OnDeadline();
+  if (phase_ == Phase::kClosed) return;
+  if (phase_ == Phase::kTunnel) tunnel_->OnSweep(now);
   if (phase_ == Phase::kClosed) return;
   CheckOwner(now);
   ReportState();

@@ -47,6 +47,8 @@ class RequestParser::Impl : public http::basic_parser<true> {
   bool unknown_expectation_ = false;
   bool chunked_ = false;
   std::uint64_t chunk_left_ = 0;
+  std::string upgrade_;
+  std::string websocket_version_;
 
  private:
   void on_request_impl(http::verb /*method*/, beast::string_view method, beast::string_view target, int version,
@@ -77,6 +79,18 @@ class RequestParser::Impl : public http::basic_parser<true> {
       case http::field::expect:
         expects_continue_ = EqualsIgnoringCase(View(value), "100-continue");
         unknown_expectation_ = !expects_continue_;
+        break;
+      case http::field::host:
+        request_.host = View(value);
+        break;
+      case http::field::upgrade:
+        upgrade_ = View(value);
+        break;
+      case http::field::sec_websocket_key:
+        request_.websocket_key = View(value);
+        break;
+      case http::field::sec_websocket_version:
+        websocket_version_ = View(value);
         break;
       default:
         SetCustomField(View(name), View(value));
@@ -120,6 +134,18 @@ class RequestParser::Impl : public http::basic_parser<true> {
   void on_finish_impl(beast::error_code& /*error*/) override {}
 };
 
+namespace {
+
+// 16 bytes as base64 (RFC 6455, section 4.1).
+bool IsWebSocketKey(std::string_view key) {
+  const auto is_digit = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
+  };
+  return key.size() == 24 && key.ends_with("==") && std::all_of(key.begin(), key.end() - 2, is_digit);
+}
+
+}  // namespace
+
 RequestParser::RequestParser(std::size_t body_limit) : impl_(std::make_unique<Impl>()) {
   // The caller limits the length of the header, because it has to find its end anyway.
   impl_->header_limit(std::numeric_limits<std::uint32_t>::max());
@@ -140,7 +166,17 @@ int RequestParser::ParseHeader(std::string_view header) {
   impl_->request_.announced_body_bytes = impl_->chunked_
                                              ? std::numeric_limits<std::size_t>::max()
                                              : static_cast<std::size_t>(impl_->content_length().value_or(0));
+  impl_->request_.upgrade = RequestedUpgrade();
   return impl_->unknown_expectation_ ? 417 : 0;
+}
+
+std::string RequestParser::RequestedUpgrade() const {
+  const HttpRequest& request = impl_->request_;
+  if (request.method != "GET" || impl_->http_1_0_ || !impl_->upgrade() || !impl_->is_done()) return {};
+  if (EqualsIgnoringCase(impl_->upgrade_, kRawTunnel)) return std::string(kRawTunnel);
+  const bool is_websocket = EqualsIgnoringCase(impl_->upgrade_, kWebSocket) && impl_->websocket_version_ == "13" &&
+                            IsWebSocketKey(request.websocket_key);
+  return is_websocket ? std::string(kWebSocket) : std::string();
 }
 
 bool RequestParser::expects_body() const { return !impl_->is_done(); }

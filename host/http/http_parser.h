@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "host/http/http_server.h"
@@ -39,6 +40,8 @@ class RequestParser {
   HttpRequest& request();
 
  private:
+  std::string RequestedUpgrade() const;
+
   class Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -24,11 +24,25 @@ enum UniqueField {
   kOrigin,
   kExpect,
   kActsFor,
-  kRequestId
+  kRequestId,
+  kUpgrade,
+  kWebSocketKey,
+  kWebSocketVersion
 };
-constexpr std::array<std::string_view, 11> kUniqueFields = {
-    "Host",   "Content-Length", "Transfer-Encoding", "Authorization",    "Cookie", "Content-Type", "X-Vexa-CSRF",
-    "Origin", "Expect",         "X-Vexa-Acts-For",   "X-Vexa-Request-Id"};
+constexpr std::array<std::string_view, 14> kUniqueFields = {"Host",
+                                                            "Content-Length",
+                                                            "Transfer-Encoding",
+                                                            "Authorization",
+                                                            "Cookie",
+                                                            "Content-Type",
+                                                            "X-Vexa-CSRF",
+                                                            "Origin",
+                                                            "Expect",
+                                                            "X-Vexa-Acts-For",
+                                                            "X-Vexa-Request-Id",
+                                                            "Upgrade",
+                                                            "Sec-WebSocket-Key",
+                                                            "Sec-WebSocket-Version"};
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 

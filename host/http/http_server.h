@@ -59,6 +59,11 @@ struct HttpRequest {
   // For requests between hosts, but any client can send them.
   std::string acts_for;           // X-Vexa-Acts-For
   std::string caller_request_id;  // X-Vexa-Request-Id
+  std::string host;               // Host: the name or address, and the port, by which the client knows this server
+  // The protocol that the connection may change to, when the request asks for one that the server has and meets its
+  // rules: kWebSocket or kRawTunnel. Otherwise empty.
+  std::string upgrade;
+  std::string websocket_key;
   std::string body;
   // What the header says about the body: its length, 0 without one, the largest number when it comes in chunks.
   std::size_t announced_body_bytes = 0;
@@ -67,6 +72,12 @@ struct HttpRequest {
   Peer peer;
   std::shared_ptr<void> context;  // what on_header passes on to on_request
 };
+
+// What requests ask for in the field Upgrade.
+inline constexpr std::string_view kWebSocket = "websocket";    // RFC 6455, version 13
+inline constexpr std::string_view kRawTunnel = "vexa-tunnel";  // the bytes as they are
+
+struct Tunnel;
 
 struct HttpResponse {
   int status = 200;
@@ -78,6 +89,9 @@ struct HttpResponse {
   bool closes_connection = false;                            // this response is the last one
   // When set: whom the connection counts for from now on. A connection is a stranger's until then.
   std::optional<Owner> owner;
+  // When set: the connection leaves HTTP for the protocol that the request asked for (HttpRequest::upgrade), with the
+  // status 101; the rest of this response is not sent. A request that asked for none gets 500.
+  std::shared_ptr<Tunnel> tunnel;
 
   std::string_view BodyText() const { return shared_body ? std::string_view(*shared_body) : body; }
 };

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/base/descriptor.h"
+#include "host/base/us_keyboard.h"
 #include "host/domain_xml/domain_build.h"
 #include "host/domain_xml/domain_interfaces.h"
 #include "host/hypervisor/failure.h"
@@ -196,6 +198,20 @@ class Hypervisor {
   virtual Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) = 0;
   // Whether the agent of a running guest is connected. Failures: kNotRunning.
   virtual Result<bool, Failure> HasAgent(const std::string& id) = 0;
+
+  // A connection to the screen of a running guest, in the protocol of VNC (RFC 6143), as a stream socket. libvirt
+  // passes it to QEMU, so it does not matter where the guest's screen listens, nor whether this process could reach it,
+  // and a password of the screen is not asked for. Failures: kNotRunning, kUnsupported (no VNC screen, or the driver
+  // has no screens).
+  virtual Result<Descriptor, Failure> OpenScreen(const std::string& id) = 0;
+  // A connection to the serial line of a running guest, as a stream socket. There can be one at a time. Failures:
+  // kNotRunning, kBusy (somebody has it), kUnsupported.
+  virtual Result<Descriptor, Failure> OpenSerial(const std::string& id) = 0;
+  // A picture of the screen of a running guest, as PNG of at most kMaxPngBytes. Failures: kNotRunning, kUnsupported,
+  // kInvalid (the picture cannot be read, or is too large).
+  virtual Result<std::string, Failure> Screenshot(const std::string& id) = 0;
+  // Presses keys of a running guest one after another; takes some 40 ms for each. Failures: kNotRunning, kUnsupported.
+  virtual Result<void, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) = 0;
 
   // What the interfaces of a running guest are plugged into. For a libvirt network that leads to a bridge or device of
   // the host, the bridge or device is returned. Failures: kNotRunning.

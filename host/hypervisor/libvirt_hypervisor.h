@@ -88,6 +88,10 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) override;
   Result<bool, Failure> HasAgent(const std::string& id) override;
   Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) override;
+  Result<Descriptor, Failure> OpenScreen(const std::string& id) override;
+  Result<Descriptor, Failure> OpenSerial(const std::string& id) override;
+  Result<std::string, Failure> Screenshot(const std::string& id) override;
+  Result<void, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) override;
   Result<std::vector<std::string>, Failure> Networks() override;
   Result<std::vector<KnownNetwork>, Failure> KnownNetworks() override;
   Result<void, Failure> DefineNetwork(const std::string& xml) override;

@@ -14,9 +14,10 @@ namespace {
 
 // Returns whether the guest was in the record.
 bool RemoveGuestFrom(Json::Value& record, const std::string& guest_id) {
-  if (!json::FindMember(json::Member(record, keys::guests), guest_id)) return false;
+  const bool had_console = RemoveConsole(record, guest_id);
+  if (!json::FindMember(json::Member(record, keys::guests), guest_id)) return had_console;
   // The overload for C strings stops at a NUL.
-  return record[keys::guests].removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr);
+  return record[keys::guests].removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr) || had_console;
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 // Guest-admin records: which guests a principal (a user or a group) may use, and whether it has the level "advanced".
 //
 // One record per user or group in the dashboard category "guest_admin", under its identifier:
-//   {"authlevel": "advanced", "guests": {"<guest id>": true}, "name": "alice"}
+//   {"authlevel": "advanced", "guests": {"<guest id>": true}, "consoles": {"<guest id>": true}, "name": "alice"}
 // Any "authlevel" other than "advanced" is the ordinary level. The member names of "guests" are the ids of the granted
-// guests. "name" is the principal's name when the grants were made: on a host where the id belongs to another name, the
+// guests; those of "consoles" the guests whose consoles were granted as well, which counts only together with the guest
+// itself, from this record or another one. "name" is the principal's name when the grants were made: on a host where the id belongs to another name, the
 // record grants nothing. Records of older versions have no name until their next change.
 #pragma once
 
@@ -21,6 +22,7 @@ namespace vexa::records {
 inline constexpr std::string_view kUsersKind = "users";
 inline constexpr std::string_view kGroupsKind = "groups";
 inline constexpr std::string_view kAdvancedLevel = "advanced";
+inline constexpr char kConsoles[] = "consoles";
 
 // The identifier of a user (kind "users") or group (kind "groups") with this numeric id: "users-1026".
 std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id);

@@ -62,14 +62,27 @@ Status CheckBelongsTo(const Json::Value& record, const std::string& key, const s
                   key, json::String(json::Member(record, kName)), name));
 }
 
+bool RemoveConsole(Json::Value& record, const std::string& guest_id) {
+  if (!json::FindMember(json::Member(record, kConsoles), guest_id)) return false;
+  Json::Value& consoles = record[kConsoles];
+  // The overload for C strings stops at a NUL.
+  consoles.removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr);
+  if (consoles.empty()) record.removeMember(kConsoles);
+  return true;
+}
+
 Result<bool> ApplyGrantRules(StoredObject& stored, const std::string& key, const std::string& name,
                              const std::vector<VexaCCC::Rule>& rules) {
   if (Status owner = CheckBelongsTo(stored.record, key, name); !owner) return owner.error();
   const Json::Value before = json::Member(stored.record, keys::guests);
   Json::Value guests = before.isNull() ? Json::Value(Json::objectValue) : before;
-  for (const VexaCCC::Rule& rule : rules) Apply(guests, rule);
+  bool has_lost_console = false;
+  for (const VexaCCC::Rule& rule : rules) {
+    Apply(guests, rule);
+    if (!rule.allow && RemoveConsole(stored.record, rule.id)) has_lost_console = true;
+  }
   const bool is_same = before.isNull() ? guests.empty() : guests == before;
-  if (is_same) return false;
+  if (is_same && !has_lost_console) return false;
   if (stored.revision == 0) stored.record[keys::authlevel] = kOrdinaryLevel;
   if (!name.empty()) stored.record[kName] = name;
   stored.record[keys::guests] = std::move(guests);

@@ -29,6 +29,10 @@ bool BelongsTo(const Json::Value& record, const std::string& name);
 // when "guests" is not an object: overwriting the damaged value could destroy the only trace of the grants.
 Status CheckBelongsTo(const Json::Value& record, const std::string& key, const std::string& name);
 
+// Takes a guest's console out of the record, and the member of all consoles when it is empty then. False: it was not in
+// there.
+bool RemoveConsole(Json::Value& record, const std::string& guest_id);
+
 // Applies the rules, in order, to the record that was loaded from `key`; a new record gets the level "user".
 // Returns whether the record has changed. A changed record gets the owner's `name`, unless that is empty. Errors: those
 // of CheckBelongsTo; the record is then unchanged.

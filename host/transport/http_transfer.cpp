@@ -1,15 +1,13 @@
 #include "host/transport/http_transfer.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <string_view>
 #include <utility>
 
+#include "host/transport/curl_setup.h"
 #include "host/transport/messages.h"
 
 namespace vexa::transport {
@@ -20,26 +18,6 @@ using std::chrono::milliseconds;
 constexpr long kMaxIdleAgeS =
     120;  // hosts close idle connections after 300 s, which must not happen while a request is sent
 constexpr milliseconds kMaxTimeout = std::chrono::hours(24 * 7);
-
-// A numeric address only: resolving a name would take time and a thread.
-bool IsNumericAddress(const std::string& text) {
-  const std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos) return false;
-  std::string host = text.substr(0, colon);
-  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-  if (bracketed) host = host.substr(1, host.size() - 2);
-  unsigned char buffer[sizeof(in6_addr)];
-  if (host.find('\0') != std::string::npos) return false;
-  if (::inet_pton(bracketed ? AF_INET6 : AF_INET, host.c_str(), buffer) != 1) return false;
-  std::uint16_t port = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, port);
-  return error == std::errc() && stop == end && port != 0;
-}
-
-curl_blob BlobOf(const std::string& text) {
-  return curl_blob{const_cast<char*>(text.data()), text.size(), CURL_BLOB_NOCOPY};
-}
 
 bool Append(curl_slist*& list, const char* text) {
   curl_slist* const longer = curl_slist_append(list, text);
@@ -117,18 +95,7 @@ void HttpTransfer::SetBody() {
 }
 
 void HttpTransfer::SetTls(const TlsMaterial& tls) {
-  curl_blob certificate = BlobOf(tls.certificate);
-  curl_blob key = BlobOf(tls.key);
-  curl_blob authority = BlobOf(tls.authority);
-  Set(CURLOPT_SSLCERT_BLOB, &certificate);
-  Set(CURLOPT_SSLKEY_BLOB, &key);
-  Set(CURLOPT_CAINFO_BLOB, &authority);
-  Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // otherwise the system's authorities would also be trusted
-  Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_3));
-  Set(CURLOPT_SSL_VERIFYPEER, 1L);
-  Set(CURLOPT_SSL_VERIFYHOST, 2L);
-  Set(CURLOPT_SSL_ENABLE_ALPN, 0L);
-  Set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  transport::SetTls(handle_, tls);
   Set(CURLOPT_SSL_CTX_FUNCTION, &HttpTransfer::SetUpContext);
   Set(CURLOPT_SSL_CTX_DATA, this);
 }

@@ -110,7 +110,7 @@ Result<std::shared_ptr<const TlsMaterial>> LoadTlsOf(const std::string& host_id,
 class Transport::Impl {
  public:
   Impl(TransportOptions options, std::shared_ptr<const TlsMaterial> tls)
-      : options_(std::move(options)), breaker_(std::make_shared<Breaker>()), pool_(std::move(tls)) {}
+      : options_(std::move(options)), breaker_(std::make_shared<Breaker>()), tls_(tls), pool_(std::move(tls)) {}
 
   void Call(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request,
             std::vector<Json::Value>& replies) {
@@ -159,8 +159,28 @@ class Transport::Impl {
     }
     auto tls = LoadTlsOf(options_.host_id, files);
     if (!tls) return tls.error();
+    {
+      const MutexLock lock(tls_mutex_);
+      tls_ = *tls;
+    }
     pool_.ReplaceTls(*std::move(tls));
     return {};
+  }
+
+  Result<StreamReply> OpenStream(const std::string& host_id, const std::string& path) {
+    StreamRequest request;
+    request.host_id = host_id;
+    request.path = path;
+    if (const std::string why = FindAddress(host_id, request.address); !why.empty()) {
+      return Error(ErrorCode::kUnavailable, why);
+    }
+    request.fields = OriginHeaders(CurrentOrigin());
+    {
+      const MutexLock lock(tls_mutex_);
+      request.tls = tls_;
+    }
+    const records::RequestPause waiting_without_reader;
+    return OpenHostStream(request);
   }
 
   void StopRemote() { pool_.Stop(); }
@@ -235,6 +255,8 @@ class Transport::Impl {
 
   const TransportOptions options_;
   const std::shared_ptr<Breaker> breaker_;
+  Mutex tls_mutex_;
+  std::shared_ptr<const TlsMaterial> tls_ VEXA_GUARDED_BY(tls_mutex_);  // of new streams
   HttpPool pool_;
 };
 
@@ -262,6 +284,10 @@ std::vector<Json::Value> Transport::Call(const std::vector<std::string>& host_id
   }
   RecordUnanswered(host_ids, replies);
   return replies;
+}
+
+Result<StreamReply> Transport::OpenStream(const std::string& host_id, const std::string& path) {
+  return impl_->OpenStream(host_id, path);
 }
 
 Status Transport::ReplaceTls(const TlsFiles& files) { return impl_->ReplaceTls(files); }

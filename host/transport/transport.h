@@ -12,6 +12,7 @@
 
 #include "host/base/result.h"
 #include "host/records/host_liveness.h"
+#include "host/transport/host_stream.h"
 #include "host/transport/local_call.h"
 #include "host/transport/tls_material.h"
 #include "webapi/platform/dr.h"
@@ -54,6 +55,10 @@ class Transport {
   // replied, failed or timed out. The replies are in the order of `host_ids`, which must not contain duplicates. No
   // snapshot of the store is held while waiting.
   std::vector<Json::Value> Call(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
+
+  // A stream from another host at `path`, which includes the query, on behalf of the calling thread's Origin. Blocks
+  // for at most 15 s, without a snapshot of the store. kUnavailable, with the reason: the host cannot be reached.
+  Result<StreamReply> OpenStream(const std::string& host_id, const std::string& path);
 
   // Uses the certificate in these files from now on; calls under way continue with the previous one. Errors: those of
   // Make, and kInvalid when other hosts cannot be called. After an error nothing has changed.

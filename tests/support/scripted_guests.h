@@ -1,6 +1,9 @@
 // A host's guests with scripted answers, which record the requests that they get.
 #pragma once
 
+#include <sys/socket.h>
+
+#include <array>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -46,7 +49,29 @@ class ScriptedGuests final : public guests::GuestControl {
     return Note("discard_saved", id, by);
   }
   Result<void, Refusal> Release(const std::string& id, const Requester& by) override { return Note("release", id, by); }
+  Result<Descriptor, Refusal> OpenConsole(const std::string& id, guests::ConsoleType type) override {
+    const bool is_screen = type == guests::ConsoleType::kScreen;
+    if (const auto noted = Note(is_screen ? "screen" : "serial", id, {}); !noted.ok()) return noted.error();
+    std::array<int, 2> sockets{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) != 0) return Refusal{901, "no sockets"};
+    const std::lock_guard lock(mutex_);
+    consoles_.emplace_back(sockets[1]);
+    return Descriptor(sockets[0]);
+  }
+  Result<std::string, Refusal> Screenshot(const std::string& id) override {
+    if (const auto noted = Note("screenshot", id, {}); !noted.ok()) return noted.error();
+    return screenshot;
+  }
+  Result<void, Refusal> Type(const std::string& id, const std::string& text) override {
+    return Note("type " + text, id, {});
+  }
   bool Stop(std::chrono::milliseconds) override { return true; }
+
+  // The guest's end of the last console that was opened.
+  int console() const {
+    const std::lock_guard lock(mutex_);
+    return consoles_.empty() ? -1 : consoles_.back().get();
+  }
 
   // "<action> <guest id> <user>/<host>/<request>"
   std::vector<std::string> asked() const {
@@ -61,6 +86,7 @@ class ScriptedGuests final : public guests::GuestControl {
   Json::Value created{Json::objectValue};  // the answer to a creation
   bool is_hypervisor_reachable = true;
   std::string hypervisor_version;
+  std::string screenshot = "a picture";
   std::optional<guests::RunningGuest> running = guests::RunningGuest{{"192.0.2.7"}, 77, true};
 
  private:
@@ -72,6 +98,7 @@ class ScriptedGuests final : public guests::GuestControl {
 
   mutable std::mutex mutex_;
   std::vector<std::string> asked_;
+  std::vector<Descriptor> consoles_;
 };
 
 }  // namespace vexa::test

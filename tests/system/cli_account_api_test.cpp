@@ -233,11 +233,11 @@ TEST_F(AccountCommands, UserGrants_RecordOfOtherName_IsShownWithWarning) {
   const ApiHost host([](const std::string&, const Json::Value& parameters) {
     const std::string counts = parameters["name"] == "alice" ? "true" : "false";
     return ApiHost::Success(R"({"level":"user","given_to":"carol","counts":)" + counts + R"(,"guests":[")" + kFirst +
-                            "\",7]}");
+                            R"(",7],"consoles":[")" + kFirst + "\"]}");
   });
   const auto result = RunOn(host, {"user", "grants", "alice"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_EQ(result.output, std::string("Level: user\n") + kFirst + "\n7\n");
+  EXPECT_EQ(result.output, std::string("Level: user\n") + kFirst + " with its console\n7\n");
   EXPECT_THAT(result.errors, IsEmpty());
   EXPECT_THAT(RunOn(host, {"user", "grants", "bob"}).errors, HasSubstr("'carol'"));
 }
@@ -247,12 +247,12 @@ TEST_F(AccountCommands, GuestGrants_GuestName_IsResolved) {
     if (method == "list") {
       return ApiHost::Success(std::string(R"({"guests":[{"guest_id":")") + kFirst + R"(","guest_name":"web-1"}]})");
     }
-    return ApiHost::Success(R"({"principals":[{"kind":"group","name":"staff","id":7,"level":"user"}],
+    return ApiHost::Success(R"({"principals":[{"kind":"group","name":"staff","id":7,"level":"user","console":true}],
                                 "damaged":["users-8"]})");
   });
   const auto result = RunOn(host, {"guest", "grants", "web-1"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_THAT(result.output, AllOf(StartsWith("KIND "), HasSubstr("group  staff  7   user\n")));
+  EXPECT_THAT(result.output, AllOf(StartsWith("KIND "), HasSubstr("group  staff  7   user   true\n")));
   EXPECT_THAT(result.errors, HasSubstr("'users-8'"));
   EXPECT_THAT(host.calls(), ElementsAre("list {}", std::string(R"(guest_grant_list {"guest_id":")") + kFirst + "\"}"));
 }

@@ -22,6 +22,7 @@ std::vector<ApiRow> VolumeRows(const ServiceParts& parts);         // volume_api
 std::vector<ApiRow> NetworkRows(const ServiceParts& parts);        // network_api.cpp
 std::vector<ApiRow> GuestReportRows(const ServiceParts& parts);    // guest_report_api.cpp
 std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts);     // guest_power_api.cpp
+std::vector<ApiRow> GuestConsoleRows(const ServiceParts& parts);   // guest_console_api.cpp
 std::vector<ApiRow> GuestCreationRows(const ServiceParts& parts);  // guest_creation_api.cpp
 std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);       // guest_set_api.cpp
 std::vector<ApiRow> PollTaskRows(const ServiceParts& parts);       // poll_task_api.cpp

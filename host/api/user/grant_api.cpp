@@ -50,15 +50,31 @@ std::optional<std::vector<std::string>> ReadGuests(const Call& call) {
 
 enum class GuestChange { kGrant, kRevoke };
 
+void ChangeConsoles(const AccountServices& services, const Call& call, GuestChange change,
+                    const GrantPrincipal& principal, const std::vector<std::string>& guests) {
+  const std::string principal_text = PrincipalForLog(principal.kind, principal.name);
+  if (change == GuestChange::kGrant) {
+    Finish(call, cluster::GrantConsoles(*services.store, principal, guests),
+           fmt::format("The {} may use {}, with the console.", principal_text, GuestsForLog(guests)));
+  } else {
+    Finish(call, cluster::RevokeConsoles(*services.store, principal, guests),
+           fmt::format("The {} may no longer open the console of {}.", principal_text, GuestsForLog(guests)));
+  }
+}
+
 void ChangeGuests(const AccountServices& services, const Call& call, GuestChange change) {
   const auto guests = ReadGuests(call);
   if (!guests) return;
+  const auto with_console = ReadFlag(call, "console");
+  if (!with_console) return;
   const auto parameters = ReadPrincipal(call);
   if (!parameters) return;
   const auto principal = FindPrincipal(services, call, *parameters);
   if (!principal) return;
   const std::string principal_text = PrincipalForLog(principal->kind, principal->name);
-  if (change == GuestChange::kGrant) {
+  if (*with_console) {
+    ChangeConsoles(services, call, change, *principal, *guests);
+  } else if (change == GuestChange::kGrant) {
     Finish(call, cluster::GrantGuests(*services.store, *principal, *guests),
            fmt::format("The {} may use {}.", principal_text, GuestsForLog(*guests)));
   } else {
@@ -122,7 +138,7 @@ std::optional<GrantRecord> ReadRecordOrDefault(const AccountServices& services, 
     Refuse(call, record.error());
     return std::nullopt;
   }
-  return *record ? std::move(**record) : GrantRecord{owner.kind, owner.id, "", GrantLevel::kUser, {}};
+  return *record ? std::move(**record) : GrantRecord{owner.kind, owner.id, "", GrantLevel::kUser, {}, {}};
 }
 
 // A record that was created for another name does not count: the id belonged to another account then.
@@ -151,6 +167,8 @@ void List(const AccountServices& services, const Call& call) {
   data["counts"] = AppliesTo(*record, *owner);
   data["guests"] = Json::Value(Json::arrayValue);
   for (const std::string& id : record->guest_ids) data["guests"].append(id);
+  data["consoles"] = Json::Value(Json::arrayValue);
+  for (const std::string& id : record->console_ids) data["consoles"].append(id);
   call.response->SetSuccess(data);
 }
 
@@ -167,7 +185,8 @@ void ListOfGuest(const AccountServices& services, const Call& call) {
   const std::string id = NormalizeUuid(guest_id.Get());
   for (const GrantRecord& record : all->records) {
     if (!std::ranges::binary_search(record.guest_ids, id)) continue;
-    principals.append(Describe(record.kind, record.id, record.name, record.level));
+    Json::Value& principal = principals.append(Describe(record.kind, record.id, record.name, record.level));
+    principal["console"] = std::ranges::binary_search(record.console_ids, id);
   }
   data["damaged"] = Json::Value(Json::arrayValue);
   for (const std::string& identifier : all->damaged) data["damaged"].append(identifier);
@@ -205,23 +224,27 @@ std::vector<ApiRow> GrantRows(const AccountServices& services) {
           AccountErrors({user_error::kGrantsOfOtherAccount})),
       AdministratorRow(
           kApi, "grant_list", LaneKind::kLong, [services](const Call& call) { List(services, call); },
-          "The grants of a user or group: its guests and its level. \"given_to\" is the name that the record "
+          "The grants of a user or group: its guests, those of them with the console, and its level. \"given_to\" is the name that the record "
           "was given to; \"counts\" is false when that is not its name.",
           WithPrincipalParameters({}), AccountErrors({})),
       AdministratorRow(
           kApi, "guest_grant_list", LaneKind::kQuick, [services](const Call& call) { ListOfGuest(services, call); },
-          "The users and groups that a guest was granted to. \"damaged\" lists the records that cannot be read.",
+          "The users and groups that a guest was granted to, and whether with the console. \"damaged\" lists the records that cannot be read.",
           {Text("guest_id", "The guest's id, a UUID.")},
           {user_error::kBadParameter, user_error::kAccountDamaged, user_error::kAccountsUnavailable}),
       AdministratorRow(
           kApi, "grant", LaneKind::kLong,
           [services](const Call& call) { ChangeGuests(services, call, GuestChange::kGrant); },
-          "Allow a user or group to use guests.", WithPrincipalParameters({guests}),
+          "Allow a user or group to use guests.",
+          WithPrincipalParameters({guests, OptionalFlag("console", "Whether with their consoles; without it, consoles "
+                                                                   "stay as they are.")}),
           AccountErrors({user_error::kGrantsOfOtherAccount})),
       AdministratorRow(
           kApi, "revoke", LaneKind::kLong,
           [services](const Call& call) { ChangeGuests(services, call, GuestChange::kRevoke); },
-          "Revoke a user's or group's use of guests.", WithPrincipalParameters({guests}),
+          "Revoke a user's or group's use of guests.",
+          WithPrincipalParameters(
+              {guests, OptionalFlag("console", "Whether only their consoles are revoked, and the guests stay.")}),
           AccountErrors({user_error::kGrantsOfOtherAccount})),
       AdministratorRow(
           kApi, "grants_drop", LaneKind::kLong, [services](const Call& call) { Drop(services, call); },

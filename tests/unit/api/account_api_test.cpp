@@ -363,6 +363,22 @@ TEST_F(AccountApi, Grants_GrantShowRevokeAndDrop_Work) {
   EXPECT_EQ(of_guest.data["principals"][0]["name"], "bob");
   EXPECT_EQ(of_guest.data["principals"][1]["kind"], "group");
   EXPECT_EQ(of_guest.data["damaged"], Parsed("[]"));
+  EXPECT_EQ(of_guest.data["principals"][0]["console"], false);
+  const std::string first = R"("guests":[")" + std::string(kFirst) + "\"]";
+  ASSERT_EQ(Call("grant", R"({"kind":"user","name":"bob","console":true,)" + first + "}").code, 0);
+  EXPECT_EQ(NewestLogEntry(), "root: The user [bob] may use 1 virtual machine: [web-1], with the console.");
+  EXPECT_EQ(Call("grant_list", R"({"kind":"user","name":"bob"})").data["consoles"],
+            Parsed("[\"" + std::string(kFirst) + "\"]"));
+  EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").data["principals"][0]["console"],
+            true);
+  ASSERT_EQ(Call("revoke", R"({"kind":"user","name":"bob","console":true,)" + first + "}").code, 0);
+  EXPECT_EQ(NewestLogEntry(),
+            "root: The user [bob] may no longer open the console of 1 virtual machine: [web-1].");
+  list = Call("grant_list", R"({"kind":"user","name":"bob"})");
+  EXPECT_EQ(list.data["consoles"], Parsed("[]"));
+  EXPECT_EQ(list.data["guests"].size(), 2U);
+  EXPECT_EQ(Call("grant", R"({"kind":"user","name":"bob","console":"yes",)" + first + "}").code,
+            user_error::kBadParameter);
   ASSERT_EQ(Call("revoke", R"({"kind":"user","name":"bob",)" + guests + "}").code, 0);
   EXPECT_THAT(NewestLogEntry(), HasSubstr("The user [bob] may no longer use 2 virtual machines"));
   EXPECT_EQ(Call("level_get", R"({"kind":"user","name":"bob"})").data["level"], "advanced");

@@ -3,6 +3,8 @@
 
 #include <thread>
 
+#include "host/cluster/console_right.h"
+#include "host/records/guest_admin.h"
 #include "tests/support/matchers.h"
 #include "tests/unit/cluster/account_store_fixture.h"
 
@@ -39,6 +41,63 @@ TEST_F(Grants, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
   EXPECT_EQ(RecordOfAlice(), R"({"authlevel":"advanced","guests":{},"more":[1],"name":"alice"})");
   ASSERT_TRUE(SetGrantLevel(*store_, Alice(), GrantLevel::kUser).ok());
   EXPECT_THAT(RecordOfAlice(), HasSubstr(R"("authlevel":"user")"));
+}
+
+TEST_F(Grants, Consoles_AreGrantedWithGuestAndRevokedAloneOrTogether) {
+  const auto may_open = [this](const char* guest) {
+    const auto user = accounts_.FindUser("alice");
+    const auto allowed = MayOpenConsole(*test::Require(real_->Read()), *user, guest);
+    EXPECT_TRUE(allowed.ok());
+    return allowed.ok() && *allowed;
+  };
+  const std::string first = std::string("{\"") + kFirst + "\":true}";
+  ASSERT_TRUE(GrantGuests(*store_, Alice(), {kFirst}).ok());
+  EXPECT_FALSE(may_open(kFirst)) << "the guest alone does not include its console";
+  ASSERT_TRUE(GrantConsoles(*store_, Alice(), {"6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55"}).ok());
+  EXPECT_EQ(RecordOfAlice(),
+            R"({"authlevel":"user","consoles":)" + first + R"(,"guests":)" + first + R"(,"name":"alice"})");
+  EXPECT_TRUE(may_open(kFirst));
+  EXPECT_FALSE(may_open(kSecond));
+  ASSERT_TRUE(RevokeConsoles(*store_, Alice(), {kFirst, kSecond}).ok());
+  EXPECT_EQ(RecordOfAlice(), R"({"authlevel":"user","guests":)" + first + R"(,"name":"alice"})");
+  EXPECT_FALSE(may_open(kFirst));
+  ASSERT_TRUE(GrantConsoles(*store_, Alice(), {kFirst}).ok());
+  EXPECT_EQ(ReadAll().records.at(0).console_ids, std::vector<std::string>{kFirst});
+  ASSERT_TRUE(RevokeGuests(*store_, Alice(), {kFirst}).ok());
+  EXPECT_EQ(RecordOfAlice(), R"({"authlevel":"user","guests":{},"name":"alice"})");
+  ASSERT_TRUE(GrantGuests(*store_, Alice(), {kFirst}).ok());
+  EXPECT_FALSE(may_open(kFirst)) << "the console does not come back with the guest";
+}
+
+TEST_F(Grants, Console_CountsOnlyWithGuestAndForItsPrincipal) {
+  const auto may_open = [this] {
+    const auto user = accounts_.FindUser("alice");
+    const auto allowed = MayOpenConsole(*test::Require(real_->Read()), *user, kFirst);
+    EXPECT_TRUE(allowed.ok());
+    return allowed.ok() && *allowed;
+  };
+  const std::string first = std::string("{\"") + kFirst + "\":true}";
+  Put(GrantsKey(kAlice), R"({"consoles":)" + first + R"(,"guests":{}})");
+  EXPECT_FALSE(may_open());
+  ASSERT_TRUE(GrantGuests(*store_, Staff(), {kFirst}).ok());
+  EXPECT_TRUE(may_open()) << "the guest through the group, the console through the user";
+  Put(GrantsKey(kAlice), R"({"consoles":)" + first + R"(,"guests":{},"name":"bob"})");
+  EXPECT_FALSE(may_open()) << "given to another name";
+  Put(GrantsKey(kAlice), R"({"consoles":7,"guests":[]})");
+  EXPECT_FALSE(may_open());
+  accounts::User root{"root", 0, 0, {}, true};
+  EXPECT_TRUE(*MayOpenConsole(*test::Require(real_->Read()), root, kFirst));
+}
+
+TEST_F(Grants, Console_OfDeletedGuest_IsRemoved) {
+  ASSERT_TRUE(GrantConsoles(*store_, Alice(), {kFirst, kSecond}).ok());
+  store::Transaction transaction;
+  std::vector<Error> damage;
+  ASSERT_TRUE(records::AddGrantRemovals(*test::Require(real_->Read()), kFirst, transaction, damage).ok());
+  ASSERT_TRUE(store_->Commit(transaction).ok());
+  const std::string second = std::string("{\"") + kSecond + "\":true}";
+  EXPECT_EQ(RecordOfAlice(),
+            R"({"authlevel":"user","consoles":)" + second + R"(,"guests":)" + second + R"(,"name":"alice"})");
 }
 
 TEST_F(Grants, Grant_GuestIdInUpperCase_IsStoredInLowerCase) {

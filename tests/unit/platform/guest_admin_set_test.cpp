@@ -97,6 +97,14 @@ TEST_F(GuestAdminSet, SetRules_Several_AreAppliedInOrderAndOtherMembersKept) {
   EXPECT_EQ(Parsed(Text("users-7")), Parsed(R"({"note":1,"guests":{"c":true}})"));
 }
 
+TEST_F(GuestAdminSet, SetRules_Deny_RemovesConsoleAsWell) {
+  PutRecord(R"({"guests":{"a":true,"b":true},"consoles":{"a":true,"b":true,"c":true}})");
+  ASSERT_EQ(gaUserSet("users-7", "", {Deny("a"), Deny("c")}), 0);
+  EXPECT_EQ(Parsed(Text("users-7")), Parsed(R"({"guests":{"b":true},"consoles":{"b":true}})"));
+  ASSERT_EQ(gaUserSet("users-7", "", {Deny("b")}), 0);
+  EXPECT_EQ(Parsed(Text("users-7")), Parsed(R"({"guests":{}})"));
+}
+
 TEST_F(GuestAdminSet, SetRules_NothingToChange_WritesNothing) {
   PutRecord(R"({"guests":{"a":true}})");
   const auto before = Revision();
