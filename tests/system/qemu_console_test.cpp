@@ -132,6 +132,12 @@ TEST_F(QemuConsole, SerialLine_AnswersOnePersonAtATime) {
   const WebSocketClient second = Open("serial");
   EXPECT_EQ(status_, 409);
   EXPECT_THAT(second.body(), HasSubstr("Somebody else uses it"));
+  const ProcessResult command =
+      RunProcess({.argv = {environment_->Program("vexa"), "guest", "console", "console", "--socket", host_->Socket()},
+                  .environment = {{"LD_LIBRARY_PATH", environment_->LibraryFolder()}}});
+  EXPECT_EQ(command.exit_code, 1);
+  EXPECT_THAT(command.errors, HasSubstr("The console cannot be opened"));
+  EXPECT_THAT(command.errors, HasSubstr("Somebody else uses it"));
   line.Close();
   EXPECT_TRUE(Await([&] {
     (void)Open("serial");
