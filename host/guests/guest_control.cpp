@@ -238,7 +238,7 @@ void LibvirtGuestControl::RetryUnfinished() {
       if (auto guard = activities_.TryTakeForReconcile(guest_id)) {
         edits_.Finish(guest_id);
         deletion_.Finish(guest_id);
-        FinishRestore(guest_id);
+        (void)FinishRestore(guest_id);
         ReconcileAndRelease(*std::move(guard), guest_id);
         retry = {now + retry.delay, std::min<std::chrono::milliseconds>(2 * retry.delay, kMaxRetryDelay)};
       }

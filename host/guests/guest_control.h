@@ -82,6 +82,18 @@ class GuestControl {
   // (the system cannot end the guest's process now), 949.
   virtual Result<void, Refusal> PowerOff(const std::string& guest_id, const Requester& requester) = 0;
   virtual Result<void, Refusal> Reboot(const std::string& guest_id, const Requester& requester) = 0;
+  // Pauses a guest that runs: it executes nothing until Resume, and still counts as running for everything else. A
+  // shut-down in progress is given up. A guest that is paused already is not an error. Refusals: 911, 912, 915 (also
+  // while it is being restored), 403, 901, 949; the same for Save.
+  virtual Result<void, Refusal> Suspend(const std::string& guest_id, const Requester& requester) = 0;
+  // Lets a paused guest run, whoever paused it. One that runs is not an error. A guest that stayed paused because its
+  // restore could not be finished is resumed only with the files that were checked. Refusals: as above.
+  virtual Result<void, Refusal> Resume(const std::string& guest_id, const Requester& requester) = 0;
+  // Saves the memory of a guest to a file of libvirt, and ends the guest; PowerOn and Restore continue it. When it
+  // cannot be saved, for instance because of a device, it is 901, and the guest goes on.
+  virtual Result<void, Refusal> Save(const std::string& guest_id, const Requester& requester) = 0;
+  // PowerOn of a guest with saved memory. Refusals: those of PowerOn, and 911 without saved memory.
+  virtual Result<void, Refusal> Restore(const std::string& guest_id, const Requester& requester) = 0;
   // For high availability, which must be sure that the guest does not run here: overrides any other operation on it,
   // whichever host the record names, and does nothing when it does not run. A start in progress is cancelled, and has
   // ended when this returns. Refusals: 901, 949.

@@ -46,6 +46,10 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> ShutDown(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> PowerOff(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Reboot(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Suspend(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Resume(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Save(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Restore(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Fence(const std::string& guest_id) override;
   Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
@@ -68,6 +72,8 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
                                 const std::function<Result<void, Refusal>()>& act,
                                 std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
+  // Refuses a guest without a readable record.
+  Result<void, Refusal> CheckRecord(const std::string& guest_id) const;
   // Calls `call` if the guest has a record, and maps the failure to a refusal.
   Result<void, Refusal> CallHypervisor(const std::string& guest_id, const std::function<HypervisorStatus()>& call);
   // The reason to record for a guest that a user powers off now: its domain may have been paused earlier by an I/O
@@ -81,6 +87,12 @@ class LibvirtGuestControl final : public GuestControl {
   bool RepeatPress(const std::string& guest_id);
   // 910 when the guest's domain is active, no matter who defined it; 949 when the hypervisor cannot be reached.
   Result<void, Refusal> CheckNotRunning(const std::string& guest_id);
+
+  // guest_suspend.cpp
+  // The run of a guest that runs here, after it was reconciled.
+  Result<records::Run, Refusal> RunHere(const std::string& guest_id);
+  // The same; refuses a guest that is paused until its restore is finished.
+  Result<void, Refusal> CheckRunsHere(const std::string& guest_id);
 
   // guest_fence.cpp
   // 949 from when other hosts considered this host gone until it has stopped the guests that were taken from it.
@@ -103,7 +115,12 @@ class LibvirtGuestControl final : public GuestControl {
 
     bool IsSaved() const { return definition && definition->state == hypervisor::GuestState::kSaved; }
   };
-  Result<void, Refusal> StartGuest(const std::string& guest_id);
+  // What a start may use: a guest with saved memory is always restored from it.
+  enum class StartFrom { kAnything, kSavedMemory };
+  // Starts the guest as its activity `action`.
+  Result<void, Refusal> StartAs(std::string_view action, const std::string& guest_id, const Requester& requester,
+                                StartFrom from);
+  Result<void, Refusal> StartGuest(const std::string& guest_id, StartFrom from);
   // Determines everything that does not need a lock.
   Result<void, Refusal> Prepare(const std::string& guest_id, StartAttempt& attempt);
   Result<void, Refusal> CheckStorageMounted(const records::Guest& guest) const;
@@ -129,8 +146,9 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> ResumeRestored(const std::string& guest_id, CheckedFiles& files);
   Refusal SaveAgain(const std::string& guest_id, const std::string& reason);
   bool IsBeingRestored(const std::string& guest_id, const records::Run& run) const;
-  // The same for a guest that is still paused, because its host was killed, lost libvirt or could not save it.
-  void FinishRestore(const std::string& guest_id);
+  // The same for a guest that is still paused, because its host was killed, lost libvirt or could not save it. Does
+  // nothing to other guests.
+  Result<void, Refusal> FinishRestore(const std::string& guest_id);
 
   // guest_definition.cpp
   // The XML with which this host defines the guest; without an ownership tag when it is handed back to its owner.
@@ -162,7 +180,7 @@ class LibvirtGuestControl final : public GuestControl {
   // Reconciles the guest, and releases it when no other reconciliation is requested.
   void ReconcileAndRelease(GuestActivities::ActivityGuard guard, const std::string& guest_id);
   void ReconcileWhenFree(const std::string& guest_id);
-  Status Restore(const std::string& guest_id, const records::StoredRun& stored);
+  Status RestartForgotten(const std::string& guest_id, const records::StoredRun& stored);
   // False: the domain is not one of this host's guests.
   Result<bool> RecordRunning(const std::string& guest_id, const std::optional<records::StoredRun>& stored);
   Status RecordOff(const std::string& guest_id, const std::optional<records::StoredRun>& stored, bool is_defined);
@@ -179,6 +197,8 @@ class LibvirtGuestControl final : public GuestControl {
   Result<std::optional<records::Run>> RunToAdopt(const std::string& guest_id);
   Status PutRun(const std::string& guest_id, const std::optional<records::StoredRun>& stored, const records::Run& run);
   // Stores the end of a guest that has no active domain. `stored` is its run; `ended` is what the hypervisor reports.
+  // Removes saved memory of an active guest.
+  Status DiscardOutdatedSaved(const std::string& guest_id);
   Status ObserveEnd(const std::string& guest_id, const std::optional<records::StoredRun>& stored,
                     EndReasons::Ended ended, records::Sequence sequence);
   Status Observe(const std::string& guest_id, const std::string& state, records::Sequence sequence,
