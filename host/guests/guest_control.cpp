@@ -90,7 +90,7 @@ LibvirtGuestControl::~LibvirtGuestControl() {
     is_open_ = false;
     while (threads_ > 0) maintenance_wake_.Wait(maintenance_mutex_);
   }
-  for (std::thread* thread : {&maintenance_thread_, &watch_thread_}) {
+  for (std::thread* thread : {&maintenance_thread_, &watch_thread_, &autorun_thread_}) {
     if (thread->joinable()) thread->join();
   }
   // In this order, because its threads use the hypervisor.
@@ -99,6 +99,8 @@ LibvirtGuestControl::~LibvirtGuestControl() {
 }
 
 Status LibvirtGuestControl::Begin() {
+  // Before anything that removes the runs from before the boot.
+  PlanAutorunsAfterBoot();
   shut_downs_ = std::make_unique<ShutDowns>(
       ShutDownsOptions{.wait = options_.shut_down_wait,
                        .press_interval = options_.press_interval,
@@ -144,7 +146,7 @@ Status LibvirtGuestControl::Begin() {
   }
   {
     const MutexLock lock(maintenance_mutex_);
-    threads_ += 2;
+    threads_ += 3;
   }
   const auto run = [this](void (LibvirtGuestControl::*work)()) {
     (this->*work)();
@@ -154,6 +156,7 @@ Status LibvirtGuestControl::Begin() {
   };
   maintenance_thread_ = std::thread(run, &LibvirtGuestControl::Maintain);
   watch_thread_ = std::thread(run, &LibvirtGuestControl::WatchRecords);
+  autorun_thread_ = std::thread(run, &LibvirtGuestControl::RunAutoruns);
   return {};
 }
 

@@ -88,6 +88,23 @@ class LibvirtGuestControl final : public GuestControl {
   // 910 when the guest's domain is active, no matter who defined it; 949 when the hypervisor cannot be reached.
   Result<void, Refusal> CheckNotRunning(const std::string& guest_id);
 
+  // guest_autorun.cpp
+  struct AutorunAttempts {
+    int count = 0;
+    std::chrono::steady_clock::time_point next;
+  };
+  void PlanAutorunsAfterBoot();
+  // Keeps a guest that a user has started, and may stop again, from being started once more.
+  Result<void, Refusal> ForgetAutorun(const std::string& guest_id, Result<void, Refusal> started);
+  // Starts the guests in the list, one after the other, until it is empty.
+  void RunAutoruns();
+  // False: the list is empty.
+  bool RunNextAutorun(std::map<std::string, AutorunAttempts>& attempts);
+  bool MayAutorun() const;
+  // Starts the guest. False: there is nothing left to do for it.
+  bool IsToBeTriedAgain(const std::string& guest_id, AutorunAttempts& attempts);
+  void LogAutorun(int priority, std::string sentence);
+
   // guest_suspend.cpp
   // The run of a guest that runs here, after it was reconciled.
   Result<records::Run, Refusal> RunHere(const std::string& guest_id);
@@ -180,6 +197,8 @@ class LibvirtGuestControl final : public GuestControl {
   // Reconciles the guest, and releases it when no other reconciliation is requested.
   void ReconcileAndRelease(GuestActivities::ActivityGuard guard, const std::string& guest_id);
   void ReconcileWhenFree(const std::string& guest_id);
+  // Removes saved memory of an active guest.
+  Status DiscardOutdatedSaved(const std::string& guest_id);
   Status RestartForgotten(const std::string& guest_id, const records::StoredRun& stored);
   // False: the domain is not one of this host's guests.
   Result<bool> RecordRunning(const std::string& guest_id, const std::optional<records::StoredRun>& stored);
@@ -197,8 +216,6 @@ class LibvirtGuestControl final : public GuestControl {
   Result<std::optional<records::Run>> RunToAdopt(const std::string& guest_id);
   Status PutRun(const std::string& guest_id, const std::optional<records::StoredRun>& stored, const records::Run& run);
   // Stores the end of a guest that has no active domain. `stored` is its run; `ended` is what the hypervisor reports.
-  // Removes saved memory of an active guest.
-  Status DiscardOutdatedSaved(const std::string& guest_id);
   Status ObserveEnd(const std::string& guest_id, const std::optional<records::StoredRun>& stored,
                     EndReasons::Ended ended, records::Sequence sequence);
   Status Observe(const std::string& guest_id, const std::string& state, records::Sequence sequence,
@@ -272,10 +289,11 @@ class LibvirtGuestControl final : public GuestControl {
   bool stop_requested_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
   // The hypervisor's callbacks may use everything above.
   bool is_open_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
-  // How many threads run: maintenance_thread_, watch_thread_ and handlers of hypervisor events.
+  // How many threads run: maintenance_thread_, watch_thread_, autorun_thread_ and handlers of hypervisor events.
   int threads_ VEXA_GUARDED_BY(maintenance_mutex_) = 0;
   std::thread maintenance_thread_;
   std::thread watch_thread_;
+  std::thread autorun_thread_;
   // Destroyed first: its callbacks use everything above.
   std::unique_ptr<hypervisor::Hypervisor> hypervisor_;
 };

@@ -148,9 +148,12 @@ Status LibvirtGuestControl::DiscardOutdatedSaved(const std::string& guest_id) {
 }
 
 // Test mode only: restarts a guest that was running when the hypervisor forgot it, at the end of the process. A guest
-// that was stopped is still known to the hypervisor, or its stored state is that of a guest that is off.
+// that was stopped is still known to the hypervisor, or its stored state is that of a guest that is off. Guests that
+// ended with the machine start as their "autorun" says.
 Status LibvirtGuestControl::RestartForgotten(const std::string& guest_id, const records::StoredRun& stored) {
   if (stored.run.host_id != options_.host_id || stored.run.starting || stored.run.saved) return {};
+  const std::uint64_t incarnation = stored.run.incarnation;
+  if (options_.claim && incarnation != 0 && incarnation < options_.claim->booted()) return {};
   const auto state = hypervisor_->StateOf(guest_id);
   const bool is_forgotten = !state && state.error().kind() == FailureKind::kNoSuchGuest;
   const std::string state_before = StoredState(*options_.store, guest_id);

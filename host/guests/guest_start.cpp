@@ -53,11 +53,11 @@ Json::Value WithoutPending(Json::Value guest) {
 }  // namespace
 
 Result<void, Refusal> LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requester& requester) {
-  return StartAs("poweron", guest_id, requester, StartFrom::kAnything);
+  return ForgetAutorun(guest_id, StartAs("poweron", guest_id, requester, StartFrom::kAnything));
 }
 
 Result<void, Refusal> LibvirtGuestControl::Restore(const std::string& guest_id, const Requester& requester) {
-  return StartAs("restore", guest_id, requester, StartFrom::kSavedMemory);
+  return ForgetAutorun(guest_id, StartAs("restore", guest_id, requester, StartFrom::kSavedMemory));
 }
 
 Result<void, Refusal> LibvirtGuestControl::StartAs(std::string_view action, const std::string& guest_id,

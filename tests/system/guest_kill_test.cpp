@@ -14,6 +14,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/daemon/host_id.h"
+#include "host/records/host_claim_record.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
@@ -234,6 +235,55 @@ TEST_F(KilledDaemon, Kill_AtAnyMoment_LeavesNothingHalfMade) {
   ExpectNoStrayFiles();
   // Else nothing was killed in the middle.
   EXPECT_GE(interrupted, VEXA_KILL_ROUNDS / 2);
+}
+
+// The boot of the machine is one that the daemon has not seen.
+TEST_F(KilledDaemon, MachineBooted_StartsGuestsOfTheirSetting) {
+  const auto set_autorun = [&](int guest, int autorun) {
+    const std::string key = Key("guest", GuestId(guest));
+    Json::Value record = Require(vexa::ParseJson(Require(Require(store_->Read())->Get(key))->text));
+    record["autorun"] = autorun;
+    (void)Require(store_->Commit({{}, {{key, json::ToText(record)}}}));
+  };
+  const auto is_running = [&](int guest) {
+    return Keys()[vexa::store::MakeKey({"dash", "guest", GuestId(guest), "state"})] == json::ToText(states::running);
+  };
+  set_autorun(0, 0);
+  set_autorun(1, 1);
+  set_autorun(2, 2);
+  set_autorun(3, 2);
+  {
+    const auto daemon = Start();
+    HttpClient client = Client();
+    EXPECT_EQ(Ask(client, 0, "poweron"), 0);
+    EXPECT_EQ(Ask(client, 2, "poweron"), 0);
+    daemon->Signal(SIGKILL);
+    EXPECT_TRUE(daemon->Wait(30s));
+  }
+  const std::string key = vexa::records::HostClaimKey(host_id_);
+  Json::Value claim = Require(vexa::ParseJson(Require(Require(store_->Read())->Get(key))->text));
+  EXPECT_NE(claim["boot"].asString(), "");
+  claim["boot"] = "an earlier one";
+  (void)Require(store_->Commit({{}, {{key, json::ToText(claim)}}}));
+  {
+    const auto daemon = Start();
+    const auto end = std::chrono::steady_clock::now() + 60s;
+    while (!(is_running(1) && is_running(2)) && std::chrono::steady_clock::now() < end)
+      std::this_thread::sleep_for(20ms);
+    EXPECT_TRUE(daemon->WaitForText("The guest " + GuestId(1) + " was started with the machine.", 30s));
+    EXPECT_TRUE(daemon->WaitForText("The guest " + GuestId(2) + " was started with the machine.", 30s));
+    EXPECT_FALSE(is_running(0)) << "never";
+    EXPECT_FALSE(is_running(3)) << "it did not run before";
+    HttpClient client = Client();
+    EXPECT_EQ(Ask(client, 1, "poweroff"), 0);
+    daemon->Signal(SIGTERM);
+    EXPECT_TRUE(daemon->Wait(60s));
+  }
+  const auto daemon = Start();
+  HttpClient client = Client();
+  EXPECT_EQ(Ask(client, 2, "poweron"), kAlreadyRunning);
+  std::this_thread::sleep_for(3s);
+  EXPECT_FALSE(is_running(1)) << "the machine was not booted";
 }
 
 TEST_F(KilledDaemon, GracefulStop_LosesNoRunningGuest) {
