@@ -18,6 +18,18 @@ guests stops the command before anything is sent.)";
 constexpr const char* kRestartFooter = R"(
 There is no --wait, because a guest that reboots keeps running.)";
 
+constexpr const char* kSuspendFooter = R"(
+A suspended guest executes nothing and keeps its memory and processors. Its state is freeze. Nothing but 'vexa guest
+resume' lets it run again; a power failure ends it as it ends a running guest.)";
+
+constexpr const char* kSaveFooter = R"(
+The memory goes to a file of the guest's host, and the guest uses no memory or processors until it is restored. A guest
+with a device that cannot be saved is refused, with the reason, and goes on.)";
+
+constexpr const char* kRestoreFooter = R"(
+'vexa guest start' restores a guest, too; this command also makes sure that it has saved memory. A guest that was
+suspended when it was saved runs then.)";
+
 constexpr const char* kDeleteFooter = R"(
 Asks on the terminal first; without a terminal it refuses unless --yes is given. A running guest is not deleted: its host
 refuses, so shut it down first. When the command succeeds, the guest has been deleted.)";
@@ -96,6 +108,13 @@ void AddActionCommands(const Command& app) {
                    "Wait until the state of each guest is shutdown");
   AddAction(guest, GuestAction::kRestart, "restart", "Reboot guests")
       .command.Footer(fmt::format("{}{}", kRestartFooter, kTimeoutFooter));
+  AddAction(guest, GuestAction::kSuspend, "suspend", "Pause running guests, which keep their memory")
+      .command.Footer(fmt::format("{}{}", kSuspendFooter, kTimeoutFooter));
+  AddAction(guest, GuestAction::kResume, "resume", "Let suspended guests run again").command.Footer(kTimeoutFooter);
+  AddAction(guest, GuestAction::kSave, "save", "Save the memory of guests to disk, and end them")
+      .command.Footer(fmt::format("{}{}", kSaveFooter, kTimeoutFooter));
+  AddAction(guest, GuestAction::kRestore, "restore", "Start guests from their saved memory")
+      .command.Footer(fmt::format("{}{}", kRestoreFooter, kTimeoutFooter));
   AddDelete(guest);
   AddAction(guest, GuestAction::kDiscardSaved, "discard-saved",
             "Remove the saved memory of guests, which are then shut down")

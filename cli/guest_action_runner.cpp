@@ -25,6 +25,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kPower = "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl";
 constexpr const char* kDelete = "/webapi/VEXA.Virtualization.Guest/delete";
+constexpr const char* kSuspend = "/webapi/VEXA.Virtualization.Guest/suspend";
+constexpr const char* kResume = "/webapi/VEXA.Virtualization.Guest/resume";
+constexpr const char* kSave = "/webapi/VEXA.Virtualization.Guest/save";
+constexpr const char* kRestore = "/webapi/VEXA.Virtualization.Guest/restore";
 constexpr const char* kDiscardSaved = "/webapi/VEXA.Virtualization.Guest/discard_saved";
 constexpr const char* kRelease = "/webapi/VEXA.Virtualization.Guest/release";
 constexpr auto kPollInterval = std::chrono::seconds(1);
@@ -43,6 +47,10 @@ constexpr ActionRow kActions[] = {
     {GuestAction::kStop, kPower, "shutdown", "shutdown", "asked to shut down", "shut down"},
     {GuestAction::kKill, kPower, "poweroff", "shutdown", "powered off", "powered off"},
     {GuestAction::kRestart, kPower, "reboot", nullptr, "rebooting", "rebooting"},
+    {GuestAction::kSuspend, kSuspend, nullptr, nullptr, "suspended", "suspended"},
+    {GuestAction::kResume, kResume, nullptr, nullptr, "resumed", "resumed"},
+    {GuestAction::kSave, kSave, nullptr, nullptr, "saved", "saved"},
+    {GuestAction::kRestore, kRestore, nullptr, nullptr, "restored", "restored"},
     {GuestAction::kDelete, kDelete, nullptr, nullptr, "deleted", "deleted"},
     {GuestAction::kDiscardSaved, kDiscardSaved, nullptr, nullptr, "without saved memory", "without saved memory"},
     {GuestAction::kRelease, kRelease, nullptr, nullptr, "released", "released"},

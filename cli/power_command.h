@@ -9,7 +9,19 @@
 
 namespace vexa::cli {
 
-enum class GuestAction { kStart, kStop, kKill, kRestart, kDelete, kDiscardSaved, kRelease };
+enum class GuestAction {
+  kStart,
+  kStop,
+  kKill,
+  kRestart,
+  kSuspend,
+  kResume,
+  kSave,
+  kRestore,
+  kDelete,
+  kDiscardSaved,
+  kRelease
+};
 enum class Waiting { kNo, kUntilDone };
 enum class Confirmation { kAsk, kGiven };
 
@@ -24,8 +36,8 @@ struct GuestActionOptions {
 // The timeout of an action: --timeout, otherwise an hour, which is also the limit on hosts.
 std::chrono::seconds ActionTimeout(const GlobalOptions& global);
 
-// `vexa guest start`, `stop`, `kill`, `restart`, `delete`, `discard-saved` and `release`. Sends nothing unless every
-// name is that of one guest.
+// `vexa guest start`, `stop`, `kill`, `restart`, `suspend`, `resume`, `save`, `restore`, `delete`, `discard-saved` and
+// `release`. Sends nothing unless every name is that of one guest.
 ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options);
 
 }  // namespace vexa::cli

@@ -25,7 +25,7 @@ class ScreenshotPlace {
 }  // namespace
 
 // Not the console of a domain that only has the guest's id.
-Result<void, Refusal> LibvirtGuestControl::CheckRunsHere(const std::string& guest_id) const {
+Result<void, Refusal> LibvirtGuestControl::CheckHasConsole(const std::string& guest_id) const {
   if (stopping_) return Refusal{host_error::kUnavailable, "This host is stopping"};
   if (const auto guest = ReadGuestNow(guest_id); !guest) return RefusalOf(guest.error());
   const auto stored = records::ReadRun(*options_.store, guest_id);
@@ -37,7 +37,7 @@ Result<void, Refusal> LibvirtGuestControl::CheckRunsHere(const std::string& gues
 
 Result<Descriptor, Refusal> LibvirtGuestControl::OpenConsole(const std::string& guest_id, ConsoleType type) {
   const records::RequestPause without_reader;
-  if (const auto allowed = CheckRunsHere(guest_id); !allowed.ok()) return allowed.error();
+  if (const auto allowed = CheckHasConsole(guest_id); !allowed.ok()) return allowed.error();
   auto opened = type == ConsoleType::kScreen ? hypervisor_->OpenScreen(guest_id) : hypervisor_->OpenSerial(guest_id);
   if (!opened) return RefusalOf(opened.error());
   return *std::move(opened);
@@ -45,7 +45,7 @@ Result<Descriptor, Refusal> LibvirtGuestControl::OpenConsole(const std::string& 
 
 Result<std::string, Refusal> LibvirtGuestControl::Screenshot(const std::string& guest_id) {
   const records::RequestPause without_reader;
-  if (const auto allowed = CheckRunsHere(guest_id); !allowed.ok()) return allowed.error();
+  if (const auto allowed = CheckHasConsole(guest_id); !allowed.ok()) return allowed.error();
   const ScreenshotPlace place(screenshots_);
   if (!place.ok()) return Refusal{host_error::kBusy, "The host is taking other pictures. Try again"};
   auto png = hypervisor_->Screenshot(guest_id);
@@ -57,7 +57,7 @@ Result<void, Refusal> LibvirtGuestControl::Type(const std::string& guest_id, con
   const records::RequestPause without_reader;
   const auto presses = KeyPressesOf(text);
   if (!presses) return Refusal{host_error::kBadParameter, presses.error().ToString()};
-  if (const auto allowed = CheckRunsHere(guest_id); !allowed.ok()) return allowed;
+  if (const auto allowed = CheckHasConsole(guest_id); !allowed.ok()) return allowed;
   const auto pressed = hypervisor_->PressKeys(guest_id, *presses);
   if (!pressed) return RefusalOf(pressed.error());
   return {};

@@ -115,7 +115,7 @@ LibvirtGuestControl::~LibvirtGuestControl() {
     is_open_ = false;
     while (threads_ > 0) maintenance_wake_.Wait(maintenance_mutex_);
   }
-  for (std::thread* thread : {&maintenance_thread_, &watch_thread_, &networks_thread_}) {
+  for (std::thread* thread : {&maintenance_thread_, &watch_thread_, &networks_thread_, &autorun_thread_}) {
     if (thread->joinable()) thread->join();
   }
   // In this order, because its threads use the hypervisor.
@@ -124,6 +124,8 @@ LibvirtGuestControl::~LibvirtGuestControl() {
 }
 
 Status LibvirtGuestControl::Begin() {
+  // Before anything that removes the runs from before the boot.
+  PlanAutorunsAfterBoot();
   shut_downs_ = std::make_unique<ShutDowns>(
       ShutDownsOptions{.wait = options_.shut_down_wait,
                        .press_interval = options_.press_interval,
@@ -173,7 +175,7 @@ Status LibvirtGuestControl::Begin() {
   }
   {
     const MutexLock lock(maintenance_mutex_);
-    threads_ += networks_ ? 3 : 2;
+    threads_ += networks_ ? 4 : 3;
   }
   const auto run = [this](void (LibvirtGuestControl::*work)()) {
     (this->*work)();
@@ -184,6 +186,7 @@ Status LibvirtGuestControl::Begin() {
   maintenance_thread_ = std::thread(run, &LibvirtGuestControl::Maintain);
   watch_thread_ = std::thread(run, &LibvirtGuestControl::WatchRecords);
   if (networks_) networks_thread_ = std::thread(run, &LibvirtGuestControl::WatchNetworks);
+  autorun_thread_ = std::thread(run, &LibvirtGuestControl::RunAutoruns);
   return {};
 }
 
@@ -270,7 +273,7 @@ void LibvirtGuestControl::RetryUnfinished() {
         creations_.Finish(guest_id);
         edits_.Finish(guest_id);
         deletion_.Finish(guest_id);
-        FinishRestore(guest_id);
+        (void)FinishRestore(guest_id);
         ReconcileAndRelease(*std::move(guard), guest_id);
         retry = {now + retry.delay, std::min<std::chrono::milliseconds>(2 * retry.delay, kMaxRetryDelay)};
       }

@@ -37,6 +37,9 @@ struct GuestControlOptions {
   std::chrono::milliseconds press_interval = std::chrono::seconds(5);
   // How often failed work is retried, and running guests are reconciled.
   std::chrono::milliseconds maintenance_interval = std::chrono::seconds(5);
+  // The pause between two guests that are started after a boot, and how long one that cannot be started waits at first.
+  std::chrono::milliseconds autorun_interval = std::chrono::seconds(2);
+  std::chrono::milliseconds autorun_retry_wait = std::chrono::seconds(10);
   // How long a fence waits for the end of a start that it has cancelled; its caller waits for 30 seconds.
   std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
   // How long an edit waits for another one of the same guest; its caller waits for 30 seconds or more.
@@ -74,7 +77,8 @@ class GuestControl {
  public:
   // Opens the hypervisor, and then makes records and hypervisor consistent: guests that run according to their records
   // are started again where the hypervisor forgets them (test mode), the states that it reports are stored, and
-  // deletions are finished. An unreachable hypervisor is not an error: the connection is retried, and calls are refused
+  // deletions are finished. After a boot of the machine (see the claim), guests are then started as their "autorun"
+  // says; see autorun.h. An unreachable hypervisor is not an error: the connection is retried, and calls are refused
   // with 949 meanwhile.
   // Errors: kInvalid, kDenied and kUnsupported of the hypervisor's options; those of the store.
   static Result<std::unique_ptr<GuestControl>> Start(GuestControlOptions options);
@@ -92,6 +96,18 @@ class GuestControl {
   // (the system cannot end the guest's process now), 949.
   virtual Result<void, Refusal> PowerOff(const std::string& guest_id, const Requester& requester) = 0;
   virtual Result<void, Refusal> Reboot(const std::string& guest_id, const Requester& requester) = 0;
+  // Pauses a guest that runs: it executes nothing until Resume, and still counts as running for everything else. A
+  // shut-down in progress is given up. A guest that is paused already is not an error. Refusals: 911, 912, 915 (also
+  // while it is being restored), 403, 901, 949; the same for Save.
+  virtual Result<void, Refusal> Suspend(const std::string& guest_id, const Requester& requester) = 0;
+  // Lets a paused guest run, also one that libvirt paused. One that runs is not an error. A guest that stayed paused
+  // because its restore could not be finished is resumed only with the files that were checked. Refusals: as above.
+  virtual Result<void, Refusal> Resume(const std::string& guest_id, const Requester& requester) = 0;
+  // Saves the memory of a guest to a file of libvirt, and ends the guest; PowerOn and Restore continue it. When it
+  // cannot be saved, for instance because of a device, it is 901, and the guest goes on.
+  virtual Result<void, Refusal> Save(const std::string& guest_id, const Requester& requester) = 0;
+  // PowerOn of a guest with saved memory. Refusals: those of PowerOn, and 911 without saved memory.
+  virtual Result<void, Refusal> Restore(const std::string& guest_id, const Requester& requester) = 0;
   // For high availability, which must be sure that the guest does not run here: overrides any other operation on it,
   // whichever host the record names, and does nothing when it does not run. A start in progress is cancelled, and has
   // ended when this returns. Refusals: 901, 949.

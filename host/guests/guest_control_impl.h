@@ -48,6 +48,10 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> ShutDown(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> PowerOff(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Reboot(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Suspend(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Resume(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Save(const std::string& guest_id, const Requester& requester) override;
+  Result<void, Refusal> Restore(const std::string& guest_id, const Requester& requester) override;
   Result<void, Refusal> Fence(const std::string& guest_id) override;
   Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) override;
   Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) override;
@@ -74,6 +78,8 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
                                 const std::function<Result<void, Refusal>()>& act,
                                 std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
+  // Refuses a guest without a readable record.
+  Result<void, Refusal> CheckRecord(const std::string& guest_id) const;
   // Calls `call` if the guest has a record, and maps the failure to a refusal.
   Result<void, Refusal> CallHypervisor(const std::string& guest_id, const std::function<HypervisorStatus()>& call);
   // The reason to record for a guest that a user powers off now: its domain may have been paused earlier by an I/O
@@ -89,7 +95,30 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> CheckNotRunning(const std::string& guest_id);
 
   // guest_console.cpp
-  Result<void, Refusal> CheckRunsHere(const std::string& guest_id) const;
+  Result<void, Refusal> CheckHasConsole(const std::string& guest_id) const;
+
+  // guest_autorun.cpp
+  struct AutorunAttempts {
+    int count = 0;
+    std::chrono::steady_clock::time_point next;
+  };
+  void PlanAutorunsAfterBoot();
+  // Keeps a guest that a user has started, and may stop again, from being started once more.
+  Result<void, Refusal> ForgetAutorun(const std::string& guest_id, Result<void, Refusal> started);
+  // Starts the guests in the list, one after the other, until it is empty.
+  void RunAutoruns();
+  // False: the list is empty.
+  bool RunNextAutorun(std::map<std::string, AutorunAttempts>& attempts);
+  bool MayAutorun() const;
+  // Starts the guest. False: there is nothing left to do for it.
+  bool IsToBeTriedAgain(const std::string& guest_id, AutorunAttempts& attempts);
+  void LogAutorun(int priority, std::string sentence);
+
+  // guest_suspend.cpp
+  // The run of a guest that runs here, after it was reconciled.
+  Result<records::Run, Refusal> RunHere(const std::string& guest_id);
+  // The same; refuses a guest that is paused until its restore is finished.
+  Result<void, Refusal> CheckRunsHere(const std::string& guest_id);
 
   // guest_fence.cpp
   // 949 from when other hosts considered this host gone until it has stopped the guests that were taken from it.
@@ -112,7 +141,12 @@ class LibvirtGuestControl final : public GuestControl {
 
     bool IsSaved() const { return definition && definition->state == hypervisor::GuestState::kSaved; }
   };
-  Result<void, Refusal> StartGuest(const std::string& guest_id);
+  // What a start may use: a guest with saved memory is always restored from it.
+  enum class StartFrom { kAnything, kSavedMemory };
+  // Starts the guest as its activity `action`.
+  Result<void, Refusal> StartAs(std::string_view action, const std::string& guest_id, const Requester& requester,
+                                StartFrom from);
+  Result<void, Refusal> StartGuest(const std::string& guest_id, StartFrom from);
   // Determines everything that does not need a lock.
   Result<void, Refusal> Prepare(const std::string& guest_id, StartAttempt& attempt);
   Result<void, Refusal> CheckStorageMounted(const records::Guest& guest) const;
@@ -138,8 +172,9 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> ResumeRestored(const std::string& guest_id, CheckedFiles& files);
   Refusal SaveAgain(const std::string& guest_id, const std::string& reason);
   bool IsBeingRestored(const std::string& guest_id, const records::Run& run) const;
-  // The same for a guest that is still paused, because its host was killed, lost libvirt or could not save it.
-  void FinishRestore(const std::string& guest_id);
+  // The same for a guest that is still paused, because its host was killed, lost libvirt or could not save it. Does
+  // nothing to other guests.
+  Result<void, Refusal> FinishRestore(const std::string& guest_id);
 
   // guest_definition.cpp
   // The XML with which this host defines the guest; without an ownership tag when it is handed back to its owner.
@@ -171,7 +206,9 @@ class LibvirtGuestControl final : public GuestControl {
   // Reconciles the guest, and releases it when no other reconciliation is requested.
   void ReconcileAndRelease(GuestActivities::ActivityGuard guard, const std::string& guest_id);
   void ReconcileWhenFree(const std::string& guest_id);
-  Status Restore(const std::string& guest_id, const records::StoredRun& stored);
+  // Removes saved memory of an active guest.
+  Status DiscardOutdatedSaved(const std::string& guest_id);
+  Status RestartForgotten(const std::string& guest_id, const records::StoredRun& stored);
   // False: the domain is not one of this host's guests.
   Result<bool> RecordRunning(const std::string& guest_id, const std::optional<records::StoredRun>& stored);
   Status RecordOff(const std::string& guest_id, const std::optional<records::StoredRun>& stored, bool is_defined);
@@ -269,11 +306,13 @@ class LibvirtGuestControl final : public GuestControl {
   bool stop_requested_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
   // The hypervisor's callbacks may use everything above.
   bool is_open_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
-  // How many threads run: maintenance_thread_, watch_thread_, networks_thread_ and handlers of hypervisor events.
+  // How many threads run: maintenance_thread_, watch_thread_, networks_thread_, autorun_thread_ and handlers of
+  // hypervisor events.
   int threads_ VEXA_GUARDED_BY(maintenance_mutex_) = 0;
   std::thread maintenance_thread_;
   std::thread watch_thread_;
   std::thread networks_thread_;
+  std::thread autorun_thread_;
   // Destroyed first: its callbacks use everything above.
   std::unique_ptr<hypervisor::Hypervisor> hypervisor_;
 };

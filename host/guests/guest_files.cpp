@@ -113,20 +113,19 @@ bool LibvirtGuestControl::IsBeingRestored(const std::string& guest_id, const rec
          !end_reasons_.HasRun(guest_id);
 }
 
-void LibvirtGuestControl::FinishRestore(const std::string& guest_id) {
+Result<void, Refusal> LibvirtGuestControl::FinishRestore(const std::string& guest_id) {
   const auto stored = records::ReadRun(*options_.store, guest_id);
-  if (!stored || !*stored || !IsBeingRestored(guest_id, (*stored)->run)) return;
+  if (!stored) return RefusalOf(stored.error());
+  if (!*stored || !IsBeingRestored(guest_id, (*stored)->run)) return {};
   const auto state = hypervisor_->StateOf(guest_id);
-  if (!state || *state != hypervisor::GuestState::kPaused) return;
+  if (!state) return RefusalOf(state.error());
+  if (*state != hypervisor::GuestState::kPaused) return {};
   // While the database is lost, the record may be old, and another host may run the guest: only a commit shows that
   // none does. The reconciliation that follows reports why it failed.
-  if (!PutRun(guest_id, *stored, (*stored)->run)) return;
+  if (const Status put = PutRun(guest_id, *stored, (*stored)->run); !put) return RefusalOf(put.error());
   auto files = CheckFiles(guest_id, hypervisor_->RunningXmlOf(guest_id));
-  if (!files.ok()) {
-    (void)SaveAgain(guest_id, files.error().reason);
-  } else if (*files) {
-    (void)ResumeRestored(guest_id, **files);
-  }
+  if (!files.ok()) return SaveAgain(guest_id, files.error().reason);
+  return *files ? ResumeRestored(guest_id, **files) : Result<void, Refusal>();
 }
 
 }  // namespace vexa::guests

@@ -57,14 +57,6 @@ void LogResult(const std::string& guest_id, std::string_view action, const Resul
 
 constexpr std::chrono::seconds kReconcileTimeout{5};
 
-// Whether the guest has a readable record in the newest state.
-Status CheckRecord(const store::Store& store, const std::string& guest_id) {
-  const auto reader = records::Reader::Open(store);
-  if (!reader) return reader.error();
-  const auto record = reader->ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
-  return record ? Status() : Status(record.error());
-}
-
 // The state of the guest's repository; "" when it is unknown.
 std::string RepositoryStateOf(const store::Store& store, const std::string& guest_id) {
   using VexaCCC::DB::DashCate;
@@ -106,9 +98,18 @@ Result<void, Refusal> LibvirtGuestControl::Perform(const std::string& guest_id, 
   return done;
 }
 
+// In the newest state.
+Result<void, Refusal> LibvirtGuestControl::CheckRecord(const std::string& guest_id) const {
+  const auto reader = records::Reader::Open(*options_.store);
+  if (!reader) return RefusalOf(reader.error());
+  const auto record = reader->ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
+  if (!record) return RefusalOf(record.error());
+  return {};
+}
+
 Result<void, Refusal> LibvirtGuestControl::CallHypervisor(const std::string& guest_id,
                                                           const std::function<HypervisorStatus()>& call) {
-  if (const Status exists = CheckRecord(*options_.store, guest_id); !exists) return RefusalOf(exists.error());
+  if (const auto allowed = CheckRecord(guest_id); !allowed.ok()) return allowed;
   const HypervisorStatus done = call();
   if (done) return {};
   return RefusalOf(done.error());

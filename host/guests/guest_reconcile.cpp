@@ -81,7 +81,7 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
     const auto stored = records::ReadRun(*options_.store, guest_id);
     if (!stored) return stored.error();
     if (*stored && IsTestMode()) {
-      if (Status restored = Restore(guest_id, **stored); !restored) {
+      if (Status restored = RestartForgotten(guest_id, **stored); !restored) {
         LogFailure(guest_id, "ran on this host and cannot be started again", restored.error().ToString());
       }
     }
@@ -107,7 +107,8 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
       const char* const live_state = *state == GuestState::kPaused                             ? states::freeze
                                      : is_shutting_down || *state == GuestState::kShuttingDown ? states::shutting_down
                                                                                                : states::running;
-      return Observe(guest_id, live_state, sequence);
+      if (Status observed = Observe(guest_id, live_state, sequence); !observed) return observed;
+      return DiscardOutdatedSaved(guest_id);
     }
     shut_downs_->End(guest_id);
     if (state && *state == GuestState::kSaved) {
@@ -132,19 +133,39 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
   }
 }
 
+// A later start would restore it, and the guest's disks have changed since.
+Status LibvirtGuestControl::DiscardOutdatedSaved(const std::string& guest_id) {
+  const auto discarded = hypervisor_->DiscardOutdatedSaved(guest_id);
+  if (!discarded) return discarded.error();
+  if (*discarded) {
+    ::syslog(
+        LOG_WARNING,
+        "The guest %s went on after its memory had been saved, because the save was interrupted. The file with the "
+        "memory was removed",
+        guest_id.c_str());
+  }
+  return {};
+}
+
 // Test mode only: restarts a guest that was running when the hypervisor forgot it, at the end of the process. A guest
-// that was stopped is still known to the hypervisor, or its stored state is that of a guest that is off.
-Status LibvirtGuestControl::Restore(const std::string& guest_id, const records::StoredRun& stored) {
+// that was stopped is still known to the hypervisor, or its stored state is that of a guest that is off. Guests that
+// ended with the machine start as their "autorun" says.
+Status LibvirtGuestControl::RestartForgotten(const std::string& guest_id, const records::StoredRun& stored) {
   if (stored.run.host_id != options_.host_id || stored.run.starting || stored.run.saved) return {};
+  const std::uint64_t incarnation = stored.run.incarnation;
+  if (options_.claim && incarnation != 0 && incarnation < options_.claim->booted()) return {};
   const auto state = hypervisor_->StateOf(guest_id);
   const bool is_forgotten = !state && state.error().kind() == FailureKind::kNoSuchGuest;
-  if (!is_forgotten || !IsLive(StoredState(*options_.store, guest_id))) return {};
+  const std::string state_before = StoredState(*options_.store, guest_id);
+  if (!is_forgotten || !IsLive(state_before)) return {};
   const Result<records::Guest> guest = ReadGuestNow(guest_id);
   if (!guest) return guest.error();
   const Result<std::string> xml = DomainXml(*guest, stored.run.pinned_cpus, OwnershipTag::kOurs);
   if (!xml) return xml.error();
   if (const auto defined = hypervisor_->Define(*xml); !defined) return defined.error();
-  return hypervisor_->Start(guest_id);
+  if (const auto started = hypervisor_->Start(guest_id); !started) return started.error();
+  if (state_before != states::freeze) return {};
+  return hypervisor_->Suspend(guest_id);
 }
 
 Result<std::optional<records::Run>> LibvirtGuestControl::OwnRun(const std::string& guest_id,
@@ -308,7 +329,7 @@ void LibvirtGuestControl::ReconcileAll() {
   for (const std::string& id : ids) {
     auto guard = activities_.TryTakeForReconcile(id);
     if (!guard) continue;
-    FinishRestore(id);
+    (void)FinishRestore(id);
     ReconcileAndRelease(*std::move(guard), id);
   }
 }

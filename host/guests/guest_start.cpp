@@ -38,6 +38,7 @@ std::optional<records::ShutdownCause> CauseOfStartFailure(int code) {
     case host_error::kAlreadyRunning:
     case host_error::kOnOtherHost:
     case host_error::kBusy:
+    case host_error::kNotRunning:
       return std::nullopt;
     default:
       return kBootFailed;
@@ -52,8 +53,17 @@ Json::Value WithoutPending(Json::Value guest) {
 }  // namespace
 
 Result<void, Refusal> LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requester& requester) {
-  return Perform(guest_id, "poweron", requester, [&] {
-    Result<void, Refusal> started = StartGuest(guest_id);
+  return ForgetAutorun(guest_id, StartAs("poweron", guest_id, requester, StartFrom::kAnything));
+}
+
+Result<void, Refusal> LibvirtGuestControl::Restore(const std::string& guest_id, const Requester& requester) {
+  return ForgetAutorun(guest_id, StartAs("restore", guest_id, requester, StartFrom::kSavedMemory));
+}
+
+Result<void, Refusal> LibvirtGuestControl::StartAs(std::string_view action, const std::string& guest_id,
+                                                   const Requester& requester, StartFrom from) {
+  return Perform(guest_id, action, requester, [&] {
+    Result<void, Refusal> started = StartGuest(guest_id, from);
     if (started.ok()) return started;
     // The reconciliation that follows stores why the guest is off.
     const auto cause = CauseOfStartFailure(started.error().code);
@@ -63,10 +73,13 @@ Result<void, Refusal> LibvirtGuestControl::PowerOn(const std::string& guest_id, 
   });
 }
 
-Result<void, Refusal> LibvirtGuestControl::StartGuest(const std::string& guest_id) {
+Result<void, Refusal> LibvirtGuestControl::StartGuest(const std::string& guest_id, StartFrom from) {
   const Starts::Start start(starts_, guest_id);
   StartAttempt attempt;
   if (const auto allowed = Prepare(guest_id, attempt); !allowed.ok()) return allowed;
+  if (from == StartFrom::kSavedMemory && !attempt.IsSaved()) {
+    return Refusal{host_error::kNotRunning, "The guest has no saved memory"};
+  }
   end_reasons_.Forget(guest_id);
   if (const auto allowed = Reserve(attempt); !allowed.ok()) return allowed;
   BeforeStep("poweron: reserved");
@@ -98,6 +111,9 @@ Result<void, Refusal> LibvirtGuestControl::Prepare(const std::string& guest_id, 
   }
   const auto state = hypervisor_->StateOf(guest_id);
   if (!state && state.error().kind() != FailureKind::kNoSuchGuest) return RefusalOf(state.error());
+  if (state && *state == hypervisor::GuestState::kPaused) {
+    return Refusal{host_error::kAlreadyRunning, "The guest is suspended. Resume it with 'vexa guest resume'"};
+  }
   if (state && IsActive(*state)) return Refusal{host_error::kAlreadyRunning, "The guest runs"};
   // Cleans up after an earlier run first, and records its end.
   Reconcile(guest_id);

@@ -147,6 +147,9 @@ class Hypervisor {
   virtual Result<void, Failure> Undefine(const std::string& id, UndefineScope scope) = 0;
   // Removes the saved memory of a guest that is off. Having none is not an error.
   virtual Result<void, Failure> DiscardSaved(const std::string& id) = 0;
+  // Removes saved memory of a guest that is active. It is outdated: a save or a restore was interrupted, and the guest
+  // went on. False: there is none, or the guest may just be being saved or restored.
+  virtual Result<bool, Failure> DiscardOutdatedSaved(const std::string& id) = 0;
 
   virtual Result<Definition, Failure> DefinitionOf(const std::string& id) = 0;
   // The XML of the guest's configuration for its next start.
@@ -166,10 +169,14 @@ class Hypervisor {
   // Starts a guest with saved memory, which is used up, and leaves it paused: not a single instruction of the guest has
   // run. Drivers that cannot start paused let it run. Failures: those of Start.
   virtual Result<void, Failure> Restore(const std::string& id) = 0;
+  // Pauses a running guest: it keeps its memory, and executes nothing. One that is paused already is not an error.
+  // Failures: kNotRunning.
+  virtual Result<void, Failure> Suspend(const std::string& id) = 0;
   // Lets a paused guest run. One that runs already is not an error. Failures: kNotRunning.
   virtual Result<void, Failure> Resume(const std::string& id) = 0;
   // Saves the memory of an active guest in a file of libvirt, and ends the guest. A start of the guest restores it, and
-  // it runs then even if it is paused now. Failures: kNotRunning.
+  // it runs then even if it is paused now. Failures: kNotRunning, kFailed (also for a guest with a device that cannot
+  // be saved).
   virtual Result<void, Failure> Save(const std::string& id) = 0;
   // Asks the guest's agent if there is one, otherwise presses the power button once. Does not wait for the guest to go
   // off, and a press before the guest's operating system listens is lost. Failures: kNotRunning.

@@ -4,6 +4,7 @@
 #include <pugixml.hpp>
 #include <string_view>
 
+#include "host/base/uuid.h"
 #include "host/domain_xml/domain_build.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 
@@ -75,6 +76,21 @@ Result<void, Failure> LibvirtHypervisor::DiscardSaved(const std::string& id) {
   if (!HasSavedMemory(guest->domain.get())) return {};
   if (virDomainManagedSaveRemove(guest->domain.get(), 0) == 0) return {};
   return GuestFailure(*guest, Operation::kUndefine, fmt::format("Cannot remove the saved memory of the guest {}", id));
+}
+
+Result<bool, Failure> LibvirtHypervisor::DiscardOutdatedSaved(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  if (!HasSavedMemory(guest->domain.get())) return false;
+  // A save that has succeeded since then has ended the guest, and one that has failed has removed its file.
+  const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
+  virDomainJobInfo job{};
+  const bool has_no_job = virDomainGetJobInfo(guest->domain.get(), &job) == 0 && job.type == VIR_DOMAIN_JOB_NONE;
+  const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
+  if (!has_no_job || !state || !IsActive(*state)) return false;
+  if (virDomainManagedSaveRemove(guest->domain.get(), 0) == 0) return true;
+  return MakeFailure(guest->connection, Operation::kUndefine,
+                     fmt::format("Cannot remove the outdated saved memory of the guest {}, which runs", id));
 }
 
 Result<Definition, Failure> LibvirtHypervisor::DefinitionOf(const std::string& id) {

@@ -8,7 +8,15 @@
 namespace vexa::hypervisor {
 
 // The attempted operation: some of libvirt's codes mean different things in different operations.
-enum class Operation { kOpen, kDefine, kUndefine, kStart, kStop, kRead };
+enum class Operation {
+  kOpen,
+  kDefine,
+  kUndefine,
+  kStart,
+  kStop,
+  kSuspend,  // also resuming and saving; an invalid operation need not mean that the guest does not run
+  kRead,
+};
 
 // The kind of an error; kFailed for errors that callers cannot act on. Pure.
 FailureKind ClassifyError(Operation operation, const virError& error);

@@ -172,7 +172,8 @@ Failure LibvirtHypervisor::GuestFailure(const DomainOnConnection& guest, Operati
   if (!state) return failure;
   const bool start = operation == Operation::kStart;
   if (start && IsActive(*state)) return {FailureKind::kAlreadyRunning, failure.message(), failure.cause()};
-  const bool needs_running = operation == Operation::kStop || operation == Operation::kRead;
+  const bool needs_running =
+      operation == Operation::kStop || operation == Operation::kSuspend || operation == Operation::kRead;
   if (needs_running && !IsActive(*state)) {
     return {FailureKind::kNotRunning, failure.message(), failure.cause()};
   }

@@ -68,6 +68,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<std::string, Failure> Define(const std::string& xml) override;
   Result<void, Failure> Undefine(const std::string& id, UndefineScope scope) override;
   Result<void, Failure> DiscardSaved(const std::string& id) override;
+  Result<bool, Failure> DiscardOutdatedSaved(const std::string& id) override;
   Result<Definition, Failure> DefinitionOf(const std::string& id) override;
   Result<std::string, Failure> XmlOf(const std::string& id) override;
   Result<std::string, Failure> SavedXmlOf(const std::string& id) override;
@@ -76,6 +77,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<void, Failure> SetAutostart(const std::string& id, bool autostart) override;
   Result<void, Failure> Start(const std::string& id) override;
   Result<void, Failure> Restore(const std::string& id) override;
+  Result<void, Failure> Suspend(const std::string& id) override;
   Result<void, Failure> Resume(const std::string& id) override;
   Result<void, Failure> Save(const std::string& id) override;
   Result<void, Failure> ShutDown(const std::string& id) override;

@@ -115,6 +115,16 @@ Result<void, Failure> LibvirtHypervisor::Restore(const std::string& id) {
   });
 }
 
+Result<void, Failure> LibvirtHypervisor::Suspend(const std::string& id) {
+  const std::string failed = fmt::format("Cannot suspend the guest {}", id);
+  const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  if (!guest) return guest.error();
+  const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
+  if (StateOfDomain(guest->domain.get()) == GuestState::kPaused) return {};
+  if (virDomainSuspend(guest->domain.get()) == 0) return {};
+  return GuestFailure(*guest, Operation::kSuspend, failed);
+}
+
 Result<void, Failure> LibvirtHypervisor::Resume(const std::string& id) {
   const std::string failed = fmt::format("Cannot resume the guest {}", id);
   const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
@@ -122,7 +132,7 @@ Result<void, Failure> LibvirtHypervisor::Resume(const std::string& id) {
   const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
   if (StateOfDomain(guest->domain.get()) == GuestState::kRunning) return {};
   if (virDomainResume(guest->domain.get()) == 0) return {};
-  return GuestFailure(*guest, Operation::kStop, failed);
+  return GuestFailure(*guest, Operation::kSuspend, failed);
 }
 
 Result<void, Failure> LibvirtHypervisor::Save(const std::string& id) {
@@ -131,7 +141,7 @@ Result<void, Failure> LibvirtHypervisor::Save(const std::string& id) {
   if (!guest) return guest.error();
   const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
   if (virDomainManagedSave(guest->domain.get(), VIR_DOMAIN_SAVE_RUNNING) == 0) return {};
-  return GuestFailure(*guest, Operation::kStop, failed);
+  return GuestFailure(*guest, Operation::kSuspend, failed);
 }
 
 Result<void, Failure> LibvirtHypervisor::ShutDown(const std::string& id) {

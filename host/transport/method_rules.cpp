@@ -44,6 +44,10 @@ constexpr Row kRows[] = {
     {"VEXA.CCC.Guest", "shutdown", kDefault, CallPriority::kAlways},
     {"VEXA.CCC.Guest", "poweroff", kDefault, CallPriority::kAlways},
     {"VEXA.CCC.Guest", "reboot", kDefault, CallPriority::kAlways},
+    {"VEXA.CCC.Guest", "suspend", kDefault, CallPriority::kAlways},
+    {"VEXA.CCC.Guest", "resume", kDefault, CallPriority::kAlways},
+    {"VEXA.CCC.Guest", "save", kDefault, CallPriority::kAlways},
+    {"VEXA.CCC.Guest", "restore", kDefault, CallPriority::kAlways},
 };
 
 constexpr std::string_view kCompoundApi = "VEXA.Entry.Request";

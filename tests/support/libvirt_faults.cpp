@@ -20,6 +20,7 @@ Function* Real(const char* name) {
 thread_local std::optional<vexa::test::LibvirtError> start_error;
 thread_local std::optional<vexa::test::LibvirtError> stop_error;
 thread_local std::optional<vexa::test::LibvirtError> save_error;
+thread_local std::optional<vexa::test::LibvirtError> suspend_error;
 thread_local std::optional<vexa::test::LibvirtError> resume_error;
 thread_local std::optional<vexa::test::LibvirtError> networks_error;
 // The last fault of this thread; it remains the last error until the fault ends.
@@ -65,6 +66,12 @@ FailingStops::~FailingStops() {
 FailingSaves::FailingSaves(const LibvirtError& error) { save_error = error; }
 FailingSaves::~FailingSaves() {
   save_error.reset();
+  met.reset();
+}
+
+FailingSuspends::FailingSuspends(const LibvirtError& error) { suspend_error = error; }
+FailingSuspends::~FailingSuspends() {
+  suspend_error.reset();
   met.reset();
 }
 
@@ -209,6 +216,13 @@ int virDomainManagedSave(virDomainPtr domain, unsigned int flags) {
   static auto* const real = Real<int(virDomainPtr, unsigned int)>("virDomainManagedSave");
   if (!save_error) return real(domain, flags);
   met = save_error;
+  return -1;
+}
+
+int virDomainSuspend(virDomainPtr domain) {
+  static auto* const real = Real<int(virDomainPtr)>("virDomainSuspend");
+  if (!suspend_error) return real(domain);
+  met = suspend_error;
   return -1;
 }
 

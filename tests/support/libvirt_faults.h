@@ -39,6 +39,13 @@ class FailingSaves : private NotCopyable {
   ~FailingSaves();
 };
 
+// The same for pausing a guest.
+class FailingSuspends : private NotCopyable {
+ public:
+  explicit FailingSuspends(const LibvirtError& error);
+  ~FailingSuspends();
+};
+
 // The same for letting a paused guest run.
 class FailingResumes : private NotCopyable {
  public:

@@ -153,6 +153,33 @@ std::string LibvirtUser::Snapshot(const std::string& id) const {
          (IsSaved(id) ? ", saved" : "");
 }
 
+std::string LibvirtUser::State(const std::string& id) const {
+  return CallOnDomain<std::string>(uri_, id, "", [](virDomainPtr domain) -> std::string {
+    int state = VIR_DOMAIN_NOSTATE;
+    if (virDomainGetState(domain, &state, nullptr, 0) != 0) return "";
+    switch (state) {
+      case VIR_DOMAIN_RUNNING:
+        return "running";
+      case VIR_DOMAIN_PAUSED:
+        return "paused";
+      case VIR_DOMAIN_SHUTOFF:
+        return "shut off";
+      default:
+        return "state " + std::to_string(state);
+    }
+  });
+}
+
+std::optional<std::chrono::milliseconds> LibvirtUser::GuestTime(const std::string& id) const {
+  using Time = std::optional<std::chrono::milliseconds>;
+  return CallOnDomain<Time>(uri_, id, std::nullopt, [](virDomainPtr domain) -> Time {
+    long long seconds = 0;
+    unsigned nanoseconds = 0;
+    if (virDomainGetTime(domain, &seconds, &nanoseconds, 0) != 0) return std::nullopt;
+    return std::chrono::milliseconds(seconds * 1000 + nanoseconds / 1'000'000);
+  });
+}
+
 bool LibvirtUser::IsActive(const std::string& id) const {
   return CallOnDomain<bool>(uri_, id, false, [](virDomainPtr domain) { return virDomainIsActive(domain) == 1; });
 }

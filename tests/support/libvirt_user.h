@@ -1,6 +1,8 @@
 // A user who works with libvirt directly, beside a host, as with virsh.
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,10 @@ class LibvirtUser {
   // What must stay unchanged in a user's domain, as one text: XML, autostart, whether it runs and is saved.
   std::string Snapshot(const std::string& id) const;
   bool IsKnown(const std::string& id) const { return !Xml(id).empty(); }
+  // As `virsh domstate` prints it: "running", "paused", "shut off"; empty when it cannot be read.
+  std::string State(const std::string& id) const;
+  // The guest's own clock, as its agent reports it. Not set: the agent does not answer.
+  std::optional<std::chrono::milliseconds> GuestTime(const std::string& id) const;
   bool IsActive(const std::string& id) const;
   bool IsSaved(const std::string& id) const;
   bool IsAutostarting(const std::string& id) const;

@@ -25,6 +25,10 @@ class ScriptedGuests final : public guests::GuestControl {
     return Note("poweroff", id, by);
   }
   Result<void, Refusal> Reboot(const std::string& id, const Requester& by) override { return Note("reboot", id, by); }
+  Result<void, Refusal> Suspend(const std::string& id, const Requester& by) override { return Note("suspend", id, by); }
+  Result<void, Refusal> Resume(const std::string& id, const Requester& by) override { return Note("resume", id, by); }
+  Result<void, Refusal> Save(const std::string& id, const Requester& by) override { return Note("save", id, by); }
+  Result<void, Refusal> Restore(const std::string& id, const Requester& by) override { return Note("restore", id, by); }
   Result<void, Refusal> Fence(const std::string& id) override { return Note("fence", id, {}); }
   Result<void, Refusal> Delete(const std::string& id, const Requester& by) override { return Note("delete", id, by); }
   Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& by) override {

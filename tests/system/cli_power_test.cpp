@@ -82,6 +82,18 @@ TEST_F(Power, Command_SendsMatchingApiAction) {
   }
 }
 
+TEST_F(Power, SuspendAndSave_CallTheirMethods) {
+  for (const Verb& verb :
+       {Verb{"suspend", "suspend", "web-1: suspended\n"}, Verb{"resume", "resume", "web-1: resumed\n"},
+        Verb{"save", "save", "web-1: saved\n"}, Verb{"restore", "restore", "web-1: restored\n"}}) {
+    const ApiHost host(SucceedAlways());
+    const auto result = RunOn(host, {"guest", verb.word, "web-1"});
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    EXPECT_EQ(result.output, verb.expected);
+    EXPECT_EQ(host.calls().back(), std::string(verb.action) + R"( {"guest_id":"g1"})");
+  }
+}
+
 TEST_F(Power, Power_Failures_ShowMessageCodeAndReason) {
   const ApiHost host(With([](const auto&, const Json::Value& parameters) {
     if (Name(parameters, "guest_id") != "g2") return ApiHost::Success();

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/daemon/host_id.h"
+#include "host/records/host_claim_record.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
@@ -105,8 +107,10 @@ class KilledDaemon : public testing::Test {
   // The error code, 0 for a success, -1 for no reply.
   static int Ask(HttpClient& client, int guest, const std::string& action) {
     const std::string id = "{\"guest_id\":\"" + GuestId(guest) + "\"";
-    const vexa::test::HttpReply reply = action == "delete"
-                                            ? client.PostJson("/webapi/VEXA.Virtualization.Guest/delete", id + "}")
+    static const std::vector<std::string> methods{"delete", "suspend", "resume", "save", "restore"};
+    const bool is_method = std::ranges::find(methods, action) != methods.end();
+    const vexa::test::HttpReply reply = is_method
+                                            ? client.PostJson("/webapi/VEXA.Virtualization.Guest/" + action, id + "}")
                                             : client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl",
                                                               id + ",\"action\":\"" + action + "\"}");
     if (!reply.arrived()) return -1;
@@ -206,7 +210,9 @@ class KilledDaemon : public testing::Test {
       return;
     }
     const auto state = keys.find(vexa::store::MakeKey({"dash", "guest", id, "state"}));
-    const bool is_running = state != keys.end() && state->second == json::ToText(states::running);
+    // A daemon in test mode runs its suspended guests suspended, and loses the memory of saved ones.
+    const bool is_running = state != keys.end() && (state->second == json::ToText(states::running) ||
+                                                    state->second == json::ToText(states::freeze));
     if (state != keys.end() && !is_running) {
       EXPECT_EQ(state->second, json::ToText(states::shutdown));
     }
@@ -255,8 +261,8 @@ TEST_F(KilledDaemon, Kill_AtAnyMoment_LeavesNothingHalfMade) {
           HttpClient own = Client();
           std::mt19937 choices(choice);
           for (int step = 0; step < 100; ++step) {
-            static const std::vector<std::string> actions{"poweron",  "poweroff", "poweron",
-                                                          "shutdown", "reboot",   "delete"};
+            static const std::vector<std::string> actions{"poweron", "poweroff", "poweron", "shutdown", "reboot",
+                                                          "suspend", "resume",   "save",    "restore",  "delete"};
             const int code = Ask(own, i, actions[choices() % actions.size()]);
             if (code == -1) {
               ++unanswered;
@@ -289,6 +295,55 @@ TEST_F(KilledDaemon, Kill_AtAnyMoment_LeavesNothingHalfMade) {
   ExpectCreatedAreWhole();
   // Else nothing was killed in the middle.
   EXPECT_GE(interrupted, VEXA_KILL_ROUNDS / 2);
+}
+
+// The boot of the machine is one that the daemon has not seen.
+TEST_F(KilledDaemon, MachineBooted_StartsGuestsOfTheirSetting) {
+  const auto set_autorun = [&](int guest, int autorun) {
+    const std::string key = Key("guest", GuestId(guest));
+    Json::Value record = Require(vexa::ParseJson(Require(Require(store_->Read())->Get(key))->text));
+    record["autorun"] = autorun;
+    (void)Require(store_->Commit({{}, {{key, json::ToText(record)}}}));
+  };
+  const auto is_running = [&](int guest) {
+    return Keys()[vexa::store::MakeKey({"dash", "guest", GuestId(guest), "state"})] == json::ToText(states::running);
+  };
+  set_autorun(0, 0);
+  set_autorun(1, 1);
+  set_autorun(2, 2);
+  set_autorun(3, 2);
+  {
+    const auto daemon = Start();
+    HttpClient client = Client();
+    EXPECT_EQ(Ask(client, 0, "poweron"), 0);
+    EXPECT_EQ(Ask(client, 2, "poweron"), 0);
+    daemon->Signal(SIGKILL);
+    EXPECT_TRUE(daemon->Wait(30s));
+  }
+  const std::string key = vexa::records::HostClaimKey(host_id_);
+  Json::Value claim = Require(vexa::ParseJson(Require(Require(store_->Read())->Get(key))->text));
+  EXPECT_NE(claim["boot"].asString(), "");
+  claim["boot"] = "an earlier one";
+  (void)Require(store_->Commit({{}, {{key, json::ToText(claim)}}}));
+  {
+    const auto daemon = Start();
+    const auto end = std::chrono::steady_clock::now() + 60s;
+    while (!(is_running(1) && is_running(2)) && std::chrono::steady_clock::now() < end)
+      std::this_thread::sleep_for(20ms);
+    EXPECT_TRUE(daemon->WaitForText("The guest " + GuestId(1) + " was started with the machine.", 30s));
+    EXPECT_TRUE(daemon->WaitForText("The guest " + GuestId(2) + " was started with the machine.", 30s));
+    EXPECT_FALSE(is_running(0)) << "never";
+    EXPECT_FALSE(is_running(3)) << "it did not run before";
+    HttpClient client = Client();
+    EXPECT_EQ(Ask(client, 1, "poweroff"), 0);
+    daemon->Signal(SIGTERM);
+    EXPECT_TRUE(daemon->Wait(60s));
+  }
+  const auto daemon = Start();
+  HttpClient client = Client();
+  EXPECT_EQ(Ask(client, 2, "poweron"), kAlreadyRunning);
+  std::this_thread::sleep_for(3s);
+  EXPECT_FALSE(is_running(1)) << "the machine was not booted";
 }
 
 TEST_F(KilledDaemon, GracefulStop_LosesNoRunningGuest) {

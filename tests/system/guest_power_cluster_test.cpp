@@ -191,6 +191,38 @@ TEST_F(GuestPowerCluster, Release_GuestOfOtherHost_IsDoneThere) {
   EXPECT_THAT(log, HasSubstr("The virtual machine [web-1] has been released to libvirt."));
 }
 
+TEST_F(GuestPowerCluster, SuspendAndSave_GuestOfOtherHost_AreDoneThere) {
+  const auto ask = [&](const std::string& method) {
+    return CodeOf(Call(0, "VEXA.Virtualization.Guest/" + method, R"({"guest_id":")" + std::string(kGuest) + "\"}"));
+  };
+  EXPECT_EQ(ask("suspend"), 911) << "it is off";
+  EXPECT_EQ(ask("resume"), 911);
+  EXPECT_EQ(ask("save"), 911);
+  EXPECT_EQ(ask("restore"), 911) << "nothing is saved";
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  EXPECT_EQ(ask("suspend"), 0);
+  ExpectState(states::freeze);
+  EXPECT_EQ(Power(0, "poweron"), 939) << "it counts as running";
+  EXPECT_EQ(ask("restore"), 910);
+  EXPECT_NE(Delete(0), 0);
+  EXPECT_EQ(ask("resume"), 0);
+  ExpectState(states::running);
+  EXPECT_EQ(ask("save"), 0);
+  ExpectState(states::saved);
+  EXPECT_EQ(ask("restore"), 0);
+  ExpectState(states::running);
+  const std::string log = json::ToText(Call(0, "VEXA.Virtualization.Log/list", "{}"));
+  for (const char* sentence :
+       {"Failed to suspend the virtual machine [web-1].", "Failed to resume the virtual machine [web-1].",
+        "Failed to save the memory of the virtual machine [web-1].",
+        "Failed to restore the virtual machine [web-1] from its saved memory.",
+        "The virtual machine [web-1] has been suspended.", "The virtual machine [web-1] has been resumed.",
+        "The memory of the virtual machine [web-1] has been saved.",
+        "The virtual machine [web-1] has been restored from its saved memory."}) {
+    EXPECT_THAT(log, HasSubstr(sentence));
+  }
+}
+
 TEST_F(GuestPowerCluster, StalledHost_Actions_OtherHostsGuestsAreNotDelayed) {
   EXPECT_EQ(Power(0, "reboot"), 905) << "now there is a connection, over which a call can hang";
   Suspend(1);

@@ -92,12 +92,15 @@ std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts) {
     more.insert(more.end(), any_method.begin(), any_method.end());
     return more;
   };
+  const auto of_starts = [](std::vector<int> more) {
+    more.insert(more.end(), {host_error::kAlreadyRunning, host_error::kOnOtherHost, host_error::kNoNetwork,
+                             host_error::kTooManyVcpus, host_error::kNoMemory, host_error::kRemoteNotVirtio,
+                             host_error::kNoCpuThreads, host_error::kRemoteEfi, host_error::kIncompatibleCpu});
+    return more;
+  };
   return {
       HostRow("VEXA.CCC.Guest", "poweron", kLong, ActionHandler(parts, &GuestControl::PowerOn),
-              "Starts a guest of this host, and answers when it runs.", {guest},
-              with({host_error::kAlreadyRunning, host_error::kOnOtherHost, host_error::kNoNetwork,
-                    host_error::kTooManyVcpus, host_error::kNoMemory, host_error::kRemoteNotVirtio,
-                    host_error::kNoCpuThreads, host_error::kRemoteEfi, host_error::kIncompatibleCpu})),
+              "Starts a guest of this host, and answers when it runs.", {guest}, with(of_starts({}))),
       HostRow("VEXA.CCC.Guest", "shutdown", kLong, ActionHandler(parts, &GuestControl::ShutDown),
               "Asks a guest to shut down, repeatedly, and gives up when it is still on after some minutes.", {guest},
               with({host_error::kNotRunning})),
@@ -111,6 +114,16 @@ std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts) {
           with({host_error::kNotRunning})),
       HostRow("VEXA.CCC.Guest", "reboot", kLong, ActionHandler(parts, &GuestControl::Reboot), "Asks a guest to reboot.",
               {guest}, with({host_error::kNotRunning})),
+      HostRow("VEXA.CCC.Guest", "suspend", kLong, ActionHandler(parts, &GuestControl::Suspend),
+              "Pauses a guest of this host.", {guest}, with({host_error::kNotRunning, host_error::kOnOtherHost})),
+      HostRow("VEXA.CCC.Guest", "resume", kLong, ActionHandler(parts, &GuestControl::Resume),
+              "Lets a paused guest run.", {guest}, with({host_error::kNotRunning, host_error::kOnOtherHost})),
+      HostRow("VEXA.CCC.Guest", "save", kLong, ActionHandler(parts, &GuestControl::Save),
+              "Saves the memory of a guest to a file of this host, and ends the guest.", {guest},
+              with({host_error::kNotRunning, host_error::kOnOtherHost})),
+      HostRow("VEXA.CCC.Guest", "restore", kLong, ActionHandler(parts, &GuestControl::Restore),
+              "Starts a guest from its saved memory, and answers when it runs.", {guest},
+              with(of_starts({host_error::kNotRunning}))),
       HostRow("VEXA.CCC.Guest", "delete", kLong, ActionHandler(parts, &GuestControl::Delete),
               "Deletes a guest that is off, and its disks.", {guest}, with({host_error::kAlreadyRunning})),
       HostRow("VEXA.CCC.Guest", "discard_saved", kLong, ActionHandler(parts, &GuestControl::DiscardSaved),

@@ -1,4 +1,4 @@
-// Methods for users about what libvirt stores for guests: saved memory, and definitions.
+// Methods for users that suspend and save guests, or are about what libvirt stores for them: saved memory, definitions.
 #pragma once
 
 #include <vector>
@@ -7,7 +7,7 @@
 
 namespace vexa::api {
 
-// VEXA.Virtualization.Guest discard_saved, release. Each asks the guest's host.
+// VEXA.Virtualization.Guest suspend, resume, save, restore, discard_saved, release. Each asks the guest's host.
 std::vector<ApiRow> GuestSavedStateRows();
 
 }  // namespace vexa::api

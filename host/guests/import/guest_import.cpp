@@ -89,6 +89,7 @@ Result<void, Refusal> GuestImport::Import(const ImportRequest& request, Imported
   imported = {};
   Result<domain_xml::ImportedGuest> parsed = Parse(request, options_.own_host_id);
   if (!parsed) return Refusal{kBadDefinition, parsed.error().ToString()};
+  if (request.autostart) parsed->guest[keys::autorun] = 1;
   Attempt attempt{request, std::move(*parsed), ""};
   const domain_xml::ImportedGuest& guest = attempt.guest;
   attempt.name = json::String(json::Member(guest.guest, "name"));

@@ -83,6 +83,7 @@ TEST_F(Services, Rows_Each_IsForHostsAndVersionOne) {
           "VEXA.CCC.Guest check_repo_cap", "VEXA.CCC.Guest create", "VEXA.CCC.Guest check_resource",
           "VEXA.CCC.Guest delete", "VEXA.CCC.Guest discard_saved", "VEXA.CCC.Guest get_info", "VEXA.CCC.Guest hostset",
           "VEXA.CCC.Guest poweroff", "VEXA.CCC.Guest poweron", "VEXA.CCC.Guest reboot", "VEXA.CCC.Guest release",
+          "VEXA.CCC.Guest restore", "VEXA.CCC.Guest resume", "VEXA.CCC.Guest save", "VEXA.CCC.Guest suspend",
           "VEXA.CCC.Guest screenshot", "VEXA.CCC.Guest set", "VEXA.CCC.Guest shutdown", "VEXA.CCC.Guest type",
           "VEXA.CCC.VDisk list", "VEXA.Core.Network.Bond get", "VEXA.Core.Network.Ethernet get",
           "VEXA.Core.Network.Interface list", "VEXA.Core.Storage.Volume get", "VEXA.Core.System info",

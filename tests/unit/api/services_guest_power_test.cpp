@@ -38,11 +38,13 @@ class GuestPowerRowsTest : public ::testing::Test {
 };
 
 TEST_F(GuestPowerRowsTest, EachMethod_CallsItsGuestControlFunction) {
-  const char* const methods[] = {"poweron", "shutdown", "poweroff", "reboot", "delete", "discard_saved", "release"};
+  const char* const methods[] = {"poweron", "shutdown", "poweroff", "reboot",        "suspend", "resume",
+                                 "save",    "restore",  "delete",   "discard_saved", "release"};
   for (const char* method : methods) EXPECT_EQ(Call(method).code, 0);
   const std::string by = std::string(" ") + kGuest + " /h/";
   EXPECT_THAT(guests_.asked(), ElementsAre("poweron" + by, "shutdown" + by, "poweroff" + by, "reboot" + by,
-                                           "delete" + by, "discard_saved" + by, "release" + by));
+                                           "suspend" + by, "resume" + by, "save" + by, "restore" + by, "delete" + by,
+                                           "discard_saved" + by, "release" + by));
 }
 
 TEST_F(GuestPowerRowsTest, PowerOffForHighAvailability_Fences) {
@@ -129,7 +131,7 @@ TEST_F(GuestPowerRowsTest, Power_NoHypervisor_IsUnavailable) {
 }
 
 TEST_F(GuestPowerRowsTest, Rows_Each_UsesLongLaneAndIsForHosts) {
-  EXPECT_EQ(table_.rows().size(), 8u);
+  EXPECT_EQ(table_.rows().size(), 12u);
   for (const ApiRow& row : table_.rows()) {
     EXPECT_EQ(row.access.value, Access::kHost) << row.method;
     EXPECT_EQ(row.lane.value, LaneKind::kLong) << row.method;

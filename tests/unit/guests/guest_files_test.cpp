@@ -278,6 +278,42 @@ TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeResumed_IsSavedAgain) {
   EXPECT_EQ(State(id_), states::running);
 }
 
+// It has not run since its memory was read, and nobody has compared its files.
+TEST_F(GuestFiles, StayedPaused_OnlyResumeWithCheckedFilesLetsItRun) {
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path);
+  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  after_start_ = [&] { test::PauseAsUser(id_); };
+  {
+    const test::FailingResumes unresumed({VIR_ERR_OPERATION_FAILED, "no lease"});
+    const test::FailingSaves unsaved({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+    EXPECT_REFUSED(control_->Restore(id_, kAlice), 949, "no lease. The guest stays paused");
+    EXPECT_REFUSED(control_->Resume(id_, kAlice), 949, "no lease. The guest stays paused");
+  }
+  constexpr auto kNotRun =
+      "The guest was restored from its saved memory and has not run yet. The system log has the reason";
+  EXPECT_REFUSED(control_->Suspend(id_, kAlice), 915, kNotRun);
+  EXPECT_REFUSED(control_->Save(id_, kAlice), 915, kNotRun);
+  EXPECT_EQ(State(id_), states::freeze);
+  EXPECT_DONE(control_->Resume(id_, kAlice));
+  EXPECT_EQ(State(id_), states::running);
+  EXPECT_FALSE(RunOf(id_)->starting);
+  EXPECT_DONE(control_->Suspend(id_, kAlice));
+}
+
+TEST_F(GuestFiles, Resume_StayedPausedWithOtherFiles_IsSavedAgain) {
+  ASSERT_NO_FATAL_FAILURE(SaveAndReplaceDisk());
+  after_start_ = [&] { test::PauseAsUser(id_); };
+  {
+    const test::FailingSaves failing({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+    EXPECT_REFUSED(control_->Restore(id_, kAlice), 949, "The guest stays paused");
+  }
+  EXPECT_REFUSED(control_->Resume(id_, kAlice), 949, "The guest's memory was saved again");
+  EXPECT_EQ(State(id_), states::saved);
+  EXPECT_TRUE(RunOf(id_)->saved);
+}
+
 TEST_F(GuestFiles, PowerOn_GuestCannotBeEnded_IsReported) {
   PutGuest(id_, "web-3");
   OpenInstead(File("backing"));

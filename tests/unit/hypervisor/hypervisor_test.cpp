@@ -397,6 +397,7 @@ TEST(ClassifyError, ClassifyError_SameCode_DependsOnOperation) {
   EXPECT_EQ(ClassifyError(Operation::kStart, error), FailureKind::kAlreadyRunning);
   EXPECT_EQ(ClassifyError(Operation::kUndefine, error), FailureKind::kAlreadyRunning);
   EXPECT_EQ(ClassifyError(Operation::kStop, error), FailureKind::kNotRunning);
+  EXPECT_EQ(ClassifyError(Operation::kSuspend, error), FailureKind::kFailed);
   EXPECT_EQ(ClassifyError(Operation::kRead, error), FailureKind::kNotRunning);
   EXPECT_EQ(ClassifyError(Operation::kDefine, error), FailureKind::kFailed);
   error.code = VIR_ERR_OPERATION_FAILED;
