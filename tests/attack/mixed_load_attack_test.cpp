@@ -40,7 +40,8 @@ constexpr const char* kExpectedLines =
     R"(^vexad: (Performed '(edit|poweron|poweroff)' on guest |User\[[a-z]+\] logged in from )"
     R"(|Login of user\[grace\] from .* failed: The name or the password is wrong )"
     R"(|guest(_action)?:[0-9]+ (Bad parameters, |Action on guest\[|Action not allowed from user\[mallory\]))"
-    R"(|Wrong old password for user\[mallory\] |A call was refused: '[^']*' at [0-9.]* is not a host of this cluster))";
+    R"(|Wrong old password for user\[mallory\] |A call was refused: '[^']*' at [0-9.]* is not a host of this cluster)"
+    R"(|VEXA\.[A-Za-z.]+ [a-z_]+ was refused: '[a-z_]+' has [0-9]+ elements, and may have ))";
 
 struct Sample {
   std::size_t resident = 0;
