@@ -42,8 +42,9 @@ void AddCreateCommand(const Command& app) {
   create.AddOption("--os", options->os, "linux, windows or other").Placeholder("OS");
   create.AddOption("--cpus", options->cpus, "Virtual CPUs").Placeholder("N");
   create.AddOption("--memory", options->memory, "Memory, such as 512MiB or 2GiB").Placeholder("SIZE");
-  AddRepeated(create, "--disk", options->disks, "SIZE[,format=raw][,mode=N]",
-              "An empty disk, such as 20GiB; mode 1 (VirtIO), 2 (IDE), 3 (SATA) or 4 (SCSI)");
+  AddRepeated(create, "--disk", options->disks, "SIZE|from=IMAGE[,format=raw][,mode=N]",
+              "An empty disk, such as 20GiB, or a copy of an image: its name, or the path of a raw, qcow2, vmdk or vdi "
+              "file; mode 1 (VirtIO), 2 (IDE), 3 (SATA) or 4 (SCSI)");
   AddRepeated(
       create, "--net", options->nets, "NETWORK[,type=N][,mac=ADDRESS][,sriov=true]",
       "A network interface: the id or name of its network, or 'none'; type 1 (VirtIO), 2 (e1000) or 3 (rtl8139)");

@@ -57,24 +57,31 @@ std::vector<std::string> SplitAtCommas(const std::string& text) {
 
 Result<Json::Value> ParseDisk(const std::string& argument) {
   const std::vector<std::string> parts = SplitAtCommas(argument);
-  const auto mib = ParseSize(parts.front(), kMibPerGib);
-  if (!mib || *mib % kMibPerGib != 0) {
-    return Invalid(fmt::format("'{}' is not a disk size. Use whole GiB, such as 20GiB", parts.front()));
-  }
   Json::Value disk(Json::objectValue);
-  disk["size_gib"] = Json::Int64{*mib / kMibPerGib};
-  for (std::size_t i = 1; i < parts.size(); ++i) {
+  // A copy has the size of its image unless a larger one is given.
+  const bool has_size = !parts.front().starts_with("from=");
+  if (has_size) {
+    const auto mib = ParseSize(parts.front(), kMibPerGib);
+    if (!mib || *mib % kMibPerGib != 0) {
+      return Invalid(fmt::format("'{}' is not a disk size. Use whole GiB, such as 20GiB", parts.front()));
+    }
+    disk["size_gib"] = Json::Int64{*mib / kMibPerGib};
+  }
+  for (std::size_t i = has_size ? 1 : 0; i < parts.size(); ++i) {
     const std::size_t at = parts[i].find('=');
     const std::string key = parts[i].substr(0, at);
     const std::string value = at == std::string::npos ? "" : parts[i].substr(at + 1);
     if (key == "format" && (value == "raw" || value == "qcow2")) {
       disk["format"] = value;
+    } else if (key == "from" && !value.empty() && IsValidUtf8(value)) {
+      disk["from"] = value;
     } else if (key == "mode" && value.size() == 1 && value[0] >= '1' && value[0] <= '4') {
       disk["vdisk_mode"] = value[0] - '0';
     } else {
-      return Invalid(fmt::format(
-          "'{}' is not a property of a disk. Use format=raw, format=qcow2, or mode=N (1 VirtIO, 2 IDE, 3 SATA, 4 SCSI)",
-          parts[i]));
+      return Invalid(
+          fmt::format("'{}' is not a property of a disk. Use from=IMAGE, format=raw, format=qcow2, or mode=N (1 "
+                      "VirtIO, 2 IDE, 3 SATA, 4 SCSI)",
+                      parts[i]));
     }
   }
   return disk;

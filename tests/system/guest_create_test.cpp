@@ -1,4 +1,6 @@
 // vexa guest create, and the method behind it, against a real host in test mode.
+#include <unistd.h>
+
 #include <fstream>
 
 #include "host/daemon/host_id.h"
@@ -129,6 +131,7 @@ TEST_F(CreateOnDaemon, Create_Grant_LetsTheUserUseIt) {
 
 TEST_F(CreateOnDaemon, Create_WhatIsWrong_IsRefusedWithParameterAndRange) {
   ExpectRefused("{}", 401, "The parameter 'name' is missing");
+  ExpectRefused(R"({"name":7})", 401, "The parameter 'name' is not a string");
   ExpectRefused(R"({"name":"web"})", 406, "Another guest has the name 'web'");
   ExpectRefused(R"({"name":"x","vcpu_num":999})", 401, "The parameter 'vcpu_num' is not a number from 1 to 512");
   ExpectRefused(R"({"name":"x","os":"beos"})", 401, "The parameter 'os' is not one of linux, windows, other");
@@ -176,6 +179,37 @@ TEST_F(CreateOnDaemon, Create_NetworkByName_IsFound) {
     ASSERT_EQ(guest["vnics"].size(), 1u);
     EXPECT_EQ(RecordOf(*store_, "vnic", guest["vnics"][0].asString())["network_group_id"], id);
   }
+}
+
+TEST_F(CreateOnDaemon, Create_CopyOfImage_HasItsSize) {
+  if (::access("/usr/bin/qemu-img", X_OK) != 0) GTEST_SKIP() << "qemu-img is not installed";
+  const std::string path = images_of_host + "/appliance.raw";
+  std::ofstream(path) << std::string(5 << 20, 'x');
+  ASSERT_EQ(RunOn({"image", "add", "appliance", path}).exit_code, 0);
+  for (const std::string& from : {path, std::string("appliance")}) {
+    const std::string name = from == path ? "by-path" : "by-name";
+    const Json::Value created =
+        CreateJson({name, "--disk", "from=" + from + ",format=raw", "--disk", "1GiB,from=" + from});
+    const Json::Value disks = Guest(created["guest_id"].asString())["vdisks"];
+    ASSERT_EQ(disks.size(), 2u);
+    const Json::Value disk = RecordOf(*store_, "vdisk", disks[0].asString());
+    EXPECT_EQ(disk["size"], 5);
+    EXPECT_EQ(RecordOf(*store_, "vdisk", disks[1].asString())["size"], 1024);
+    std::ifstream copy(disk["path"].asString());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(copy), {}), std::string(5 << 20, 'x'));
+    EXPECT_EQ(RunOn({"guest", "delete", name, "--yes"}).exit_code, 0);
+  }
+  ExpectRefused(R"({"name":"x","vdisks":[{"from":"nothing"}]})", 403, "There is no image 'nothing'");
+  ExpectRefused(R"({"name":"x","vdisks":[{"from":7}]})", 401, "The parameter 'vdisks[0].from' is not a string");
+  ExpectRefused(R"({"name":"x","vdisks":[{"from":"/etc/passwd"}]})", 934, "it is outside the image folders");
+}
+
+TEST_F(CreateOnDaemon, Status_WhileCopying_HasProgress) {
+  const std::string id = CreateJson({"half"})["guest_id"].asString();
+  PutText(*store_, KeyOf("guest", id, "progress"), "42");
+  EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", id}).output)["progress"], 42);
+  PutText(*store_, KeyOf("guest", id, "progress"), "{}");
+  EXPECT_FALSE(Parsed(RunOn({"--json", "guest", "status", id}).output).isMember("progress"));
 }
 
 TEST_F(CreateOnDaemon, Repeat_SameNumber_GetsTheFirstAnswer) {

@@ -57,6 +57,11 @@ class Translator {
   Json::Value& parameters() { return result_.parameters; }
 
   std::optional<Refusal> CopySettings() {
+    std::string guest_name;
+    if (std::optional<Refusal> refused = ReadText(keys::name, guest_name)) return refused;
+    if (!json::FindMember(given_, keys::name)) {
+      return Refusal{user_error::kBadParameter, "The parameter 'name' is missing"};
+    }
     for (const char* name : {"os", "usbs"}) {
       if (const Json::Value* value = json::FindMember(given_, name)) parameters()[name] = *value;
     }
@@ -158,11 +163,28 @@ class Translator {
     return std::nullopt;
   }
 
+  // An image of the cluster by its name or id becomes the path of its file.
+  std::optional<Refusal> SetSource(const Json::Value& disk, Json::Value& becomes, const std::string& parameter) {
+    const Json::Value* const from = json::FindMember(disk, "from");
+    if (!from) return std::nullopt;
+    if (!from->isString()) return Bad(parameter + ".from", "a string");
+    if (json::String(*from).starts_with('/')) return std::nullopt;
+    std::string id;
+    if (auto refused = Find(records::kImageCategory, "from", json::String(*from), id)) return refused;
+    const auto image = records::ReadNamedRecord(snapshot_, records::kImageCategory, id);
+    if (!image) return Unreadable(image.error());
+    becomes["from"] = *image ? json::StringMember((*image)->record, records::kImagePath) : "";
+    return std::nullopt;
+  }
+
   std::optional<Refusal> AddDisks() {
     return ForEach(
         "vdisks", "vdisks_add",
         [&](const Json::Value& disk, Json::Value& becomes, const std::string& parameter) -> std::optional<Refusal> {
+          if (std::optional<Refusal> refused = SetSource(disk, becomes, parameter)) return refused;
           const Json::Value& size = json::Member(disk, "size_gib");
+          if (!json::FindMember(disk, "size_gib") && json::FindMember(disk, "from")) return std::nullopt;
+
           if (!size.isInt64() || json::Int64(size) < 1 || json::Int64(size) > kMaxDiskGib) {
             return Bad(parameter + ".size_gib", fmt::format("a number from 1 to {}", kMaxDiskGib));
           }
@@ -217,7 +239,8 @@ std::vector<Parameter> CreationParameters() {
       OptionalString("os",
                      "\"linux\" (the default), \"windows\" or \"other\": decides about settings that are left out."),
       Optional("vdisks", kArray,
-               "Its disks: [{\"size_gib\", and optionally \"vdisk_mode\" (1 to 4), \"unmap\" (boolean), \"format\" "
+               "Its disks: [{\"size_gib\" or \"from\" (an image to copy: a path or a name) or both, and optionally "
+               "\"vdisk_mode\" (1 to 4), \"unmap\" (boolean), \"format\" "
                "(\"qcow2\" or \"raw\")}]."),
       Optional("vnics", kArray,
                "Its network interfaces: [{\"network\" (an id, a name, or \"\" for none), and optionally \"vnic_type\" "

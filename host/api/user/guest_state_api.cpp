@@ -10,6 +10,7 @@
 #include "host/api/user/guest_parts_state.h"
 #include "host/api/user/unreachable_host.h"
 #include "host/cluster/ha_group.h"
+#include "host/guests/creation/creation.h"
 #include "host/records/keys.h"
 #include "host/records/object_members.h"
 #include "host/records/request_scope.h"
@@ -99,6 +100,10 @@ void GetStatus(GuestStates& states, const Call& call) {
   data["status_reason"] = status.reason;
   AddAge(status.guest, *links, LivenessOrAlive(**reader, status.guest.host_id),
          LivenessOrAlive(**reader, status.guest.repository_host_id), data);
+  if (const auto progress = records::ReadMember(**reader, DashCate::Guest, id.Get(), guests::kProgress);
+      progress && *progress && (*progress)->isInt()) {
+    data[guests::kProgress] = **progress;
+  }
   data["disks"] = DiskStatesOf(**reader, **record);
   if (Json::Value shutdown = ShutdownOf(**reader, id.Get(), **record); !shutdown.isNull()) {
     data["shutdown"] = std::move(shutdown);

@@ -7,6 +7,7 @@
 
 #include "host/guests/creation/creation_job.h"
 #include "host/guests/creation/creation_request.h"
+#include "host/guests/creation/sources.h"
 #include "host/guests/jobs/creation_record.h"
 #include "host/guests/jobs/unfinished_jobs.h"
 
@@ -15,9 +16,9 @@ namespace {
 
 constexpr std::chrono::milliseconds kPollInterval{50};
 
-ResumeJob ResumeCreation(const EditOptions& options) {
+ResumeJob ResumeCreation(const CreationOptions& options) {
   return [&options](const std::string& guest_id, const StoredJob& unfinished) {
-    return CreationJob(options, guest_id, nullptr).Resume(unfinished);
+    return CreationJob(options, guest_id, nullptr, nullptr).Resume(unfinished);
   };
 }
 
@@ -57,7 +58,10 @@ FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest&
 
 Result<Json::Value, Refusal> Creations::Create(const std::string& guest_id, const Json::Value& parameters,
                                                const Requester& requester) {
-  auto parsed = ParseCreation(parameters);
+  Json::Value sized = parameters;
+  const auto sources = OpenSources(options_.image_roots, sized);
+  if (!sources.ok()) return sources.error();
+  auto parsed = ParseCreation(sized);
   if (auto* refusal = std::get_if<Refusal>(&parsed)) return std::move(*refusal);
   const CreationRequest& request = std::get<CreationRequest>(parsed);
   Result<Json::Value, Refusal> created = Refusal{};
@@ -67,7 +71,7 @@ Result<Json::Value, Refusal> Creations::Create(const std::string& guest_id, cons
           AwaitFirstOutcome(*options_.store, *request.number, options_.request_wait, options_.is_stopping);
       if (first) return *std::move(first);
     }
-    CreationJob job(options_, guest_id, &request);
+    CreationJob job(options_, guest_id, &request, &*sources);
     created = job.Create(requester);
     if (created.ok() || !request.number || !IsDoneElsewhere(*options_.store, *request.number, guest_id)) {
       return created;

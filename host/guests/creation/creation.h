@@ -6,7 +6,8 @@
 // A creation is an edit (edit.h) of a guest that has no record yet:
 // 1. "making" is committed together with the guest's record in the state "creating", so that lists show the guest and
 //    no other guest gets its name, and with the record of a numbered request (request_record.h).
-// 2. The files of its disks are made.
+// 2. The files of its disks are made, empty or as copies of existing images. The key "progress" of the guest's record
+//    has the percentage that is copied.
 // 3. One commit writes the records of the guest, its disks and interfaces, its grants and the request's answer. This is
 //    the point of no return.
 // A failure before that removes the files, then the guest's record. When a host starts, it undoes the creations that it
@@ -22,13 +23,18 @@
 #include <vector>
 
 #include "host/base/refusal.h"
+#include "host/disks/image_copy.h"
 #include "host/guests/creation/request_record.h"
 #include "host/guests/edit/edit.h"
 #include "host/guests/jobs/requester.h"
 
 namespace vexa::guests {
 
+// The key of a guest's record with the percentage that has been copied, while it is being created.
+inline constexpr char kProgress[] = "progress";
+
 struct CreationOptions : EditOptions {
+  disks::CopyOptions copy{};  // of existing images; Creations sets its callbacks
   // How long a repeated request waits for the first one.
   std::chrono::milliseconds request_wait = std::chrono::hours(1);
   // Whether such a wait must end now. Not set: never.

@@ -28,8 +28,16 @@ bool IsAboutGrant(const Error& error) {
 
 }  // namespace
 
-CreationJob::CreationJob(const EditOptions& options, std::string guest_id, const CreationRequest* request)
-    : EditJob(kCreationKind, options, std::move(guest_id)), request_(request) {}
+std::string ProgressKey(const std::string& guest_id) {
+  return records::MemberKey(DashCate::Guest.name(), guest_id, kProgress);
+}
+
+CreationJob::CreationJob(const CreationOptions& options, std::string guest_id, const CreationRequest* request,
+                         const Sources* sources)
+    : EditJob(kCreationKind, options, std::move(guest_id)),
+      creation_options_(options),
+      request_(request),
+      sources_(sources) {}
 
 Result<Json::Value, Refusal> CreationJob::Create(const Requester& requester) {
   const auto created = Start(request_->edit, requester);
@@ -62,6 +70,7 @@ EditJob::MaybeRefused CreationJob::AddToRecords(const records::Reader& reader, s
   if (!refused || *refused) return refused;
   refused = AddGrants(reader, transaction);
   if (!refused || *refused) return refused;
+  transaction.operations.push_back({ProgressKey(guest_id()), std::nullopt});
   return AddRequest(reader, RequestState::kDone, transaction);
 }
 
@@ -123,6 +132,7 @@ Result<store::Transaction> CreationJob::PlanUndo(const records::Reader& reader) 
   if (guest->revision == 0 || json::StringMember(guest->record, keys::state) != states::creating) return transaction;
   transaction.compares.push_back({records::GuestObjectKey(guest_id()), guest->revision});
   transaction.operations.push_back({records::GuestObjectKey(guest_id()), std::nullopt});
+  transaction.operations.push_back({ProgressKey(guest_id()), std::nullopt});
   records::AddLiveStateRemoval(transaction, guest_id());
   const Json::Value& number = json::Member(guest->record, kCreationRequest);
   const std::string owner = json::StringMember(number, "owner");

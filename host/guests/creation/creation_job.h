@@ -6,31 +6,44 @@
 
 #include "host/guests/creation/creation.h"
 #include "host/guests/creation/creation_request.h"
+#include "host/guests/creation/sources.h"
 #include "host/guests/edit/edit_job.h"
 
 namespace vexa::guests {
 
+// The key with the percentage of a guest that has been copied, while it is being created.
+std::string ProgressKey(const std::string& guest_id);
+
 // Threads: one at a time.
 class CreationJob final : public EditJob {
  public:
-  // A job without a request can only Resume(). `request` must outlive the job.
-  CreationJob(const EditOptions& options, std::string guest_id, const CreationRequest* request);
+  // A job without a request can only Resume(). `request` must outlive the job, and so must `sources`, which has the
+  // image to copy for each disk of the request, or nothing.
+  CreationJob(const CreationOptions& options, std::string guest_id, const CreationRequest* request,
+              const Sources* sources);
 
   // Refusals: those of Creations::Create.
   Result<Json::Value, Refusal> Create(const Requester& requester);
 
  private:
+  Result<void, Refusal> FillFiles(const std::vector<NewFile>& made) override;
   MaybeRefused AddToIntent(const records::Reader& reader, store::Transaction& transaction) override;
   MaybeRefused AddToRecords(const records::Reader& reader, store::Transaction& transaction) override;
   Status UndoRecords() override;
 
+  Result<void, Refusal> Fill(const NewFile& file, const disks::SourceImage& source, std::uint64_t done_mib,
+                             std::uint64_t total_mib);
+  void StoreProgress(int percent);
   MaybeRefused CheckPlaces(const records::Reader& reader) const;
   MaybeRefused AddRequest(const records::Reader& reader, RequestState state, store::Transaction& transaction);
   MaybeRefused AddGrants(const records::Reader& reader, store::Transaction& transaction) const;
   Result<store::Transaction> PlanUndo(const records::Reader& reader) const;
   Json::Value Answer() const;
 
+  const CreationOptions& creation_options_;
   const CreationRequest* const request_;
+  const Sources* const sources_;
+  int progress_ = -1;  // as stored last
 };
 
 }  // namespace vexa::guests

@@ -51,6 +51,7 @@ Result<void, Refusal> EditJob::Resume(const StoredJob& unfinished) {
 
 Result<void, Refusal> EditJob::ChangeFiles() {
   if (const auto allowed = job_.Make(files_->made); !allowed.ok()) return allowed;
+  if (const auto allowed = FillFiles(files_->made); !allowed.ok()) return allowed;
   if (const auto allowed = ChangeExistingFiles(); !allowed.ok()) return allowed;
   if (const Status synced = job_.SyncAll("sync done"); !synced) return RefusalFor(synced.error());
   return {};

@@ -37,6 +37,9 @@ class EditJob {
   virtual MaybeRefused AddToIntent(const records::Reader& /*reader*/, store::Transaction& /*transaction*/) {
     return std::optional<Refusal>();
   }
+  // Writes to the new files, which are empty images, before they are made durable. `made` has them in the order of
+  // "vdisks_add".
+  virtual Result<void, Refusal> FillFiles(const std::vector<NewFile>& /*made*/) { return {}; }
   // For the commit of the records, or the only commit of an edit without files.
   virtual MaybeRefused AddToRecords(const records::Reader& /*reader*/, store::Transaction& /*transaction*/) {
     return std::optional<Refusal>();
