@@ -138,5 +138,55 @@ TEST_F(GuestSetCluster, Set_ConcurrentHosts_LoseNothing) {
   for (const char* name : {"vcpu_num", "cpu_weight", "vram_size"}) EXPECT_EQ(guest[name], 100 + kTurns) << name;
 }
 
+TEST_F(GuestSetCluster, Create_RepositoryOfOtherHost_IsDoneThereAndRepeatedAnywhere) {
+  const std::string parameters = R"({"name":"fresh","vdisks":[{"size_gib":1}],"request_id":"job-1","start":true})";
+  const Json::Value reply = Call(0, "VEXA.Virtualization.Guest/create", parameters);
+  ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);
+  const Json::Value& created = reply["data"];
+  const Json::Value guest = Record("guest", json::String(created["guest_id"]));
+  EXPECT_EQ(guest["repository_id"], kRepository);
+  // The repository's host can start it, so it stays there.
+  EXPECT_EQ(created["host_id"], IdOf(1));
+  EXPECT_EQ(created["started"], true) << json::ToText(created);
+  EXPECT_EQ(Files(1), 1u);
+  EXPECT_EQ(Files(0), 0u);
+  hosts_[1]->Signal(SIGKILL);
+  EXPECT_TRUE(hosts_[1]->Wait(30s));
+  Restart(1);
+  EXPECT_EQ(Call(2, "VEXA.Virtualization.Guest/create", parameters)["data"], created);
+  EXPECT_EQ(Files(1), 1u);
+}
+
+TEST_F(GuestSetCluster, Create_RepositoryHostIsFull_GetsAnotherHost) {
+  const unsigned all = std::thread::hardware_concurrency() * 8;
+  const Json::Value large =
+      Call(0, "VEXA.Virtualization.Guest/create",
+           R"({"name":"large","vram_size":16,"start":true,"vcpu_num":)" + std::to_string(all) + "}");
+  ASSERT_EQ(CodeOf(large), 0) << json::ToText(large);
+  ASSERT_EQ(large["data"]["host_id"], IdOf(1));
+  ASSERT_EQ(large["data"]["started"], true) << json::ToText(large);
+  const Json::Value reply = Call(1, "VEXA.Virtualization.Guest/create",
+                                 R"({"name":"small","vram_size":16,"vdisks":[{"size_gib":1}],"start":true})");
+  ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);
+  const Json::Value& host_id = reply["data"]["host_id"];
+  EXPECT_TRUE(host_id == IdOf(0) || host_id == IdOf(2)) << json::ToText(reply);
+  EXPECT_EQ(reply["data"]["started"], true) << json::ToText(reply);
+  EXPECT_EQ(Record("guest", json::String(reply["data"]["guest_id"]))["host_id"], host_id);
+  EXPECT_EQ(Files(1), 1u);
+}
+
+TEST_F(GuestSetCluster, Create_OtherHostNamed_HasItAndIsDeletedThroughAnyHost) {
+  const Json::Value reply = Call(0, "VEXA.Virtualization.Guest/create",
+                                 R"({"name":"there","host":")" + IdOf(2) + R"(","vdisks":[{"size_gib":1}]})");
+  ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);
+  EXPECT_EQ(reply["data"]["host_id"], IdOf(2));
+  EXPECT_EQ(Record("guest", json::String(reply["data"]["guest_id"]))["host_id"], IdOf(2));
+  EXPECT_EQ(Files(1), 1u);
+  // Deletable through any host, although it never started.
+  const std::string id = R"({"guest_id":)" + json::ToText(reply["data"]["guest_id"]) + "}";
+  EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest/delete", id)), 0);
+  EXPECT_EQ(Files(1), 0u);
+}
+
 }  // namespace
 }  // namespace vexa::test

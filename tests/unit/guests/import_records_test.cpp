@@ -36,7 +36,7 @@ std::vector<std::pair<std::string, std::string>> Operations(const store::Transac
 
 TEST(ImportTransaction, Transaction_NewGuest_RequiresThatNoneExists) {
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", true}, {});
-  ASSERT_THAT(transaction.compares, SizeIs(6));
+  ASSERT_THAT(transaction.compares, SizeIs(7));
   EXPECT_EQ(transaction.compares[0].key, "/dash/guest/g/object");
   EXPECT_EQ(transaction.compares[0].revision, 0u);
   EXPECT_EQ(transaction.compares[1].key, "/dash/guest/g/state");
@@ -44,7 +44,8 @@ TEST(ImportTransaction, Transaction_NewGuest_RequiresThatNoneExists) {
   EXPECT_EQ(transaction.compares[2].key, "/run/g");
   EXPECT_EQ(transaction.compares[3].key, "/deletion/g");
   EXPECT_EQ(transaction.compares[4].key, "/edit/g");
-  EXPECT_EQ(transaction.compares[5].key, "/renames");
+  EXPECT_EQ(transaction.compares[5].key, "/creation/g");
+  EXPECT_EQ(transaction.compares[6].key, "/renames");
   EXPECT_THAT(
       Operations(transaction),
       ElementsAre(Pair("/dash/guest/g/object", R"({"autorun":0,"name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
@@ -67,14 +68,14 @@ TEST(ImportTransaction, Transaction_ReplacedGuest_RemovesUnusedPartsAndKeepsSett
                   {"/dash/vnic/n1/object", 22},
                   {"/dash/vnic/n2/object", 23}};
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", false}, stored);
-  ASSERT_THAT(transaction.compares, SizeIs(8));
-  EXPECT_EQ(transaction.compares[6].key, "/dash/vdisk/d3/object");
-  EXPECT_EQ(transaction.compares[6].revision, 21u);
-  EXPECT_EQ(transaction.compares[7].key, "/dash/vnic/n2/object");
-  EXPECT_EQ(transaction.compares[7].revision, 23u);
+  ASSERT_THAT(transaction.compares, SizeIs(9));
+  EXPECT_EQ(transaction.compares[7].key, "/dash/vdisk/d3/object");
+  EXPECT_EQ(transaction.compares[7].revision, 21u);
+  EXPECT_EQ(transaction.compares[8].key, "/dash/vnic/n2/object");
+  EXPECT_EQ(transaction.compares[8].revision, 23u);
   EXPECT_EQ(transaction.compares[0].revision, 7u);
   EXPECT_EQ(transaction.compares[1].revision, 9u);
-  EXPECT_EQ(transaction.compares[5].revision, 11u);
+  EXPECT_EQ(transaction.compares[6].revision, 11u);
   EXPECT_THAT(
       Operations(transaction),
       UnorderedElementsAre(
