@@ -4,8 +4,9 @@
 //   {"authlevel": "advanced", "guests": {"<guest id>": true}, "consoles": {"<guest id>": true}, "name": "alice"}
 // Any "authlevel" other than "advanced" is the ordinary level. The member names of "guests" are the ids of the granted
 // guests; those of "consoles" the guests whose consoles were granted as well, which counts only together with the guest
-// itself, from this record or another one. "name" is the principal's name when the grants were made: on a host where the id belongs to another name, the
-// record grants nothing. Records of older versions have no name until their next change.
+// itself, from this record or another one. "name" is the principal's name when the grants were made: on a host where
+// the id belongs to another name, the record grants nothing. Records of older versions have no name until their next
+// change.
 #pragma once
 
 #include <cstdint>

@@ -297,7 +297,7 @@ TEST_F(ConsoleTest, WithoutRight_IsRefusedBeforeAnythingElse) {
 TEST_F(ConsoleTest, PageOfOtherSite_CannotUseCookie) {
   const session::NewSession session = Session("alice");
   const std::string cookie = "Cookie: vexa_session=" + session.token + "\r\n";
-  EXPECT_EQ(Try(Target(), cookie), 403) << "browsers send it whoever opens the connection";
+  EXPECT_EQ(Try(Target(), cookie), 403) << "browsers send it for pages of other sites as well";
   EXPECT_EQ(Code(), user_error::kBadCsrfToken);
   const std::string with_token = cookie + "X-Vexa-CSRF: " + session.csrf_token + "\r\n";
   EXPECT_EQ(Try(Target(), with_token), 101);

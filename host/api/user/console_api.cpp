@@ -2,14 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "host/api/console.h"
 #include "host/api/rows.h"
+#include "host/api/user/consoles.h"
 #include "host/api/user/outcome_log.h"
 #include "host/api/user/unreachable_host.h"
 #include "host/base/us_keyboard.h"
@@ -25,22 +24,6 @@ namespace vexa::api {
 namespace {
 
 constexpr int kTimeoutS = 120;
-
-struct CodeRow {
-  int host_code;
-  int user_code;
-};
-constexpr CodeRow kCodes[] = {{host_error::kBadParameter, user_error::kBadParameter},
-                              {host_error::kNotFoundOrUnreadable, user_error::kNotFoundOrUnreadable},
-                              {host_error::kNotRunning, user_error::kNotRunning},
-                              {host_error::kBusy, user_error::kGuestBusy},
-                              {host_error::kUnavailable, user_error::kUnavailable},
-                              {host_error::kUnreachable, user_error::kUnreachable}};
-
-int ToUserCode(int host_code) {
-  const auto* const row = std::ranges::find(kCodes, host_code, &CodeRow::host_code);
-  return row == std::end(kCodes) ? user_error::kActionFailed : row->user_code;
-}
 
 // The guest whose console the caller may use. Not set: the call has been answered.
 std::optional<std::string> ReadGuest(const store::Store& store, const Call& call) {
@@ -84,7 +67,7 @@ VexaDRCore::Request HostRequest(const char* method, const std::string& guest_id)
 }
 
 void FailLikeHost(const Call& call, const VexaDRCore::Response& reply) {
-  call.response->SetError(ToUserCode(reply.getErrCode()), reply.getErrMsg());
+  call.response->SetError(ConsoleCodeForUser(reply.getErrCode()), reply.getErrMsg());
 }
 
 std::string NameOf(const std::string& guest_id) {

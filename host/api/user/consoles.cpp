@@ -21,21 +21,16 @@
 namespace vexa::api {
 namespace {
 
-// The user's error code for a host's; any other code becomes kActionFailed.
 struct CodeRow {
   int host_code;
   int user_code;
 };
-constexpr CodeRow kCodes[] = {{host_error::kNotFoundOrUnreadable, user_error::kNotFoundOrUnreadable},
+constexpr CodeRow kCodes[] = {{host_error::kBadParameter, user_error::kBadParameter},
+                              {host_error::kNotFoundOrUnreadable, user_error::kNotFoundOrUnreadable},
                               {host_error::kNotRunning, user_error::kNotRunning},
                               {host_error::kBusy, user_error::kGuestBusy},
                               {host_error::kUnavailable, user_error::kUnavailable},
                               {host_error::kUnreachable, user_error::kUnreachable}};
-
-int ToUserCode(int host_code) {
-  const auto* const row = std::ranges::find(kCodes, host_code, &CodeRow::host_code);
-  return row == std::end(kCodes) ? user_error::kActionFailed : row->user_code;
-}
 
 std::string_view NameOf(const ConsoleTarget& target) { return target.type == kScreenType ? "screen" : "serial line"; }
 
@@ -62,6 +57,11 @@ bool HasGuest(const store::Store& store, const std::string& guest_id) {
 }
 
 }  // namespace
+
+int ConsoleCodeForUser(int host_code) {
+  const auto* const row = std::ranges::find(kCodes, host_code, &CodeRow::host_code);
+  return row == std::end(kCodes) ? user_error::kActionFailed : row->user_code;
+}
 
 std::shared_ptr<Consoles::Entry> Consoles::Enter(const ConsolePlan& plan) {
   const MutexLock lock(table_->mutex);
@@ -148,7 +148,7 @@ std::variant<std::shared_ptr<http::Tunnel>, ConsoleRefusal> Consoles::OpenForUse
                                : Refusal{host_error::kUnreachable, "This host is not set up to call others"};
   }
   Log(plan, end.ok());
-  if (!end.ok()) return ConsoleRefusal{ToUserCode(end.error().code), end.error().reason + "."};
+  if (!end.ok()) return ConsoleRefusal{ConsoleCodeForUser(end.error().code), end.error().reason + "."};
   return MakeTunnel(*std::move(end), std::move(entry));
 }
 

@@ -23,6 +23,9 @@ namespace vexa::api {
 using RemoteConsole = std::function<Result<std::unique_ptr<http::TunnelEnd>, Refusal>(const std::string& host_id,
                                                                                       const ConsoleTarget& target)>;
 
+// The user's error code for the host's code of a failed call about a console; an unknown one becomes kActionFailed.
+int ConsoleCodeForUser(int host_code);
+
 struct ConsoleOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;

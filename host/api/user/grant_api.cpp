@@ -224,20 +224,23 @@ std::vector<ApiRow> GrantRows(const AccountServices& services) {
           AccountErrors({user_error::kGrantsOfOtherAccount})),
       AdministratorRow(
           kApi, "grant_list", LaneKind::kLong, [services](const Call& call) { List(services, call); },
-          "The grants of a user or group: its guests, those of them with the console, and its level. \"given_to\" is the name that the record "
+          "The grants of a user or group: its guests, those of them with the console, and its level. \"given_to\" is "
+          "the name that the record "
           "was given to; \"counts\" is false when that is not its name.",
           WithPrincipalParameters({}), AccountErrors({})),
-      AdministratorRow(
-          kApi, "guest_grant_list", LaneKind::kQuick, [services](const Call& call) { ListOfGuest(services, call); },
-          "The users and groups that a guest was granted to, and whether with the console. \"damaged\" lists the records that cannot be read.",
-          {Text("guest_id", "The guest's id, a UUID.")},
-          {user_error::kBadParameter, user_error::kAccountDamaged, user_error::kAccountsUnavailable}),
+      AdministratorRow(kApi, "guest_grant_list", LaneKind::kQuick,
+                       [services](const Call& call) { ListOfGuest(services, call); },
+                       "The users and groups that a guest was granted to, and whether with the console. \"damaged\" "
+                       "lists the records that cannot be read.",
+                       {Text("guest_id", "The guest's id, a UUID.")},
+                       {user_error::kBadParameter, user_error::kAccountDamaged, user_error::kAccountsUnavailable}),
       AdministratorRow(
           kApi, "grant", LaneKind::kLong,
           [services](const Call& call) { ChangeGuests(services, call, GuestChange::kGrant); },
           "Allow a user or group to use guests.",
-          WithPrincipalParameters({guests, OptionalFlag("console", "Whether with their consoles; without it, consoles "
-                                                                   "stay as they are.")}),
+          WithPrincipalParameters({guests, OptionalFlag("console",
+                                                        "Whether with their consoles; without it, consoles "
+                                                        "stay as they are.")}),
           AccountErrors({user_error::kGrantsOfOtherAccount})),
       AdministratorRow(
           kApi, "revoke", LaneKind::kLong,

@@ -372,8 +372,7 @@ TEST_F(AccountApi, Grants_GrantShowRevokeAndDrop_Work) {
   EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").data["principals"][0]["console"],
             true);
   ASSERT_EQ(Call("revoke", R"({"kind":"user","name":"bob","console":true,)" + first + "}").code, 0);
-  EXPECT_EQ(NewestLogEntry(),
-            "root: The user [bob] may no longer open the console of 1 virtual machine: [web-1].");
+  EXPECT_EQ(NewestLogEntry(), "root: The user [bob] may no longer open the console of 1 virtual machine: [web-1].");
   list = Call("grant_list", R"({"kind":"user","name":"bob"})");
   EXPECT_EQ(list.data["consoles"], Parsed("[]"));
   EXPECT_EQ(list.data["guests"].size(), 2U);
