@@ -22,7 +22,7 @@ constexpr int kMaxAttempts = 6;
 
 }  // namespace
 
-// Writes a sentence to the cluster log, in nobody's name.
+// Writes a sentence to the cluster log, without a user.
 void LibvirtGuestControl::LogAutorun(int priority, std::string sentence) {
   std::erase(sentence, '\0');
   cluster::LogEntry entry;

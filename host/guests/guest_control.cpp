@@ -328,13 +328,13 @@ void LibvirtGuestControl::WatchNetworks() {
   }
 }
 
-// Reconciles a guest that runs here, or is saved, although no host holds it: it was imported, or given to this host,
-// together with its domain.
+// Reconciles a guest that has a domain here, although no host holds it: it was imported, or given to this host. It may
+// run, or be saved.
 void LibvirtGuestControl::AdoptImported(const std::string& guest_id) {
   const auto run = records::ReadRun(*options_.store, guest_id);
   if (!run || *run || stopping_) return;
   const auto state = hypervisor_->StateOf(guest_id);
-  if (state && (IsActive(*state) || *state == hypervisor::GuestState::kSaved)) ReconcileWhenFree(guest_id);
+  if (state) ReconcileWhenFree(guest_id);
 }
 
 bool LibvirtGuestControl::IsHypervisorReachable() const { return hypervisor_->IsConnected(); }

@@ -191,6 +191,12 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> CheckNvramExists(const records::Guest& guest) const;
   Result<void, Refusal> DefineGuest(const records::Guest& guest, const std::vector<unsigned>& pinned_cpus,
                                     OwnershipTag tag);
+  // Makes libvirt not start a guest by itself whose definition this host has made, or that was imported: its "autorun"
+  // is set instead, and its owner's setting is kept for a release.
+  void ClearAutostartIfOurs(const std::string& guest_id);
+  void ClearAutostart(const std::string& guest_id, hypervisor::Owner owner);
+  Status SetAutorun(const std::string& guest_id);
+  bool IsImportedHere(const std::string& guest_id) const;
   Result<void, Refusal> RestoreAutostart(const std::string& guest_id);
   Result<void, Refusal> ReturnToOwner(const std::string& guest_id);
   Status RemoveRecords(const std::string& guest_id);

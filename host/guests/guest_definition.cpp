@@ -210,10 +210,65 @@ Result<void, Refusal> LibvirtGuestControl::DefineGuest(const records::Guest& gue
   if (!xml) return Refusal{host_error::kFailed, xml.error().ToString()};
   const auto defined = hypervisor_->Define(*xml);
   if (!defined) return RefusalOf(defined.error());
+  if (tag == OwnershipTag::kOurs) ClearAutostart(guest.records.id, Owner::kHost);
   return {};
 }
 
-// libvirt loses this setting when the definition is removed.
+// A libvirt that starts with its machine would start the guest before this host knows whether it still has the guest,
+// and beside another host that has taken it.
+void LibvirtGuestControl::ClearAutostart(const std::string& guest_id, Owner owner) {
+  const auto is_set = hypervisor_->IsAutostarted(guest_id);
+  // Drivers without the setting start no guests.
+  if (!is_set || !*is_set) return;
+  BeforeStep("autostart: found");
+  const auto clear = [&]() -> Result<void, Refusal> {
+    if (owner == Owner::kUser) {
+      if (const Status kept = SaveOriginalDefinition(guest_id); !kept) return RefusalOf(kept.error());
+    }
+    if (const Status set = SetAutorun(guest_id); !set) return RefusalOf(set.error());
+    const auto cleared = hypervisor_->SetAutostart(guest_id, false);
+    return cleared ? Result<void, Refusal>() : RefusalOf(cleared.error());
+  };
+  if (const auto cleared = clear(); cleared.ok()) {
+    ::syslog(LOG_NOTICE,
+             "libvirt was set to start the guest %s with the machine. The setting was cleared, because VEXA starts its "
+             "guests",
+             guest_id.c_str());
+  } else {
+    ::syslog(LOG_ERR, "libvirt is set to start the guest %s with the machine, and the setting could not be cleared: %s",
+             guest_id.c_str(), cleared.error().reason.c_str());
+  }
+}
+
+// The guest goes on starting with its machine.
+Status LibvirtGuestControl::SetAutorun(const std::string& guest_id) {
+  return records::CommitWithRetry(*options_.store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+    auto guest = records::LoadObject(reader, records::GuestObjectKey(guest_id));
+    if (!guest) return guest.error();
+    store::Transaction transaction;
+    if (guest->revision == 0 || json::Int(json::Member(guest->record, keys::autorun)) != 0) return transaction;
+    guest->record[keys::autorun] = 1;
+    records::PutObject(transaction, records::GuestObjectKey(guest_id), *guest);
+    return transaction;
+  });
+}
+
+void LibvirtGuestControl::ClearAutostartIfOurs(const std::string& guest_id) {
+  const auto definition = hypervisor_->DefinitionOf(guest_id);
+  if (!definition || !definition->is_persistent) return;
+  if (definition->owner == Owner::kUser && !IsImportedHere(guest_id)) return;
+  ClearAutostart(guest_id, definition->owner);
+}
+
+// Whether the guest belongs to this host, and its owner's definition was handed over.
+bool LibvirtGuestControl::IsImportedHere(const std::string& guest_id) const {
+  const auto imported = ImportedDomain(guest_id);
+  if (!imported || !*imported) return false;
+  const Result<records::Guest> guest = ReadGuestNow(guest_id);
+  return guest && guest->host_id == options_.host_id;
+}
+
+// For the owner to whom the definition is given back.
 Result<void, Refusal> LibvirtGuestControl::RestoreAutostart(const std::string& guest_id) {
   const auto imported = ImportedDomain(guest_id);
   if (!imported) return RefusalOf(imported.error());
@@ -243,6 +298,8 @@ Result<void, Refusal> LibvirtGuestControl::ReturnToOwner(const std::string& gues
     }
     if (const auto allowed = RestoreAutostart(guest_id); !allowed.ok()) return allowed;
     if (const auto allowed = DefineGuest(*guest, {}, OwnershipTag::kNone); !allowed.ok()) return allowed;
+  } else if (const auto allowed = RestoreAutostart(guest_id); !allowed.ok()) {
+    return allowed;
   }
   BeforeStep("release: defined");
   if (const Status removed = RemoveRecords(guest_id); !removed) return RefusalOf(removed.error());

@@ -120,6 +120,8 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
     const bool has_crashed = state && *state == GuestState::kCrashed;
     const auto ended = has_crashed ? EndReasons::Ended::kByCrash : EndReasons::Ended::kNormally;
     if (const Status observed = ObserveEnd(guest_id, *stored, ended, sequence); !observed) return observed;
+    // A guest that was imported is started by nobody else from now on.
+    if (!*stored && !is_gone) ClearAutostartIfOurs(guest_id);
     const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
     if (!is_ours) return {};
     return RecordOff(guest_id, *stored, !is_gone);
@@ -329,6 +331,7 @@ void LibvirtGuestControl::ReconcileAll() {
   for (const std::string& id : ids) {
     auto guard = activities_.TryTakeForReconcile(id);
     if (!guard) continue;
+    ClearAutostartIfOurs(id);
     (void)FinishRestore(id);
     ReconcileAndRelease(*std::move(guard), id);
   }

@@ -242,9 +242,6 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   if (!attempt.IsSaved()) {
     if (const auto allowed = DefineGuest(attempt.guest, attempt.run.pinned_cpus, OwnershipTag::kOurs); !allowed.ok())
       return allowed;
-    if (!attempt.definition) {
-      if (const auto allowed = RestoreAutostart(attempt.guest.records.id); !allowed.ok()) return allowed;
-    }
   }
   BeforeStep("poweron: defined");
   const std::string& guest_id = attempt.guest.records.id;

@@ -201,7 +201,8 @@ class Recovery {
               "The guest's saved memory is on the host '{}' and would be lost. Confirm that it may be discarded",
               host)};
     }
-    // libvirt starts an imported guest at boot of its host if its owner configured that, also from saved memory.
+    // libvirt starts an imported guest at boot of its host if its owner configured that and the host has not cleared it
+    // yet, also from saved memory.
     const auto imported = snapshot.Get(records::DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
     const bool has_ended =

@@ -21,9 +21,19 @@ class QemuForeign : public LibvirtHostTest {
     host_->PutGuest(guest);
   }
   void ExpectUserDomainUnchanged(const UserDomain& domain, const char* after) const {
+    ExpectUserElementsKept(domain, after);
+    EXPECT_TRUE(user_->IsAutostarting(domain.id)) << after;
+  }
+  // From its import until its release, the host decides when the guest starts.
+  void ExpectTakenOver(const UserDomain& domain, const char* after) const {
+    ExpectUserElementsKept(domain, after);
+    EXPECT_FALSE(user_->IsAutostarting(domain.id)) << after;
+  }
+
+ private:
+  void ExpectUserElementsKept(const UserDomain& domain, const char* after) const {
     EXPECT_TRUE(user_->IsKnown(domain.id)) << after;
     EXPECT_EQ(MissingUserElements(user_->Xml(domain.id)), "") << after;
-    EXPECT_TRUE(user_->IsAutostarting(domain.id)) << after;
     EXPECT_TRUE(AreDisksIntact(domain)) << after;
   }
 };
@@ -100,21 +110,21 @@ TEST_F(QemuForeign, ImportedGuest_RunAndReleased_KeepsUsersDefinition) {
   ImportAll(host_->id());
 
   ASSERT_EQ(host_->Power(kOwners, "poweron"), 0) << host_->Log();
-  ExpectUserDomainUnchanged(domain, "while it runs");
+  ExpectTakenOver(domain, "while it runs");
   EXPECT_NE(user_->Xml(kOwners).find(kOurMark), std::string::npos);
   EXPECT_NE(user_->Xml(kOwners).find("kept="), std::string::npos);
   host_->Restart();
   EXPECT_TRUE(host_->AwaitState(kOwners, "guest_running"));
   EXPECT_EQ(host_->Power(kOwners, "poweroff"), 0);
   EXPECT_TRUE(host_->AwaitOff(kOwners));
-  ExpectUserDomainUnchanged(domain, "after a run");
+  ExpectTakenOver(domain, "after a run");
   Json::Value edit(Json::objectValue);
   edit["vcpu_num"] = 2;
   EXPECT_EQ(host_->Set(kOwners, edit), 0);
   EXPECT_EQ(host_->Power(kOwners, "poweron"), 0);
   KillQemus(environment_->folder());
   EXPECT_TRUE(host_->AwaitOff(kOwners));
-  ExpectUserDomainUnchanged(domain, "after a crash");
+  ExpectTakenOver(domain, "after a crash");
   EXPECT_NE(user_->Xml(kOwners).find(">2</vcpu>"), std::string::npos) << user_->Xml(kOwners);
   EXPECT_EQ(FindNvramFiles(environment_->folder()), variables);
   EXPECT_TRUE(HasNvramMark(variables[0]));
@@ -136,9 +146,9 @@ TEST_F(QemuForeign, ImportedGuest_CannotBeStarted_StaysDefined) {
   host_->Start();
   ImportAll(host_->id());
   EXPECT_NE(host_->Power(kOwners, "poweron"), 0) << "this machine does not have the address of its screen";
-  ExpectUserDomainUnchanged(domain, "after a start that failed");
+  ExpectTakenOver(domain, "after a start that failed");
   host_->Restart();
-  ExpectUserDomainUnchanged(domain, "after the host was killed");
+  ExpectTakenOver(domain, "after the host was killed");
   EXPECT_EQ(user_->IsActive(kOwners), false);
 }
 

@@ -8,6 +8,7 @@
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/support/matchers.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
@@ -183,7 +184,81 @@ TEST_F(GuestDefinition, ImportedDefinition_AfterRun_KeepsUnrecordedParts) {
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
   const std::string after = XmlAsUser(kGuest);
   for (const char* kept : {"The owned one", "keep me", "localtime", kMark}) EXPECT_THAT(after, HasSubstr(kept));
+}
+
+// libvirt would start it with the machine, whether the guest still belongs to this host or not.
+TEST_F(GuestDefinition, ImportedDefinition_WithAutostart_HasNoneUntilItsRelease) {
+  test::ClearCapturedSyslog();
+  ASSERT_NO_FATAL_FAILURE(StartWithAutostartedGuest(false));
+  PutGuest(kGuest, "web-1");  // as an import does
+  const auto end = std::chrono::steady_clock::now() + 30s;
+  while (IsAutostartedAsUser(kGuest) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+  EXPECT_FALSE(IsAutostartedAsUser(kGuest));
+  EXPECT_EQ(Parsed(*StoredGuest())["autorun"], Json::Value(1)) << "VEXA starts it";
+  EXPECT_THAT(XmlAsUser(kGuest), Not(HasSubstr(kMark))) << "it is its owner's until the first start";
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_FALSE(IsAutostartedAsUser(kGuest));
+  EXPECT_TRUE(test::SyslogContains("libvirt was set to start the guest " + std::string(kGuest) +
+                                   " with the machine. The setting was cleared, because VEXA starts its guests"));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_FALSE(IsAutostartedAsUser(kGuest));
+  EXPECT_DONE(control_->Release(kGuest, kAlice));
   EXPECT_TRUE(IsAutostartedAsUser(kGuest));
+}
+
+TEST_F(GuestDefinition, Release_ImportedGuestNeverStarted_RestoresAutostart) {
+  ASSERT_NO_FATAL_FAILURE(StartWithAutostartedGuest(false));
+  PutGuest(kGuest, "web-1");
+  const auto end = std::chrono::steady_clock::now() + 30s;
+  while (IsAutostartedAsUser(kGuest) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+  EXPECT_FALSE(IsAutostartedAsUser(kGuest));
+  const std::string before = XmlAsUser(kGuest);
+  EXPECT_DONE(control_->Release(kGuest, kAlice));
+  EXPECT_TRUE(IsAutostartedAsUser(kGuest));
+  EXPECT_EQ(XmlAsUser(kGuest), before);
+}
+
+// Otherwise nobody would start the guest.
+TEST_F(GuestDefinition, Autostart_CannotBeTakenOver_StaysSetAndIsLogged) {
+  test::ClearCapturedSyslog();
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "autostart: found") host_.store().FailCommits();
+  };
+  Start(std::move(options));
+  const std::string xml = UserXml(kGuest, "web-1");
+  ASSERT_TRUE(DefineAsUser(xml));
+  ASSERT_TRUE(AutostartAsUser(kGuest));
+  PutImported(xml);
+  PutGuest(kGuest, "web-1");
+  const std::string line = "libvirt is set to start the guest " + std::string(kGuest) +
+                           " with the machine, and the setting could not be cleared: ";
+  const auto end = std::chrono::steady_clock::now() + 30s;
+  while (!test::SyslogContains(line) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+  EXPECT_TRUE(test::SyslogContains(line));
+  EXPECT_TRUE(IsAutostartedAsUser(kGuest));
+  Kill();
+  host_.store().Heal();
+}
+
+// Set with virsh, or by a version of this program that kept it.
+TEST_F(GuestDefinition, Autostart_OfOwnDefinition_IsClearedAtStart) {
+  const std::string foreign = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6d";
+  GuestControlOptions options = Options();
+  options.hypervisor.mode = "test:///default";  // its domains stay while a connection is open; it has little memory
+  PutGuest(kGuest, "web-1", Parsed(R"({"vram_size":1})"));
+  Start(options);
+  const std::unique_ptr<virConnect, int (*)(virConnectPtr)> connection(virConnectOpen("test:///default"),
+                                                                       virConnectClose);
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  ASSERT_TRUE(DefineAsUser(UserXml(foreign, "another one")));
+  ASSERT_TRUE(AutostartAsUser(kGuest));
+  ASSERT_TRUE(AutostartAsUser(foreign));
+  Kill();
+  Start(options);
+  EXPECT_FALSE(IsAutostartedAsUser(kGuest));
+  EXPECT_TRUE(IsAutostartedAsUser(foreign));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
 }
 
 TEST_F(GuestDefinition, ImportedDefinition_StartFails_IsKept) {

@@ -107,6 +107,21 @@ TEST_F(GuestImports, Import_NewGuest_WritesDisksAndDefinition) {
   EXPECT_EQ(TextOf(records::FileReferencesGuardKey()), "\"" + std::string(kFirst) + "\"");
 }
 
+// libvirt no longer starts it, so this system does. What a user has set since stays.
+TEST_F(GuestImports, Import_GuestThatLibvirtStarted_GetsAutorun) {
+  ImportRequest request = RequestOf(Domain(kFirst, "one"));
+  request.autostart = true;
+  EXPECT_TRUE(Import(request).ok());
+  EXPECT_EQ(Record("guest", kFirst)["autorun"], 1);
+  Json::Value record = Record("guest", kFirst);
+  record["autorun"] = 0;
+  host_.Put("guest", kFirst, record);
+  EXPECT_TRUE(Import(request, OnExisting::kReplace).ok());
+  EXPECT_EQ(Record("guest", kFirst)["autorun"], 0);
+  ExpectImported(Domain(kSecond, "two"));
+  EXPECT_EQ(Record("guest", kSecond)["autorun"], 0);
+}
+
 TEST_F(GuestImports, Import_DefinitionUnusable_IsRefusedWithSentence) {
   ImportRequest request;
   request.xml = Domain(kFirst, "one", Disk("vda"));
