@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <ranges>
 #include <utility>
 
 #include "host/base/sanitize_for_log.h"
@@ -66,18 +65,14 @@ Result<Known> ReadKnown(const store::Snapshot& snapshot) {
   return Known{std::move(*networks), std::move(*reports)};
 }
 
-// The other networks.
-auto Others(const Known& known, const Network& network) {
-  return std::views::filter(known.networks, [&](const StoredNetwork& other) { return other.network.id != network.id; });
-}
-
 // Where a subnet is used that overlaps with `subnet`, for a sentence. "": nowhere.
 std::string FindOverlap(const Known& known, const Network& network, const Ipv4Subnet& subnet) {
   const auto overlaps = [&](const std::string& text) {
     const auto other = ParseIpv4Subnet(text);
     return other && Overlap(*other, subnet);
   };
-  for (const StoredNetwork& other : Others(known, network)) {
+  for (const StoredNetwork& other : known.networks) {
+    if (other.network.id == network.id) continue;
     const std::string& text = other.network.subnet;
     if (overlaps(text)) return fmt::format("{} of the network {}", text, Quoted(other.network.name));
   }
@@ -152,7 +147,8 @@ bool IsSameVlan(const Network& a, const Network& b) {
 }
 
 std::optional<Refusal> CheckOthers(const Known& known, const Network& network) {
-  for (const StoredNetwork& other : Others(known, network)) {
+  for (const StoredNetwork& other : known.networks) {
+    if (other.network.id == network.id) continue;
     const std::string name = Quoted(other.network.name);
     if (other.network.name == network.name)
       return Refusal{kRecordExists, fmt::format("There is a network {} already", name)};

@@ -4,6 +4,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <optional>
 
 #include "json/readers.h"
 #include "tests/support/console_guest.h"
@@ -57,6 +59,19 @@ class QemuConsole : public EmbeddedHostTest {
       pollfd readable{line.fd(), POLLIN, 0};
       return line.Send("x") && ::poll(&readable, 1, 500) == 1;
     }));
+  }
+  // The serial line. It is in use until the host has noticed that AwaitGuest has closed it.
+  WebSocketClient OpenFreeLine(const std::function<WebSocketClient()>& open) {
+    std::optional<WebSocketClient> line;
+    EXPECT_TRUE(Await([&] {
+      line.reset();
+      line.emplace(open());
+      return status_ != 409;
+    }));
+    return std::move(*line);
+  }
+  WebSocketClient OpenFreeLine() {
+    return OpenFreeLine([this] { return Open("serial"); });
   }
   Picture Screen() {
     const std::string file = environment_->folder() + "/screen.png";
@@ -125,7 +140,7 @@ TEST_F(QemuConsole, Qemu_ListensOnSocketOnly) {
 }
 
 TEST_F(QemuConsole, SerialLine_AnswersOnePersonAtATime) {
-  WebSocketClient line = Open("serial");
+  WebSocketClient line = OpenFreeLine();
   ASSERT_EQ(status_, 101) << line.body();
   ASSERT_TRUE(line.Send("hello\x01"));
   EXPECT_THAT(line.ReceiveUntil("HELLO!"), HasSubstr("HELLO!"));
@@ -149,12 +164,15 @@ TEST_F(QemuConsole, ConsoleCommand_IsTerminalOfGuestUntilTildeDot) {
   ProcessOptions options;
   options.argv = {environment_->Program("vexa"), "guest", "console", "console", "--socket", host_->Socket()};
   options.environment = {{"LD_LIBRARY_PATH", environment_->LibraryFolder()}};
-  OnTerminal terminal(options);
-  ASSERT_TRUE(terminal.WaitFor("Leave with ~."));
-  terminal.Type("hello");
-  EXPECT_TRUE(terminal.WaitFor("HELLO"));
-  terminal.Type("\r~.");
-  EXPECT_TRUE(terminal.WaitFor("The connection is closed."));
+  std::optional<OnTerminal> terminal;
+  ASSERT_TRUE(Await([&] {
+    terminal.emplace(options);
+    return terminal->WaitFor("Leave with ~.");
+  }));
+  terminal->Type("hello");
+  EXPECT_TRUE(terminal->WaitFor("HELLO"));
+  terminal->Type("\r~.");
+  EXPECT_TRUE(terminal->WaitFor("The connection is closed."));
 }
 
 TEST_F(QemuConsole, ViewerCommand_GivesViewerAPortWithScreen) {
@@ -170,7 +188,7 @@ TEST_F(QemuConsole, ViewerCommand_GivesViewerAPortWithScreen) {
 TEST_F(QemuConsole, PowerOff_EndsConsoles) {
   WebSocketClient screen = Open("vnc");
   ASSERT_EQ(status_, 101);
-  WebSocketClient line = Open("serial");
+  WebSocketClient line = OpenFreeLine();
   ASSERT_EQ(status_, 101);
   ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
   EXPECT_EQ(screen.ReceiveClose(), 1000);
@@ -183,7 +201,7 @@ TEST_F(QemuConsole, PowerOff_EndsConsoles) {
 TEST_F(QemuConsole, Stop_EndsConsolesAndGuestGoesOn) {
   WebSocketClient screen = Open("vnc");
   ASSERT_EQ(status_, 101);
-  WebSocketClient line = Open("serial");
+  WebSocketClient line = OpenFreeLine();
   ASSERT_EQ(status_, 101);
   EXPECT_TRUE(host_->Stop(kGuestTimeout).has_value()) << host_->Log();
   EXPECT_EQ(screen.ReceiveClose(), 1001);
@@ -239,7 +257,7 @@ class QemuRemoteConsole : public QemuConsole {
 };
 
 TEST_F(QemuRemoteConsole, Consoles_AreOpenedThroughOtherHost) {
-  WebSocketClient line = OpenRemotely("serial");
+  WebSocketClient line = OpenFreeLine([this] { return OpenRemotely("serial"); });
   ASSERT_EQ(status_, 101) << line.body() << other_->Log();
   ASSERT_TRUE(line.Send("hello\x01"));
   EXPECT_THAT(line.ReceiveUntil("HELLO!"), HasSubstr("HELLO!"));
