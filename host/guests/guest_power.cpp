@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/base/uuid.h"
+#include "host/guests/autorun.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
@@ -147,6 +148,8 @@ Result<void, Refusal> LibvirtGuestControl::PowerOff(const std::string& guest_id,
     return done;
   });
   LogResult(guest_id, "poweroff", ended);
+  // A start with the machine that this has ended, or that waits for its next attempt, is not repeated.
+  (void)RemoveAutorun(*options_.store, options_.host_id, guest_id);
   if (auto* guard = std::get_if<GuestActivities::ActivityGuard>(&guard_or_activity)) {
     ReconcileAndRelease(std::move(*guard), guest_id);
   } else {

@@ -95,8 +95,12 @@ class RawSide final : public ClientSide {
     const int socket = parts.socket.native_handle();
     const int on = 1;
     const int idle_s = 30;
+    const int interval_s = 10;
+    const int probes = 3;
     (void)::setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     (void)::setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+    (void)::setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+    (void)::setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
   }
 
   void Accept(Done done) override { AsyncWrite(response_, std::move(done)); }

@@ -72,8 +72,9 @@ class StreamPump : public std::enable_shared_from_this<StreamPump> {
     // What the guest has sent before the end of its stream is still brought over.
     const bool is_open = FromStream() && FromSocket() && !is_broken;
     if (!is_open) return End();
-    const int socket_events =
-        (to_stream_.IsEmpty() ? VIR_EVENT_HANDLE_READABLE : 0) | (to_socket_.IsEmpty() ? 0 : VIR_EVENT_HANDLE_WRITABLE);
+    const int socket_events = VIR_EVENT_HANDLE_HANGUP |  // libvirt does not watch a descriptor without any
+                              (to_stream_.IsEmpty() ? VIR_EVENT_HANDLE_READABLE : 0) |
+                              (to_socket_.IsEmpty() ? 0 : VIR_EVENT_HANDLE_WRITABLE);
     const int stream_events =
         (to_socket_.IsEmpty() ? VIR_STREAM_EVENT_READABLE : 0) | (to_stream_.IsEmpty() ? 0 : VIR_STREAM_EVENT_WRITABLE);
     virEventUpdateHandle(watch_, socket_events);

@@ -156,6 +156,8 @@ std::string TestNodeXml() {
   return xml.str();
 }
 
+bool IsEmbedded(const std::string& uri) { return uri.find(":///embed?") != std::string::npos; }
+
 Result<DriverTarget, Failure> ResolveDriver(const HypervisorOptions& options) {
   if (options.mode.empty()) {
     return Failure(FailureKind::kInvalid, "The hypervisor is missing. Use 'test', 'embed' or a libvirt URI");

@@ -24,6 +24,9 @@ struct DriverTarget {
   }
 };
 
+// Whether the driver of this URI runs in this process.
+bool IsEmbedded(const std::string& uri);
+
 // Failures: kInvalid, kDenied, kFailed. Does not touch any connection; creates the root for embed.
 Result<DriverTarget, Failure> ResolveDriver(const HypervisorOptions& options);
 

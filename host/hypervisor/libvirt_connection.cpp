@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "host/base/run_logging_exceptions.h"
+#include "host/hypervisor/driver_uri.h"
 #include "host/hypervisor/libvirt_errors.h"
 
 namespace vexa::hypervisor {
@@ -44,8 +45,6 @@ ConnectionRegistry& LiveConnections() {
   static ConnectionRegistry& registry = *new ConnectionRegistry;
   return registry;
 }
-
-bool IsEmbedded(const std::string& uri) { return uri.find(":///embed?") != std::string::npos; }
 
 // With each connection, the embedded driver registers itself again in a libvirt table with few entries. A process
 // therefore has one connection to it, which is never closed and cannot be lost.

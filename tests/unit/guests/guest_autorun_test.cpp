@@ -3,6 +3,9 @@
 
 #include <syslog.h>
 
+#include <atomic>
+#include <thread>
+
 #include "host/cluster/cluster_log.h"
 #include "host/cluster/host_claim.h"
 #include "host/records/host_claim_record.h"
@@ -219,11 +222,14 @@ TEST_F(GuestAutorun, GuestStartedByUserMeanwhile_IsNotStartedOnceMore) {
                            R"(",")" + kGuest + R"("]})";
   ASSERT_TRUE(host_.store().Commit({{}, {{AutorunKey(HostId()), list}}}));
   PutAutorun(kOther, "db-1", 1);
-  bool is_done = false;
+  std::atomic<bool> is_started = false;
+  std::atomic<bool> is_done = false;
   before_step_ = [&](std::string_view step) {
     // While db-1 is started, alice starts and stops web-1.
     if (step != "poweron: reserved" || is_done) return;
     is_done = true;
+    // The first start may begin before the fixture has the object.
+    while (!is_started) std::this_thread::sleep_for(1ms);
     EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
     EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
   };

@@ -6,10 +6,13 @@
 
 #include "host/base/guest_settings.h"
 #include "host/cluster/grants.h"
+#include "host/guests/creation/network_id.h"
 #include "host/guests/creation/os_defaults.h"
 #include "host/guests/deletion/deletion.h"
 #include "host/guests/import/guest_import.h"
 #include "host/guests/jobs/guest_locks.h"
+#include "host/records/network_record.h"
+#include "tests/support/require.h"
 #include "tests/unit/guests/guest_creation_fixture.h"
 
 namespace vexa::test {
@@ -107,6 +110,23 @@ TEST_F(CreationTest, Create_DisksAndInterfaces_HaveRecordsAndFiles) {
   EXPECT_EQ(RecordOf(*store_, "vnic", guest["vnics"][0].asString())["network_name"], "br0");
   EXPECT_EQ(RecordOf(*store_, "vnic", guest["vnics"][1].asString())["mac_address"], "02:00:00:00:00:77");
   EXPECT_TRUE(guests::CheckNoUnfinishedJob(*store_, kCreated).ok());
+}
+
+// Otherwise the guest would be in the wrong network, depending on the ids.
+TEST_F(CreationTest, NetworkId_NameIsAlsoWhatHostsCallAnother_IsThatOfTheName) {
+  constexpr char kFirst[] = "00000000-0000-4000-8000-00000000000a";
+  constexpr char kSecond[] = "00000000-0000-4000-8000-00000000000b";
+  PutRecord(*store_, KeyOf("network", kFirst), Parsed(R"({"name":"lan","bridge_name":"br7"})"));
+  PutRecord(*store_, KeyOf("network", kSecond), Parsed(R"({"name":"br7","bridge_name":"br8"})"));
+  EXPECT_EQ(Require(guests::FindNetworkId(*Require(store_->Read()), "br7")), kSecond);
+  EXPECT_EQ(Require(guests::FindNetworkId(*Require(store_->Read()), "br8")), kSecond);
+  EXPECT_EQ(Require(guests::FindNetworkId(*Require(store_->Read()), "lan")), kFirst);
+}
+
+TEST_F(CreationTest, NetworkId_HostHasFoundIt_IsThatOfEdits) {
+  EXPECT_EQ(Require(guests::FindNetworkId(*Require(store_->Read()), "br9")), std::nullopt);
+  PutText(*store_, records::NetworkReportKey(kThisHost), R"({"found":[{"name":"br9","kind":"bridge"}]})");
+  EXPECT_EQ(Require(guests::FindNetworkId(*Require(store_->Read()), "br9")), domain_xml::NetworkGroupId("br9"));
 }
 
 TEST_F(CreationTest, Create_WithoutHost_HasNone) {
