@@ -235,6 +235,7 @@ TEST_F(GuestAutorun, GuestStartedByUserMeanwhile_IsNotStartedOnceMore) {
   };
   test::ClearCapturedSyslog();
   StartOn("boot-1");
+  is_started = true;
   ExpectListEmpty();
   EXPECT_TRUE(is_done);
   ExpectState(states::running, kOther);
