@@ -43,7 +43,8 @@ std::optional<std::string> DecodeBase64(std::string_view text) {
     bytes.append(decoded, 0, static_cast<std::size_t>(size));
     text.remove_prefix(block.size());
   }
-  if (given.ends_with("=")) bytes.resize(bytes.size() - (given.ends_with("==") ? 2 : 1));
+  const std::size_t padding = given.ends_with("==") ? 2 : (given.ends_with("=") ? 1 : 0);
+  bytes.erase(bytes.size() - padding);
   // libcrypto also accepts blanks at the ends, and bits that are not used.
   return EncodeBase64(bytes) == given ? std::optional(bytes) : std::nullopt;
 }
