@@ -57,7 +57,7 @@ Result<void, Refusal> LibvirtGuestControl::ForgetAutorun(const std::string& gues
 
 void LibvirtGuestControl::RunAutoruns() {
   std::map<std::string, AutorunAttempts> attempts;
-  bool has_more = options_.claim != nullptr;
+  bool has_more = true;
   while (has_more) {
     RunLoggingExceptions("The start of guests after a boot", [&] { has_more = RunNextAutorun(attempts); });
     if (has_more && AwaitStop(options_.autorun_interval)) return;

@@ -175,7 +175,7 @@ Status LibvirtGuestControl::Begin() {
   }
   {
     const MutexLock lock(maintenance_mutex_);
-    threads_ += networks_ ? 4 : 3;
+    threads_ += 2 + (networks_ ? 1 : 0) + (options_.claim ? 1 : 0);
   }
   const auto run = [this](void (LibvirtGuestControl::*work)()) {
     (this->*work)();
@@ -186,7 +186,7 @@ Status LibvirtGuestControl::Begin() {
   maintenance_thread_ = std::thread(run, &LibvirtGuestControl::Maintain);
   watch_thread_ = std::thread(run, &LibvirtGuestControl::WatchRecords);
   if (networks_) networks_thread_ = std::thread(run, &LibvirtGuestControl::WatchNetworks);
-  autorun_thread_ = std::thread(run, &LibvirtGuestControl::RunAutoruns);
+  if (options_.claim) autorun_thread_ = std::thread(run, &LibvirtGuestControl::RunAutoruns);
   return {};
 }
 
