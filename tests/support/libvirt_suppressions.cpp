@@ -19,5 +19,7 @@ extern "C" const char* __tsan_default_suppressions() {
       // own.
       "race:libvirt_driver_qemu.so\n"
       "mutex:libvirt_driver_qemu.so\n"
-      "deadlock:virDomainObj\n";
+      "deadlock:virDomainObj\n"
+      // The locks of a serial line's stream and of the guest's list of consoles, both its own as well.
+      "deadlock:virFDStreamSetInternalCloseCb\n";
 }

@@ -1,6 +1,7 @@
 // Guests in libvirt beyond their runs: saved memory, and definitions made by users.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 
 #include "host/records/domain_record.h"
@@ -222,8 +223,11 @@ TEST_F(GuestDefinition, Release_ImportedGuestNeverStarted_RestoresAutostart) {
 TEST_F(GuestDefinition, Autostart_CannotBeTakenOver_StaysSetAndIsLogged) {
   test::ClearCapturedSyslog();
   GuestControlOptions options = Options();
+  std::atomic<bool> is_set_up = false;
   options.before_step = [&](std::string_view step) {
-    if (step == "autostart: found") host_.store().FailCommits();
+    if (step != "autostart: found") return;
+    while (!is_set_up) std::this_thread::sleep_for(1ms);
+    host_.store().FailCommits();
   };
   Start(std::move(options));
   const std::string xml = UserXml(kGuest, "web-1");
@@ -231,6 +235,7 @@ TEST_F(GuestDefinition, Autostart_CannotBeTakenOver_StaysSetAndIsLogged) {
   ASSERT_TRUE(AutostartAsUser(kGuest));
   PutImported(xml);
   PutGuest(kGuest, "web-1");
+  is_set_up = true;
   const std::string line = "libvirt is set to start the guest " + std::string(kGuest) +
                            " with the machine, and the setting could not be cleared: ";
   const auto end = std::chrono::steady_clock::now() + 30s;
