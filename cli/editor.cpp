@@ -132,7 +132,7 @@ class BlockedSignals {
   ::_exit(127);
 }
 
-// Waits for the editor and passes SIGTERM and SIGHUP on to it. Returns the last such signal, 0 when there was none.
+// Waits for the editor and passes SIGTERM and SIGHUP on to it. Returns the last such signal, 0 if no signal arrived.
 int WaitForEditor(pid_t pid, const BlockedSignals& signals, int& status) {
   constexpr timespec kCheckInterval{0, 200'000'000};
   int received = 0;

@@ -34,8 +34,8 @@ class Dispatcher {
     std::function<std::string()> metrics_text;   // GET /metrics
     std::function<std::string()> health;         // GET /healthz: the problem, or ""; on I/O threads, must not block
     session::ConsoleTickets* tickets = nullptr;  // with `open_console`
-    ConsoleOpener open_console{};              // GET /console/…, on the lane for long calls; not set: there are none
-    std::function<bool()> is_database_lost{};  // whether the cluster database cannot be read now; optional
+    ConsoleOpener open_console{};                // GET /console/…, on the lane for long calls; not set: 404
+    std::function<bool()> is_database_lost{};    // whether the cluster database cannot be read now; optional
   };
   explicit Dispatcher(Parts parts);
 

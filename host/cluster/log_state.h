@@ -45,7 +45,7 @@ class LogTimes {
 };
 
 struct LogState {
-  store::Revision revision = 0;   // of the record; 0: there is none
+  store::Revision revision = 0;   // of the record; 0: it does not exist
   std::size_t count = 0;          // of entries
   std::size_t since_recount = 0;  // entries that were added since the count was compared with the store
   std::int64_t last = 0;          // position

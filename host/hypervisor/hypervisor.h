@@ -148,7 +148,7 @@ class Hypervisor {
   // Removes the saved memory of a guest that is off. Having none is not an error.
   virtual Result<void, Failure> DiscardSaved(const std::string& id) = 0;
   // Removes saved memory of a guest that is active. It is outdated: a save or a restore was interrupted, and the guest
-  // went on. False: there is none, or the guest may just be being saved or restored.
+  // went on. Returns false if the guest has no saved memory, or may just be being saved or restored.
   virtual Result<bool, Failure> DiscardOutdatedSaved(const std::string& id) = 0;
 
   virtual Result<Definition, Failure> DefinitionOf(const std::string& id) = 0;

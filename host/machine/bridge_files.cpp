@@ -32,7 +32,7 @@ Status WriteChanged(const std::string& path, const std::string& text) {
   return Content(path) == text ? Status() : WriteFileAtomically(path, text, kMode);
 }
 
-// The rest of the line that begins with `begin`; "": there is none.
+// Returns what follows `begin` on the first line that starts with it; empty if no line does.
 std::string LineAfter(std::string_view text, std::string_view begin) {
   std::string found;
   ForEachLine(text, [&](std::string_view line) {

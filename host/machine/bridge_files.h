@@ -33,7 +33,7 @@ class BridgeFiles {
 
   // What the bridge was made for; move_addresses is not in it. Not set: there is no such file.
   std::optional<BridgeRequest> Read() const;
-  // A file under one of the three names without this mark; "": there is none.
+  // Returns a file under one of the three names without this mark; empty if all of them have it or are absent.
   std::string Foreign(const BridgeMark& mark) const;
   // Writes what is missing or has changed; `mac` is the address of the bridge's interface, "" for any. The addresses of
   // a bridge are written when there are some to move, and else stay as they are in the file. Errors: those of

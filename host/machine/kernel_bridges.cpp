@@ -43,7 +43,7 @@ struct Situation {
   const Netlink& netlink;
   const BridgeRequest& request;
   const BridgeFiles& files;
-  LinkHandle bridge;  // null: there is none of the name
+  LinkHandle bridge;  // null if no interface has the name
 
   BridgeMark Mark() const { return {request.network_id, request.host_id}; }
   std::string Alias() const { return BridgeAlias(Mark()); }
@@ -59,7 +59,7 @@ struct Situation {
   }
 };
 
-// Ports of the bridge that this system has not put there, for a sentence; "": there are none.
+// Returns the ports of the bridge that this system has not put there, for a sentence; empty if all are its own.
 Result<std::string> OtherPorts(const Situation& at, const std::string& uplink) {
   const auto ports = at.netlink.PortsOf(at.bridge.get());
   if (!ports) return ports.error();

@@ -89,7 +89,7 @@ std::string FindOverlap(const Known& known, const Network& network, const Ipv4Su
   return "";
 }
 
-// A subnet that is not used anywhere. Not set: there is none.
+// Returns a subnet that is not used anywhere, or nullopt when all subnets are in use.
 std::optional<Ipv4Subnet> ChooseSubnet(const Known& known, const Network& network) {
   struct Range {
     const char* first;
@@ -216,18 +216,27 @@ Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const N
   return transaction;
 }
 
+// Reads a network that is to be changed: null if it does not exist, which is put into `refused`.
+Result<std::optional<StoredNetwork>> ReadForChange(const store::Snapshot& snapshot, const std::string& id,
+                                                   std::string& name, std::optional<Refusal>& refused) {
+  name.clear();
+  auto stored = records::ReadNetwork(snapshot, id);
+  if (!stored) return stored;
+  if (*stored) {
+    name = records::DisplayName((*stored)->record);
+  } else {
+    refused = NoSuchNetwork(id);
+  }
+  return stored;
+}
+
 Result<store::Transaction> PlanEdit(const store::Snapshot& snapshot, const std::string& id,
                                     const NetworkSettings& settings, std::string& name,
                                     std::optional<Refusal>& refused) {
   store::Transaction transaction;
-  name.clear();
-  const auto stored = records::ReadNetwork(snapshot, id);
+  const auto stored = ReadForChange(snapshot, id, name, refused);
   if (!stored) return stored.error();
-  if (!*stored) {
-    refused = NoSuchNetwork(id);
-    return transaction;
-  }
-  name = records::DisplayName((*stored)->record);
+  if (!*stored) return transaction;
   Network network = (*stored)->network;
   Apply(settings, network);
   if (const Status checked = records::CheckNetwork(network); !checked) {
@@ -256,14 +265,9 @@ Result<store::Transaction> PlanEdit(const store::Snapshot& snapshot, const std::
 Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const std::string& id, std::string& name,
                                        std::optional<Refusal>& refused) {
   store::Transaction transaction;
-  name.clear();
-  const auto stored = records::ReadNetwork(snapshot, id);
+  const auto stored = ReadForChange(snapshot, id, name, refused);
   if (!stored) return stored.error();
-  if (!*stored) {
-    refused = NoSuchNetwork(id);
-    return transaction;
-  }
-  name = records::DisplayName((*stored)->record);
+  if (!*stored) return transaction;
   const auto users = FindNetworkUsers(snapshot, (*stored)->network);
   if (!users) return users.error();
   if (!users->empty()) {

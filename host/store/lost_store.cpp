@@ -37,7 +37,7 @@ std::string MarkText(const std::string& data_directory, const std::string& store
                      kData, Resolved(data_directory), kStore, Resolved(store_directory));
 }
 
-// The rest of the line that begins with `name`; "" when there is none.
+// Returns what follows `name` on the first line that starts with it; empty if no line does.
 std::string ValueIn(const std::string& mark, std::string_view name) {
   std::istringstream lines(mark);
   for (std::string line; std::getline(lines, line);) {

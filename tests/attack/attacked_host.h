@@ -117,7 +117,7 @@ class AttackedHost {
 
 // The code of an error reply; 0 for a success or no reply.
 int CodeOf(const HttpReply& reply);
-// The "data" of a reply; null when there is none.
+// The "data" of a reply; null when the reply has no data.
 Json::Value DataOf(const HttpReply& reply);
 
 }  // namespace vexa::test

@@ -198,7 +198,7 @@ TEST(LmdbStore, Open_UnfinishedDataFile_IsIgnored) {
   EXPECT_EQ(Increment(*store, "/shared"), 0);
 }
 
-TEST(LmdbStore, CreateDataFile_IsWhatLmdbMakes) {
+TEST(LmdbStore, CreateDataFile_NewFile_EqualsTheFileThatLmdbCreates) {
   const TemporaryFolder folder;
   constexpr std::size_t kMapBytes = std::size_t{64} << 20;
   MDB_env* environment = nullptr;

@@ -71,7 +71,7 @@ TEST_F(DispatcherWithoutServer, CertificateThatCannotCall_IsRefusedAndTheConnect
   EXPECT_FALSE(closed_connection_);
 }
 
-// One line for all hosts hid those of others, and there was none when the certificate of an open connection expired.
+// One line for all hosts hid the lines of others, and nothing was logged when an open connection's certificate expired.
 TEST_F(DispatcherWithoutServer, CertificatesThatCannotCall_AreLoggedByHost) {
   const auto now = std::chrono::system_clock::now();
   const auto call = [this](const char* host_id, vexa::CertificateTimes times) {

@@ -7,10 +7,8 @@
 
 #include "host/base/json_parse.h"
 #include "json/readers.h"
-#include "tests/support/network_namespace.h"
 #include "tests/support/process.h"
-#include "tests/support/qemu_host.h"
-#include "tests/support/system_libvirtd.h"
+#include "tests/support/system_host_test.h"
 
 namespace vexa::test {
 namespace {
@@ -24,38 +22,17 @@ constexpr char kUnconnectable[] = "warning network_unconnectable";
 // 10 s by the promise, and a busy machine.
 constexpr auto kLimit = 30s;
 
-class NetworkHealth : public testing::Test {
+class NetworkHealth : public SystemHostTest {
  protected:
-  void SetUp() override {
-    const std::string why_not = UnavailableReason();
-    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
-    RunTool({"ip", "link", "set", "lo", "up"});
-    QemuFiles files = HostFiles();
-    files.user = QemuUser::kSame;
-    environment_ = std::make_unique<QemuEnvironment>(files);
-    libvirtd_ = std::make_unique<SystemLibvirtd>();
-    QemuHostOptions options;
-    options.hypervisor = kSystemUri;
-    host_ = std::make_unique<QemuHost>(*environment_, options);
-  }
+  void SetUp() override { SetUpHost({"ip"}); }
   void TearDown() override {
     if (HasFailure() && host_) {
       std::fprintf(stderr, "%s\n%s\n%s\n", host_->Log().c_str(), libvirtd_->Log().c_str(),
                    Content("/var/log/libvirt/qemu/connected.log").c_str());
     }
-    if (host_) host_->Power(kGuest, "poweroff");
-    host_.reset();
-    if (libvirtd_) libvirtd_->Forget(kGuest);
+    StopHost(kGuest);
     libvirtd_.reset();
     environment_.reset();
-  }
-
-  static std::string UnavailableReason() {
-    std::string why_not = NamespaceUnavailableReason();
-    if (why_not.empty()) why_not = QemuUnavailableReason();
-    if (!why_not.empty()) return why_not;
-    if (!IsInstalled("/usr/sbin/libvirtd")) return "there is no libvirtd: install libvirt-daemon";
-    return IsInstalled("ip") ? "" : "there is no ip: install iproute2";
   }
 
   // A host that runs the guest on `network`.
@@ -119,9 +96,6 @@ class NetworkHealth : public testing::Test {
   }
 
   static inline const std::string kNic = std::string("nic-") + kGuest;
-  std::unique_ptr<QemuEnvironment> environment_;
-  std::unique_ptr<SystemLibvirtd> libvirtd_;
-  std::unique_ptr<QemuHost> host_;
 };
 
 TEST_F(NetworkHealth, Bridge_WithUplink_FollowsItsCable) {

@@ -6,10 +6,8 @@
 
 #include "host/base/json_parse.h"
 #include "json/readers.h"
-#include "tests/support/network_namespace.h"
 #include "tests/support/process.h"
-#include "tests/support/qemu_host.h"
-#include "tests/support/system_libvirtd.h"
+#include "tests/support/system_host_test.h"
 
 namespace vexa::test {
 namespace {
@@ -20,30 +18,13 @@ using testing::HasSubstr;
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000012";
 constexpr auto kLimit = 30s;
 
-class Networks : public testing::Test {
+class Networks : public SystemHostTest {
  protected:
-  void SetUp() override {
-    std::string why_not = NamespaceUnavailableReason();
-    if (why_not.empty()) why_not = QemuUnavailableReason();
-    for (const char* program : {"/usr/sbin/libvirtd", "ip", "iptables", "dnsmasq"}) {
-      if (why_not.empty() && !IsInstalled(program)) why_not = std::string("there is no ") + program;
-    }
-    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
-    RunTool({"ip", "link", "set", "lo", "up"});
-    QemuFiles files = HostFiles();
-    files.user = QemuUser::kSame;
-    environment_ = std::make_unique<QemuEnvironment>(files);
-    libvirtd_ = std::make_unique<SystemLibvirtd>();
-    QemuHostOptions options;
-    options.hypervisor = kSystemUri;
-    host_ = std::make_unique<QemuHost>(*environment_, options);
-  }
+  void SetUp() override { SetUpHost({"ip", "iptables", "dnsmasq"}); }
   void TearDown() override {
     if (!libvirtd_) return;
     if (HasFailure() && host_) std::fprintf(stderr, "%s\n%s\n", host_->Log().c_str(), libvirtd_->Log().c_str());
-    if (host_) host_->Power(kGuest, "poweroff");
-    host_.reset();
-    libvirtd_->Forget(kGuest);
+    StopHost(kGuest);
     for (const std::string& name : InLibvirt()) {
       const auto connection = Connect();
       const SystemLibvirtd::Network network(::virNetworkLookupByName(connection.get(), name.c_str()), ::virNetworkFree);
@@ -100,10 +81,6 @@ class Networks : public testing::Test {
     const std::size_t begin = master + std::string(" master ").size();
     return links.substr(begin, links.find(' ', begin) - begin);
   }
-
-  std::unique_ptr<QemuEnvironment> environment_;
-  std::unique_ptr<SystemLibvirtd> libvirtd_;
-  std::unique_ptr<QemuHost> host_;
 };
 
 TEST_F(Networks, FirstStart_GuestGetsTheDefaultNetwork_AndKeepsItWhileUsed) {

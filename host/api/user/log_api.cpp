@@ -120,8 +120,8 @@ void ListEntries(const Call& call) {
 std::vector<ApiRow> LogRows() {
   return {
       UserRow("VEXA.Virtualization.Log", "list", LaneKind::kQuick, ListEntries,
-              "The cluster log, newest entries first; \"next\" is the cursor of older ones, empty when there are "
-              "none. With \"after\": the entries added after that one, oldest first; following with the \"position\" "
+              "The cluster log, newest entries first; \"next\" is the cursor of older ones, empty on the last page. "
+              "With \"after\": the entries added after that one, oldest first; following with the \"position\" "
               "of the last entry misses none and repeats none. For administrators and advanced users.",
               {{"cursor", ParameterType::kString, Necessity::kOptional, "The \"next\" of the previous page."},
                {"limit", ParameterType::kInteger, Necessity::kOptional,

@@ -50,7 +50,7 @@ Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::str
   return name;
 }
 
-// The name of the network that a host has found, and that has this id. "": there is none.
+// Returns the name of the network with this id that a host has found; empty when no host reports one.
 Result<std::string> NameFromReports(const store::Snapshot& snapshot, const std::string& network_id) {
   const auto reports = records::ReadNetworkReports(snapshot);
   if (!reports) return reports.error();

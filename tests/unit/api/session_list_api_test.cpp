@@ -55,7 +55,7 @@ TEST_F(SessionApi, End_ById_EndsOneOfTheCallersOwn) {
   const std::string alice = Login("alice");
   const std::string other = Login("alice");
   const std::string bob = Login("bob");
-  EXPECT_EQ(End(alice, ById(bob)), user_error::kNoSession) << "as if there were none";
+  EXPECT_EQ(End(alice, ById(bob)), user_error::kNoSession) << "the same answer as for a session that does not exist";
   EXPECT_EQ(CodeOf(bob), 0);
   EXPECT_EQ(End(alice, ById(other)), 0);
   EXPECT_EQ(CodeOf(other), user_error::kNotLoggedIn);

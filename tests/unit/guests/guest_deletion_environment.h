@@ -59,7 +59,7 @@ class DeletionEnvironment {
     return options;
   }
 
-  // Paths in the image folders, and in one that is none.
+  // Paths in the two image folders, and in a folder that is not an image folder.
   std::string Image(const std::string& name) const { return folder_.File("images/" + name); }
   std::string More(const std::string& name) const { return folder_.File("more/" + name); }
   std::string Outside(const std::string& name) const { return folder_.File("outside/" + name); }

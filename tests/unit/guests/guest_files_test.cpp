@@ -70,12 +70,13 @@ class GuestFiles : public GuestControlTest {
   // The guest's memory is saved, and something replaces its disk before a QEMU that restores it opens the disk.
   void SaveAndReplaceDisk() {
     const std::string path = File("a");
-    PutGuestWithDisk(path);
-    OpenInstead(path);
-    ASSERT_NO_FATAL_FAILURE(StartAndSave());
+    ASSERT_NO_FATAL_FAILURE(SaveWithDisk(path));
     ReplaceByLinkBeforeOpen(path);
   }
-  void StartAndSave() {
+  // Starts the guest with its disk at `path`, and saves its memory.
+  void SaveWithDisk(const std::string& path) {
+    PutGuestWithDisk(path);
+    OpenInstead(path);
     EXPECT_DONE(control_->PowerOn(id_, kAlice));
     qemu_.reset();
     ASSERT_TRUE(test::SaveAsUser(id_));
@@ -199,9 +200,7 @@ TEST_F(GuestFiles, PowerOn_OtherUserHasProcessWithGuestsId_OnlyQemuCounts) {
 
 TEST_F(GuestFiles, PowerOn_SavedGuestsDiskIsLink_IsRefusedAndMemoryKept) {
   const std::string path = File("a");
-  PutGuestWithDisk(path);
-  OpenInstead(path);
-  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  ASSERT_NO_FATAL_FAILURE(SaveWithDisk(path));
   fs::rename(path, path + ".away");
   fs::create_symlink(path + ".away", path);
   EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
@@ -241,10 +240,7 @@ class MaintainedGuestFiles : public GuestFiles {
 
 // What fails here fails on this thread only.
 TEST_F(MaintainedGuestFiles, PowerOn_RestoredGuestStaysPaused_IsResumedLater) {
-  const std::string path = File("a");
-  PutGuestWithDisk(path);
-  OpenInstead(path);
-  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  ASSERT_NO_FATAL_FAILURE(SaveWithDisk(File("a")));
   after_start_ = [&] { test::PauseAsUser(id_); };
   const test::FailingResumes unresumed({VIR_ERR_OPERATION_FAILED, "no lease"});
   const test::FailingSaves unsaved({VIR_ERR_OPERATION_FAILED, "the disk is full"});
@@ -263,10 +259,7 @@ TEST_F(MaintainedGuestFiles, PowerOn_RestoredGuestStaysPausedWithOtherFiles_IsSa
 }
 
 TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeResumed_IsSavedAgain) {
-  const std::string path = File("a");
-  PutGuestWithDisk(path);
-  OpenInstead(path);
-  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  ASSERT_NO_FATAL_FAILURE(SaveWithDisk(File("a")));
   after_start_ = [&] { test::PauseAsUser(id_); };
   {
     const test::FailingResumes failing({VIR_ERR_OPERATION_FAILED, "no lease"});
@@ -280,10 +273,7 @@ TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeResumed_IsSavedAgain) {
 
 // It has not run since its memory was read, and nobody has compared its files.
 TEST_F(GuestFiles, StayedPaused_OnlyResumeWithCheckedFilesLetsItRun) {
-  const std::string path = File("a");
-  PutGuestWithDisk(path);
-  OpenInstead(path);
-  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  ASSERT_NO_FATAL_FAILURE(SaveWithDisk(File("a")));
   after_start_ = [&] { test::PauseAsUser(id_); };
   {
     const test::FailingResumes unresumed({VIR_ERR_OPERATION_FAILED, "no lease"});

@@ -134,7 +134,7 @@ TEST(RequestParser, Header_FillsTheRequest) {
   EXPECT_TRUE(parser.keep_alive());
 }
 
-TEST(RequestParser, AnnouncedBody_IsWhatTheHeaderSays) {
+TEST(RequestParser, AnnouncedBody_Always_HasTheLengthInTheHeader) {
   const auto announced = [](const std::string& fields) {
     RequestParser parser(1000);
     EXPECT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\n" + fields + "\r\n"), 0) << fields;

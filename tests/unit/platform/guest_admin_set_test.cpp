@@ -37,7 +37,7 @@ class GuestAdminSet : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(GuestAdminSet, Identifier_Principal_IsWhatAccessChecksRead) {
+TEST_F(GuestAdminSet, Identifier_Principal_EqualsTheOneThatAccessChecksRead) {
   const std::uint32_t uid = host_.AddUser("alice", {"team"});
   const std::uint32_t gid = host_.GroupId("alice", "team");
   for (const int type : {1, 2, 8}) {
