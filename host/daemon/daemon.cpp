@@ -260,7 +260,8 @@ class Daemon::Impl {
       if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
     });
     const bool served = std::exchange(stopped_, true) || server_->Stop(deadline);
-    const bool checks_done = console_check_->Stop(left()) & upload_check_->Stop(left());
+    const bool consoles_checked = console_check_->Stop(left());
+    const bool uploads_checked = upload_check_->Stop(left());
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
@@ -282,7 +283,8 @@ class Daemon::Impl {
                "This host could not sign off: the database or its disk did not respond in the time of the stop.");
     }
     return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
-           quick_hosts_done && checks_done && certificate_done && caches_done && links_done && local_done && items_done;
+           quick_hosts_done && consoles_checked && uploads_checked && certificate_done && caches_done && links_done &&
+           local_done && items_done;
   }
 
  private:
@@ -428,26 +430,16 @@ class Daemon::Impl {
     const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
       return item_caller_->Call(request, timeout);
     };
-    for (auto&& part : {api::GuestRows(),
-                        api::SessionRows(sessions),
-                        api::SessionListRows(sessions),
-                        api::ServiceRows(MakeServiceParts(config)),
-                        api::HostListRows(),
-                        api::HostQueryRows(),
-                        api::GuestStateRows(guest_states_),
-                        api::GuestSavedStateRows(),
-                        api::ImportRows(store_),
-                        api::ConsoleRows(store_, &console_tickets_),
-                        api::CreationRows(MakeAccountServices()),
-                        api::RecoveryRows(store_),
-                        api::ImageRows(store_, config.image_roots),
-                        api::UploadRows(uploads_),
-                        api::RepositoryRows(store_),
-                        api::GuestNetworkRows(store_),
-                        api::LogRows(),
-                        api::AccountRows(MakeAccountServices()),
-                        api::GrantRows(MakeAccountServices()),
-                        api::CompoundRows(call_item, MakeCompoundOptions())}) {
+    std::vector<api::ApiRow> uploads = api::UploadRows(uploads_);
+    std::move(uploads.begin(), uploads.end(), std::back_inserter(rows));
+    for (auto&& part :
+         {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
+          api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
+          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
+          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
+          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
+          api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
+          api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));

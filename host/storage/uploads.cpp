@@ -83,6 +83,21 @@ Result<void, Refusal> CheckForm(const NewUpload& upload, const std::vector<std::
   return BadParameter(fmt::format("The folder {} is not one of the image folders {}", QuotedPath(upload.root), all));
 }
 
+// Why the name cannot be given to an upload; not set when it can. Errors: those of the store.
+Result<std::optional<Refusal>> FindNameConflict(const store::Snapshot& snapshot, const std::string& name) {
+  const auto images = records::ReadNamedRecords(snapshot, records::kImageCategory);
+  if (!images) return images.error();
+  for (const records::NamedRecord& image : *images) {
+    if (image.name == name) return std::optional(NameTaken(name, "the image " + Quoted(image.id)));
+  }
+  const auto uploads = ReadUploads(snapshot);
+  if (!uploads) return uploads.error();
+  for (const Upload& upload : *uploads) {
+    if (upload.name == name) return std::optional(NameTaken(name, "the upload " + Quoted(upload.id)));
+  }
+  return std::optional<Refusal>();
+}
+
 bool IsSame(const Upload& upload, const NewUpload& other) {
   return upload.name == other.name && upload.size == other.size && upload.sha256 == other.sha256 &&
          upload.root == other.root;
@@ -199,16 +214,21 @@ Result<UploadProgress, Refusal> Uploads::Begin(const NewUpload& given) {
   if (const auto checked = CheckForm(upload, options_.roots); !checked.ok()) return checked.error();
   const MutexLock beginning(beginning_);
   std::vector<Upload> uploads;
+  std::optional<Refusal> conflict;
   {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return StoreFailed(snapshot.error());
     auto all = ReadUploads(**snapshot);
     if (!all) return StoreFailed(all.error());
     uploads = std::move(*all);
+    auto found = FindNameConflict(**snapshot, upload.name);
+    if (!found) return StoreFailed(found.error());
+    conflict = std::move(*found);
   }
   for (const Upload& other : uploads) {
     if (other.host_id == options_.host_id && IsSame(other, upload)) return ProgressOf(other.id);
   }
+  if (conflict) return *std::move(conflict);
   if (const auto checked = CheckLimits(uploads, upload); !checked.ok()) return checked.error();
   const Status made = MakeImageFolder(*options_.store, options_.host_id, upload.root, "", options_.access);
   if (!made) return Refusal{user_error::kUnavailable, made.error().ToString()};
@@ -247,16 +267,9 @@ Result<std::string, Refusal> Uploads::Register(const NewUpload& given) {
   upload.folders = std::move(*folders);
   const auto plan = [&](const records::Reader& reader, std::optional<Refusal>& refused) -> Result<store::Transaction> {
     store::Transaction transaction;
-    const auto images = records::ReadNamedRecords(reader, records::kImageCategory);
-    if (!images) return images.error();
-    for (const records::NamedRecord& image : *images) {
-      if (image.name == upload.name) refused = NameTaken(upload.name, "the image " + Quoted(image.id));
-    }
-    const auto others = ReadUploads(reader);
-    if (!others) return others.error();
-    for (const Upload& other : *others) {
-      if (other.name == upload.name) refused = NameTaken(upload.name, "the upload " + Quoted(other.id));
-    }
+    auto conflict = FindNameConflict(reader, upload.name);
+    if (!conflict) return conflict.error();
+    refused = std::move(*conflict);
     if (refused) return transaction;
     const auto guard = reader.Get(UploadsGuardKey());
     if (!guard) return guard.error();
