@@ -100,9 +100,9 @@ ExitCode ReportTransport(const Error& error) {
   return error.code() == ErrorCode::kUnavailable ? ExitCode::kUnreachable : code;
 }
 
-CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body, Secrecy secrecy,
-                   LoginHint hint) {
-  const Result<HttpReply> reply = client.PostJson(path, body, secrecy);
+namespace {
+
+CallOutcome OutcomeOf(const HttpClient& client, const Result<HttpReply>& reply, LoginHint hint) {
   if (!reply) return FailureOf(reply.error());
   CallOutcome outcome;
   Result<ApiReply> parsed = ReadApiReply(*reply);
@@ -115,11 +115,24 @@ CallOutcome TryApi(HttpClient& client, const std::string& path, const std::strin
     outcome.failure = FailureText(client, *parsed, hint);
     outcome.code = parsed->code;
     outcome.has_reason = !parsed->reason.empty();
+    outcome.details = std::move(parsed->details);
   } else {
     outcome.data = std::move(parsed->data);
   }
   outcome.http_status = reply->status;
   return outcome;
+}
+
+}  // namespace
+
+CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body, Secrecy secrecy,
+                   LoginHint hint) {
+  return OutcomeOf(client, client.PostJson(path, body, secrecy), hint);
+}
+
+CallOutcome TryPut(HttpClient& client, const std::string& path, const std::string& content_range,
+                   const std::string& bytes) {
+  return OutcomeOf(client, client.PutPiece(path, content_range, bytes), LoginHint::kShow);
 }
 
 bool IsTemporary(const CallOutcome& outcome) {

@@ -58,6 +58,7 @@ struct CallOutcome {
   std::string failure;               // printable lines without "vexa: " and without the final line end
   std::optional<std::int64_t> code;  // from the server
   bool has_reason = false;           // the server gave a reason; `failure` contains it
+  Json::Value details;               // from the server
   int http_status = 0;               // 0: there was no reply
 };
 enum class LoginHint { kShow, kOmit };
@@ -65,6 +66,10 @@ enum class LoginHint { kShow, kOmit };
 // Calls a method and reads the reply; prints nothing. `failure` ends with "Run 'vexa login'." where that helps.
 CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body,
                    Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kShow);
+
+// The same for a piece of an upload, which is sent with PUT and the header Content-Range.
+CallOutcome TryPut(HttpClient& client, const std::string& path, const std::string& content_range,
+                   const std::string& bytes);
 
 // Whether a retry a little later may succeed: no complete reply, or one that the server, or a proxy in front of it,
 // gives while it restarts or is overloaded.

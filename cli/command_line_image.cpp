@@ -11,11 +11,13 @@ namespace {
 constexpr const char* kFooter = R"(
 Examples:
   vexa image add debian-12 /var/lib/vexa/images/debian-12.iso
+  vexa image add debian-12 ~/Downloads/debian-12.iso --upload
   vexa image list
   vexa image remove debian-12
 
 'vexa guest set --iso' takes the id. The file is on the server's machine, below one of the folders that the daemon's
-setting 'image-roots' names.)";
+setting 'image-roots' names. With --upload it is a file of this machine, which is sent to the server. An upload that was
+interrupted continues when the same command is run again within a day.)";
 
 }  // namespace
 
@@ -28,6 +30,9 @@ void AddImageCommands(const Command& app) {
   add.AddOption("NAME", options->name, "Its name").Required();
   add.AddOption("FILE", options->file, "Its file; a relative path is below the current folder").Required();
   add.AddOption("--id", options->id, "Its id (default: a new one)").Placeholder("UUID");
+  add.AddFlag("--upload", options->upload, "Send the file from this machine to the server");
+  add.AddOption("--folder", options->folder, "With --upload: the server's image folder for it (default: the first one)")
+      .Placeholder("FOLDER");
   add.OnRun(options, RunImageAdd);
 
   image.AddCommand("list", "List the images (paths are shown to administrators only)").OnRun(RunImageList);

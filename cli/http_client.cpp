@@ -66,7 +66,9 @@ class HttpClient::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  Result<HttpReply> Send(const std::string& path, const std::string* body, Secrecy secrecy) {
+  // `content_range`: not null for a PUT of a piece.
+  Result<HttpReply> Send(const std::string& path, const std::string* body, Secrecy secrecy,
+                         const std::string* content_range = nullptr) {
     if (!handle_) return Error(ErrorCode::kInternal, "Cannot start the HTTP library");
     const bool secret = secrecy == Secrecy::kSecret || !options_.token.empty();
     if (secret && options_.insecure_http == InsecureHttp::kRefuse && IsExposed(options_.endpoint)) {
@@ -75,7 +77,7 @@ class HttpClient::Impl {
     if (!options_.token.empty() && !IsValidToken(options_.token)) {
       return Error(ErrorCode::kInvalid, "The token contains invalid characters");
     }
-    return Perform(path, body);
+    return Perform(path, body, content_range);
   }
 
   std::string WithoutToken(std::string text) const {
@@ -90,12 +92,12 @@ class HttpClient::Impl {
   const HttpClientOptions& options() const { return options_; }
 
  private:
-  Result<HttpReply> Perform(const std::string& path, const std::string* body) {
+  Result<HttpReply> Perform(const std::string& path, const std::string* body, const std::string* content_range) {
     const bool over_unix_socket = !options_.endpoint.unix_socket.empty();
     const std::string url = (over_unix_socket ? "http://localhost" : options_.endpoint.url) + path;
     Received received;
     std::array<char, CURL_ERROR_SIZE> reason{};
-    curl_slist* headers = MakeHeaders(body != nullptr);
+    curl_slist* headers = MakeHeaders(body != nullptr, content_range);
 
     curl_easy_reset(handle_);
     Set(CURLOPT_URL, url.c_str());
@@ -121,12 +123,15 @@ class HttpClient::Impl {
       Set(CURLOPT_POST, 1L);
       Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
       Set(CURLOPT_POSTFIELDS, body->data());
+      if (content_range != nullptr) Set(CURLOPT_CUSTOMREQUEST, "PUT");
     }
     Set(CURLOPT_HTTPHEADER, headers);
     Set(CURLOPT_WRITEFUNCTION, AppendToBody);
     Set(CURLOPT_WRITEDATA, &received);
     Set(CURLOPT_ERRORBUFFER, reason.data());
-    if (options_.trace == Trace::kOn) std::cerr << (body ? "> POST " : "> GET ") << Printable(url) << '\n';
+    if (options_.trace == Trace::kOn) {
+      std::cerr << (content_range ? "> PUT " : body ? "> POST " : "> GET ") << Printable(url) << '\n';
+    }
 
     const CURLcode code = curl_easy_perform(handle_);
     curl_slist_free_all(headers);
@@ -162,10 +167,15 @@ class HttpClient::Impl {
     return *reason != '\0' ? reason : curl_easy_strerror(code);
   }
 
-  curl_slist* MakeHeaders(bool has_body) const {
+  curl_slist* MakeHeaders(bool has_body, const std::string* content_range) const {
     curl_slist* headers = curl_slist_append(nullptr, "Accept: application/json");
     headers = curl_slist_append(headers, "Expect:");
-    if (has_body) headers = curl_slist_append(headers, "Content-Type: application/json");
+    if (content_range != nullptr) {
+      headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
+      headers = curl_slist_append(headers, ("Content-Range: " + *content_range).c_str());
+    } else if (has_body) {
+      headers = curl_slist_append(headers, "Content-Type: application/json");
+    }
     if (!options_.token.empty()) {
       headers = curl_slist_append(headers, ("Authorization: Bearer " + options_.token).c_str());
     }
@@ -188,6 +198,11 @@ Result<HttpReply> HttpClient::Get(const std::string& path) { return impl_->Send(
 
 Result<HttpReply> HttpClient::PostJson(const std::string& path, const std::string& body, Secrecy secrecy) {
   return impl_->Send(path, &body, secrecy);
+}
+
+Result<HttpReply> HttpClient::PutPiece(const std::string& path, const std::string& content_range,
+                                       const std::string& bytes) {
+  return impl_->Send(path, &bytes, Secrecy::kPlain, &content_range);
 }
 
 std::string HttpClient::WithoutToken(std::string text) const { return impl_->WithoutToken(std::move(text)); }

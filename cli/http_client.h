@@ -63,6 +63,9 @@ class HttpClient {
   // `secrecy`: whether the body contains a secret.
   Result<HttpReply> PostJson(const std::string& path, const std::string& body, Secrecy secrecy = Secrecy::kPlain);
 
+  // Sends bytes with PUT and the header Content-Range.
+  Result<HttpReply> PutPiece(const std::string& path, const std::string& content_range, const std::string& bytes);
+
   // `text`, which a server returned, with the token replaced by "***".
   std::string WithoutToken(std::string text) const;
 

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <system_error>
 
+#include "cli/image_upload.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -27,6 +28,11 @@ std::string AbsolutePath(const std::string& file) {
 }  // namespace
 
 ExitCode RunImageAdd(const GlobalOptions& global, const ImageAddOptions& options) {
+  if (options.upload) {
+    if (!options.id.empty()) return Report(Error(ErrorCode::kInvalid, "An uploaded image gets a new id: omit --id"));
+    return RunImageUpload(global, {options.name, options.file, options.folder});
+  }
+  if (!options.folder.empty()) return Report(Error(ErrorCode::kInvalid, "--folder needs --upload"));
   const disks::NewImage image{options.name, AbsolutePath(options.file), options.id};
   if (const Status checked = disks::CheckImage(image); !checked) return Report(checked.error());
   Json::Value parameters(Json::objectValue);

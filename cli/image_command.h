@@ -9,8 +9,10 @@ namespace vexa::cli {
 
 struct ImageAddOptions {
   std::string name;
-  std::string file;  // on the server; a relative path is below the current folder
-  std::string id;    // a UUID; empty: a new one
+  std::string file;     // on the server; a relative path is below the current folder
+  std::string id;       // a UUID; empty: a new one
+  bool upload = false;  // the file is on this machine, and is sent to the server
+  std::string folder;   // with `upload`: one of the server's image folders; empty: the first
 };
 
 // Prints the id.

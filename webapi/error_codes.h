@@ -93,9 +93,13 @@ inline constexpr int kAccountsUnavailable = 988;
 inline constexpr int kNoSession = 989;
 
 // Images and repositories.
-inline constexpr int kRecordExists = 990;  // another record has the id, the name or the file
-inline constexpr int kRecordInUse = 991;   // guests or disks refer to the record
-inline constexpr int kRecordFailed = 992;  // the database could not be read or written
+inline constexpr int kRecordExists = 990;   // another record has the id, the name or the file
+inline constexpr int kRecordInUse = 991;    // guests or disks refer to the record
+inline constexpr int kRecordFailed = 992;   // the database could not be read or written
+inline constexpr int kUploadOffset = 993;   // the upload continues at another offset
+inline constexpr int kUploadDamaged = 994;  // what arrived is not the file that was announced
+inline constexpr int kNoRoom = 995;         // on the file system
+inline constexpr int kUploadLimit = 996;    // of the number or the size of uploads
 
 // Guest edits that were only partly applied.
 inline constexpr int kRightsNotSet = 1001;

@@ -104,11 +104,12 @@ http::HttpResponse MakeConsoleRefusal(const ConsoleRefusal& refusal, const std::
 
 // What OnHeader determined about a request.
 struct Dispatcher::Plan {
-  enum class Page { kApi, kHealth, kMetrics, kDescription, kConsole };
+  enum class Page { kApi, kHealth, kMetrics, kDescription, kConsole, kUpload };
   Page page = Page::kApi;
   const ApiRow* row = nullptr;
   Caller caller;
   ConsoleTarget console;                 // kConsole only
+  UploadPieceTarget piece;               // kUpload only
   std::shared_ptr<void> long_body_slot;  // for a method that allows long bodies
   std::unique_ptr<BodyQuota::Share> body_share;
   Clock::time_point started = Clock::now();
@@ -148,6 +149,7 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
   if (path.starts_with(kApiPrefix)) return PlanMethodCall(path, query, request);
   request.body_limit = kUnauthenticatedBodyBytes;
   if (path.starts_with(kConsolePath) && parts_.open_console) return PlanConsoleRequest(request);
+  if (path.starts_with(kUploadPath) && parts_.take_piece) return PlanPiece(request);
   if (request.peer.is_certified) return refuse(user_error::kNoSuchAddress);  // hosts call methods only
   auto plan = std::make_shared<Plan>();
   plan->caller = AnonymousCaller(request.peer);
@@ -179,6 +181,23 @@ std::optional<http::HttpResponse> Dispatcher::PlanConsoleRequest(http::HttpReque
   plan->caller = std::move(std::get<ConsolePlan>(planned).caller);
   plan->console = std::move(std::get<ConsolePlan>(planned).target);
   if (plan->caller.kind == Caller::Kind::kHost) ReadOrigin(request, plan->caller);
+  request.context = std::move(plan);
+  return std::nullopt;
+}
+
+std::optional<http::HttpResponse> Dispatcher::PlanPiece(http::HttpRequest& request) {
+  auto planned = PlanUpload(request, *parts_.identity);
+  const auto refuse = [&](Refusal refusal) { return MakeUploadReply({std::move(refusal), {}}, request.id); };
+  if (auto* refusal = std::get_if<Refusal>(&planned)) return refuse(std::move(*refusal));
+  auto plan = std::make_shared<Plan>();
+  plan->page = Plan::Page::kUpload;
+  plan->caller = std::move(std::get<UploadPlan>(planned).caller);
+  plan->piece = std::move(std::get<UploadPlan>(planned).target);
+  request.body_limit = plan->piece.length;
+  plan->body_share = bodies_.Take(OwnerOf(plan->caller), plan->piece.length);
+  if (!plan->body_share || !(plan->long_body_slot = TakeLongBodySlot(long_body_requests_))) {
+    return refuse({user_error::kHostBusy, ""});
+  }
   request.context = std::move(plan);
   return std::nullopt;
 }
@@ -243,7 +262,9 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   auto plan = std::static_pointer_cast<Plan>(std::move(request.context));
   const ApiRow* row = plan->row;
   auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder)});
-  const bool needs_lane = row || work->plan->page == Plan::Page::kMetrics || work->plan->page == Plan::Page::kConsole;
+  const Plan::Page page = work->plan->page;
+  const bool needs_lane =
+      row || page == Plan::Page::kMetrics || page == Plan::Page::kConsole || page == Plan::Page::kUpload;
   if (!needs_lane) return work->responder.Send(MakePage(*work));
   if (work->plan->body_share) (void)work->plan->body_share->Resize(work->request.body.size());
   const Lane::SubmitResult submitted = LaneFor(*work->plan).Submit(OwnerOf(work->plan->caller), [this, work] {
@@ -261,7 +282,8 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
 }
 
 Lane& Dispatcher::LaneFor(const Plan& plan) const {
-  const bool is_long = plan.page == Plan::Page::kConsole || (plan.row && plan.row->lane.value == LaneKind::kLong);
+  const bool is_long = plan.page == Plan::Page::kConsole || plan.page == Plan::Page::kUpload ||
+                       (plan.row && plan.row->lane.value == LaneKind::kLong);
   if (plan.caller.kind == Caller::Kind::kHost) return is_long ? *parts_.hosts : *parts_.quick_hosts;
   return is_long ? *parts_.long_running : *parts_.quick;
 }
@@ -269,6 +291,15 @@ Lane& Dispatcher::LaneFor(const Plan& plan) const {
 void Dispatcher::Run(Work& work) const {
   if (work.plan->row) return RunMethod(work);
   if (work.plan->page == Plan::Page::kConsole) return work.responder.Send(OpenConsole(work));
+  if (work.plan->page == Plan::Page::kUpload) {
+    http::HttpResponse reply = MakeUploadReply(TakePiece(work), work.request.id);
+    if (work.is_accepted) reply.owner = OwnerFor(work.plan->caller);
+    // Before the caller can send the next piece.
+    work.request.body = {};
+    work.plan->body_share.reset();
+    work.plan->long_body_slot.reset();
+    return work.responder.Send(std::move(reply));
+  }
   const int code = NeedsUser(work) ? CheckAdministrator(work.request) : 0;
   work.responder.Send(code == 0 ? MakePage(work) : MakeErrorReply(code, work.request.id));
 }
@@ -309,6 +340,7 @@ http::HttpResponse Dispatcher::MakePage(const Work& work) const {
       break;
     case Plan::Page::kApi:
     case Plan::Page::kConsole:
+    case Plan::Page::kUpload:
       break;
   }
   return response;
@@ -361,9 +393,27 @@ std::optional<http::Owner> Dispatcher::OwnerAfter(const Work& work, int code) co
   if (code == user_error::kNotLoggedIn || !parts_.identity->IsLoggedIn(caller.session_token)) return http::Owner();
   if (!work.is_accepted || work.plan->row->access.value == Access::kAnyone) return std::nullopt;
   if (caller.kind == Caller::Kind::kHost) return http::Owner{http::Owner::Kind::kHost, caller.host_id, {}};
-  return http::Owner{
-      http::Owner::Kind::kUser, caller.user.name,
-      [identity = parts_.identity, token = caller.session_token] { return identity->IsLoggedIn(token); }};
+  return OwnerFor(caller);
+}
+
+http::Owner Dispatcher::OwnerFor(const Caller& user) const {
+  return {http::Owner::Kind::kUser, user.user.name,
+          [identity = parts_.identity, token = user.session_token] { return identity->IsLoggedIn(token); }};
+}
+
+UploadAnswer Dispatcher::TakePiece(Work& work) const {
+  Caller& caller = work.plan->caller;
+  int code = parts_.identity->LookUpCaller(caller);
+  if (code == 0) code = CheckUser(Access::kAdministrator, caller);
+  if (code != 0) return {Refusal{code, ""}, std::nullopt};
+  work.is_accepted = true;
+  if (work.request.body.size() != work.plan->piece.length) {
+    return {Refusal{user_error::kBadParameter, "The body does not have the length that Content-Range says"},
+            std::nullopt};
+  }
+  SetActingUser(caller.user.name);
+  const records::RequestScope scope;
+  return parts_.take_piece(work.plan->piece, work.request.body);
 }
 
 // While the cluster database is lost, adds that to an error without details: its code reports what could not be done,

@@ -15,6 +15,7 @@
 #include "host/api/console.h"
 #include "host/api/identity.h"
 #include "host/api/metrics.h"
+#include "host/api/upload.h"
 #include "host/base/lane.h"
 #include "host/http/http_server.h"
 
@@ -35,6 +36,7 @@ class Dispatcher {
     std::function<std::string()> health;         // GET /healthz: the problem, or ""; on I/O threads, must not block
     session::ConsoleTickets* tickets = nullptr;  // with `open_console`
     ConsoleOpener open_console{};                // GET /console/…, on the lane for long calls; not set: 404
+    UploadTaker take_piece{};                    // PUT /upload/…, on the lane for long calls; not set: 404
     std::function<bool()> is_database_lost{};    // whether the cluster database cannot be read now; optional
   };
   explicit Dispatcher(Parts parts);
@@ -51,6 +53,7 @@ class Dispatcher {
   std::optional<http::HttpResponse> PlanMethodCall(std::string_view path, std::string_view query,
                                                    http::HttpRequest& request);
   std::optional<http::HttpResponse> PlanConsoleRequest(http::HttpRequest& request);
+  std::optional<http::HttpResponse> PlanPiece(http::HttpRequest& request);
   Lane& LaneFor(const Plan& plan) const;
   static bool NeedsUser(const Work& work);
   int CheckAdministrator(const http::HttpRequest& request) const;
@@ -58,6 +61,8 @@ class Dispatcher {
   void Run(Work& work) const;
   void RunMethod(Work& work) const;
   http::HttpResponse OpenConsole(Work& work) const;
+  UploadAnswer TakePiece(Work& work) const;
+  http::Owner OwnerFor(const Caller& caller) const;
   std::optional<http::Owner> OwnerAfter(const Work& work, int code) const;
   void ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response) const;
   void CallMethod(Work& work, VEXA::APIResponse& response, std::vector<std::pair<std::string, std::string>>& headers,

@@ -141,6 +141,14 @@ void AddGuestOptions(CLI::App& app, Config& config) {
                  "A file system with more free GiB than this never counts as short of space or full; 0: use only the "
                  "percentages")
       ->check(CLI::Range(0, 1'048'576));
+  app.add_option("--upload-count", config.upload_count, "Uploads of images in progress at once")
+      ->check(CLI::Range(0, 64));
+  app.add_option("--upload-size", config.upload_size, "The largest image, in GiB, that can be uploaded")
+      ->check(CLI::Range(1, 1'048'576));
+  app.add_option("--upload-total", config.upload_total, "GiB of all uploads in progress together")
+      ->check(CLI::Range(1, 1'048'576));
+  app.add_option("--upload-reserve", config.upload_reserve, "MiB of a file system that uploads leave free")
+      ->check(CLI::Range(0, 1'048'576));
   app.add_option("--vcpus-per-cpu", config.vcpus_per_cpu,
                  "The maximum number of running guests' virtual CPUs per logical processor")
       ->check(CLI::Range(1, 64));

@@ -41,6 +41,7 @@
 #include "host/api/user/session_api.h"
 #include "host/api/user/session_list_api.h"
 #include "host/api/user/unreachable_host.h"
+#include "host/api/user/upload_api.h"
 #include "host/base/background_thread.h"
 #include "host/base/data_folder.h"
 #include "host/base/data_lock.h"
@@ -82,6 +83,7 @@
 #include "host/session/console_tickets.h"
 #include "host/session/login_limiter.h"
 #include "host/session/sessions.h"
+#include "host/storage/uploads.h"
 #include "host/store/lost_store.h"
 #include "host/transport/transport.h"
 #include "json/readers.h"
@@ -106,6 +108,9 @@ api::CompoundOptions MakeCompoundOptions() {
 
 // A revoked right or a deleted user may still have a console for this long.
 constexpr std::chrono::milliseconds kConsoleCheckInterval{2000};
+
+// How often interrupted uploads are finished, and old ones removed.
+constexpr std::chrono::milliseconds kUploadCheckInterval{60'000};
 
 // Calls to other hosts may take an hour. When the daemon stops, they end this long before the deadline, so that their
 // callers get the result.
@@ -206,6 +211,7 @@ class Daemon::Impl {
   Status Start(const Config& config, std::vector<api::ApiRow> extra_rows) {
     if (Status opened = OpenData(config); !opened) return opened;
     if (Status started = StartGuests(config); !started) return started;
+    MakeUploads(config);
     MakeTable(config, std::move(extra_rows));
     if (Status chosen = ChooseCertificate(config); !chosen) return chosen;
     if (Status made = MakeTransport(); !made) return made;
@@ -239,6 +245,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
+    is_stopping_->store(true);
     store_->LimitLockWaits(kLockWaitWhenStopping);
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
@@ -253,7 +260,8 @@ class Daemon::Impl {
       if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
     });
     const bool served = std::exchange(stopped_, true) || server_->Stop(deadline);
-    const bool checks_done = console_check_->Stop(left());
+    const bool consoles_checked = console_check_->Stop(left());
+    const bool uploads_checked = upload_check_->Stop(left());
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
@@ -275,7 +283,8 @@ class Daemon::Impl {
                "This host could not sign off: the database or its disk did not respond in the time of the stop.");
     }
     return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
-           quick_hosts_done && checks_done && certificate_done && caches_done && links_done && local_done && items_done;
+           quick_hosts_done && consoles_checked && uploads_checked && certificate_done && caches_done && links_done &&
+           local_done && items_done;
   }
 
  private:
@@ -421,6 +430,8 @@ class Daemon::Impl {
     const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
       return item_caller_->Call(request, timeout);
     };
+    std::vector<api::ApiRow> uploads = api::UploadRows(uploads_);
+    std::move(uploads.begin(), uploads.end(), std::back_inserter(rows));
     for (auto&& part :
          {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
           api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
@@ -454,6 +465,7 @@ class Daemon::Impl {
     parts.health = [this] { return health_->Problem(); };
     parts.tickets = &console_tickets_;
     parts.open_console = [this](const api::ConsolePlan& plan) { return consoles_->Open(plan); };
+    parts.take_piece = api::TakeUploads(uploads_);
     parts.is_database_lost = [this] { return store_->health() == store::Health::kInaccessible; };
     dispatcher_ = std::make_unique<api::Dispatcher>(std::move(parts));
   }
@@ -481,6 +493,22 @@ class Daemon::Impl {
     };
     certificate_ = std::make_unique<HostCertificate>(std::move(options));
     return {};
+  }
+
+  void MakeUploads(const Config& config) {
+    storage::UploadOptions options;
+    options.store = store_;
+    options.host_id = host_id_;
+    options.roots = config.image_roots;
+    options.limits.count = config.upload_count;
+    options.limits.size = config.upload_size * storage::kGib;
+    options.limits.total = config.upload_total * storage::kGib;
+    options.limits.reserve = (config.upload_reserve * storage::kGib) >> 10;
+    options.access = storage::QemuAccessFor(config.hypervisor);
+    options.is_stopping = [stopping = is_stopping_] { return stopping->load(); };
+    uploads_ = std::make_shared<storage::Uploads>(std::move(options));
+    upload_check_ = std::make_unique<PeriodicCall>(kUploadCheckInterval,
+                                                   [uploads = uploads_] { uploads->CleanUp(api::LogUploadedImage); });
   }
 
   // Called before the server starts.
@@ -635,6 +663,9 @@ class Daemon::Impl {
   session::ConsoleTickets console_tickets_;
   std::unique_ptr<api::Consoles> consoles_;
   std::unique_ptr<PeriodicCall> console_check_;
+  const std::shared_ptr<std::atomic<bool>> is_stopping_ = std::make_shared<std::atomic<bool>>(false);
+  std::shared_ptr<storage::Uploads> uploads_;
+  std::unique_ptr<PeriodicCall> upload_check_;
   std::unique_ptr<HealthProbe> health_;
   std::unique_ptr<api::ApiTable> table_;
   std::unique_ptr<api::Metrics> metrics_;

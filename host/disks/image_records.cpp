@@ -56,27 +56,6 @@ std::optional<Refusal> ConflictWith(const NamedRecord& other, const NewImage& im
   return std::nullopt;
 }
 
-Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const NewImage& image, const std::string& id,
-                                        std::optional<Refusal>& refused) {
-  store::Transaction transaction;
-  const auto all = records::ReadNamedRecords(snapshot, kImageCategory);
-  if (!all) return all.error();
-  for (const NamedRecord& other : *all) {
-    refused = ConflictWith(other, image, id);
-    if (refused) return transaction;
-  }
-  NamedRecord added;
-  added.id = id;
-  added.name = image.name;
-  added.record[keys::name] = image.name;
-  added.record[records::kImagePath] = image.path;
-  const Status put = records::AddNamedRecord(snapshot, kImageCategory, *all, added, transaction);
-  if (!put) return put.error();
-  if (Status compared = CompareFileReferencesRevision(snapshot, transaction); !compared) return compared.error();
-  transaction.operations.push_back({records::FileReferencesGuardKey(), json::ToText(Json::Value(id))});
-  return transaction;
-}
-
 // Finds the guests whose drives have an image.
 class DriveSearch {
  public:
@@ -181,6 +160,27 @@ Status CheckImage(const NewImage& image) {
   return {};
 }
 
+Result<store::Transaction> PlanImageAddition(const store::Snapshot& snapshot, const NewImage& image,
+                                             const std::string& id, std::optional<Refusal>& refused) {
+  store::Transaction transaction;
+  const auto all = records::ReadNamedRecords(snapshot, kImageCategory);
+  if (!all) return all.error();
+  for (const NamedRecord& other : *all) {
+    refused = ConflictWith(other, image, id);
+    if (refused) return transaction;
+  }
+  NamedRecord added;
+  added.id = id;
+  added.name = image.name;
+  added.record[keys::name] = image.name;
+  added.record[records::kImagePath] = image.path;
+  const Status put = records::AddNamedRecord(snapshot, kImageCategory, *all, added, transaction);
+  if (!put) return put.error();
+  if (Status compared = CompareFileReferencesRevision(snapshot, transaction); !compared) return compared.error();
+  transaction.operations.push_back({records::FileReferencesGuardKey(), json::ToText(Json::Value(id))});
+  return transaction;
+}
+
 Result<void, Refusal> AddImage(store::Store& store, const std::vector<std::string>& roots, const NewImage& image,
                                std::string& id) {
   const records::RequestPause pause;  // the file system may be slow
@@ -195,7 +195,7 @@ Result<void, Refusal> AddImage(store::Store& store, const std::vector<std::strin
     id = std::move(*random);
   }
   return records::CommitRecord(store, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
-    return PlanAddition(reader, image, id, refused);
+    return PlanImageAddition(reader, image, id, refused);
   });
 }
 

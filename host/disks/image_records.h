@@ -37,6 +37,11 @@ Status CheckImage(const NewImage& image);
 Result<void, Refusal> AddImage(store::Store& store, const std::vector<std::string>& roots, const NewImage& image,
                                std::string& id);
 
+// The transaction that adds the record of an image with the UUID `id`. Sets `refused` and returns an empty one when an
+// image has the id, the name or the file already (records::kRecordExists). Errors: those of the store.
+Result<store::Transaction> PlanImageAddition(const store::Snapshot& snapshot, const NewImage& image,
+                                             const std::string& id, std::optional<Refusal>& refused);
+
 struct ListedImage {
   std::string id;
   std::string name;                   // "" when the record has none

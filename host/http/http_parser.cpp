@@ -76,6 +76,9 @@ class RequestParser::Impl : public http::basic_parser<true> {
       case http::field::origin:
         request_.origin = View(value);
         break;
+      case http::field::content_range:
+        request_.content_range = View(value);
+        break;
       case http::field::expect:
         expects_continue_ = EqualsIgnoringCase(View(value), "100-continue");
         unknown_expectation_ = !expects_continue_;

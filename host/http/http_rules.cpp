@@ -27,9 +27,10 @@ enum UniqueField {
   kRequestId,
   kUpgrade,
   kWebSocketKey,
-  kWebSocketVersion
+  kWebSocketVersion,
+  kContentRange
 };
-constexpr std::array<std::string_view, 14> kUniqueFields = {"Host",
+constexpr std::array<std::string_view, 15> kUniqueFields = {"Host",
                                                             "Content-Length",
                                                             "Transfer-Encoding",
                                                             "Authorization",
@@ -42,7 +43,8 @@ constexpr std::array<std::string_view, 14> kUniqueFields = {"Host",
                                                             "X-Vexa-Request-Id",
                                                             "Upgrade",
                                                             "Sec-WebSocket-Key",
-                                                            "Sec-WebSocket-Version"};
+                                                            "Sec-WebSocket-Version",
+                                                            "Content-Range"};
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 

@@ -52,6 +52,7 @@ struct HttpRequest {
   std::string target;  // a path and its query: starts with "/", no control characters, no fragment
   // Header fields, "" when absent. Taken before the body is read, so that trailers cannot change them.
   std::string content_type;
+  std::string content_range;
   std::string authorization;
   std::string cookie;
   std::string csrf_token;  // X-Vexa-CSRF

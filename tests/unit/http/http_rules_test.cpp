@@ -123,6 +123,7 @@ const HeaderRow kHeaders[] = {
     {"TwoActingUsers", With("X-Vexa-Acts-For: a\r\nx-vexa-acts-for: b\r\n"), 400},
     {"TwoRequestIds", With("X-Vexa-Request-Id: a\r\nX-Vexa-Request-ID: a\r\n"), 400},
     {"TwoOrigins", With("Origin: a\r\nOrigin: a\r\n"), 400},
+    {"TwoContentRanges", With("Content-Range: bytes 0-1/2\r\nContent-Range: bytes 0-1/2\r\n"), 400},
     {"TwoExpectations", With("Expect: 100-continue\r\nExpect: 100-continue\r\n"), 400},
 
     {"Empty", "", 400},
