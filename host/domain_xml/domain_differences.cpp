@@ -177,6 +177,7 @@ void CompareSize(const MachineDisk& disk, const GuestRecords& records, const Dis
     const std::uint64_t recorded_mib = json::UInt64(json::Member(record, "size"));
     if (json::StringMember(record, "path") != disk.path || recorded_mib == size->second) continue;
     Difference difference{"vdisks", id, Json::Value(Json::objectValue), Json::Value(Json::objectValue)};
+    difference.running["path"] = difference.recorded["path"] = disk.path;
     difference.running["size"] = static_cast<Json::UInt64>(size->second);
     difference.recorded["size"] = static_cast<Json::UInt64>(recorded_mib);
     found.push_back(std::move(difference));

@@ -19,7 +19,7 @@ namespace vexa::domain_xml {
 //   property            id                                            values
 //   a setting's name    ""                                            as in the guest's record
 //   "vdisks"            the disk's; the file's name for one whose     {"path", "vdisk_mode", "unmap"}, null where the
-//                       record is gone                                guest does not have the disk; {"size"} in MiB
+//                       record is gone                                guest does not have the disk; {"path", "size"} in MiB
 //   "vdisks_order"      ""                                            [ids], as the guest boots from them
 //   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null
 //   "iso_images"        ""                                            [paths, "unmounted"]

@@ -121,8 +121,8 @@ TEST(PendingDifferences, Compare_SameRecords_FindsNone) { EXPECT_EQ(Compare(Full
 
 TEST(PendingDifferences, Compare_DiskHasOtherSizeThanRecord_ListsBothSizes) {
   EXPECT_EQ(Compare(FullGuest(), FullGuest(), {{"/images/vda.qcow2", 50}, {"/images/vdb.qcow2", 100}}),
-            R"([{"id":"11111111-2222-4333-8444-0000000000d1","property":"vdisks","recorded":{"size":100},)"
-            R"("running":{"size":50}}])");
+            R"([{"id":"11111111-2222-4333-8444-0000000000d1","property":"vdisks","recorded":)"
+            R"({"path":"/images/vda.qcow2","size":100},"running":{"path":"/images/vda.qcow2","size":50}}])");
 }
 
 TEST(PendingDifferences, Compare_RunningXmlNamesMoreThanRecords_FindsNone) {
