@@ -127,6 +127,7 @@ void WritePorts(Context& context) {
   for (std::size_t i = 0; i < devices + context.options.hot_plug.free_ports; ++i) {
     pugi::xml_node port = Add(context.devices, "controller");
     Set(port, "type", "pci");
+    Set(port, "index", std::to_string(i + 1));  // 0 is the root
     Set(port, "model", "pcie-root-port");
   }
 }

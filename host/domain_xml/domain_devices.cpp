@@ -94,7 +94,9 @@ Result<MachineLimits> ParseMachineLimits(std::string_view xml) {
   for (const pugi::xml_node controller : devices.children("controller")) {
     const std::string type = Attribute(controller, "type");
     if (type == "scsi") limits.has_scsi = true;
-    if (type == "usb" && Attribute(controller, "model") != "none") limits.has_usb = true;
+    const std::string model = Attribute(controller, "model");
+    limits.has_pci_slots |= model == "pci-root" || model == "pci-bridge" || model == "pcie-to-pci-bridge";
+    if (type == "usb" && model != "none") limits.has_usb = true;
   }
   return limits;
 }

@@ -18,6 +18,7 @@ struct MachineLimits {
   std::size_t drives = 0;
   bool has_scsi = false;  // a controller
   bool has_usb = false;
+  bool has_pci_slots = false;  // for devices that are not PCI Express
 };
 
 // Each returns "" when the XML is not a <domain>, or has no such device. Elements have no address, alias or boot order:

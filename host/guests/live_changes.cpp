@@ -57,7 +57,11 @@ std::set<std::string> Strings(const Json::Value& list) {
 std::string ObstacleTo(const Difference& difference, const MachineLimits& limits) {
   const std::string& property = difference.property;
   if (property == "vdisks") return ObstacleToDisk(difference, limits);
-  if (property == "vnics") return "";
+  if (property == "vnics") {
+    const Json::Value& type = json::Member(difference.recorded, "vnic_type");
+    const bool needs_slot = !type.isNull() && type != kVirtio && type != json::Member(difference.running, "vnic_type");
+    return needs_slot && !limits.has_pci_slots ? "the running guest has no slot for interfaces of this type" : "";
+  }
   if (property == "vram_size")
     return ObstacleToMemory(Number(difference.running), Number(difference.recorded), limits);
   if (property == "vcpu_num" && Number(difference.recorded) > limits.max_vcpus)

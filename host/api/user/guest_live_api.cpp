@@ -65,7 +65,7 @@ void Apply(const Call& call) {
   if (!forces_eject) return;
   if (!VexaVirtualization::IsGuestPermitted(call.request, guest_id.Get())) return Fail(call, user_error::kNotPermitted);
   std::string name;
-  if (VexaVirtualization::GetGuestNameById(guest_id.Get(), name) != 0)
+  if (!VexaVirtualization::GetGuestNameById(guest_id.Get(), name))
     return Fail(call, user_error::kNotFoundOrUnreadable);
   const std::string host_id = HolderOf(guest_id.Get());
   if (host_id.empty()) return Fail(call, user_error::kNotRunning, "The guest does not run");
