@@ -101,7 +101,7 @@ DeletionOptions LibvirtGuestControl::MakeDeletionOptions() {
 }
 
 EditOptions LibvirtGuestControl::MakeEditOptions() {
-  EditOptions edits{MakeJobOptions(), {}, {}, true, {}};
+  EditOptions edits{MakeJobOptions(), {}, {}, !IsTestMode(), {}};
   edits.check_pins = [this](const records::Guest& edited) { return CheckPinsAvailable(edited); };
   edits.check_applies_now = [this](const records::Guest& edited) { return CheckAppliesNow(edited); };
   if (!IsTestMode()) edits.has_file = IsFile;

@@ -140,7 +140,10 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest,
   if (tag == OwnershipTag::kOurs) build.host_id = options_.host_id;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
   if (!IsTestMode()) AddBridges(guest, build);
-  if (const auto node = GetNodeInfo()) build.hot_plug = HotPlugLimitsOf(guest, *node);
+  // An owner who gets the guest back gets the machine that the records say.
+  if (const auto node = GetNodeInfo(); node && tag == OwnershipTag::kOurs) {
+    build.hot_plug = HotPlugLimitsOf(guest, *node);
+  }
   if (IsTestMode()) build.hot_plug.memory_mib = 0;  // its driver has no memory modules
   auto imported = ImportedDomain(guest.records.id);
   if (!imported) return imported.error();

@@ -45,7 +45,7 @@ struct EditOptions : JobOptions {
   // Whether there is a file at a path. Not set: always true, as in test mode.
   std::function<bool(const std::string& path)> has_file;
   // Whether disks of guests that run on this host can be removed and grow: the records change, and the caller changes
-  // the machine afterwards.
+  // the machine afterwards. The machines of test mode have no files.
   bool can_change_running = false;
   // Refuses an edit that could not be applied completely to the guest, which runs. Not set: nothing could be.
   std::function<Result<void, Refusal>(const records::Guest& edited)> check_applies_now;

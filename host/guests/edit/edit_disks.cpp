@@ -43,9 +43,8 @@ void Remove(EditedGuest& edited, const std::string& id) {
   EditedPart* const disk = Find(edited, id);
   if (!disk) return;
   if (edited.is_running && !edited.runs_here)
-    return edited.Refuse(
-        host_error::kBadDisk,
-        fmt::format("The disk {} cannot be removed while the guest runs on another host", QuoteForMessage(id)));
+    return edited.Refuse(host_error::kBadDisk,
+                         fmt::format("The disk {} cannot be removed while the guest runs", QuoteForMessage(id)));
   const std::string path = json::StringMember(disk->before, disks::kDiskPath);
   if (edited.runs_here) {
     if (auto normal = disks::NormalPath(path)) edited.left_files.push_back(std::move(*normal));
@@ -81,9 +80,8 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
                          fmt::format("The disk {} has {} MiB and cannot shrink", quoted_id, now_mib));
   }
   if (edited.is_running && !edited.runs_here) {
-    return edited.Refuse(
-        host_error::kBadDisk,
-        fmt::format("The size of the disk {} cannot be changed while the guest runs on another host", quoted_id));
+    return edited.Refuse(host_error::kBadDisk,
+                         fmt::format("The size of the disk {} cannot be changed while the guest runs", quoted_id));
   }
   const std::optional<std::string> path = disks::NormalPath(json::StringMember(disk.before, disks::kDiskPath));
   if (!path)
