@@ -8,6 +8,7 @@
 
 #include "cli/commands.h"
 #include "cli/guest_edit_command.h"
+#include "cli/guest_pending.h"
 #include "cli/guest_set_command.h"
 
 namespace vexa::cli {
@@ -15,8 +16,9 @@ namespace {
 
 constexpr const char* kSetFooter = R"(
 Settings and devices are changed completely or not at all, and rights after that. Without --timeout the server has
-3600 s. Ctrl-C ends immediately; a request that was sent is not cancelled. A change that a running guest cannot take
-applies from its next start. Sizes of disks are in GiB, vram_size is in MiB.
+3600 s. Ctrl-C ends immediately; a request that was sent is not cancelled. A running guest takes what it can, and the
+rest waits for its next start, as 'vexa guest status' shows. With --now an edit that it cannot take completely is
+refused; with --next-start it stays as it is, and 'vexa guest apply' can change it later. Sizes of disks are in GiB, vram_size is in MiB.
 
 The server looks up names of users and groups for administrators. With --system they are those of this machine's
 operating system, with --data or --store those of a store on this machine. Others use uid:NUMBER or gid:NUMBER.
@@ -33,6 +35,10 @@ constexpr const char* kEditFooter = R"(
 The editor is $VISUAL, otherwise $EDITOR, otherwise the first of sensible-editor, editor and vi. Only changed settings
 are sent, and nothing when the editor fails. A text that is refused is kept in a file that the message names. For disks,
 network interfaces, drives, USB devices and rights there is 'vexa guest set'.)";
+
+constexpr const char* kApplyFooter = R"(
+Prints what still waits for the guest's next start: what no running guest can take, and devices that the guest has not
+given back. The log of its host has the reasons.)";
 
 std::string SettingsHelp() {
   std::string text = "\nSettings:\n";
@@ -96,6 +102,11 @@ void AddSet(const Command& guest) {
   set.AddFlag(
       "--dry-run", [options] { options->dry_run = DryRun::kYes; },
       "Check all that can be checked here, print the request as JSON and change nothing");
+  const Option now = set.AddFlag(
+      "--now", [options] { options->apply = "now"; }, "Refuse what a running guest cannot take while it runs");
+  set.AddFlag(
+         "--next-start", [options] { options->apply = "next_start"; }, "Leave a running guest as it is until then")
+      .Excludes(now);
   set.AddFlag("--system", options->from_system, "The users and groups are those of the operating system");
   const std::vector<Option> store_options = AddStoreOptions(set, options->paths);
   set.Footer(SettingsHelp() + kSetFooter);
@@ -103,6 +114,15 @@ void AddSet(const Command& guest) {
     if (std::ranges::any_of(store_options, &Option::IsGiven)) options->names = NamesFrom::kStore;
     return RunGuestSet(global, *options);
   });
+}
+
+void AddApply(const Command& guest) {
+  const Command apply = guest.AddCommand("apply", "Change a running guest as it is set, as far as that is possible");
+  const auto options = std::make_shared<GuestApplyOptions>();
+  apply.AddOption("GUEST", options->guest, "Its id or name").Required();
+  apply.AddFlag("--force-eject", options->force_eject, "Open drives that the guest has locked as well");
+  apply.Footer(kApplyFooter);
+  apply.OnRun(options, RunGuestApply);
 }
 
 void AddEdit(const Command& guest) {
@@ -119,6 +139,7 @@ void AddEditCommands(const Command& app) {
   const Command guest = app.Group("guest");
   AddSet(guest);
   AddEdit(guest);
+  AddApply(guest);
 }
 
 }  // namespace vexa::cli

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/api_paths.h"
+#include "cli/guest_pending.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "host/base/guest_settings.h"
@@ -147,6 +148,7 @@ ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
   PrintFields(std::cout, fields);
   PrintList("Virtual disks", Member(outcome.data, "vdisks"), kDiskFields);
   PrintList("Network interfaces", Member(outcome.data, "vnics"), kNicFields);
+  ShowPending(global, guest_id);
   return ExitCode::kOk;
 }
 

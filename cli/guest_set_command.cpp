@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "cli/api_paths.h"
+#include "cli/guest_pending.h"
 #include "cli/listing.h"
 #include "cli/local_grant_command.h"
 #include "cli/network_command.h"
@@ -289,7 +290,11 @@ ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const
 
 ExitCode ShowEditResult(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
                         const CallOutcome& outcome) {
-  if (outcome.exit_code == ExitCode::kOk) return ShowOutcome(global, guest, outcome, SuccessText(guest, parameters));
+  if (outcome.exit_code == ExitCode::kOk) {
+    const bool shows_pending = !global.quiet && !global.json;
+    return ShowOutcome(global, guest, outcome,
+                       SuccessText(guest, parameters) + (shows_pending ? PendingText(global, guest) : ""));
+  }
   // The only remaining cause: CheckParameters has ruled out the others.
   const bool is_unknown_image = outcome.code == user_error::kBadParameter && parameters.isMember("iso_images");
   return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
@@ -310,6 +315,7 @@ ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options
   if (added != ExitCode::kOk) return added;
   NamedGuest guest;
   if (const ExitCode found = FindGuest(client, options.guest, guest); found != ExitCode::kOk) return found;
+  if (!options.apply.empty()) (*parameters)["apply"] = options.apply;
   if (options.dry_run == DryRun::kYes) return ShowDryRun(global, client, guest, *parameters);
   return ShowEditResult(global, guest, *parameters, SendEdit(global, *connect, guest, *parameters));
 }

@@ -26,6 +26,7 @@ struct GuestSetOptions {
   AccountPaths paths;                    // kStore only
   bool from_system = false;              // users and groups of the operating system instead
   DryRun dry_run = DryRun::kNo;
+  std::string apply;  // "now", "next_start", or "" for what can be applied now
 };
 
 // Sends nothing unless all arguments are valid, each user and group is found, and the name is that of one guest.

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <utility>
 
+#include "cli/guest_pending.h"
 #include "cli/listing.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
@@ -49,6 +50,7 @@ void PrintStatus(const Json::Value& guest) {
     std::cout << "\nDisks\n";
     PrintRows(disks, kDiskColumns);
   }
+  PrintPending(guest);
   const Json::Value& hosts = Member(ha, "hosts");
   if (!hosts.isArray() || hosts.empty()) return;
   std::cout << "\nHosts of its group\n";

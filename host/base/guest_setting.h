@@ -21,8 +21,9 @@ enum class SettingType {
 // The format that a string must have.
 enum class TextFormat { kOneOf, kGuestName, kDescription, kKeyboardLayout };
 
-// When a change takes effect for a running guest. Until then, the setting is listed in "pending" of the record.
-enum class TakesEffect { kImmediately, kAtNextStart };
+// When a change takes effect for a running guest: with the commit of the record, when the running machine can be
+// changed, or only when a start makes a new machine.
+enum class TakesEffect { kImmediately, kWhileRunning, kAtNextStart };
 
 // The unit of a number in requests and records. "get" replies KiB for kMib.
 enum class Unit { kNone, kMib };

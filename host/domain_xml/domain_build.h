@@ -35,6 +35,14 @@ enum class UsbBus { kPresent, kAbsent };
 // <metadata><vexa:guest xmlns:vexa="…" host="…"/>.
 inline constexpr char kOwnershipTagNamespace[] = "urn:vexa:guest:1";
 
+// What a running guest can be given later, as its machine is made with. A definition with a base keeps its owner's.
+struct HotPlugLimits {
+  unsigned vcpus = 0;            // 0, or not more than the guest has: none
+  std::uint64_t memory_mib = 0;  // likewise
+  // For disks and network interfaces, on machines with PCI Express: each device needs a port of its own.
+  unsigned free_ports = 0;
+};
+
 struct BuildOptions {
   std::string domain_type = "kvm";  // as Hypervisor::DomainType returns it: "kvm", "qemu" or "test"
   CpuShares cpu_shares = CpuShares::kAllowed;
@@ -49,6 +57,8 @@ struct BuildOptions {
   std::function<Result<std::string>(const std::string& image)> image_path;
 
   UsbBus usb_bus = UsbBus::kPresent;
+
+  HotPlugLimits hot_plug;
 
   // The id of the host that defines the guest, for the ownership tag. Empty: no tag is written.
   std::string host_id;

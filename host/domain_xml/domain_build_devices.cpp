@@ -119,6 +119,19 @@ Status WriteScreen(Context& context) {
   return {};
 }
 
+// libvirt gives the devices ports of their own as well, and takes these first: so there are as many more as devices.
+void WritePorts(Context& context) {
+  if (context.options.hot_plug.free_ports == 0 || context.legacy_machine || context.is_test()) return;
+  constexpr std::size_t kOtherDevices = 5;  // USB, SCSI, serial channels, memory balloon, random numbers
+  const std::size_t devices = context.records.disks.size() + context.records.nics.size() + kOtherDevices;
+  for (std::size_t i = 0; i < devices + context.options.hot_plug.free_ports; ++i) {
+    pugi::xml_node port = Add(context.devices, "controller");
+    Set(port, "type", "pci");
+    Set(port, "index", std::to_string(i + 1));  // 0 is the root
+    Set(port, "model", "pcie-root-port");
+  }
+}
+
 void WriteSerialConsole(Context& context) {
   pugi::xml_node serial = Add(context.devices, "serial");
   Set(serial, "type", "pty");
@@ -143,6 +156,7 @@ void WriteAgentChannel(Context& context) {
 Status WriteUsb(Context& context) {
   const Result<std::int64_t> version = NumberOf(context.guest(), GuestSettingOf("usb_version"), kDefaultUsbVersion);
   if (!version) return version.error();
+  WritePorts(context);
   WriteControllers(context, *version);
   if (*version > 0) {
     // Without a tablet, the pointer of a remote screen and the guest's pointer drift apart.

@@ -1,5 +1,6 @@
 // The guest's identity, memory, processors, firmware, features and clock.
 #include <algorithm>
+#include <utility>
 
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
@@ -41,8 +42,27 @@ Status WriteTuning(Context& context, std::int64_t vcpus) {
   return {};
 }
 
+// How many virtual CPUs the machine has room for, at least the ones that it starts with.
+std::int64_t MaxVcpus(const Context& context, std::int64_t vcpus) {
+  return std::max<std::int64_t>(vcpus, context.options.hot_plug.vcpus);
+}
+
+// QEMU adds memory modules only to machines with NUMA cells. One cell with everything is the machine without cells.
+void WriteNumaCell(pugi::xml_node cpu, std::int64_t max_vcpus, std::int64_t memory_mib) {
+  pugi::xml_node cell = Add(Add(cpu, "numa"), "cell");
+  Set(cell, "id", "0");
+  Set(cell, "cpus", max_vcpus == 1 ? "0" : "0-" + std::to_string(max_vcpus - 1));
+  Set(cell, "memory", std::to_string(memory_mib));
+  Set(cell, "unit", "MiB");
+}
+
+bool HasMemorySlots(const Context& context, std::int64_t memory_mib) {
+  return std::cmp_greater(context.options.hot_plug.memory_mib, memory_mib);
+}
+
 // One socket, because some systems count sockets and use at most two.
 void WriteCpu(Context& context, std::int64_t vcpus) {
+  const std::int64_t max_vcpus = MaxVcpus(context, vcpus);
   pugi::xml_node cpu = Add(context.domain, "cpu");
   const bool passthru = FlagOf(context.guest(), "cpu_passthru");
   if (passthru) {
@@ -57,8 +77,10 @@ void WriteCpu(Context& context, std::int64_t vcpus) {
   }
   pugi::xml_node topology = Add(cpu, "topology");
   Set(topology, "sockets", "1");
-  Set(topology, "cores", std::to_string(vcpus));
+  Set(topology, "cores", std::to_string(max_vcpus));
   Set(topology, "threads", "1");
+  const std::int64_t memory_mib = json::Int64(json::Member(context.guest(), "vram_size"));
+  if (HasMemorySlots(context, memory_mib)) WriteNumaCell(cpu, max_vcpus, memory_mib);
 }
 
 void WriteFeatures(Context& context) {
@@ -133,6 +155,12 @@ Status WriteIdentity(Context& context) {
   const Result<std::int64_t> memory = NumberOf(context.guest(), GuestSettingOf("vram_size"), 0);
   if (!memory) return memory.error();
   if (*memory == 0) return Invalid("The record of the guest has no 'vram_size'. Set how much memory the guest has");
+  if (HasMemorySlots(context, *memory)) {
+    constexpr const char* kSlots = "16";
+    pugi::xml_node maximum = AddText(context.domain, "maxMemory", std::to_string(context.options.hot_plug.memory_mib));
+    Set(maximum, "slots", kSlots);
+    Set(maximum, "unit", "MiB");
+  }
   Set(AddText(context.domain, "memory", std::to_string(*memory)), "unit", "MiB");
   return {};
 }
@@ -140,7 +168,9 @@ Status WriteIdentity(Context& context) {
 Status WriteProcessor(Context& context) {
   const Result<std::int64_t> vcpus = NumberOf(context.guest(), GuestSettingOf("vcpu_num"), 1);
   if (!vcpus) return vcpus.error();
-  AddText(context.domain, "vcpu", std::to_string(*vcpus));
+  const std::int64_t max_vcpus = MaxVcpus(context, *vcpus);
+  pugi::xml_node vcpu = AddText(context.domain, "vcpu", std::to_string(max_vcpus));
+  if (max_vcpus != *vcpus) Set(vcpu, "current", std::to_string(*vcpus));
   if (Status tuning = WriteTuning(context, *vcpus); !tuning) return tuning;
   WriteCpu(context, *vcpus);
   return {};

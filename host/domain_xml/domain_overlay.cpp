@@ -26,7 +26,10 @@ Status BuildWithoutDisksAndNics(const GuestRecords& records, const BuildOptions&
   rest.id = records.id;
   rest.guest = records.guest;
   rest.guest.removeMember("iso_images");
-  build::Context context{rest, options};
+  // What a running guest can be given stays as its owner has defined it.
+  BuildOptions of_owner = options;
+  of_owner.hot_plug = {};
+  build::Context context{rest, of_owner};
   context.domain = document.append_child("domain");
   return build::WriteGuest(context);
 }

@@ -93,11 +93,17 @@ JobOptions LibvirtGuestControl::MakeJobOptions() {
   return jobs;
 }
 
-DeletionOptions LibvirtGuestControl::MakeDeletionOptions() { return {MakeJobOptions(), options_.is_alive}; }
+DeletionOptions LibvirtGuestControl::MakeDeletionOptions() {
+  return {MakeJobOptions(), options_.is_alive,
+          [this](const std::string& guest_id, const std::vector<std::string>& paths) {
+            return HasFileInMachine(guest_id, paths);
+          }};
+}
 
 EditOptions LibvirtGuestControl::MakeEditOptions() {
-  EditOptions edits{MakeJobOptions(), {}, {}};
+  EditOptions edits{MakeJobOptions(), {}, {}, !IsTestMode(), {}};
   edits.check_pins = [this](const records::Guest& edited) { return CheckPinsAvailable(edited); };
+  edits.check_applies_now = [this](const records::Guest& edited) { return CheckAppliesNow(edited); };
   if (!IsTestMode()) edits.has_file = IsFile;
   return edits;
 }

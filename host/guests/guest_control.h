@@ -16,6 +16,7 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
+#include "host/domain_xml/domain_differences.h"
 #include "host/guests/jobs/requester.h"
 #include "host/guests/resources.h"
 #include "host/hypervisor/hypervisor.h"
@@ -44,6 +45,8 @@ struct GuestControlOptions {
   std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
   // How long an edit waits for another one of the same guest; its caller waits for 30 seconds or more.
   std::chrono::milliseconds edit_wait = std::chrono::seconds(10);
+  // How long a running guest may take to give a device back.
+  std::chrono::milliseconds release_wait = std::chrono::seconds(10);
   // Whether the host has a network or bridge. Not set: in test mode it has all, otherwise libvirt and the kernel
   // decide.
   std::function<bool(const std::string& name)> has_network;
@@ -129,10 +132,17 @@ class GuestControl {
   virtual Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) = 0;
   // See Creations::Create; the guest gets a new id.
   virtual Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) = 0;
-  // See Edits::Edit. Changes that a running guest cannot take immediately take effect at its next start, and are in the
-  // record's "pending" until then.
+  // See Edits::Edit. Then changes the running guest likewise, as far as it can be changed; the rest takes effect at its
+  // next start and is in Pending() until then. The parameter "apply" (edit_request.h) decides otherwise.
   virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,
                                      const Requester& requester) = 0;
+  // What the guest will have otherwise at its next start than it has now. Empty for a guest that has no machine here.
+  // Refusals: 403, 901 (the definition cannot be read or made), 949.
+  virtual Result<std::vector<domain_xml::Difference>, Refusal> Pending(const std::string& guest_id) = 0;
+  // Changes a running guest as its records say, as far as it can be changed. What still waits is in Pending(), and the
+  // reasons are in the system log. Refusals: 911, 915, 403, 901, 949.
+  virtual Result<void, Refusal> Apply(const std::string& guest_id, hypervisor::Eject eject,
+                                      const Requester& requester) = 0;
   // Makes `host_id` the guest's host. Refusals: 403 (no such guest or host), 910 (a host holds the guest), 915, 901.
   virtual Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) = 0;
 

@@ -19,6 +19,7 @@
 #include "host/guests/end_reasons.h"
 #include "host/guests/guest_activities.h"
 #include "host/guests/guest_control.h"
+#include "host/guests/live_changes.h"
 #include "host/guests/shut_downs.h"
 #include "host/guests/starts.h"
 #include "host/networks/network_keeper.h"
@@ -56,6 +57,9 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) override;
   Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) override;
   Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
+  Result<std::vector<domain_xml::Difference>, Refusal> Pending(const std::string& guest_id) override;
+  Result<void, Refusal> Apply(const std::string& guest_id, hypervisor::Eject eject,
+                              const Requester& requester) override;
   Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) override;
   bool StopFencedGuests() override;
   Result<Rating> RateGuest(const std::string& guest_id) override;
@@ -93,6 +97,36 @@ class LibvirtGuestControl final : public GuestControl {
   bool RepeatPress(const std::string& guest_id);
   // 910 when the guest's domain is active, no matter who defined it; 949 when the hypervisor cannot be reached.
   Result<void, Refusal> CheckNotRunning(const std::string& guest_id);
+
+  // guest_live.cpp
+  // A guest's machine beside the definition that its next start would make.
+  struct Comparison {
+    records::Guest guest;
+    std::string running_xml;
+    std::string recorded_xml;
+    bool is_saved = false;
+    std::vector<domain_xml::Difference> differences;
+  };
+  // Not set: the guest has no machine here, neither running nor saved.
+  Result<std::optional<Comparison>, Refusal> Compare(const std::string& guest_id);
+  Result<std::optional<Comparison>, Refusal> CompareWith(records::Guest guest);
+  domain_xml::DiskSizes RunningSizes(const records::Guest& guest);
+  // 901 with the properties that a running guest could not take if its records became `edited`.
+  Result<void, Refusal> CheckAppliesNow(const records::Guest& edited);
+  // Applies what is different now and was not before.
+  void ApplyNew(const std::string& guest_id, const std::vector<domain_xml::Difference>& before);
+  void ApplyDifferences(const Comparison& comparison, const std::vector<domain_xml::Difference>& differences,
+                        hypervisor::Eject eject);
+  Result<void, Refusal> ApplyOne(const Comparison& comparison, const domain_xml::Difference& difference,
+                                 LiveChanges& changes);
+  Result<void, Refusal> CheckAddedFiles(const std::string& guest_id, const domain_xml::Difference& difference,
+                                        LiveChanges& changes);
+  Result<void, Refusal> Reserve(const std::string& guest_id, const std::string& property, std::uint64_t amount);
+  Result<void, Refusal> CheckGrowth(const records::Guest& guest, const std::string& disk_id);
+  Result<void, Refusal> ClearImageIsSmaller(const std::string& disk_id, std::uint64_t size_mib);
+  void GrowImages(const records::Guest& guest);
+  // Whether the guest's machine, running or saved, has one of the files as a disk. True when that is unknown.
+  bool HasFileInMachine(const std::string& guest_id, const std::vector<std::string>& paths);
 
   // guest_console.cpp
   Result<void, Refusal> CheckHasConsole(const std::string& guest_id) const;
@@ -154,8 +188,6 @@ class LibvirtGuestControl final : public GuestControl {
   // Commits, after all checks, that this host holds the guest.
   Result<void, Refusal> Reserve(StartAttempt& attempt);
   Result<void, Refusal> StartReserved(StartAttempt& attempt, const Starts::Start& start);
-  // Removes "pending" from the guest's record: the guest is about to start with these changes.
-  Status ClearPending(const std::string& guest_id);
   // Refuses when a host holds the guest, or a job with its files is not finished.
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
   Result<void, Refusal> CheckNotHeld(const store::Snapshot& snapshot, const std::string& guest_id) const;

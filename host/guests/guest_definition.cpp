@@ -63,6 +63,27 @@ void AddBridges(const records::Guest& guest, domain_xml::BuildOptions& build) {
   }
 }
 
+// Room for four times what a guest has, bounded by its host. More would cost a guest's system memory for nothing, and
+// makes licences count processors.
+constexpr unsigned kGrowthFactor = 4;
+constexpr unsigned kVcpusPerCpu = 2;
+// QEMU's machines number processors with 8 bits unless they have an IOMMU.
+constexpr unsigned kMaxVcpus = 240;
+// Processors that all hosts of a cluster have in common address 1 TiB, and memory modules leave gaps of 1 GiB.
+constexpr std::uint64_t kMaxMemoryMib = 512 * 1024;
+constexpr unsigned kFreePorts = 8;
+
+domain_xml::HotPlugLimits HotPlugLimitsOf(const records::Guest& guest, const hypervisor::NodeInfo& node) {
+  const std::uint64_t vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
+  const std::uint64_t memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
+  domain_xml::HotPlugLimits limits;
+  limits.vcpus = static_cast<unsigned>(std::min<std::uint64_t>(
+      {kGrowthFactor * vcpus, std::uint64_t{kVcpusPerCpu} * node.cpus, std::uint64_t{kMaxVcpus}}));
+  limits.memory_mib = std::min<std::uint64_t>({kGrowthFactor * memory_mib, node.memory_mib, kMaxMemoryMib});
+  limits.free_ports = kFreePorts;
+  return limits;
+}
+
 }  // namespace
 
 Result<std::optional<records::DomainRecord>> LibvirtGuestControl::ImportedDomain(const std::string& guest_id) const {
@@ -119,6 +140,11 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest,
   if (tag == OwnershipTag::kOurs) build.host_id = options_.host_id;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
   if (!IsTestMode()) AddBridges(guest, build);
+  // An owner who gets the guest back gets the machine that the records say.
+  if (const auto node = GetNodeInfo(); node && tag == OwnershipTag::kOurs) {
+    build.hot_plug = HotPlugLimitsOf(guest, *node);
+  }
+  if (IsTestMode()) build.hot_plug.memory_mib = 0;  // its driver has no memory modules
   auto imported = ImportedDomain(guest.records.id);
   if (!imported) return imported.error();
   if (*imported) build.base_xml = std::move((*imported)->xml);

@@ -254,12 +254,6 @@ Result<Json::Value, Refusal> LibvirtGuestControl::Create(const Json::Value& para
   return answer;
 }
 
-Result<void, Refusal> LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value& edit,
-                                                const Requester& requester) {
-  return Perform(
-      guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); }, options_.edit_wait);
-}
-
 Result<void, Refusal> LibvirtGuestControl::SetHost(const std::string& guest_id, const std::string& host_id) {
   const records::RequestPause without_reader;
   Result<void, Refusal> allowed = CheckNotHeld(guest_id);

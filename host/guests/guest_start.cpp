@@ -45,11 +45,6 @@ std::optional<records::ShutdownCause> CauseOfStartFailure(int code) {
   }
 }
 
-Json::Value WithoutPending(Json::Value guest) {
-  guest.removeMember(kPending);
-  return guest;
-}
-
 }  // namespace
 
 Result<void, Refusal> LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requester& requester) {
@@ -83,13 +78,11 @@ Result<void, Refusal> LibvirtGuestControl::StartGuest(const std::string& guest_i
   end_reasons_.Forget(guest_id);
   if (const auto allowed = Reserve(attempt); !allowed.ok()) return allowed;
   BeforeStep("poweron: reserved");
-  if (!attempt.IsSaved()) {
-    if (const Status cleared = ClearPending(guest_id); !cleared) return RefusalOf(cleared.error());
-  }
+  if (!attempt.IsSaved()) GrowImages(attempt.guest);
   // From now on the guest cannot be given to another host; changes made before count.
   Result<records::Guest> current = ReadGuestNow(guest_id);
   if (!current) return RefusalOf(current.error());
-  if (WithoutPending(current->records.guest) != WithoutPending(attempt.guest.records.guest)) {
+  if (current->records.guest != attempt.guest.records.guest) {
     return Refusal{host_error::kBusy, "The guest has just been changed. Try again"};
   }
   attempt.guest = std::move(*current);
@@ -220,20 +213,6 @@ Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const store::Snapshot& s
   auto job = FindJob(snapshot, guest_id);
   if (!job) return RefusalFor(job.error());
   return OkUnless(*std::move(job));
-}
-
-// A change that is added after this may already take effect in this start, although it remains listed as pending.
-Status LibvirtGuestControl::ClearPending(const std::string& guest_id) {
-  return records::CommitWithRetry(*options_.store, [&](const records::Reader& reader) -> Result<store::Transaction> {
-    const std::string key = records::GuestObjectKey(guest_id);
-    auto guest = records::LoadObject(reader, key);
-    if (!guest) return guest.error();
-    store::Transaction transaction;
-    if (!json::FindMember(guest->record, kPending)) return transaction;
-    guest->record.removeMember(kPending);
-    records::PutObject(transaction, key, *guest);
-    return transaction;
-  });
 }
 
 Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, const Starts::Start& start) {

@@ -73,6 +73,9 @@ enum class UndefineScope {
   kEverything,  // saved memory, the metadata of snapshots and checkpoints, the state of the TPM
 };
 
+// Whether a drive whose tray the guest has locked is opened nevertheless.
+enum class Eject { kIfUnlocked, kForced };
+
 // The hardware of the machine that runs the guests.
 struct NodeInfo {
   std::string cpu_model;
@@ -219,6 +222,22 @@ class Hypervisor {
   virtual Result<std::string, Failure> Screenshot(const std::string& id) = 0;
   // Presses keys of a running guest one after another; takes some 40 ms for each. Failures: kNotRunning, kUnsupported.
   virtual Result<void, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) = 0;
+
+  // Changes of a running guest. They last until it is off: its definition for the next start stays as it is. Failures of
+  // each: kNotRunning, kUnsupported and kFailed (the driver or the guest's machine cannot do it).
+  // Not more processors than the definition's maximum. The guest must agree to give some up.
+  virtual Result<void, Failure> SetVcpus(const std::string& id, unsigned count) = 0;
+  virtual Result<void, Failure> SetCpuShares(const std::string& id, std::uint64_t shares) = 0;
+  // `xml` is the element of the device in domain XML.
+  virtual Result<void, Failure> AttachDevice(const std::string& id, const std::string& xml) = 0;
+  // Asks the guest to release the device. It may still have the device when this returns: RunningXmlOf shows that.
+  virtual Result<void, Failure> DetachDevice(const std::string& id, const std::string& xml) = 0;
+  // Changes the device that `xml` describes: the medium of a drive, the network of an interface.
+  virtual Result<void, Failure> UpdateDevice(const std::string& id, const std::string& xml, Eject eject) = 0;
+  // `disk` is the path of its file or its target name ("vda").
+  virtual Result<void, Failure> ResizeDisk(const std::string& id, const std::string& disk, std::uint64_t bytes) = 0;
+  // The size in bytes that the guest sees.
+  virtual Result<std::uint64_t, Failure> SizeOfDisk(const std::string& id, const std::string& disk) = 0;
 
   // What the interfaces of a running guest are plugged into. For a libvirt network that leads to a bridge or device of
   // the host, the bridge or device is returned. Failures: kNotRunning.

@@ -89,6 +89,13 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<std::vector<std::vector<HeldFile>>, Failure> FilesHeldBy(const std::string& id) override;
   Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) override;
   Result<bool, Failure> HasAgent(const std::string& id) override;
+  Result<void, Failure> SetVcpus(const std::string& id, unsigned count) override;
+  Result<void, Failure> SetCpuShares(const std::string& id, std::uint64_t shares) override;
+  Result<void, Failure> AttachDevice(const std::string& id, const std::string& xml) override;
+  Result<void, Failure> DetachDevice(const std::string& id, const std::string& xml) override;
+  Result<void, Failure> UpdateDevice(const std::string& id, const std::string& xml, Eject eject) override;
+  Result<void, Failure> ResizeDisk(const std::string& id, const std::string& disk, std::uint64_t bytes) override;
+  Result<std::uint64_t, Failure> SizeOfDisk(const std::string& id, const std::string& disk) override;
   Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) override;
   Result<Descriptor, Failure> OpenScreen(const std::string& id) override;
   Result<Descriptor, Failure> OpenSerial(const std::string& id) override;
@@ -131,6 +138,9 @@ class LibvirtHypervisor final : public Hypervisor {
   // Calls `act`, one of libvirt's functions on networks, for the network with this name.
   Result<void, Failure> ActOnNetwork(const std::string& name, const std::string& message, Operation operation,
                                      int (*act)(virNetworkPtr network)) const;
+  // Calls `act`, one of libvirt's functions that change a running guest.
+  Result<void, Failure> ChangeRunning(const std::string& id, const std::string& message,
+                                      const std::function<int(virDomainPtr)>& act);
   // Starts the guest with `create`, which calls libvirt.
   Result<void, Failure> StartWith(const std::string& id, const std::function<int(virDomainPtr)>& create);
   Result<void, Failure> CheckMemory(const DomainOnConnection& guest) const;

@@ -1,6 +1,7 @@
 #include <set>
 #include <utility>
 
+#include "host/transport/added_parameter.h"
 #include "host/transport/messages.h"
 #include "host/transport/transport.h"
 #include "webapi/platform/ccc.h"
@@ -12,7 +13,9 @@ namespace {
 using vexa::transport::CurrentTransport;
 
 std::vector<Json::Value> SendToHosts(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request) {
-  if (const auto transport = CurrentTransport()) return transport->Call(host_ids, request);
+  if (const auto transport = CurrentTransport()) {
+    return transport->Call(host_ids, vexa::transport::WithAddedParameter(request));
+  }
   std::vector<Json::Value> replies;
   replies.reserve(host_ids.size());
   for (const std::string& id : host_ids) {

@@ -39,6 +39,7 @@ constexpr Row kRows[] = {
     {"VEXA.Core.Storage.Volume", "get", kDiskTimeout, CallPriority::kSkippable},
     {"VEXA.CCC.VDisk", "list", kDefault, CallPriority::kSkippable},
     {"VEXA.CCC.Guest", "get_info", kDefault, CallPriority::kSkippable},
+    {"VEXA.CCC.Guest", "pending", kMemoryTimeout, CallPriority::kSkippable},
     // Users who start or stop a guest want the call to be tried, even if the host seemed gone a moment ago.
     {"VEXA.CCC.Guest", "poweron", kDefault, CallPriority::kAlways},
     {"VEXA.CCC.Guest", "shutdown", kDefault, CallPriority::kAlways},

@@ -148,6 +148,15 @@ std::string LibvirtUser::Xml(const std::string& id) const {
   });
 }
 
+std::string LibvirtUser::RunningXml(const std::string& id) const {
+  return CallOnDomain<std::string>(uri_, id, "", [](virDomainPtr domain) {
+    char* const text = virDomainIsActive(domain) == 1 ? virDomainGetXMLDesc(domain, 0) : nullptr;
+    std::string xml = text != nullptr ? text : "";
+    std::free(text);
+    return xml;
+  });
+}
+
 std::string LibvirtUser::Snapshot(const std::string& id) const {
   return Xml(id) + (IsAutostarting(id) ? "autostart, " : "no autostart, ") + (IsActive(id) ? "active" : "inactive") +
          (IsSaved(id) ? ", saved" : "");

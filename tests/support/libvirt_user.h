@@ -41,6 +41,8 @@ class LibvirtUser {
 
   // The XML of the inactive domain; empty when libvirt does not know it.
   std::string Xml(const std::string& id) const;
+  // The XML of the running domain; empty when it does not run.
+  std::string RunningXml(const std::string& id) const;
   // What must stay unchanged in a user's domain, as one text: XML, autostart, whether it runs and is saved.
   std::string Snapshot(const std::string& id) const;
   bool IsKnown(const std::string& id) const { return !Xml(id).empty(); }

@@ -41,6 +41,13 @@ class ScriptedGuests final : public guests::GuestControl {
     last_edit = edit;
     return Note("edit", id, by);
   }
+  Result<std::vector<domain_xml::Difference>, Refusal> Pending(const std::string& id) override {
+    if (const auto noted = Note("pending", id, {}); !noted.ok()) return noted.error();
+    return pending;
+  }
+  Result<void, Refusal> Apply(const std::string& id, hypervisor::Eject eject, const Requester& by) override {
+    return Note(eject == hypervisor::Eject::kForced ? "apply forced" : "apply", id, by);
+  }
   Result<void, Refusal> SetHost(const std::string& id, const std::string& host_id) override {
     return Note("hostset " + host_id, id, {});
   }
@@ -84,6 +91,7 @@ class ScriptedGuests final : public guests::GuestControl {
   }
 
   std::optional<Refusal> refused;  // the answer to every action
+  std::vector<domain_xml::Difference> pending;
   guests::Rating rating;
   Json::Value last_edit;
   Json::Value last_creation;

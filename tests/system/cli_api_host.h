@@ -41,6 +41,12 @@ class ApiHost {
     const std::lock_guard lock(mutex_);
     return calls_;
   }
+  // The last request for the method; "" without one.
+  std::string Last(const std::string& method) const {
+    std::string last;
+    for (const std::string& call : calls()) last = call.starts_with(method + " ") ? call : last;
+    return last;
+  }
   int Count(const std::string& method) const {
     int count = 0;
     for (const std::string& call : calls()) count += call.starts_with(method + " ") ? 1 : 0;

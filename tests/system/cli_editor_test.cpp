@@ -175,7 +175,7 @@ TEST_F(GuestEdit, Editor_SendsOnlyChangedSettings) {
     const auto result = Edit(host, script);
     EXPECT_EQ(result.exit_code, 0) << result.errors;
     EXPECT_EQ(result.output, expected);
-    EXPECT_EQ(host.calls().back(), std::string("set ") + sent);
+    EXPECT_EQ(host.Last("set"), std::string("set ") + sent);
     EXPECT_EQ(host.Count("set"), 1);
     EXPECT_THAT(Left(), IsEmpty());
   }
@@ -338,7 +338,7 @@ TEST_F(GuestEdit, EditorFile_ControlCharacterInName_StaysOnItsLine) {
   EXPECT_THAT(ContentOf(folder_.File("seen")),
               AllOf(StartsWith("# The settings of the guest 'b\\x1b[31md\\n\"x' (g2)\n#\n"),
                     HasSubstr("\nname = \"b\\u001b[31md\\n\\\"x\"\n"), Not(HasSubstr("\x1b"))));
-  EXPECT_EQ(host.calls().back(), R"(set {"autorun":1,"guest_id":"g2"})");
+  EXPECT_EQ(host.Last("set"), R"(set {"autorun":1,"guest_id":"g2"})");
 }
 
 TEST_F(GuestEdit, Edit_UnknownGuest_OpensNoEditor) {
@@ -372,7 +372,7 @@ TEST_F(GuestEdit, Edit_BadTextOnATerminal_AsksWhetherToEditAgain) {
     terminal.Type(yes);
     const int status = terminal.Finish();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << terminal.shown();
-    EXPECT_EQ(host.calls().back(), R"(set {"guest_id":"g1","vcpu_num":8})");
+    EXPECT_EQ(host.Last("set"), R"(set {"guest_id":"g1","vcpu_num":8})");
     EXPECT_THAT(Left(), IsEmpty());
   }
 }

@@ -49,7 +49,7 @@ class GuestSet : public CliTest {
     EXPECT_EQ(result.exit_code, 0) << result.errors;
     EXPECT_EQ(host.Count("set"), 1);
     if (host.Count("set") != 1) return "";
-    Json::Value parameters = Parse(host.calls().back().substr(std::string("set ").size()));
+    Json::Value parameters = Parse(host.Last("set").substr(std::string("set ").size()));
     EXPECT_EQ(parameters["guest_id"], Json::Value("g1"));
     parameters.removeMember("guest_id");
     return VexaVirtualization::json::ToText(parameters);
@@ -65,6 +65,59 @@ class GuestSet : public CliTest {
     return result.errors;
   }
 };
+
+TEST_F(GuestSet, Set_NowOrNextStart_IsSentAsApply) {
+  EXPECT_EQ(Sent({"vcpu_num=4", "--now"}), R"({"apply":"now","vcpu_num":4})");
+  EXPECT_EQ(Sent({"vcpu_num=4", "--next-start"}), R"({"apply":"next_start","vcpu_num":4})");
+  EXPECT_THAT(Refusal({"vcpu_num=4", "--now", "--next-start"}), HasSubstr("--next-start excludes --now"));
+  EXPECT_THAT(Refusal({"--now"}), HasSubstr("Nothing to change is named"));
+}
+
+TEST_F(GuestSet, Set_SomethingWaits_NamesIt) {
+  const ApiHost host(With([](const std::string& method, const auto&) {
+    return ApiHost::Success(method != "status" ? "null" : R"({"pending":[
+      {"property":"vram_size","running":1,"recorded":2},{"property":"vdisks","id":"a","running":null,"recorded":{}},
+      {"property":"vdisks","id":"b","running":null,"recorded":{}}]})");
+  }));
+  const auto result = RunOn(host, {"web-1", "vram_size=2"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.output, "web-1: edited; waits for its next start: vdisks, vram_size\n");
+  // Scripts that print nothing ask nothing.
+  EXPECT_EQ(RunOn(host, {"web-1", "vram_size=2", "--quiet"}).output, "");
+  EXPECT_EQ(host.Count("status"), 1);
+}
+
+class GuestApply : public GuestSet {
+ protected:
+  ProcessResult Apply(const ApiHost& host, std::vector<std::string> words) {
+    SaveLogin(host.url());
+    words.insert(words.begin(), {"guest", "apply"});
+    return Run(std::move(words));
+  }
+};
+
+TEST_F(GuestApply, Apply_SomethingStillWaits_PrintsBothValues) {
+  const ApiHost host(With([](const auto&, const auto&) {
+    return ApiHost::Success(R"({"pending":[{"property":"video_card","running":"vga","recorded":"q\u001bxl"},
+      {"property":"vdisks","id":"d1","running":{"path":"/a"},"recorded":null}]})");
+  }));
+  const auto result = Apply(host, {"web-1"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output,
+            "\nWaiting for the next start\nPROPERTY    ID  NOW            NEXT\n"
+            "video_card      vga            q\\x1bxl\nvdisks      d1  {\"path\":\"/a\"}  -\n");
+  EXPECT_EQ(host.Last("apply"), R"(apply {"guest_id":"g1"})");
+}
+
+TEST_F(GuestApply, Apply_NothingWaits_SaysSo) {
+  const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Success(R"({"pending":[]})"); }));
+  EXPECT_EQ(Apply(host, {"web-1", "--force-eject"}).output, "web-1: runs as it is set\n");
+  EXPECT_EQ(host.Last("apply"), R"(apply {"force_eject":true,"guest_id":"g1"})");
+  EXPECT_EQ(Apply(host, {"web-1", "--json"}).output, "{\"pending\":[]}\n");
+  EXPECT_EQ(Apply(host, {""}).exit_code, 2);
+  const ApiHost refusing(Refuses(911));
+  EXPECT_EQ(Apply(refusing, {"web-1"}).exit_code, 1);
+}
 
 TEST_F(GuestSet, Set_Settings_AreSentWithTheirTypes) {
   const std::pair<const char*, const char*> rows[] = {
@@ -273,7 +326,7 @@ TEST_F(GuestSet, Set_UserAndGroupNames_AreResolvedByServer) {
     return ApiHost::Failure(parameters["name"] == "bob" ? 980 : 104, "No.");
   }));
   EXPECT_EQ(RunOn(host, {"web-1", "--revoke", "group:staff"}).exit_code, 0);
-  EXPECT_THAT(host.calls().back(),
+  EXPECT_THAT(host.Last("set"),
               HasSubstr(R"("guest_privilege":[{"allow":false,"gid":1026,"name":"staff","type":"use"}])"));
   const int sent = host.Count("set");
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No. (error 980"));
@@ -293,7 +346,7 @@ TEST_F(GuestSet, Allow_UserWithDamagedGrants_IsLookedUpInUserList) {
   }));
   const auto result = RunOn(host, {"web-1", "--allow", "user:alice", "--revoke", "group:staff"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_THAT(host.calls().back(), AllOf(HasSubstr(R"("uid":1026)"), HasSubstr(R"("gid":7)")));
+  EXPECT_THAT(host.Last("set"), AllOf(HasSubstr(R"("uid":1026)"), HasSubstr(R"("gid":7)")));
   EXPECT_EQ(RunOn(host, {"web-1", "--allow", "user:bob"}).exit_code, 1);
   EXPECT_EQ(host.Count("set"), 1);
 }

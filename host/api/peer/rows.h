@@ -25,6 +25,7 @@ std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts);     // guest_powe
 std::vector<ApiRow> GuestConsoleRows(const ServiceParts& parts);   // guest_console_api.cpp
 std::vector<ApiRow> GuestCreationRows(const ServiceParts& parts);  // guest_creation_api.cpp
 std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);       // guest_set_api.cpp
+std::vector<ApiRow> GuestLiveRows(const ServiceParts& parts);      // guest_live_api.cpp
 std::vector<ApiRow> PollTaskRows(const ServiceParts& parts);       // poll_task_api.cpp
 std::vector<ApiRow> CertificateRows(const ServiceParts& parts);    // certificate_api.cpp
 

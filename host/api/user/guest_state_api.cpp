@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/api/rows.h"
+#include "host/api/user/guest_live_api.h"
 #include "host/api/user/guest_parts_state.h"
 #include "host/api/user/unreachable_host.h"
 #include "host/cluster/ha_group.h"
@@ -109,6 +110,7 @@ void GetStatus(GuestStates& states, const Call& call) {
     data["shutdown"] = std::move(shutdown);
   }
   if (Json::Value ha = HaOf(**record); !ha.isNull()) data["ha"] = std::move(ha);
+  AddPending(id.Get(), data);
   call.response->SetSuccess(data);
 }
 
@@ -119,10 +121,10 @@ std::vector<ApiRow> GuestStateRows(GuestStates& states) {
                   [&states](const Call& call) { List(states, call); },
                   "The guests that the caller may use: id, name, host, state and severity now, and how old that is.",
                   {}, {user_error::kNotFoundOrUnreadable}),
-          UserRow("VEXA.Virtualization.Guest", "status", LaneKind::kQuick,
+          UserRow("VEXA.Virtualization.Guest", "status", LaneKind::kLong,
                   [&states](const Call& call) { GetStatus(states, call); },
-                  "One guest's state now, with severity, reason and age, those of its disks, why it is off, and its "
-                  "high availability.",
+                  "One guest's state now, with severity, reason and age, those of its disks, why it is off, its "
+                  "high availability, and what waits for its next start.",
                   {Text("guest_id", "The guest's id, a UUID.")},
                   {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kNotPermitted})};
 }

@@ -41,6 +41,9 @@ struct DeletionOptions : JobOptions {
   // Whether another host is alive and so has to delete the guests of its repositories itself. Not set: no other
   // host is alive.
   std::function<bool(const std::string& host_id)> is_alive;
+  // Whether the guest's machine here, running or saved, still has one of the files of disks that were removed from the
+  // guest. True when that is unknown. Not set: guests cannot run here.
+  std::function<bool(const std::string& guest_id, const std::vector<std::string>& paths)> has_file_in_machine{};
 };
 
 // Threads: any, at the same time; of two deletions of one guest, the second is refused as busy.
@@ -63,7 +66,7 @@ class Deletion {
   // The guests with deletions that this host has started, and has in progress or could not finish. Empty when they
   // cannot be read.
   std::vector<std::string> Unfinished() const;
-  // Removes the files that earlier deletions could not remove. Cheap when no files are left. Logs each obstacle once.
+  // Removes the files that earlier deletions, and removals of disks of running guests, have left. Cheap when no files are left. Logs each obstacle once.
   void RemoveLeftovers();
 
  private:

@@ -145,7 +145,7 @@ Result<DeletionPlan> DeletionJob::PlanAgain(const store::Snapshot& snapshot) con
   return plan;
 }
 
-// Adds the record that leaves files in another host's repository to that host.
+// Leaves files in another host's repository to that host.
 Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction) {
   if (!IsRemote() || plan_->files.empty()) return {};
   const std::string& host_id = plan_->repository_host_id;

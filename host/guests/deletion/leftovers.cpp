@@ -31,6 +31,8 @@ class Leftover {
     if (!stored) return stored.error();
     if (stored->revision == 0) return {};
     if (!stored->paths) return Error(ErrorCode::kCorrupt, "the record of them is damaged and was left unchanged");
+    // The guest still runs, or is saved, with disks that were removed from it.
+    if (options_.has_file_in_machine && options_.has_file_in_machine(guest_id_, *stored->paths)) return {};
     if (options_.storage) {
       const auto storage =
           options_.storage->CheckFolders(stored->repository_id, *stored->paths, storage::StorageUse::kExisting);

@@ -4,7 +4,10 @@
 //                       "made": [path], "hidden": [{"path", "hidden"}],
 //                       "grown": [{"path", "from", "to"}] (lengths, or 16 bytes of a header in hexadecimal)}
 //
-// An edit that does not touch any file is one commit. All others proceed in this order:
+// An edit that does not touch any file is one commit. So is one that removes or grows disks of a guest that runs here:
+// the commit leaves the files of removed disks to the code that removes leftovers of deletions (deletion.h), which waits
+// until the guest's machine has given them back, and marks the disks whose images must grow (kImageIsSmaller).
+// All others proceed in this order:
 // 1. "doing" is committed with compares: no deletion or edit of the guest is in progress, and its records
 //    and its run record are as read.
 // 2. New files are created, files of removed disks get hidden names (as in deletion.h), images grow.
@@ -41,6 +44,11 @@ struct EditOptions : JobOptions {
   std::function<Result<void, Refusal>(const records::Guest& edited)> check_pins;
   // Whether there is a file at a path. Not set: always true, as in test mode.
   std::function<bool(const std::string& path)> has_file;
+  // Whether disks of guests that run on this host can be removed and grow: the records change, and the caller changes
+  // the machine afterwards. The machines of test mode have no files.
+  bool can_change_running = false;
+  // Refuses an edit that could not be applied completely to the guest, which runs. Not set: nothing could be.
+  std::function<Result<void, Refusal>(const records::Guest& edited)> check_applies_now;
 };
 
 // Threads: any, at the same time, but only one at a time per guest on this host.
@@ -65,7 +73,11 @@ class Edits {
   const EditOptions options_;
 };
 
-// The record's "pending": changes made while the guest ran, which take effect at its next start.
-inline constexpr char kPending[] = "pending";
+// A member of a disk's record: true while its image may be smaller than recorded, because the guest ran when the size
+// was edited. The running machine, or else the start, makes the image as large.
+inline constexpr char kImageIsSmaller[] = "image_is_smaller";
+
+// A member that earlier versions stored in the guest's record. The next edit removes it.
+inline constexpr char kOutdatedPending[] = "pending";
 
 }  // namespace vexa::guests

@@ -42,12 +42,16 @@ EditedPart* Find(EditedGuest& edited, const std::string& id) {
 void Remove(EditedGuest& edited, const std::string& id) {
   EditedPart* const disk = Find(edited, id);
   if (!disk) return;
-  if (edited.is_running)
+  if (edited.is_running && !edited.runs_here)
     return edited.Refuse(host_error::kBadDisk,
                          fmt::format("The disk {} cannot be removed while the guest runs", QuoteForMessage(id)));
   const std::string path = json::StringMember(disk->before, disks::kDiskPath);
-  if (!path.empty()) edited.plan.files.removed.push_back({disk->index, path});
-  edited.plan.files.removed_disks.insert(id);
+  if (edited.runs_here) {
+    if (auto normal = disks::NormalPath(path)) edited.left_files.push_back(std::move(*normal));
+  } else {
+    if (!path.empty()) edited.plan.files.removed.push_back({disk->index, path});
+    edited.plan.files.removed_disks.insert(id);
+  }
   edited.removed_disks.push_back(id);
   std::erase_if(edited.disks, [&](const EditedPart& part) { return part.id == id; });
 }
@@ -75,14 +79,19 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
     return edited.Refuse(host_error::kBadDisk,
                          fmt::format("The disk {} has {} MiB and cannot shrink", quoted_id, now_mib));
   }
-  if (edited.is_running) {
+  if (edited.is_running && !edited.runs_here) {
     return edited.Refuse(host_error::kBadDisk,
                          fmt::format("The size of the disk {} cannot be changed while the guest runs", quoted_id));
   }
   const std::optional<std::string> path = disks::NormalPath(json::StringMember(disk.before, disks::kDiskPath));
   if (!path)
     return edited.Refuse(host_error::kBadDisk, fmt::format("The disk {} has no file that could grow", quoted_id));
-  edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
+  if (edited.runs_here) {
+    disk.stored.record[kImageIsSmaller] = true;
+  } else {
+    edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
+    disk.stored.record.removeMember(kImageIsSmaller);
+  }
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
 }
 

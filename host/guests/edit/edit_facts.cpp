@@ -85,6 +85,13 @@ std::optional<Result<void, Refusal>> FileFacts::Pins(const records::Guest& edite
   return std::nullopt;
 }
 
+std::optional<Result<void, Refusal>> FileFacts::AppliesNow(const records::Guest& edited) {
+  const auto found = applies_.find(KeyOf(edited));
+  if (found != applies_.end()) return found->second;
+  applies_wanted_ = edited;
+  return std::nullopt;
+}
+
 std::optional<Result<void, Refusal>> FileFacts::NotRunning() {
   not_running_wanted_ = !not_running_;
   return not_running_;
@@ -99,6 +106,11 @@ Status FileFacts::Gather(const EditOptions& options, const std::string& guest_id
   }
   if (const std::optional<records::Guest> guest = std::exchange(pins_wanted_, std::nullopt)) {
     pins_[KeyOf(*guest)] = options.check_pins ? options.check_pins(*guest) : Result<void, Refusal>();
+  }
+  if (const std::optional<records::Guest> guest = std::exchange(applies_wanted_, std::nullopt)) {
+    applies_[KeyOf(*guest)] = options.check_applies_now
+                                  ? options.check_applies_now(*guest)
+                                  : Refusal{host_error::kFailed, "The guest cannot be changed while it runs"};
   }
   return GatherImages(options);
 }

@@ -26,12 +26,14 @@ class FileFacts {
   // FolderOf returns the folder of the repository's files, or "" when the repository has no folder.
   std::optional<Image> ImageAt(const std::string& path);
   std::optional<std::string> FolderOf(const std::string& repository_id);
-  // The results of EditOptions::check_pins and check_not_running.
+  // The results of EditOptions::check_pins, check_not_running and check_applies_now.
   std::optional<Result<void, Refusal>> Pins(const records::Guest& edited);
   std::optional<Result<void, Refusal>> NotRunning();
+  std::optional<Result<void, Refusal>> AppliesNow(const records::Guest& edited);
 
   bool HasMissingFacts() const {
-    return !images_wanted_.empty() || !folders_wanted_.empty() || pins_wanted_ || not_running_wanted_;
+    return !images_wanted_.empty() || !folders_wanted_.empty() || pins_wanted_ || not_running_wanted_ ||
+           applies_wanted_;
   }
   // Gathers what is missing. May take long: no snapshot may be held. Errors: those of the store.
   Status Gather(const EditOptions& options, const std::string& guest_id);
@@ -47,6 +49,8 @@ class FileFacts {
   std::set<std::string> folders_wanted_;
   std::map<std::string, Result<void, Refusal>> pins_;  // by the rated records
   std::optional<records::Guest> pins_wanted_;
+  std::map<std::string, Result<void, Refusal>> applies_;  // likewise
+  std::optional<records::Guest> applies_wanted_;
   std::optional<Result<void, Refusal>> not_running_;
   bool not_running_wanted_ = false;
 };

@@ -67,6 +67,11 @@ Status LoadState(EditedGuest& edited) {
   const auto run = edited.snapshot.Get(records::RunKey(edited.id));
   if (!run) return run.error();
   edited.is_running = run->has_value();
+  if (edited.is_running) {
+    const records::Run held = records::ParseRun((*run)->text);
+    edited.runs_here =
+        edited.options.can_change_running && held.host_id == edited.options.host_id && !held.starting && !held.saved;
+  }
   edited.plan.transaction.compares.push_back({records::RunKey(edited.id), *run ? (*run)->revision : 0});
   const auto deletion = ReadDeletion(edited.snapshot, edited.id);
   if (!deletion) return deletion.error();
@@ -225,16 +230,27 @@ void CheckStillStartable(EditedGuest& edited, const domain_xml::GuestRecords& be
   }
 }
 
+records::Guest Edited(const EditedGuest& edited) {
+  records::Guest guest;
+  guest.records = RecordsOf(edited, Version::kAfter);
+  guest.name = json::StringMember(edited.guest.record, keys::name);
+  guest.host_id = json::StringMember(edited.guest.record, keys::host_id);
+  guest.repository_id = edited.repository_id;
+  guest.repository_host_id = edited.repository_host_id;
+  return guest;
+}
+
+void CheckAppliesNow(EditedGuest& edited) {
+  if (!edited.request.must_apply_now || !edited.is_running || edited.is_suspended) return;
+  const std::optional<Result<void, Refusal>> applies = edited.facts.AppliesNow(Edited(edited));
+  if (applies && !applies->ok()) edited.Refuse(applies->error().code, applies->error().reason);
+}
+
 void CheckPins(EditedGuest& edited) {
   const Json::Value& record = edited.guest.record;
   const bool changes = json::Member(record, keys::cpu_pin_num) != json::Member(edited.before, keys::cpu_pin_num);
   if (!edited.is_running || !changes || !edited.options.check_pins) return;
-  records::Guest guest;
-  guest.records = RecordsOf(edited, Version::kAfter);
-  guest.host_id = json::StringMember(record, keys::host_id);
-  guest.repository_id = edited.repository_id;
-  guest.repository_host_id = edited.repository_host_id;
-  const std::optional<Result<void, Refusal>> rated = edited.facts.Pins(guest);
+  const std::optional<Result<void, Refusal>> rated = edited.facts.Pins(Edited(edited));
   if (rated && !rated->ok()) edited.Refuse(rated->error().code, rated->error().reason);
 }
 
@@ -242,36 +258,6 @@ void WriteList(EditedGuest& edited, const char* name, const std::vector<EditedPa
   Json::Value list(Json::arrayValue);
   for (const EditedPart& part : parts) list.append(part.id);
   if (list != json::Elements(json::Member(edited.before, name))) edited.guest.record[name] = std::move(list);
-}
-
-bool IsChanged(const EditedGuest& edited, const char* name, const std::vector<EditedPart>& parts) {
-  return json::Member(edited.guest.record, name) != json::Member(edited.before, name) ||
-         std::any_of(parts.begin(), parts.end(),
-                     [](const EditedPart& part) { return part.stored.record != part.before; });
-}
-
-// Lists in "pending" what takes effect at the guest's next start.
-void WritePending(EditedGuest& edited) {
-  Json::Value& guest = edited.guest.record;
-  if (!edited.is_running && !edited.is_suspended) {
-    guest.removeMember(kPending);
-    return;
-  }
-  std::set<std::string> names;
-  for (const Json::Value& name : json::Elements(json::Member(edited.before, kPending))) {
-    if (name.isString()) names.insert(json::String(name));
-  }
-  for (const std::string& name : json::MemberNames(edited.request.members)) {
-    const GuestSetting* const setting = FindGuestSetting(name);
-    const bool is_immediate = setting && setting->takes_effect == TakesEffect::kImmediately;
-    if (!is_immediate && json::Member(guest, name) != json::Member(edited.before, name)) names.insert(name);
-  }
-  if (IsChanged(edited, keys::vdisks, edited.disks)) names.insert(keys::vdisks);
-  if (IsChanged(edited, keys::vnics, edited.nics)) names.insert(keys::vnics);
-  if (names.empty()) return;
-  Json::Value pending(Json::arrayValue);
-  for (const std::string& name : names) pending.append(name);
-  guest[kPending] = std::move(pending);
 }
 
 void WriteParts(EditedGuest& edited, const DashCate& category, const std::vector<EditedPart>& parts) {
@@ -327,6 +313,23 @@ void WriteFileReferencesGuard(EditedGuest& edited) {
       {records::FileReferencesGuardKey(), json::ToText(Json::Value(edited.id))});
 }
 
+// Leaves the files of disks that the running guest still has to the code that removes leftovers. An image in a drive of
+// the guest stays.
+Status WriteLeftFiles(EditedGuest& edited) {
+  if (edited.left_files.empty()) return {};
+  const std::string key = LeftoverKey(edited.options.host_id, edited.id);
+  Result<StoredLeftover> stored = ReadLeftover(edited.snapshot, edited.options.host_id, edited.id);
+  if (!stored) return stored.error();
+  std::vector<std::string> paths = std::move(stored->paths).value_or(std::vector<std::string>());
+  for (const std::string& path : edited.left_files) {
+    if (!edited.plan.files.images.contains(path)) paths.push_back(path);
+  }
+  edited.plan.transaction.compares.push_back({key, stored->revision});
+  if (!paths.empty())
+    edited.plan.transaction.operations.push_back({key, SerializeLeftover(paths, edited.repository_id)});
+  return {};
+}
+
 // Every commit that puts an interface into a network writes this key, so that code about to remove the network searches
 // again.
 void WriteNetworksGuard(EditedGuest& edited) {
@@ -337,7 +340,7 @@ void WriteNetworksGuard(EditedGuest& edited) {
 Status Write(EditedGuest& edited) {
   WriteList(edited, keys::vdisks, edited.disks);
   WriteList(edited, keys::vnics, edited.nics);
-  WritePending(edited);
+  if (edited.guest.record != edited.before) edited.guest.record.removeMember(kOutdatedPending);
   store::Transaction& transaction = edited.plan.transaction;
   if (edited.guest.record != edited.before) {
     records::PutObject(transaction, records::GuestObjectKey(edited.id), edited.guest);
@@ -350,6 +353,7 @@ Status Write(EditedGuest& edited) {
   if (Status removed = RemoveParts(edited, DashCate::vNic, edited.removed_nics); !removed) return removed;
   WriteFileReferencesGuard(edited);
   WriteNetworksGuard(edited);
+  if (Status left = WriteLeftFiles(edited); !left) return left;
   return WriteMacs(edited);
 }
 
@@ -366,8 +370,7 @@ void AddImagesToKeep(EditedGuest& edited) {
 
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
                           const NewIds& ids, const store::Snapshot& snapshot, FileFacts& facts) {
-  EditedGuest edited{options, request, ids, snapshot, facts, guest_id, {},    {},    {}, {},
-                     {},      {},      {},  {},       {},    {},       false, false, {}};
+  EditedGuest edited{options, request, ids, snapshot, facts, guest_id};
   Status done = Load(edited);
   if (!done) return done.error();
   if (edited.plan.refused) return std::move(edited.plan);
@@ -385,7 +388,8 @@ Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_i
   for (const auto part : {EditDisks, CheckCombinations, CheckPins}) part(edited);
   if (edited.MustStop()) return std::move(edited.plan);
   CheckStillStartable(edited, before);
-  if (edited.plan.refused) return std::move(edited.plan);
+  if (!edited.plan.refused) CheckAppliesNow(edited);
+  if (edited.MustStop()) return std::move(edited.plan);
   AddImagesToKeep(edited);
   edited.plan.files.repository_id = edited.repository_id;
   done = Write(edited);

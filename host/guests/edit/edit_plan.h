@@ -68,19 +68,21 @@ struct EditedGuest {
   const store::Snapshot& snapshot;
   FileFacts& facts;
   std::string id;
-  records::StoredObject guest;
-  Json::Value before;
-  std::vector<EditedPart> disks;
-  std::vector<EditedPart> nics;
-  std::vector<std::string> removed_disks;
-  std::vector<std::string> removed_nics;
-  std::vector<std::string> taken_macs;  // addresses that the edit assigns to interfaces
+  records::StoredObject guest{};
+  Json::Value before{};
+  std::vector<EditedPart> disks{};
+  std::vector<EditedPart> nics{};
+  std::vector<std::string> removed_disks{};
+  std::vector<std::string> removed_nics{};
+  std::vector<std::string> taken_macs{};  // addresses that the edit assigns to interfaces
   bool names_network = false;           // an interface is put into a network with a record
-  std::string repository_id;
-  std::string repository_host_id;
+  std::vector<std::string> left_files{};  // of disks that the running guest still has
+  std::string repository_id{};
+  std::string repository_host_id{};
   bool is_running = false;    // a host holds the guest
+  bool runs_here = false;     // this one, and the guest's machine can be changed
   bool is_suspended = false;  // its memory is saved, or it is paused
-  EditPlan plan;
+  EditPlan plan{};
 
   void Refuse(int code, std::string reason) {
     if (!plan.refused) plan.refused = Refusal{code, std::move(reason)};

@@ -89,6 +89,7 @@ class RequestParser {
     ReadDevices();
     ReadNics();
     ReadDisks();
+    ReadApply();
     if (refusal_) return std::move(*refusal_);
     return std::move(request_);
   }
@@ -293,6 +294,14 @@ class RequestParser {
     ForEachObject("vdisks_order", [&](const Json::Value& element, const std::string& parameter) {
       request_.disks_order.push_back(IdAt(element, "vdisk_id", parameter));
     });
+  }
+
+  void ReadApply() {
+    const Json::Value* const value = json::FindMember(edit_, kApply);
+    if (!value) return;
+    const std::string apply = value->isString() ? json::String(*value) : "";
+    if (apply != kApplyNow && apply != kApplyAtNextStart) RefuseType(kApply, "'now' or 'next_start'");
+    request_.must_apply_now = apply == kApplyNow;
   }
 
   const Json::Value& edit_;

@@ -48,7 +48,13 @@ struct DiskChange {
   std::optional<bool> unmap;
 };
 
+// The parameter "apply": what becomes of the changes while the guest runs.
+inline constexpr char kApply[] = "apply";
+inline constexpr char kApplyNow[] = "now";                 // an edit that cannot be applied completely is refused
+inline constexpr char kApplyAtNextStart[] = "next_start";  // the running machine stays as it is
+
 struct EditRequest {
+  bool must_apply_now = false;
   // The members to be set in the guest's record, as they are stored; "usbs" always has kMaxUsbDevices entries.
   Json::Value members{Json::objectValue};
   std::vector<NicAddition> nics_add;

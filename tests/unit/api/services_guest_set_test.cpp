@@ -2,7 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "host/api/peer/guest_set_api.h"
+#include "host/api/peer/rows.h"
 #include "host/base/error_table.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/support/test_host.h"
@@ -54,6 +57,39 @@ TEST_F(GuestSetRowTest, GuestSet_DatabaseLost_IsRefusedWithReason) {
   EXPECT_EQ(answer.code, 949);
   EXPECT_EQ(answer.data, Json::Value(kDatabaseLost));
   EXPECT_TRUE(guests_.asked().empty());
+}
+
+class GuestLiveRowTest : public GuestSetRowTest {
+ protected:
+  Answer Ask(const std::string& method, const std::string& more = "", bool has_guests = true) {
+    ServiceParts parts;
+    parts.guests = has_guests ? &guests_ : nullptr;
+    return CallTable(ApiTable(GuestLiveRows(parts)), "VEXA.CCC.Guest", method,
+                     R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01")" + more + "}");
+  }
+};
+
+TEST_F(GuestLiveRowTest, Pending_Differences_HaveBothValues) {
+  EXPECT_EQ(Ask("pending").data, Parsed(R"({"pending":[]})"));
+  guests_.pending = {{"vdisks", "d1", Json::Value(), Parsed(R"({"path":"/a"})")}};
+  EXPECT_EQ(Ask("pending").data,
+            Parsed(R"({"pending":[{"property":"vdisks","id":"d1","running":null,"recorded":{"path":"/a"}}]})"));
+  guests_.refused = Refusal{901, "no machine"};
+  EXPECT_EQ(Ask("pending").code, 901);
+  EXPECT_EQ(Ask("pending").data, Json::Value("no machine"));
+  EXPECT_EQ(Ask("pending", "", false).code, 949);
+}
+
+TEST_F(GuestLiveRowTest, Apply_Done_AnswersWhatStillWaits) {
+  guests_.pending = {{"vcpu_num", "", 1, 2}};
+  EXPECT_EQ(Ask("apply").data, Parsed(R"({"pending":[{"property":"vcpu_num","running":1,"recorded":2}]})"));
+  EXPECT_TRUE(guests_.asked().front().starts_with("apply 8f14e45f"));
+  EXPECT_EQ(Ask("apply", R"(,"force_eject":true)").code, 0);
+  EXPECT_EQ(std::ranges::count_if(guests_.asked(), [](const auto& it) { return it.starts_with("apply forced "); }), 1);
+  EXPECT_EQ(Ask("apply", R"(,"force_eject":1)").code, 401);
+  guests_.refused = Refusal{911, "off"};
+  EXPECT_EQ(Ask("apply").code, 911);
+  EXPECT_EQ(Ask("apply", "", false).code, 949);
 }
 
 TEST_F(GuestSetRowTest, GuestSet_NoGuestIdOrNoGuests_IsRefused) {

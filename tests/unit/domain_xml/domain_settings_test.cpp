@@ -14,7 +14,7 @@ using test::ValidValues;
 std::vector<const GuestSetting*> MachineSettings() {
   std::vector<const GuestSetting*> settings = ScalarSettings();
   std::erase_if(settings,
-                [](const GuestSetting* setting) { return setting->takes_effect != TakesEffect::kAtNextStart; });
+                [](const GuestSetting* setting) { return setting->takes_effect == TakesEffect::kImmediately; });
   return settings;
 }
 

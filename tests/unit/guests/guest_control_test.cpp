@@ -18,6 +18,7 @@
 #include "host/records/request_scope.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/support/racing_store.h"
 #include "tests/support/syslog_capture.h"
@@ -609,15 +610,21 @@ TEST_F(GuestControlTest, Options_Invalid_AreRefused) {
   EXPECT_FALSE(GuestControl::Start(std::move(options)));
 }
 
+std::string PendingOf(GuestControl& control, const std::string& id) {
+  const auto pending = control.Pending(id);
+  return pending.ok() ? VexaVirtualization::json::ToText(domain_xml::ToJson(*pending)) : pending.error().reason;
+}
+
 TEST_F(GuestControlTest, Edit_GuestRunning_IsPendingUntilNextPowerOn) {
   Start();
   ASSERT_TRUE(control_->PowerOn(kGuest, kAlice).ok());
   ASSERT_TRUE(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), kAlice).ok());
   const auto record = [&] { return Parsed(*StoredGuest()); };
-  EXPECT_EQ(record()["pending"], Parsed(R"(["vram_size"])"));
+  EXPECT_EQ(record()["vram_size"], 96);
+  EXPECT_EQ(PendingOf(*control_, kGuest), R"([{"property":"vram_size","recorded":96,"running":64}])");
   ASSERT_TRUE(control_->PowerOff(kGuest, kAlice).ok());
   ASSERT_TRUE(control_->PowerOn(kGuest, kAlice).ok());
-  EXPECT_FALSE(record().isMember("pending"));
+  EXPECT_EQ(PendingOf(*control_, kGuest), "[]");
   ASSERT_TRUE(RunOf());
   EXPECT_EQ(RunOf()->memory_mib, 96u);
   // More processors than the host has cannot be set apart.

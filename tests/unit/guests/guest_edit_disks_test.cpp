@@ -152,8 +152,36 @@ TEST_F(DiskEdit, Edit_RunningGuest_OnlyAddsDisks) {
   EXPECT_EQ(Code(R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 904);
   ExpectUnchanged();
   EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
-  EXPECT_EQ(RecordOf(*store_, "guest", kEdited)["pending"], Parsed(R"(["vdisks"])"));
   ExpectWhole();
+}
+
+// With a host that changes running guests: what touches files is left to others.
+TEST_F(DiskEdit, Edit_GuestRunsHere_LeavesFilesToMachine) {
+  options_.can_change_running = true;
+  records::Run run;
+  run.host_id = options_.host_id;
+  PutText(*store_, records::RunKey(kEdited), records::SerializeRun(run));
+  const std::string path = environment_->PathOf(kDisk1);
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":64,)" + Id(kDisk0) + R"(}],"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 0);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["size"], 64);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["image_is_smaller"], true);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  EXPECT_EQ(environment_->Images(), images_) << "QEMU has them open";
+  const Json::Value left = Parsed(Everything(*store_)["/leftover/" + options_.host_id + "/" + kEdited]);
+  EXPECT_EQ(left["files"], Parsed("[\"" + path + "\"]"));
+  // A start that is under way, saved memory and another host's guest are as before.
+  for (const auto change : {+[](records::Run& held) { held.starting = true; }, +[](records::Run& held) { held.saved = true; },
+                            +[](records::Run& held) { held.host_id = "host-2"; }}) {
+    records::Run held = run;
+    change(held);
+    PutText(*store_, records::RunKey(kEdited), records::SerializeRun(held));
+    EXPECT_EQ(Code(R"({"vdisks_del":[{)" + Id(kDisk0) + "}]}"), 904);
+    EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":128,)" + Id(kDisk0) + "}]}"), 904);
+  }
+  // Once it is off, an edit makes the image as large itself.
+  RemoveKey(*store_, records::RunKey(kEdited));
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":128,)" + Id(kDisk0) + "}]}"), 0);
+  EXPECT_FALSE(RecordOf(*store_, "vdisk", kDisk0).isMember("image_is_smaller"));
 }
 
 TEST_F(DiskEdit, Edit_SuspendedGuest_IsRefused) {

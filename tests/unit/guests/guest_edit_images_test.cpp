@@ -189,12 +189,6 @@ TEST_F(Images, AddDisk_RepositoryIdNotFolderName_IsRefused) {
   EXPECT_FALSE(std::filesystem::exists(environment_.File("outside")));
 }
 
-TEST_F(Images, Edit_SuspendedGuest_IsPending) {
-  PutText(*store_, KeyOf("guest", kEdited, "state"), "\"guest_saved\"");
-  EXPECT_EQ(Code(R"({"vcpu_num":4})"), 0);
-  EXPECT_EQ(RecordOf(*store_, "guest", kEdited)["pending"], Parsed(R"(["vcpu_num"])"));
-}
-
 TEST_F(Images, Rename_NameCannotBeChecked_IsRefused) {
   const Texts before = Everything(*store_);
   store_->FailSnapshots();

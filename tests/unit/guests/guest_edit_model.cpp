@@ -51,7 +51,6 @@ class Prediction {
     Images();
     Disks();
     Together();
-    Pending();
     return outcome_;
   }
 
@@ -294,29 +293,6 @@ class Prediction {
     const bool is_pinned_anew = record["cpu_pin_num"] != before_.record["cpu_pin_num"];
     if (before_.is_running && is_pinned_anew && !model_.HasProcessors(before_, record["cpu_pin_num"].asInt64()))
       Refuse(2101);
-  }
-
-  void Pending() {
-    Json::Value& record = after().record;
-    if (!before_.is_running && !before_.is_suspended) {
-      record.removeMember("pending");
-      return;
-    }
-    std::set<std::string> names;
-    for (const Json::Value& name : before_.record["pending"]) names.insert(name.asString());
-    for (const std::string& name : record.getMemberNames()) {
-      if (name == "pending" || name == "name" || name == "desc" || name == "autorun") continue;
-      if (record[name] != before_.record[name]) names.insert(name);
-    }
-    if (Differ(after().disks, before_.disks)) names.insert("vdisks");
-    if (Differ(after().nics, before_.nics)) names.insert("vnics");
-    if (names.empty()) return;
-    record["pending"] = Json::Value(Json::arrayValue);
-    for (const std::string& name : names) record["pending"].append(name);
-  }
-  static bool Differ(const std::vector<ModelPart>& a, const std::vector<ModelPart>& b) {
-    return !std::ranges::equal(
-        a, b, [](const ModelPart& x, const ModelPart& y) { return x.id == y.id && x.record == y.record; });
   }
 
   const EditModel& model_;

@@ -474,9 +474,18 @@ class RandomEdits : public GuestControlTest {
     EXPECT_EQ(::virDomainIsActive(domain), 1);
     char* const xml = ::virDomainGetXMLDesc(domain, 0);
     ASSERT_NE(xml, nullptr);
-    EXPECT_EQ(ReadBack(xml, Order::kOfTargets), machine);
+    EXPECT_EQ(ReadBack(WithoutRoom(xml), Order::kOfTargets), machine);
     ::free(xml);
     ::virDomainFree(domain);
+  }
+  // Without virtual CPUs that the running guest could get.
+  static std::string WithoutRoom(std::string xml) {
+    const std::size_t begin = xml.find("<vcpu");
+    const std::size_t end = xml.find("</vcpu>", begin);
+    const std::size_t current = xml.find("current='", begin);
+    if (begin == std::string::npos || current > end) return xml;
+    const std::size_t number = current + std::string("current='").size();
+    return xml.substr(0, begin) + "<vcpu>" + xml.substr(number, xml.find('\'', number) - number) + xml.substr(end);
   }
   enum class Order { kOfRecords, kOfTargets };  // libvirt sorts disks; the boot order says which comes first
 
@@ -516,7 +525,6 @@ class RandomEdits : public GuestControlTest {
     ASSERT_TRUE(codes.empty()) << "it should have been " << *codes.begin();
     guest.is_running = is_on;
     if (!is_on) return;
-    guest.record.removeMember("pending");
     guest.started = guest.record;
     machines_[guest.id] = Machine(guest, Order::kOfTargets);
   }
@@ -590,7 +598,10 @@ class RandomEdits : public GuestControlTest {
     SCOPED_TRACE(id + (guest.is_running ? " (runs): " : ": ") + ToText(edit));
     ModelOutcome outcome = wrong ? ModelOutcome{{wrong}, {}, {}, 0} : model_.Predict(id, edit);
     const Texts before = Stored();
-    const auto refused = control_->Edit(id, edit, kAlice);
+    // What a running guest gets of it has tests of its own.
+    Json::Value sent = edit;
+    sent["apply"] = "next_start";
+    const auto refused = control_->Edit(id, sent, kAlice);
     const Texts after = Stored();
     ++answers_[refused.ok() ? 0 : refused.error().code];
     if (outcome.codes.empty()) {

@@ -83,7 +83,6 @@ TEST_F(GuestEdit, EachMember_IsStoredAsGiven) {
       const auto refused = Edit(std::string("{\"") + row.name + "\":" + value + "}");
       EXPECT_TRUE(refused.ok()) << refused.error().reason;
       EXPECT_EQ(Guest()[row.name], Parsed(value));
-      EXPECT_FALSE(Guest().isMember("pending"));
       Json::Value other = Guest();
       Json::Value was = Parsed(before_.at(KeyOf("guest", kEdited)));
       other.removeMember(row.name);
@@ -264,26 +263,43 @@ TEST_F(GuestEdit, AddNic_MoreThan64_IsRefused) {
   EXPECT_EQ(RecordsOf(*store_).nics.size(), 2u);
 }
 
-TEST_F(GuestEdit, Edit_GuestRunning_IsPendingUntilNextStart) {
+TEST_F(GuestEdit, Edit_RecordOfOlderVersionWithPending_RemovesItWithNextChange) {
   PutRun(*store_);
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.name);
-    const auto refused = Edit(std::string("{\"") + row.name + "\":" + row.valid.back() + "}");
-    EXPECT_TRUE(refused.ok()) << refused.error().reason;
-    EXPECT_EQ(Guest()[row.name], Parsed(row.valid.back()));
-    const std::string name = row.name;
-    const bool is_immediate = FindGuestSetting(name)->takes_effect == TakesEffect::kImmediately;
-    const Json::Value pending = Guest()["pending"];
-    EXPECT_EQ(std::find(pending.begin(), pending.end(), Json::Value(name)) == pending.end(), is_immediate);
-    EXPECT_EQ(pending.size(), is_immediate ? 0u : 1u);
-    PutText(*store_, KeyOf("guest", kEdited), before_.at(KeyOf("guest", kEdited)));
-  }
-  EXPECT_EQ(Code(R"({"vnics_add":[{"network_id":""}],"vcpu_num":8})"), 0);
-  EXPECT_EQ(Code(R"({"vram_size":8})"), 0);
-  EXPECT_EQ(Guest()["pending"], Parsed(R"(["vcpu_num","vnics","vram_size"])"));
-  RemoveKey(*store_, records::RunKey(kEdited));
+  Json::Value guest = Parsed(before_.at(KeyOf("guest", kEdited)));
+  guest["pending"] = Parsed(R"(["vcpu_num"])");
+  PutRecord(*store_, KeyOf("guest", kEdited), guest);
+  EXPECT_EQ(Code(R"({"name":"db-1"})"), 0);
+  EXPECT_EQ(Code("{}"), 0);
   EXPECT_EQ(Code(R"({"vram_size":16})"), 0);
   EXPECT_FALSE(Guest().isMember("pending"));
+  EXPECT_EQ(Guest()["vram_size"], 16);
+}
+
+TEST_F(GuestEdit, Edit_ApplyIsNeitherNowNorNextStart_IsRefused) {
+  for (const char* value : {R"("later")", "true", R"("")"}) {
+    const auto refused = Edit(std::string(R"({"vcpu_num":2,"apply":)") + value + "}");
+    ASSERT_FALSE(refused.ok()) << value;
+    EXPECT_EQ(refused.error().code, 401);
+    EXPECT_EQ(refused.error().reason, "The parameter 'apply' is not 'now' or 'next_start'");
+  }
+}
+
+TEST_F(GuestEdit, Edit_MustApplyNow_IsRefusedWhenRunningGuestCannotTakeIt) {
+  options_.check_applies_now = [](const records::Guest& edited) -> Result<void, Refusal> {
+    const bool can = edited.records.guest["vcpu_num"] == 2;
+    return can ? Result<void, Refusal>() : Refusal{901, "vcpu_num waits"};
+  };
+  EXPECT_EQ(Code(R"({"vcpu_num":4,"apply":"now"})"), 0) << "it is off";
+  PutRun(*store_);
+  const auto refused = Edit(R"({"vcpu_num":3,"apply":"now"})");
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 901);
+  EXPECT_EQ(refused.error().reason, "vcpu_num waits");
+  EXPECT_EQ(Guest()["vcpu_num"], 4);
+  EXPECT_EQ(Code(R"({"vcpu_num":3,"apply":"next_start"})"), 0);
+  EXPECT_EQ(Code(R"({"vcpu_num":2,"apply":"now"})"), 0);
+  EXPECT_EQ(Guest()["vcpu_num"], 2);
+  EXPECT_FALSE(Guest().isMember("apply"));
 }
 
 TEST_F(GuestEdit, Set_PinsUnavailableForRunningGuest_AreRefused) {

@@ -1,0 +1,48 @@
+// Compares two definitions of a guest: the one that runs, and the one that its records give for the next start.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/domain_xml/domain_build.h"
+
+namespace vexa::domain_xml {
+
+// One property of the guest that has another value at the guest's next start.
+//
+//   property            id                                            values
+//   a setting's name    ""                                            as in the guest's record
+//   "vdisks"            the disk's; the file's name for one whose     {"path", "vdisk_mode", "unmap"}, null where the
+//                       record is gone                                guest does not have the disk; {"path", "size"} in MiB
+//   "vdisks_order"      ""                                            [ids], as the guest boots from them
+//   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null
+//   "iso_images"        ""                                            [paths, "unmounted"]
+//   "usbs"              ""                                            [devices], without empty ports
+struct Difference {
+  std::string property;
+  std::string id;
+  Json::Value running;
+  Json::Value recorded;
+  bool operator==(const Difference&) const = default;
+};
+
+// The sizes of a running guest's disks in MiB, as the guest sees them, by path. Disks that are not listed are not
+// compared.
+using DiskSizes = std::map<std::string, std::uint64_t>;
+
+// `running_xml` is that of libvirt for the running machine, `recorded_xml` what BuildDomainXml made of `records`. Only
+// what the records cover is compared. The order is that of the table, and of the settings in it. Errors: kInvalid when
+// one of the two is not a <domain>, or has a value that no guest of this system can have. Pure.
+Result<std::vector<Difference>> FindDifferences(std::string_view running_xml, std::string_view recorded_xml,
+                                                const GuestRecords& records, const DiskSizes& running_sizes);
+
+// [{"property", "id" unless it is "", "running", "recorded"}]
+Json::Value ToJson(const std::vector<Difference>& differences);
+
+}  // namespace vexa::domain_xml
