@@ -47,9 +47,9 @@ void AddSessions(const Command& app) {
 
 void AddGuest(const Command& app) {
   const Command get = app.AddGroup("guest", "Guests").AddCommand("get", "Show a guest's configuration");
-  const auto id = std::make_shared<std::string>();
-  get.AddOption("ID", *id, "The guest's id").Required();
-  get.OnRun(id, RunGuestGet);
+  const auto guest = std::make_shared<std::string>();
+  get.AddOption("GUEST", *guest, "Its id or name").Required();
+  get.OnRun(guest, RunGuestGet);
 }
 
 void AddRequests(const Command& app) {

@@ -23,9 +23,9 @@ void AddHostCommands(const Command& app) {
   status.AddOption("GUEST", *guest_view, "The guest's id or name").Required();
   status.OnRun(guest_view, RunGuestStatus);
   const Command info = guest.AddCommand("info", "Show a running guest's addresses and uptime");
-  const auto id = std::make_shared<std::string>();
-  info.AddOption("ID", *id, "The guest's id").Required();
-  info.OnRun(id, RunGuestInfo);
+  const auto guest_name = std::make_shared<std::string>();
+  info.AddOption("GUEST", *guest_name, "Its id or name").Required();
+  info.OnRun(guest_name, RunGuestInfo);
 }
 
 }  // namespace vexa::cli

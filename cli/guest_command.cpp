@@ -11,6 +11,7 @@
 #include "cli/api_paths.h"
 #include "cli/guest_pending.h"
 #include "cli/listing.h"
+#include "cli/objects.h"
 #include "cli/printable.h"
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
@@ -132,9 +133,9 @@ void PrintList(const char* title, const Json::Value& list, const std::array<Fiel
 
 }  // namespace
 
-ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
-  if (guest_id.empty() || !IsValidUtf8(guest_id)) return Report(EmptyOrNotUtf8("guest's id"));
-  const CallOutcome outcome = CallServer(global, kGuestGet, ParameterJson("guest_id", guest_id));
+ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest) {
+  std::string guest_id;
+  const CallOutcome outcome = GetObject(global, kGuests, kGuestGet, guest, guest_id);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(MissingInReply("guest"));

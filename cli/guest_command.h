@@ -7,6 +7,6 @@
 
 namespace vexa::cli {
 
-ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id);
+ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest);
 
 }  // namespace vexa::cli

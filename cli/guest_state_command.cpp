@@ -36,6 +36,9 @@ void PrintStatus(const Json::Value& guest) {
                 {"Host", Text(Member(guest, "host_id"))},
                 {"State", StateText(guest, "status")},
                 {"Severity", SeverityText(guest)}};
+  if (const Json::Value& progress = Member(guest, "progress"); progress.isInt()) {
+    fields.emplace_back("Progress", fmt::format("{} %", progress.asInt()));
+  }
   if (std::string as_of = AgeText(guest); !as_of.empty()) fields.emplace_back("As of", std::move(as_of));
   const std::string off_reason = Text(Member(Member(guest, "shutdown"), "reason"));
   if (!off_reason.empty()) fields.emplace_back("Off because", off_reason);

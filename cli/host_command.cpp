@@ -99,9 +99,9 @@ ExitCode RunHostShow(const GlobalOptions& global, const std::string& host) {
   return ShowObject(global, kHosts, kHostGet, host.empty() ? std::nullopt : std::optional(host), PrintHost);
 }
 
-ExitCode RunGuestInfo(const GlobalOptions& global, const std::string& guest_id) {
-  if (guest_id.empty() || !IsValidUtf8(guest_id)) return Report(EmptyOrNotUtf8("guest's id"));
-  const CallOutcome outcome = CallServer(global, kInfo, ParameterJson("guest_id", guest_id));
+ExitCode RunGuestInfo(const GlobalOptions& global, const std::string& guest) {
+  std::string guest_id;
+  const CallOutcome outcome = GetObject(global, kGuests, kInfo, guest, guest_id);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(MissingInReply("guest"));

@@ -12,6 +12,6 @@ ExitCode RunHostList(const GlobalOptions& global);
 // `host` is an id or a name; empty: the host that answers.
 ExitCode RunHostShow(const GlobalOptions& global, const std::string& host);
 
-ExitCode RunGuestInfo(const GlobalOptions& global, const std::string& guest_id);
+ExitCode RunGuestInfo(const GlobalOptions& global, const std::string& guest);
 
 }  // namespace vexa::cli

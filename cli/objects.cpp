@@ -76,15 +76,21 @@ ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& i
   return ExitCode::kOk;
 }
 
-ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
-                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data)) {
-  const CallOutcome outcome = CallWithClient(global, [&](HttpClient& client) {
-    if (!id_or_name) return CallApi(client, path, "{}");
+CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                      const std::string& id_or_name, std::string& id) {
+  return CallWithClient(global, [&](HttpClient& client) {
     CallOutcome failed;
-    std::string id;
-    failed.exit_code = FindId(client, kind, *id_or_name, id);
+    failed.exit_code = FindId(client, kind, id_or_name, id);
     return failed.exit_code == ExitCode::kOk ? CallApi(client, path, ParameterJson(kind.id, id)) : failed;
   });
+}
+
+ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data)) {
+  std::string id;
+  const CallOutcome outcome =
+      id_or_name ? GetObject(global, kind, path, *id_or_name, id)
+                 : CallWithClient(global, [&](HttpClient& client) { return CallApi(client, path, "{}"); });
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(MissingInReply(kind.singular));

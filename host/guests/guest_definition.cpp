@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/base/uuid.h"
+#include "host/disks/repository_folder.h"
 #include "host/domain_xml/domain_parse.h"
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
@@ -123,7 +124,7 @@ std::string LibvirtGuestControl::PrepareNvramPath(const records::Guest& guest) c
   std::string folder = FolderForNvram(guest);
   if (folder.empty() && !options_.image_roots.empty() && VexaCCC::Utils::isUUID(guest.repository_id)) {
     folder = options_.image_roots.front() + "/" + guest.repository_id;
-    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return "";
+    if (!disks::MakeRepositoryFolder(folder)) return "";
   }
   return folder.empty() ? "" : folder + "/" + guest.records.id + "_VARS.fd";
 }

@@ -140,18 +140,18 @@ void MakeTree(const TempDir& folder) {
   ASSERT_EQ(made.exit_code, 0) << made.errors;
 }
 
-vexa::test::ProcessOptions Script(const TempDir& folder, const char* single_request) {
-  return {.argv = {folder.File("t r/tools/run-sample-host"), single_request},
-          .environment = {
-              {"VEXA_RUN_DIR", single_request == std::string("no") ? std::optional(folder.File("r")) : std::nullopt},
-              {"VEXA_PORT", single_request == std::string("no") ? std::optional("0") : std::nullopt}}};
+vexa::test::ProcessOptions Script(const TempDir& folder, const char* what) {
+  return {
+      .argv = {folder.File("t r/tools/run-sample-host"), what},
+      .environment = {{"VEXA_RUN_DIR", what == std::string("sample") ? std::optional(folder.File("r")) : std::nullopt},
+                      {"VEXA_PORT", what == std::string("sample") ? std::optional("0") : std::nullopt}}};
 }
 
 // Ctrl-C reached the daemon and the script, and the script sent the daemon a second signal.
 TEST(SampleHost, CtrlC_FinishesCurrentRequests) {
   const TempDir folder;
   MakeTree(folder);
-  Process script(Script(folder, "no"));
+  Process script(Script(folder, "sample"));
   ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
   const Connection client(PortIn(script.output()));
   ASSERT_TRUE(client.Send(FirstHalfOfRequest()));
@@ -168,12 +168,12 @@ TEST(SampleHost, CtrlC_FinishesCurrentRequests) {
 TEST(SampleHost, RunSampleHost_HostRunning_OneRequestWorksAndSecondHostIsRefused) {
   const TempDir folder;
   MakeTree(folder);
-  Process script(Script(folder, "no"));
+  Process script(Script(folder, "sample"));
   ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
   const auto log = vexa::ReadFile(folder.File("r/vexad.log"), 1 << 20);
-  const auto single_request = vexa::test::RunProcess(Script(folder, "yes"));
+  const auto single_request = vexa::test::RunProcess(Script(folder, "once"));
   EXPECT_EQ(single_request.exit_code, 0) << single_request.errors;
-  const auto second = vexa::test::RunProcess(Script(folder, "no"));
+  const auto second = vexa::test::RunProcess(Script(folder, "sample"));
   EXPECT_EQ(second.exit_code, 1);
   EXPECT_NE(second.errors.find("Another host runs in"), std::string::npos) << second.errors;
   EXPECT_EQ(second.output, "") << "nothing was imported";
@@ -186,7 +186,7 @@ TEST(SampleHost, RunSampleHost_HostRunning_OneRequestWorksAndSecondHostIsRefused
 TEST(SampleHost, SavedPassword_FileDeleted_PrintedPasswordWorks) {
   const TempDir folder;
   MakeTree(folder);
-  vexa::test::ProcessOptions options = Script(folder, "yes");
+  vexa::test::ProcessOptions options = Script(folder, "once");
   options.environment["VEXA_RUN_DIR"] = folder.File("r");
   ASSERT_EQ(vexa::test::RunProcess(options).exit_code, 0);
   ASSERT_EQ(::unlink(folder.File("r/admin-password").c_str()), 0);

@@ -62,6 +62,7 @@ void MakeOwnFolders() {
     MountEmpty(folder);
   }
   ::mkdir("/run/tests", 0755);
+  ::mkdir("/run/lock", 01777);  // for libvirt's consoles
   ::setenv("TMPDIR", "/run/tests", 1);
   AddLibvirtUser("/etc/passwd", "libvirt-qemu:x:64055:64055::/var/lib/libvirt:/usr/sbin/nologin");
   AddLibvirtUser("/etc/group", "libvirt-qemu:x:64055:");

@@ -83,14 +83,39 @@ TEST_F(Reply, GuestAsJson_IsTheDataInAscii) {
 }
 
 TEST_F(Reply, GuestId_UnusualCharacters_IsSentAsOneString) {
-  const ScriptedServer server({HttpReplyOf(400, R"({"success":false,"error":{"code":401,"message":"Bad"}})")});
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"guests":[
+                                   {"guest_id":"../\"x\",\"y\":1","guest_name":"web"}]}})"),
+                               HttpReplyOf(400, R"({"success":false,"error":{"code":401,"message":"Bad"}})")});
   SaveLogin(server.url());
   EXPECT_EQ(Run({"guest", "get", "../\"x\",\"y\":1"}).exit_code, 1);
-  ASSERT_THAT(server.requests(), SizeIs(1));
-  EXPECT_THAT(server.requests()[0], AllOf(StartsWith("POST /webapi/VEXA.Virtualization.Guest/get HTTP/1.1\r\n"),
+  ASSERT_THAT(server.requests(), SizeIs(2));
+  EXPECT_THAT(server.requests()[1], AllOf(StartsWith("POST /webapi/VEXA.Virtualization.Guest/get HTTP/1.1\r\n"),
                                           HasSubstr("\r\n\r\n{\"guest_id\":\"../\\\"x\\\",\\\"y\\\":1\"}")));
   EXPECT_EQ(Run({"guest", "get", ""}).exit_code, 2);
   EXPECT_EQ(Run({"guest", "get", "\xff"}).exit_code, 2);
+}
+
+TEST_F(Reply, GuestByName_IsLookedUp) {
+  const ScriptedServer server(
+      {HttpReplyOf(200, std::string(R"({"success":true,"data":{"guests":[{"guest_name":"web","guest_id":")") + kGuest +
+                            R"("}]}})"),
+       HttpReplyOf(200, kGuestReply)});
+  SaveLogin(server.url());
+  const auto result = Run({"guest", "get", "web"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, StartsWith(std::string("Guest              ") + kGuest + "\n"));
+  ASSERT_THAT(server.requests(), SizeIs(2));
+  EXPECT_THAT(server.requests()[1], HasSubstr(std::string("{\"guest_id\":\"") + kGuest + "\"}"));
+}
+
+TEST_F(Reply, GuestByName_Unknown_IsReportedWithTheCommandThatListsThem) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"guests":[]}})")});
+  SaveLogin(server.url());
+  for (const char* command : {"get", "info"}) {
+    const auto result = Run({"guest", command, "web"});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.errors, "vexa: There is no guest called 'web'; see 'vexa guest list'\n");
+  }
 }
 
 TEST_F(Reply, Guest_WrongTypesEverywhere_AreShownAsEmpty) {
@@ -258,7 +283,7 @@ TEST_F(Reply, Output_CannotBeWritten_Fails) {
   const ScriptedServer server({HttpReplyOf(200, kGuestReply)});
   SaveLogin(server.url());
   ProcessOptions program = Program({});
-  program.argv = {"sh", "-c", std::string("exec \"$0\" guest get x >/dev/full"), VEXA_PROGRAM};
+  program.argv = {"sh", "-c", std::string("exec \"$0\" guest get \"$1\" >/dev/full"), VEXA_PROGRAM, kGuest};
   const auto result = RunProcess(program);
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.errors, HasSubstr("Cannot write"));

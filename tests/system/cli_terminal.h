@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,7 +22,9 @@ namespace vexa::test {
 // A program on a terminal of its own.
 class OnTerminal {
  public:
-  explicit OnTerminal(const ProcessOptions& options) {
+  // `patience`: how long the program may show nothing.
+  explicit OnTerminal(const ProcessOptions& options, std::chrono::seconds patience = std::chrono::seconds(60))
+      : patience_(patience) {
     std::vector<std::string> environment;
     for (const auto& [name, value] : options.environment) {
       if (value) environment.push_back(name + "=" + *value);
@@ -88,7 +91,7 @@ class OnTerminal {
 
   bool ReadSome() {
     pollfd polled{master_, POLLIN, 0};
-    if (::poll(&polled, 1, 60'000) != 1) return false;
+    if (::poll(&polled, 1, static_cast<int>(std::chrono::milliseconds(patience_).count())) != 1) return false;
     std::array<char, 4096> buffer;
     const ssize_t count = ::read(master_, buffer.data(), buffer.size());  // EIO when the program has ended
     if (count <= 0) return false;
@@ -96,6 +99,7 @@ class OnTerminal {
     return true;
   }
 
+  const std::chrono::seconds patience_;
   pid_t pid_ = -1;
   int master_ = -1;
   bool reaped_ = false;

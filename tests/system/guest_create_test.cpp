@@ -208,6 +208,7 @@ TEST_F(CreateOnDaemon, Status_WhileCopying_HasProgress) {
   const std::string id = CreateJson({"half"})["guest_id"].asString();
   PutText(*store_, KeyOf("guest", id, "progress"), "42");
   EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", id}).output)["progress"], 42);
+  EXPECT_THAT(RunOn({"guest", "status", id}).output, HasSubstr("\nProgress  42 %\n"));
   PutText(*store_, KeyOf("guest", id, "progress"), "{}");
   EXPECT_FALSE(Parsed(RunOn({"--json", "guest", "status", id}).output).isMember("progress"));
 }

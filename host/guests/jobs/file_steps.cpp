@@ -1,14 +1,13 @@
 // The steps of a job on files, and how they are undone.
 #include <fmt/format.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <set>
 #include <string_view>
 #include <utility>
 
 #include "host/base/sanitize_for_log.h"
 #include "host/disks/image_file.h"
+#include "host/disks/repository_folder.h"
 #include "host/guests/jobs/file_job.h"
 
 namespace vexa::guests {
@@ -43,9 +42,7 @@ Result<void, Refusal> FileJob::Make(const std::vector<NewFile>& files) {
 Status FileJob::CreateFile(const NewFile& file) const {
   // Creates only the repository's own folder: its parent is created by the administrator.
   const std::string folder(FolderOf(file.path));
-  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    return SystemError(ErrorCode::kInternal, fmt::format("Cannot create the folder '{}'", folder), errno);
-  }
+  if (Status made = disks::MakeRepositoryFolder(folder); !made) return made;
   // Needed for an existing folder as well: its creator may have ended before the sync.
   if (Status synced = disk_files_.Sync(folder); !synced) return synced;
   const disks::EmptyImage image = disks::MakeEmptyImage(file.format, file.size_mib << 20);

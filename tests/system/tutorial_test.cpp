@@ -1,0 +1,163 @@
+// docs/tutorial.md as its readers follow it: each command in a shell on a terminal, with a host as `./dev run --guests`
+// starts it, a libvirtd as Debian configures it, and real guests.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "tests/support/network_namespace.h"
+#include "tests/support/process.h"
+#include "tests/support/system_libvirtd.h"
+#include "tests/support/temp_dir.h"
+#include "tests/system/cli_terminal.h"
+#include "tests/system/tutorial_page.h"
+
+namespace vexa::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+constexpr char kPage[] = VEXA_SOURCE_DIR "/docs/tutorial.md";
+constexpr auto kPatience = 300s;  // for a guest that boots under emulation on a busy machine
+
+// --- The page ---
+
+TutorialStep StepWith(std::vector<std::string> output) { return {1, "command\n", std::move(output)}; }
+
+TEST(TutorialPage, Blocks_AreStepsWithTheirOutput) {
+  const auto steps = ReadTutorial(
+      "# Title\n```console\n$ not run\n```\n```text\nnot output\n```\n\n```sh\none\ntwo\n```\n\n```text\nout\n  "
+      "more\n```\n"
+      "Prose.\n```sh\nquiet\n```\nProse.\n```text\nnot output\n```\n");
+  ASSERT_THAT(steps, SizeIs(2));
+  EXPECT_EQ(steps[0].commands, "one\ntwo\n");
+  EXPECT_EQ(steps[0].line, 10);
+  EXPECT_THAT(steps[0].output, ElementsAre("out", "  more"));
+  EXPECT_EQ(steps[1].commands, "quiet\n");
+  EXPECT_THAT(steps[1].output, ElementsAre());
+}
+
+TEST(TutorialPage, Output_IsComparedCompletely) {
+  const TutorialStep step = StepWith({"ID … NAME", "… web"});
+  EXPECT_EQ(DifferenceFrom(step, {"ID   7  NAME", "77 web"}), "");
+  EXPECT_THAT(DifferenceFrom(step, {"ID   7  NAME", "77 mail"}), HasSubstr("The first line that does not fit: … web"));
+  EXPECT_NE(DifferenceFrom(step, {"ID   7  NAME"}), "") << "a line is missing";
+  EXPECT_NE(DifferenceFrom(step, {"ID   7  NAME", "77 web", "more"}), "");
+  EXPECT_NE(DifferenceFrom(step, {"xID   7  NAME", "77 web"}), "");
+  EXPECT_NE(DifferenceFrom(StepWith({}), {"something"}), "");
+  EXPECT_EQ(DifferenceFrom(StepWith({}), {}), "");
+  EXPECT_NE(DifferenceFrom(StepWith({"a.c"}), {"abc"}), "") << "a dot is a dot";
+}
+
+TEST(TutorialPage, LineOfItsOwn_StandsForAnyLines) {
+  const TutorialStep step = StepWith({"first", "…", "last"});
+  EXPECT_EQ(DifferenceFrom(step, {"first", "last"}), "");
+  EXPECT_EQ(DifferenceFrom(step, {"first", "a", "last", "b", "last"}), "");
+  EXPECT_NE(DifferenceFrom(step, {"first", "a"}), "");
+  EXPECT_NE(DifferenceFrom(step, {"first", "last", "b"}), "");
+}
+
+TEST(TutorialPage, TypedTexts_FollowWhatIsShownBefore) {
+  const TutorialStep step = StepWith({"Connected.", "⌨", "guest:~# ⌨ls /", "bin", "Delete … now? ⌨yes"});
+  const auto typed = TypedTexts(step);
+  ASSERT_THAT(typed, SizeIs(3));
+  EXPECT_EQ(typed[0].after, "Connected.");
+  EXPECT_EQ(typed[0].text, "");
+  EXPECT_EQ(typed[1].after, "guest:~#");
+  EXPECT_EQ(typed[1].text, "ls /");
+  EXPECT_EQ(typed[2].after, " now?");
+  EXPECT_EQ(DifferenceFrom(step, {"Connected.", "", "guest:~# ls /", "bin", "Delete it now? yes"}), "");
+  EXPECT_EQ(DifferenceFrom(step, {"Connected.", "", "guest:~#", "bin", "Delete it now?"}), "");
+}
+
+TEST(TutorialPage, TerminalsBytes_AreTheLinesThatItShows) {
+  EXPECT_THAT(ShownLines("wait 1\rwait 2\rdone\x1b[K\r\n\x1b[1mbold\x1b[0m  \r\n\r\n"), ElementsAre("done", "bold"));
+}
+
+// --- The host ---
+
+class Tutorial : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why_not = NamespaceUnavailableReason();
+    if (why_not.empty()) why_not = QemuUnavailableReason();
+    for (const char* program : {"/usr/sbin/libvirtd", "ip", "iptables", "dnsmasq"}) {
+      if (why_not.empty() && !IsInstalled(program)) why_not = std::string("there is no ") + program;
+    }
+    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
+    RunTool({"ip", "link", "set", "lo", "up"});
+    libvirtd_ = std::make_unique<SystemLibvirtd>(SystemLibvirtd::QemuAccount::kOfDebian);
+    std::filesystem::create_directory(folder_.File("build"));
+    std::filesystem::create_symlink(VEXA_SOURCE_DIR "/build/test-guest", folder_.File("build/test-guest"));
+    // As `./dev run --guests` runs it.
+    host_ = std::make_unique<Process>(ProcessOptions{.argv = {VEXA_SOURCE_DIR "/tools/run-sample-host", "guests"},
+                                                     .environment = {{"VEXA_RUN_DIR", folder_.File("run/guests")},
+                                                                     {"VEXA_BUILD_DIR", VEXA_BUILD_DIR},
+                                                                     {"VEXA_IMAGES", "/var/lib/libvirt/images"},
+                                                                     {"VEXA_PORT", "0"}}});
+    ASSERT_TRUE(host_->WaitForText("Ctrl-C stops the host", kPatience)) << host_->output() << host_->errors();
+  }
+  void TearDown() override {
+    if (HasFailure() && libvirtd_) std::fprintf(stderr, "%s\n", libvirtd_->Log().c_str());
+    if (HasFailure()) std::fprintf(stderr, "%s\n", Content(folder_.File("run/guests/vexad.log")).c_str());
+    if (!host_) return;
+    host_->Signal(SIGTERM);
+    EXPECT_TRUE(host_->Wait(kPatience).has_value());
+  }
+
+  // Runs a step in a shell of its own, which continues in the folder and with the variables of the one before.
+  std::string Run(const TutorialStep& step) {
+    const std::string state = folder_.File("state");
+    const std::string script = "trap '{ export -p; printf \"cd %q\\n\" \"$PWD\"; } >" + state + "' EXIT\n" +
+                               (FileExists(state) ? ". " + state + "\n" : "cd " + folder_.path() + "\n") + "set -e\n" +
+                               step.commands;
+    OnTerminal shell({.argv = {"/bin/bash", "-c", script},
+                      .environment = {{"HOME", folder_.path()},
+                                      {"PATH", std::string(std::getenv("PATH"))},
+                                      {"LANG", "C.UTF-8"},
+                                      {"TERM", "dumb"}}},
+                     kPatience);
+    for (const TypedText& typed : TypedTexts(step)) {
+      if (!typed.after.empty() && !shell.WaitFor(typed.after)) {
+        return Describe(step, "does not show '" + typed.after + "'") + shell.shown();
+      }
+      shell.Type(typed.text == "~." ? typed.text : typed.text + "\r");
+    }
+    const int status = shell.Finish();
+    const std::vector<std::string> shown = ShownLines(shell.shown());
+    std::printf("$ %s", step.commands.c_str());
+    for (const std::string& line : shown) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+    if (status != 0) return Describe(step, "fails") + shell.shown();
+    return DifferenceFrom(step, shown);
+  }
+
+  static std::string Describe(const TutorialStep& step, const std::string& what) {
+    return "Line " + std::to_string(step.line) + " of the page " + what + ": " + step.commands;
+  }
+
+  TempDir folder_;
+  std::unique_ptr<SystemLibvirtd> libvirtd_;
+  std::unique_ptr<Process> host_;
+};
+
+TEST_F(Tutorial, EachCommandOfThePage_PrintsWhatThePageSays) {
+  const std::vector<TutorialStep> steps = ReadTutorial(Content(kPage));
+  ASSERT_GT(steps.size(), 20U) << "The steps of docs/tutorial.md cannot be read";
+  // Each one builds on the ones before.
+  for (const TutorialStep& step : steps) ASSERT_EQ(Run(step), "");
+}
+
+}  // namespace
+}  // namespace vexa::test
+
+int main(int argc, char** argv) {
+  vexa::test::EnterNetworkNamespace(argv);
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
