@@ -90,6 +90,12 @@ std::size_t ExpectedBytes(const http::HttpRequest& request) {
 
 namespace {
 
+using ConsoleCaller = Metrics::ConsoleCaller;
+
+ConsoleCaller ConsoleCallerOf(const Caller& caller) {
+  return caller.kind == Caller::Kind::kHost ? ConsoleCaller::kHost : ConsoleCaller::kUser;
+}
+
 http::HttpResponse MakeConsoleRefusal(const ConsoleRefusal& refusal, const std::string& request_id, Audience audience) {
   VEXA::APIResponse response;
   response.SetError(refusal.code, Json::Value());
@@ -174,6 +180,8 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
 std::optional<http::HttpResponse> Dispatcher::PlanConsoleRequest(http::HttpRequest& request) {
   auto planned = PlanConsole(request, *parts_.identity, *parts_.tickets);
   if (const auto* refusal = std::get_if<ConsoleRefusal>(&planned)) {
+    const bool is_host = request.peer.is_certified;
+    parts_.metrics->CountConsoleRefusal(is_host ? ConsoleCaller::kHost : ConsoleCaller::kUser, refusal->code);
     return MakeConsoleRefusal(*refusal, request.id, Audience::kUsers);
   }
   auto plan = std::make_shared<Plan>();
@@ -278,6 +286,9 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   });
   if (submitted == Lane::SubmitResult::kAccepted) return;
   if (row) parts_.metrics->Count(*row, user_error::kHostBusy, Clock::now() - work->plan->started);
+  if (work->plan->page == Plan::Page::kConsole) {
+    parts_.metrics->CountConsoleRefusal(ConsoleCallerOf(work->plan->caller), user_error::kHostBusy);
+  }
   work->responder.Send(MakeErrorReply(user_error::kHostBusy, work->request.id));
 }
 
@@ -369,6 +380,7 @@ http::HttpResponse Dispatcher::OpenConsole(Work& work) const {
   const bool is_host = caller.kind == Caller::Kind::kHost;
   const Audience audience = is_host ? Audience::kHosts : Audience::kUsers;
   if (const int code = parts_.identity->LookUpCaller(caller)) {
+    parts_.metrics->CountConsoleRefusal(ConsoleCallerOf(caller), code);
     http::HttpResponse reply = MakeConsoleRefusal({code, ""}, work.request.id, Audience::kUsers);
     reply.closes_connection = is_host;
     return reply;
@@ -377,6 +389,7 @@ http::HttpResponse Dispatcher::OpenConsole(Work& work) const {
   const records::RequestScope scope;
   auto opened = parts_.open_console({work.plan->console, caller});
   if (const auto* refusal = std::get_if<ConsoleRefusal>(&opened)) {
+    parts_.metrics->CountConsoleRefusal(ConsoleCallerOf(caller), refusal->code);
     return MakeConsoleRefusal(*refusal, work.request.id, audience);
   }
   http::HttpResponse reply;

@@ -77,6 +77,31 @@ void Metrics::AppendSeries(std::string& text, const ApiRow& row, const Series& s
   Append(text, "vexa_request_duration_seconds_count", labels, count);
 }
 
+void Metrics::CountConsoleRefusal(ConsoleCaller caller, int code) {
+  const MutexLock lock(consoles_mutex_);
+  ++refused_consoles_[{caller, code}];
+}
+
+void Metrics::AppendConsoles(std::string& text, const std::vector<ConsoleStats>& consoles) const {
+  const auto family = [&](const char* name, const char* type, const char* help, auto value) {
+    AppendHelp(text, name, type, help);
+    for (const ConsoleStats& stats : consoles) Append(text, name, fmt::format("type=\"{}\"", stats.type), value(stats));
+  };
+  family("vexa_consoles", "gauge", "Open consoles.", [](const ConsoleStats& s) { return s.open; });
+  family("vexa_consoles_opened_total", "counter", "Consoles that were opened.",
+         [](const ConsoleStats& s) { return s.opened; });
+  family("vexa_console_bytes_to_guests_total", "counter", "Bytes that guests took from consoles.",
+         [](const ConsoleStats& s) { return s.bytes_to_guest; });
+  family("vexa_console_bytes_from_guests_total", "counter", "Bytes that guests sent to consoles.",
+         [](const ConsoleStats& s) { return s.bytes_from_guest; });
+  AppendHelp(text, "vexa_consoles_refused_total", "counter", "Requests for consoles that were refused, by error code.");
+  const MutexLock lock(consoles_mutex_);
+  for (const auto& [key, count] : refused_consoles_) {
+    const char* const caller = key.first == ConsoleCaller::kHost ? "host" : "user";
+    Append(text, "vexa_consoles_refused_total", fmt::format("caller=\"{}\",code=\"{}\"", caller, key.second), count);
+  }
+}
+
 std::string Metrics::ToText(const Gauges& gauges) const {
   std::string text;
   AppendHelp(text, "vexa_requests_total", "counter", "Answered requests by API method and error code (0: success).");
@@ -104,6 +129,7 @@ std::string Metrics::ToText(const Gauges& gauges) const {
   Append(text, "vexa_http_refused_total", "", gauges.server.refused_by_server);
   AppendHelp(text, "vexa_sessions", "gauge", "Login sessions.");
   Append(text, "vexa_sessions", "", gauges.sessions);
+  AppendConsoles(text, gauges.consoles);
   return text;
 }
 

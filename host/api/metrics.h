@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/api/api_table.h"
@@ -18,6 +19,15 @@
 #include "host/http/http_server.h"
 
 namespace vexa::api {
+
+// The consoles of one type.
+struct ConsoleStats {
+  std::string type;
+  std::uint64_t open = 0;
+  std::uint64_t opened = 0;
+  std::uint64_t bytes_to_guest = 0;
+  std::uint64_t bytes_from_guest = 0;
+};
 
 // Threads: any, at the same time.
 class Metrics {
@@ -29,10 +39,15 @@ class Metrics {
   // header until the response is handed over.
   void Count(const ApiRow& row, int code, std::chrono::nanoseconds took);
 
+  // Counts one request for a console that was refused with this code.
+  enum class ConsoleCaller { kUser, kHost };
+  void CountConsoleRefusal(ConsoleCaller caller, int code);
+
   struct Gauges {
     http::ServerStats server;
     std::vector<std::pair<std::string, LaneStats>> lanes;
     std::size_t sessions = 0;
+    std::vector<ConsoleStats> consoles;
   };
   // The Prometheus text exposition format, version 0.0.4.
   std::string ToText(const Gauges& gauges) const;
@@ -49,9 +64,12 @@ class Metrics {
     std::map<int, std::uint64_t> errors VEXA_GUARDED_BY(mutex);  // by code
   };
   void AppendSeries(std::string& text, const ApiRow& row, const Series& series) const;
+  void AppendConsoles(std::string& text, const std::vector<ConsoleStats>& consoles) const;
 
   const ApiTable& table_;
   std::vector<Series> series_;  // in the table's order
+  mutable Mutex consoles_mutex_;
+  std::map<std::pair<ConsoleCaller, int>, std::uint64_t> refused_consoles_ VEXA_GUARDED_BY(consoles_mutex_);
 };
 
 }  // namespace vexa::api

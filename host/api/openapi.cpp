@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "host/api/console.h"
 #include "host/base/error_table.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
@@ -42,13 +43,10 @@ std::set<int> CodesOf(const ApiRow& row) {
   return codes;
 }
 
-Json::Value Responses(const ApiRow& row) {
-  Json::Value responses(Json::objectValue);
-  responses["200"]["description"] = "Success; the result is in \"data\".";
-  responses["200"]["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
+void AddFailures(Json::Value& responses, const std::set<int>& codes, Audience audience) {
   std::map<int, std::string> by_status;
-  for (const int code : CodesOf(row)) {
-    const ErrorRow* error = FindError(code, AudienceOf(row.access.value));
+  for (const int code : codes) {
+    const ErrorRow* error = FindError(code, audience);
     if (!error) continue;
     std::string& text = by_status[error->http_status];
     text += fmt::format("{}{}: {}", text.empty() ? "" : " ", code, error->sentence);
@@ -58,6 +56,13 @@ Json::Value Responses(const ApiRow& row) {
     response["description"] = text;
     response["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Failure";
   }
+}
+
+Json::Value Responses(const ApiRow& row) {
+  Json::Value responses(Json::objectValue);
+  responses["200"]["description"] = "Success; the result is in \"data\".";
+  responses["200"]["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
+  AddFailures(responses, CodesOf(row), AudienceOf(row.access.value));
   return responses;
 }
 
@@ -82,6 +87,56 @@ Json::Value Operation(const ApiRow& row) {
   if (row.access.value == Access::kAnyone) {
     operation["security"] = Json::Value(Json::arrayValue);
   }
+  return operation;
+}
+
+Json::Value TextParameter(const char* name, const char* place, const char* description) {
+  Json::Value parameter(Json::objectValue);
+  parameter["name"] = name;
+  parameter["in"] = place;
+  parameter["description"] = description;
+  parameter["schema"]["type"] = "string";
+  return parameter;
+}
+
+// GET /console/<guest id>, as users call it.
+Json::Value ConsoleOperation() {
+  using namespace user_error;
+  Json::Value operation(Json::objectValue);
+  operation["operationId"] = "console";
+  operation["tags"].append("VEXA.Virtualization.Guest");
+  operation["summary"] =
+      "Open the screen or the serial line of a running guest: changes the connection to WebSocket (binary messages) or "
+      "to vexa-tunnel (plain bytes). For administrators, and users to whom the guest was granted with its console. The "
+      "caller has a session, with the CSRF token beside a cookie, or a ticket from console_ticket.";
+  Json::Value guest = TextParameter("guest_id", "path", "The guest's id, a UUID.");
+  guest["required"] = true;
+  guest["schema"]["format"] = "uuid";
+  Json::Value type = TextParameter("type", "query", "\"vnc\", the screen (RFC 6143), or \"serial\", the serial line.");
+  type["required"] = true;
+  type["schema"]["enum"].append(std::string(kScreenType));
+  type["schema"]["enum"].append(std::string(kSerialType));
+  Json::Value upgrade = TextParameter("Upgrade", "header", "Together with \"Connection: Upgrade\".");
+  upgrade["required"] = true;
+  upgrade["schema"]["enum"].append("websocket");
+  upgrade["schema"]["enum"].append(std::string(http::kRawTunnel));
+  operation["parameters"].append(guest);
+  operation["parameters"].append(type);
+  operation["parameters"].append(TextParameter("ticket", "query", "In place of a session: good once, for 30 s."));
+  operation["parameters"].append(upgrade);
+  Json::Value& responses = operation["responses"];
+  responses["101"]["description"] = "The connection carries the console.";
+  AddFailures(responses,
+              {kInternal, kMalformed, kNotLoggedIn, kDenied, kBadCsrfToken, kHttpMethodNotAllowed, kHostBusy,
+               kRequestTimeout, kNoSuchAddress, kBadParameter, kNotPermitted, kNotFoundOrUnreadable, kActionFailed,
+               kNotRunning, kGuestBusy, kUnavailable, kUnreachable},
+              Audience::kUsers);
+  for (const char* scheme : {"token", "cookie"}) {
+    Json::Value way(Json::objectValue);
+    way[scheme] = Json::Value(Json::arrayValue);
+    operation["security"].append(way);
+  }
+  operation["security"].append(Json::Value(Json::objectValue));  // a ticket
   return operation;
 }
 
@@ -138,6 +193,7 @@ std::string MakeOpenApi(const ApiTable& table) {
   for (const ApiRow& row : table.rows()) {
     document["paths"][fmt::format("/webapi/{}/{}", row.api, row.method)]["post"] = Operation(row);
   }
+  document["paths"][std::string(kConsolePath) + "{guest_id}"]["get"] = ConsoleOperation();
   return VexaVirtualization::json::ToText(document);
 }
 

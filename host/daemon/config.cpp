@@ -99,6 +99,12 @@ void AddNetworkOptions(CLI::App& app, Config& config) {
   app.add_option("--max-connections-per-peer", config.max_connections_per_peer,
                  "Open connections of one address or user")
       ->check(CLI::Range(1, 1'000'000));
+  app.add_option("--max-consoles", config.max_consoles,
+                 "Open consoles of guests of all users together; and as many for all other hosts")
+      ->check(CLI::Range(1, 100'000));
+  app.add_option("--max-consoles-per-user", config.max_consoles_per_user, "Open consoles of one user")
+      ->check(CLI::Range(1, 100'000));
+  AddSeconds(app, "--console-idle", config.console_idle, "Seconds without a byte after which a console ends");
 }
 
 void AddClusterOptions(CLI::App& app, Config& config) {

@@ -46,6 +46,9 @@ struct Config {
   int io_threads = 2;
   std::size_t max_connections = 10'000;
   std::size_t max_connections_per_peer = 6'000;
+  std::size_t max_consoles = 256;
+  std::size_t max_consoles_per_user = 16;
+  std::chrono::seconds console_idle{1'800};
   int long_threads = 1024;
   // Waiting and running: long calls of one user; long calls of one host on behalf of one user, and quick ones.
   int calls_per_user = 64;

@@ -462,7 +462,8 @@ class Daemon::Impl {
                                 {"hquick", quick_hosts_.stats()},
                                 {"local", local_.stats()},
                                 {"items", items_.stats()}},
-                               sessions_->size()});
+                               sessions_->size(),
+                               consoles_->stats()});
     };
     parts.health = [this] { return health_->Problem(); };
     parts.tickets = &console_tickets_;
@@ -521,6 +522,9 @@ class Daemon::Impl {
     options.identity = identity_.get();
     options.guests = guests_.get();
     options.open_remote = api::OpenRemoteConsole;
+    options.max_consoles = config_.max_consoles;
+    options.max_consoles_per_user = config_.max_consoles_per_user;
+    options.idle = config_.console_idle;
     consoles_ = std::make_unique<api::Consoles>(std::move(options));
     console_check_ = std::make_unique<PeriodicCall>(kConsoleCheckInterval, [this] { consoles_->Check(); });
   }

@@ -38,9 +38,10 @@ struct Tunnel {
   std::unique_ptr<TunnelEnd> end;
   // Asked about twice a second on an I/O thread; must not block. False ends the tunnel. Optional.
   std::function<bool()> may_continue;
-  std::chrono::milliseconds idle = std::chrono::minutes(30);    // without a byte in either direction
-  std::chrono::milliseconds stalled = std::chrono::minutes(1);  // a client that takes nothing, or answers no ping
-  std::shared_ptr<void> lease;                                  // destroyed with the tunnel
+  std::chrono::milliseconds idle = std::chrono::minutes(30);  // without a byte in either direction
+  // A client that takes nothing, or answers no ping; an end that takes nothing.
+  std::chrono::milliseconds stalled = std::chrono::minutes(1);
+  std::shared_ptr<void> lease;  // destroyed with the tunnel
 };
 
 }  // namespace vexa::http

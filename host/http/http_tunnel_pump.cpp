@@ -1,6 +1,7 @@
 #include "host/http/http_tunnel_pump.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -13,6 +14,8 @@ using boost::system::error_code;
 
 // How long a client has to take the farewell.
 constexpr std::chrono::seconds kCloseTime{2};
+// How long the other end may take nothing of what a client sent before it left.
+constexpr std::chrono::seconds kTimeForRest{2};
 
 class SocketEnd final : public TunnelEnd {
  public:
@@ -47,7 +50,8 @@ std::unique_ptr<TunnelEnd> MakeSocketEnd(Descriptor socket) { return std::make_u
 
 TunnelPump::TunnelPump(StreamSocket& socket, std::unique_ptr<ClientSide> client, Tunnel&& tunnel,
                        std::function<void()> on_end)
-    : client_(std::move(client)),
+    : socket_(socket),
+      client_(std::move(client)),
       tunnel_(std::move(tunnel)),
       on_end_(std::move(on_end)),
       end_(socket.get_executor()),
@@ -88,10 +92,12 @@ void TunnelPump::WriteEnd(std::string_view bytes) {
     const IoResult result = tunnel_.end->Write(bytes);
     if (result.state == IoState::kDone) {
       bytes.remove_prefix(result.bytes);
+      blocked_since_ = Clock::time_point::max();
       RecordBytes();
       continue;
     }
     const bool wants_read = result.state == IoState::kWantRead;
+    if (blocked_since_ == Clock::time_point::max()) blocked_since_ = Clock::now();
     if (!wants_read && result.state != IoState::kWantWrite) return Close(TunnelClose::kEnded);
     return Wait(wants_read ? Waiter::wait_read : Waiter::wait_write, [this, bytes] { WriteEnd(bytes); });
   }
@@ -123,8 +129,18 @@ void TunnelPump::OnSweep(Clock::time_point now) {
     return End();
   }
   if (!IsActive()) return;
+  // Nothing is read from the client meanwhile, so nothing else notices its end.
+  if (blocked_since_ != Clock::time_point::max()) {
+    if (now - blocked_since_ >= tunnel_.stalled) return Close(TunnelClose::kNotAllowed);
+    if (now - blocked_since_ >= kTimeForRest && HasClientLeft()) return End();
+  }
   const bool may_continue = !tunnel_.may_continue || tunnel_.may_continue();
   if (!may_continue || now - moved_at_ >= tunnel_.idle) Close(TunnelClose::kNotAllowed);
+}
+
+bool TunnelPump::HasClientLeft() {
+  pollfd state{socket_.native_handle(), POLLRDHUP, 0};
+  return ::poll(&state, 1, 0) == 1;
 }
 
 void TunnelPump::Close(TunnelClose why) {

@@ -24,7 +24,7 @@ class TunnelPump : public std::enable_shared_from_this<TunnelPump> {
 
   // Throws when the other end's descriptor cannot be waited for.
   void Start();
-  // Called about twice a second.
+  // Called about twice a second while the socket is open.
   void OnSweep(Clock::time_point now);
   // Says farewell to the client and ends, at the latest after a short time.
   void Close(TunnelClose why);
@@ -42,6 +42,9 @@ class TunnelPump : public std::enable_shared_from_this<TunnelPump> {
   void End();
   bool IsActive() const { return on_end_ != nullptr && !is_closing_; }
 
+  bool HasClientLeft();
+
+  StreamSocket& socket_;
   std::unique_ptr<ClientSide> client_;
   Tunnel tunnel_;
   std::function<void()> on_end_;  // null: ended
@@ -50,7 +53,8 @@ class TunnelPump : public std::enable_shared_from_this<TunnelPump> {
   std::vector<char> to_client_;
   bool is_closing_ = false;
   Clock::time_point moved_at_;
-  Clock::time_point write_since_ = Clock::time_point::max();  // the write to the client that is under way
+  Clock::time_point write_since_ = Clock::time_point::max();    // the write to the client that is under way
+  Clock::time_point blocked_since_ = Clock::time_point::max();  // the other end takes nothing of what the client sent
   Clock::time_point close_by_ = Clock::time_point::max();
 };
 

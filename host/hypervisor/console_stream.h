@@ -1,4 +1,4 @@
-// Brings a libvirt stream to a socket.
+// Brings a stream of a libvirt driver in this process to a socket.
 #pragma once
 
 #include "host/base/descriptor.h"

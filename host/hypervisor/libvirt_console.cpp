@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "host/hypervisor/console_stream.h"
+#include "host/hypervisor/daemon_line.h"
 #include "host/hypervisor/libvirt_errors.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 #include "host/hypervisor/png_image.h"
@@ -67,18 +68,14 @@ Result<Descriptor, Failure> LibvirtHypervisor::OpenScreen(const std::string& id)
   return socket;
 }
 
-// While some of a stream's input waits for its guest, libvirtd may read nothing else from the connection. So a serial
-// line has a connection of its own, which ends with its stream.
+// While input of a guest waits in a daemon, the daemon may read nothing else from the connection. So each line has a
+// connection of its own.
 Result<LibvirtHypervisor::DomainOnConnection, Failure> LibvirtHypervisor::OnOwnConnection(
-    DomainOnConnection guest, const std::string& message) const {
-  constexpr int kKeepaliveIntervalS = 5;
-  constexpr unsigned kMaxMissedKeepalives = 5;
-  if (target_.kind != DriverKind::kUri || IsEmbedded(target_.uri)) return guest;
+    const DomainOnConnection& guest, const std::string& message) const {
   std::array<char, VIR_UUID_STRING_BUFLEN> id{};
   if (virDomainGetUUIDString(guest.domain.get(), id.data()) != 0) return LastFailure(Operation::kRead, message);
   const std::shared_ptr<virConnect> own(ConnectHandle(virConnectOpen(target_.uri.c_str())));
   if (!own) return LastFailure(Operation::kOpen, message);
-  virConnectSetKeepAlive(own.get(), kKeepaliveIntervalS, kMaxMissedKeepalives);
   DomainHandle domain(virDomainLookupByUUIDString(own.get(), id.data()));
   if (!domain) return LastFailure(Operation::kRead, message);
   return DomainOnConnection{own, std::move(domain)};
@@ -86,9 +83,9 @@ Result<LibvirtHypervisor::DomainOnConnection, Failure> LibvirtHypervisor::OnOwnC
 
 Result<Descriptor, Failure> LibvirtHypervisor::OpenSerial(const std::string& id) {
   const std::string failed = fmt::format("Cannot open the serial line of the guest {}", id);
-  Result<DomainOnConnection, Failure> found = FindRunning(id, failed);
-  if (!found) return found.error();
-  const Result<DomainOnConnection, Failure> guest = OnOwnConnection(*std::move(found), failed);
+  Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  const bool is_of_daemon = target_.kind == DriverKind::kUri && !IsEmbedded(target_.uri);
+  if (guest && is_of_daemon) guest = OnOwnConnection(*guest, failed);
   if (!guest) return guest.error();
   StreamHandle stream(virStreamNew(guest->connection.get(), VIR_STREAM_NONBLOCK));
   if (!stream) return GuestFailure(*guest, Operation::kRead, failed);
@@ -101,7 +98,9 @@ Result<Descriptor, Failure> LibvirtHypervisor::OpenSerial(const std::string& id)
     }
     return failure;
   }
-  Result<Descriptor> socket = SocketOfStream(std::move(stream));
+  guest->domain.reset();  // it keeps the connection open
+  Result<Descriptor> socket = is_of_daemon ? SocketOfDaemonLine(std::move(guest->connection), std::move(stream))
+                                           : SocketOfStream(std::move(stream));
   if (!socket) return Failure(FailureKind::kFailed, failed, socket.error().ToString());
   return *std::move(socket);
 }

@@ -126,8 +126,9 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<DomainOnConnection, Failure> FindRunning(const std::string& id, const std::string& message) const;
   // The XML of the domain as it runs now, not of its next start. Failures: those of libvirt, with `message`.
   Result<StringHandle, Failure> RunningXml(const DomainOnConnection& guest, const std::string& message) const;
-  // The same guest on a connection that nothing else uses; with an in-process driver, as it is.
-  Result<DomainOnConnection, Failure> OnOwnConnection(DomainOnConnection guest, const std::string& message) const;
+  // The same guest on another connection, which nothing else uses and which has no keepalive.
+  Result<DomainOnConnection, Failure> OnOwnConnection(const DomainOnConnection& guest,
+                                                      const std::string& message) const;
 
   // The failure of this thread's last libvirt call on `connection`. Drops a connection that has ended, so that it is
   // reopened.

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -23,6 +24,9 @@ class CurlStream final : public HostStream {
  public:
   explicit CurlStream(const StreamRequest& request) : tls_(request.tls), host_id_(request.host_id) {}
   ~CurlStream() override {
+    // The host takes nothing, so it would not notice the end behind what was sent.
+    const linger without_rest{1, 0};
+    if (is_blocked_) (void)::setsockopt(fd(), SOL_SOCKET, SO_LINGER, &without_rest, sizeof without_rest);
     curl_easy_cleanup(handle_);
     curl_slist_free_all(connect_to_);
   }
@@ -76,7 +80,8 @@ class CurlStream final : public HostStream {
   Outcome Write(std::string_view bytes) override {
     std::size_t sent = 0;
     const CURLcode code = curl_easy_send(handle_, bytes.data(), bytes.size(), &sent);
-    if (code == CURLE_AGAIN) return {State::kBlocked};
+    is_blocked_ = code == CURLE_AGAIN;
+    if (is_blocked_) return {State::kBlocked};
     return code == CURLE_OK ? Outcome{State::kDone, sent} : Outcome{State::kFailed};
   }
 
@@ -120,7 +125,8 @@ class CurlStream final : public HostStream {
   CURL* handle_ = nullptr;
   curl_slist* connect_to_ = nullptr;
   curl_socket_t socket_ = CURL_SOCKET_BAD;
-  std::string received_;  // read too far
+  bool is_blocked_ = false;  // the last bytes were not taken
+  std::string received_;     // read too far
   std::array<char, CURL_ERROR_SIZE> reason_{};
 };
 

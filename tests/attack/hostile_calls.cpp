@@ -105,6 +105,7 @@ std::vector<Method> MethodsOf(const AttackedHost& host) {
   std::vector<Method> methods;
   const Json::Value& paths = json::Member(document, "paths");
   for (const std::string& path : json::MemberNames(paths)) {
+    if (!path.starts_with("/webapi/")) continue;
     const Json::Value& post = json::Member(json::Member(paths, path.c_str()), "post");
     Method method{path, json::StringMember(post, "x-vexa-access"), {}, {}};
     const Json::Value& content = json::Member(json::Member(post, "requestBody"), "content");

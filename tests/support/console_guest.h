@@ -62,6 +62,19 @@ inline std::string ConsoleBootSector() {
   return sector;
 }
 
+// A guest that takes nothing from its serial line: another boot sector. It writes 'x' to the line, without an end, or
+// nothing.
+enum class SerialOutput { kNone, kEndless };
+inline std::string DeafBootSector(SerialOutput output) {
+  std::string sector = output == SerialOutput::kNone ? "\xfa\xf4\xeb\xfd"   // cli; hlt, again and again
+                                                     : "\xba\xf8\x03\xb0x"  // mov dx, 0x3f8; mov al, 'x'
+                                                       "\xee\xeb\xfd";      // out dx, al, again and again
+  sector.resize(510, '\0');
+  sector += "\x55\xaa";
+  sector.resize(1 << 20, '\0');
+  return sector;
+}
+
 struct Picture {
   std::size_t width = 0;
   std::size_t height = 0;

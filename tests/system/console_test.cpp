@@ -213,6 +213,33 @@ TEST_F(ConsoleTest, Session_OpensScreenAndSerialLine) {
   EXPECT_EQ(guests_.asked().back().substr(0, 7), "serial ");
 }
 
+TEST_F(ConsoleTest, Consoles_AreCounted) {
+  WebSocketClient client = Connect();
+  ASSERT_EQ(client.Upgrade(Target("serial"), BearerOf("alice")), 101);
+  ASSERT_TRUE(client.Send("typed"));
+  EXPECT_EQ(ReadGuestEnd(5), "typed");
+  ASSERT_EQ(::send(guests_.console(), "shown up", 8, MSG_NOSIGNAL), 8);
+  EXPECT_EQ(client.Receive(8), "shown up");
+  const ConsoleStats open = consoles_->stats()[1];
+  EXPECT_EQ(open.type, "serial");
+  EXPECT_EQ(open.open, 1U);
+  EXPECT_EQ(open.opened, 1U);
+  EXPECT_EQ(open.bytes_to_guest, 5U);
+  EXPECT_EQ(open.bytes_from_guest, 8U);
+  client.Close();
+  EXPECT_TRUE(Eventually([&] { return consoles_->stats()[1].open == 0; }));
+  EXPECT_EQ(Try(Target("vnc"), BearerOf("alice")), 101);
+  EXPECT_EQ(Try(Target("rdp"), BearerOf("alice")), 400);  // when the request is read
+  EXPECT_EQ(Try(Target("vnc"), BearerOf("eve")), 403);    // when the right is checked
+  Metrics::Gauges gauges;
+  gauges.consoles = consoles_->stats();
+  const std::string text = metrics_->ToText(gauges);
+  EXPECT_THAT(text, HasSubstr("vexa_consoles_opened_total{type=\"vnc\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("vexa_consoles_opened_total{type=\"serial\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("vexa_consoles_refused_total{caller=\"user\",code=\"401\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("vexa_consoles_refused_total{caller=\"user\",code=\"409\"} 1\n"));
+}
+
 TEST_F(ConsoleTest, UnixSocket_NeedsNoSession) {
   WebSocketClient client = WebSocketClient::Unix(folder_ + "/socket");
   ASSERT_EQ(client.Upgrade(Target()), 101) << client.body();

@@ -76,6 +76,7 @@ std::map<std::string, std::string> AccessByPath(HttpClient client) {
   const Json::Value document = JsonBody(client.Get("/openapi.json"));
   const Json::Value& paths = json::Member(document, "paths");
   for (const std::string& path : json::MemberNames(paths)) {
+    if (!path.starts_with("/webapi/")) continue;
     result[path] = json::String(json::Member(json::Member(json::Member(paths, path), "post"), "x-vexa-access"));
   }
   return result;

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "host/http/http_tunnel.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/websocket_client.h"
 #include "tests/system/http_server_test_support.h"
 
@@ -247,6 +248,35 @@ TEST_F(TunnelTest, OtherSideThatReadsNothing_HoldsUpClient) {
   ASSERT_TRUE(client.SendRaw(FrameHeader(WebSocketClient::kBinary, kMaxMessageBytes)));
   EXPECT_LT(SendUntilBlocked(client.fd()), 32'000'000U);
   EXPECT_EQ(open_, 1);
+}
+
+TEST_F(TunnelTest, OtherSideThatReadsNothing_IsGivenUp) {
+  stalled_ = std::chrono::seconds(3);
+  Start();
+  Client client = server_->Connect();  // without pings, which end a WebSocket that is not read
+  ASSERT_TRUE(client.Send("GET /tunnel HTTP/1.1\r\nHost: nas\r\nConnection: upgrade\r\nUpgrade: vexa-tunnel\r\n\r\n"));
+  ASSERT_EQ(client.Receive(Client::Expect::kHeaderOnly).status, 101);
+  (void)SendUntilBlocked(client.fd());
+  EXPECT_TRUE(Eventually([&] { return open_ == 0; }));
+}
+
+TEST_F(TunnelTest, OtherSideThatReadsNothing_ClientThatLeavesEndsTunnel) {
+  const test::TempDir folder;
+  Start([&](ServerOptions& options) {
+    options.listeners.emplace_back();
+    options.listeners.back().kind = ListenerOptions::Kind::kUnix;
+    options.listeners.back().path = folder.File("socket");
+  });
+  for (const bool is_local : {true, false}) {
+    Client client = is_local ? Client::Unix(folder.File("socket")) : server_->Connect();
+    ASSERT_TRUE(
+        client.Send("GET /tunnel HTTP/1.1\r\nHost: nas\r\nConnection: upgrade\r\nUpgrade: vexa-tunnel\r\n\r\n"));
+    ASSERT_EQ(client.Receive(Client::Expect::kHeaderOnly).status, 101);
+    (void)SendUntilBlocked(client.fd());
+    EXPECT_EQ(open_, 1);
+    is_local ? client.Close() : client.Reset();
+    EXPECT_TRUE(Eventually([&] { return open_ == 0; })) << is_local;
+  }
 }
 
 TEST_F(TunnelTest, StalledReader_IsCutOff) {

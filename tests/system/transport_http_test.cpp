@@ -1,10 +1,14 @@
 // What a host may do to a caller, over plain HTTP.
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <future>
+#include <thread>
 
+#include "host/transport/host_stream.h"
 #include "host/transport/origin.h"
 #include "json/readers.h"
 #include "tests/support/scripted_server.h"
@@ -325,6 +329,35 @@ TEST(TransportTimeout, Timeout_HostStalls_IsThatOfRequest) {
   EXPECT_NE(failure.find("no reply in time"), std::string::npos) << failure;
   EXPECT_GE(seconds, 0.9);
   EXPECT_LT(seconds, 10);
+}
+
+// A console whose guest takes no input: the end would be behind bytes that the other host does not read.
+TEST(TransportStream, BlockedStream_IsClosedForHostThatReadsNothing) {
+  std::promise<bool> has_noticed;
+  std::future<bool> noticed = has_noticed.get_future();
+  const RawHost host([&](int fd) {
+    std::string header;
+    for (char byte; !header.ends_with("\r\n\r\n") && ::recv(fd, &byte, 1, 0) == 1;) header += byte;
+    SendAll(fd, "HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nUpgrade: vexa-tunnel\r\n\r\n");
+    pollfd state{fd, 0, 0};  // errors and hang-ups only
+    has_noticed.set_value(::poll(&state, 1, 60'000) == 1);
+  });
+  transport::StreamRequest request;
+  request.host_id = kHost;
+  request.address = host.address();
+  request.path = "/console/x";
+  auto reply = transport::OpenHostStream(request);
+  ASSERT_TRUE(reply.ok()) << reply.error().ToString();
+  ASSERT_NE(reply->stream, nullptr) << reply->body;
+  const std::string block(65536, 'b');
+  for (int blocked = 0; blocked < 20;) {
+    const auto sent = reply->stream->Write(block);
+    ASSERT_NE(sent.state, transport::HostStream::State::kFailed);
+    blocked = sent.state == transport::HostStream::State::kBlocked ? blocked + 1 : 0;
+    if (blocked > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  reply->stream.reset();
+  EXPECT_TRUE(noticed.get());
 }
 
 }  // namespace

@@ -94,10 +94,48 @@ std::size_t Consoles::size() const {
   return table_->entries.size();
 }
 
+std::vector<ConsoleStats> Consoles::stats() const {
+  std::vector<ConsoleStats> stats;
+  for (const std::string_view type : {kScreenType, kSerialType}) {
+    const Counters& counters = table_->Of({"", std::string(type)});
+    stats.push_back({std::string(type), 0, counters.opened, counters.bytes_to_guest, counters.bytes_from_guest});
+  }
+  const MutexLock lock(table_->mutex);
+  for (const auto& [key, weak] : table_->entries) ++stats[key->plan.target.type == kScreenType ? 0 : 1].open;
+  return stats;
+}
+
+// Counts what passes.
+class Consoles::CountedEnd final : public http::TunnelEnd {
+ public:
+  CountedEnd(std::unique_ptr<http::TunnelEnd> end, std::shared_ptr<Table> table, Counters& counters)
+      : end_(std::move(end)), table_(std::move(table)), counters_(counters) {}
+
+  int fd() const override { return end_->fd(); }
+  http::IoResult Read(char* buffer, std::size_t size) override {
+    return Counted(end_->Read(buffer, size), counters_.bytes_from_guest);
+  }
+  http::IoResult Write(std::string_view bytes) override {
+    return Counted(end_->Write(bytes), counters_.bytes_to_guest);
+  }
+
+ private:
+  static http::IoResult Counted(http::IoResult result, std::atomic<std::uint64_t>& count) {
+    if (result.state == http::IoState::kDone) count.fetch_add(result.bytes, std::memory_order_relaxed);
+    return result;
+  }
+
+  const std::unique_ptr<http::TunnelEnd> end_;
+  const std::shared_ptr<Table> table_;  // has the counters
+  Counters& counters_;
+};
+
 std::shared_ptr<http::Tunnel> Consoles::MakeTunnel(std::unique_ptr<http::TunnelEnd> end,
                                                    std::shared_ptr<Entry> entry) const {
+  Counters& counters = table_->Of(entry->plan.target);
+  ++counters.opened;
   auto tunnel = std::make_shared<http::Tunnel>();
-  tunnel->end = std::move(end);
+  tunnel->end = std::make_unique<CountedEnd>(std::move(end), table_, counters);
   tunnel->idle = options_.idle;
   tunnel->may_continue = [identity = options_.identity, entry] {
     return entry->may_continue && identity->IsLoggedIn(entry->plan.caller.session_token);

@@ -4,13 +4,16 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "host/api/console.h"
+#include "host/api/metrics.h"
 #include "host/base/mutex.h"
 #include "host/base/refusal.h"
 #include "host/guests/guest_control.h"
@@ -52,6 +55,8 @@ class Consoles {
   void Check();
 
   std::size_t size() const;
+  // One entry for each type.
+  std::vector<ConsoleStats> stats() const;
 
  private:
   struct Entry {
@@ -66,7 +71,17 @@ class Consoles {
   Result<std::unique_ptr<http::TunnelEnd>, Refusal> OpenHere(const ConsoleTarget& target) const;
   std::shared_ptr<http::Tunnel> MakeTunnel(std::unique_ptr<http::TunnelEnd> end, std::shared_ptr<Entry> entry) const;
 
+  struct Counters {
+    std::atomic<std::uint64_t> opened{0};
+    std::atomic<std::uint64_t> bytes_to_guest{0};
+    std::atomic<std::uint64_t> bytes_from_guest{0};
+  };
+  class CountedEnd;
   struct Table {
+    Counters& Of(const ConsoleTarget& target) { return target.type == kScreenType ? screens : serial_lines; }
+
+    Counters screens;
+    Counters serial_lines;
     mutable Mutex mutex;
     std::map<const Entry*, std::weak_ptr<Entry>> entries VEXA_GUARDED_BY(mutex);
   };

@@ -245,4 +245,23 @@ TEST(OpenApi, Description_EachRow_HasAccessParametersAndErrors) {
   }
 }
 
+TEST(OpenApi, Console_HasParametersAnswersAndWaysToIdentify) {
+  const Json::Value document = vexa::test::Parsed(vexa::api::MakeOpenApi(ApiTable({})));
+  const Json::Value& operation = document["paths"]["/console/{guest_id}"]["get"];
+  std::map<std::string, std::string> places;
+  for (const Json::Value& parameter : operation["parameters"]) {
+    places[parameter["name"].asString()] = parameter["in"].asString();
+    EXPECT_EQ(parameter["required"].asBool(), parameter["name"] != "ticket") << parameter["name"].asString();
+  }
+  const std::map<std::string, std::string> expected = {
+      {"guest_id", "path"}, {"type", "query"}, {"ticket", "query"}, {"Upgrade", "header"}};
+  EXPECT_EQ(places, expected);
+  for (const char* status : {"101", "400", "401", "403", "404", "405", "409", "500", "502", "503"}) {
+    EXPECT_TRUE(operation["responses"].isMember(status)) << status;
+  }
+  EXPECT_NE(operation["responses"]["409"]["description"].asString().find("911: "), std::string::npos);
+  EXPECT_EQ(operation["security"].size(), 3U);
+  EXPECT_TRUE(operation["security"][2].empty()) << "a ticket";
+}
+
 }  // namespace

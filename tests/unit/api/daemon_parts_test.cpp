@@ -234,21 +234,47 @@ TEST(Metrics, Counts_AppearByMethodCodeAndBucket) {
   gauges.lanes = {{"quick", {.threads = 4, .busy = 1, .queued = 2, .done = 3, .refused = 5, .over_quota = 4}}};
   gauges.server.connections = 7;
   gauges.sessions = 9;
+  gauges.consoles = {{"vnc", 3, 4, 50, 60}, {"serial", 1, 2, 7, 8}};
+  metrics.CountConsoleRefusal(Metrics::ConsoleCaller::kUser, 912);
+  metrics.CountConsoleRefusal(Metrics::ConsoleCaller::kUser, 912);
+  metrics.CountConsoleRefusal(Metrics::ConsoleCaller::kHost, 912);
   const std::string text = metrics.ToText(gauges);
-  for (const char* line :
-       {"vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"0\"} 2\n",
-        "vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"403\"} 1\n",
-        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.000100\"} 1\n",
-        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.002500\"} 1\n",
-        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.005000\"} 2\n",
-        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"+Inf\"} 3\n",
-        "vexa_request_duration_seconds_count{api=\"VEXA.A\",method=\"get\"} 3\n",
-        "vexa_request_duration_seconds_sum{api=\"VEXA.A\",method=\"get\"} 3600.003090\n",
-        "vexa_lane_threads{lane=\"quick\"} 4\n", "vexa_lane_busy{lane=\"quick\"} 1\n",
-        "vexa_lane_queued{lane=\"quick\"} 2\n", "vexa_lane_refused_total{lane=\"quick\"} 5\n",
-        "vexa_lane_over_quota_total{lane=\"quick\"} 4\n", "vexa_connections 7\n", "vexa_sessions 9\n"}) {
+  for (const char* line : {"vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"0\"} 2\n",
+                           "vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"403\"} 1\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.000100\"} 1\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.002500\"} 1\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.005000\"} 2\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"+Inf\"} 3\n",
+                           "vexa_request_duration_seconds_count{api=\"VEXA.A\",method=\"get\"} 3\n",
+                           "vexa_request_duration_seconds_sum{api=\"VEXA.A\",method=\"get\"} 3600.003090\n",
+                           "vexa_lane_threads{lane=\"quick\"} 4\n",
+                           "vexa_lane_busy{lane=\"quick\"} 1\n",
+                           "vexa_lane_queued{lane=\"quick\"} 2\n",
+                           "vexa_lane_refused_total{lane=\"quick\"} 5\n",
+                           "vexa_lane_over_quota_total{lane=\"quick\"} 4\n",
+                           "vexa_connections 7\n",
+                           "vexa_sessions 9\n",
+                           "vexa_consoles{type=\"vnc\"} 3\n",
+                           "vexa_consoles{type=\"serial\"} 1\n",
+                           "vexa_consoles_opened_total{type=\"vnc\"} 4\n",
+                           "vexa_console_bytes_to_guests_total{type=\"vnc\"} 50\n",
+                           "vexa_console_bytes_from_guests_total{type=\"serial\"} 8\n",
+                           "vexa_consoles_refused_total{caller=\"user\",code=\"912\"} 2\n",
+                           "vexa_consoles_refused_total{caller=\"host\",code=\"912\"} 1\n"}) {
     EXPECT_NE(text.find(line), std::string::npos) << line << text;
   }
+}
+
+TEST(Config, ConsoleLimits_AreSettings) {
+  const auto defaults = Parse({}).config;
+  EXPECT_EQ(defaults.max_consoles, 256U);
+  EXPECT_EQ(defaults.max_consoles_per_user, 16U);
+  EXPECT_EQ(defaults.console_idle, std::chrono::minutes(30));
+  const auto config = Parse({"--max-consoles", "7", "--max-consoles-per-user", "3", "--console-idle", "60"}).config;
+  EXPECT_EQ(config.max_consoles, 7U);
+  EXPECT_EQ(config.max_consoles_per_user, 3U);
+  EXPECT_EQ(config.console_idle, std::chrono::minutes(1));
+  EXPECT_EQ(Parse({"--console-idle", "0"}).action, vexa::daemon::CommandLine::Action::kExit);
 }
 
 TEST(NotifyServiceManager, Socket_GetsTheState) {
