@@ -51,4 +51,12 @@ ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const ch
 ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                        const std::string& id_or_name, std::string& id);
 
+// The same with more parameters.
+ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                       const std::string& id_or_name, const Json::Value& parameters);
+
+// Calls the method at `path`, which gives the object with this id or name another name.
+ExitCode RenameObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                      const std::string& id_or_name, const std::string& name);
+
 }  // namespace vexa::cli

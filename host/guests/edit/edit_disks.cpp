@@ -82,7 +82,7 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
   const std::optional<std::string> path = disks::NormalPath(json::StringMember(disk.before, disks::kDiskPath));
   if (!path)
     return edited.Refuse(host_error::kBadDisk, fmt::format("The disk {} has no file that could grow", quoted_id));
-  edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
+  edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib, size_mib - now_mib});
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
 }
 
