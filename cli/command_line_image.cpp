@@ -4,6 +4,7 @@
 
 #include "cli/commands.h"
 #include "cli/image_command.h"
+#include "cli/image_upload.h"
 
 namespace vexa::cli {
 namespace {
@@ -37,6 +38,13 @@ void AddImageCommands(const Command& app) {
   add.OnRun(options, RunImageAdd);
 
   image.AddCommand("list", "List the images (paths are shown to administrators only)").OnRun(RunImageList);
+
+  image.AddCommand("uploads", "List the uploads in progress (administrators)").OnRun(RunUploadList);
+
+  const Command cancel = image.AddCommand("cancel-upload", "Remove an upload in progress (administrators)");
+  const auto upload = std::make_shared<std::string>();
+  cancel.AddOption("UPLOAD", *upload, "Its id, or the name of its image").Required();
+  cancel.OnRun(upload, RunUploadCancel);
 
   const Command rename = image.AddCommand("rename", "Give an image another name (administrators)");
   rename.Footer("\nIts file keeps its name.");

@@ -26,6 +26,7 @@ inline constexpr ObjectKind kHosts{"host", "hosts", kHostList, "host_id", "name"
 inline constexpr ObjectKind kImages{"image", "images", kImageList, "image_id", "name"};
 inline constexpr ObjectKind kNetworks{"network", "networks", kNetworkList, "network_id", "name"};
 inline constexpr ObjectKind kRepositories{"repository", "repositories", kRepositoryList, "repository_id", "name"};
+inline constexpr ObjectKind kUploads{"upload", "uploads", kUploadList, "upload_id", "name"};
 
 // Calls the method at `list_path`. When the exit code is kOk, the member `plural` of the data is an array.
 CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind);

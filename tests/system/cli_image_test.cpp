@@ -227,6 +227,21 @@ TEST_F(ImageCommand, Upload_FailsOnTheWay_SaysThatItContinues) {
   EXPECT_THAT(host.calls(), ElementsAre(HasSubstr(R"("name":"a")"), "u1 34567"));
 }
 
+TEST_F(ImageCommand, Uploads_ListAndCancel_UseNames) {
+  const ApiHost host([](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    if (method != "upload_list") return ApiHost::Success();
+    return ApiHost::Success(R"({"uploads":[
+      {"upload_id":"u1","name":"a","host_id":"h1","user":"alice","size":9,"received":4},
+      {"upload_id":"u2","name":"b\u001b","host_id":"h2","user":"bob","size":7}]})");
+  });
+  EXPECT_EQ(RunOn(host, {"image", "cancel-upload", "a"}).output, "Cancelled the upload 'a'.\n");
+  EXPECT_THAT(host.calls(), ElementsAre("upload_list {}", R"(upload_cancel {"upload_id":"u1"})"));
+  EXPECT_EQ(RunOn(host, {"image", "uploads"}).output,
+            "UPLOAD  NAME    HOST  USER   RECEIVED  BYTES\n"
+            "u1      a       h1    alice  4         9\n"
+            "u2      b\\x1b   h2    bob    -         7\n");
+}
+
 TEST_F(ImageCommand, Upload_OffsetOfServer_IsUsed) {
   WriteFile(folder_.File("a.iso"), "1234567");
   int pieces = 0;

@@ -82,7 +82,7 @@ class ImageApi : public ::testing::Test {
 };
 
 TEST_F(ImageApi, Rows_AreForAdministratorsExceptLists) {
-  ASSERT_EQ(table_.rows().size(), 15u);
+  ASSERT_EQ(table_.rows().size(), 16u);
   for (const ApiRow& row : table_.rows()) {
     EXPECT_EQ(row.access.value, row.method == "list" ? Access::kUser : Access::kAdministrator) << row.method;
     for (const int code : row.errors) EXPECT_NE(FindError(code), nullptr) << row.method << " " << code;
@@ -285,8 +285,12 @@ TEST_F(ImageApi, Upload_OutcomesAreLogged) {
   EXPECT_EQ(Image("upload_begin", R"({"name":"u","size":4,"sha256":")" + digest + "\"}").code, 990);
   const std::string named = R"({"upload_id":")" + begun.data["upload_id"].asString() + "\"}";
   EXPECT_EQ(Image("upload_status", named).data["received"], 0);
+  EXPECT_EQ(Image("upload_list").data, Parsed(R"({"uploads":[{"upload_id":")" + begun.data["upload_id"].asString() +
+                                              R"(","name":"u","host_id":")" + records::CurrentEnvironment()->host_id +
+                                              R"(","user":"root","size":3,"received":0}]})"));
   EXPECT_EQ(Image("upload_end", named).code, 993);
   EXPECT_EQ(Image("upload_cancel", named).code, 0);
+  EXPECT_EQ(Image("upload_list").data, Parsed(R"({"uploads":[]})"));
   EXPECT_THAT(ClusterLogLines(), ElementsAre("root 1 Failed to begin the upload of the image [u].",
                                              "root 1 Failed to upload the image [u].",
                                              "root 3 The upload of the image [u] has been cancelled."));

@@ -380,7 +380,7 @@ TEST_F(ImageRecords, Rename_Invalid_IsRefused) {
   EXPECT_EQ(TextOf(records::ObjectKey("image", kId)), "7");
 }
 
-TEST_F(ImageRecords, RenameAndAdd_ManyAtOnceToOneName_OneIsAccepted) {
+TEST_F(ImageRecords, RenameAndAdd_ConcurrentToOneName_OneIsAccepted) {
   constexpr int kClients = 8;
   std::vector<std::string> ids;
   for (int i = 0; i < kClients; ++i) {
