@@ -12,5 +12,6 @@ inline constexpr const char* kImageList = "/webapi/VEXA.Virtualization.Image/lis
 inline constexpr const char* kLogList = "/webapi/VEXA.Virtualization.Log/list";
 inline constexpr const char* kNetworkList = "/webapi/VEXA.Virtualization.Network/list";
 inline constexpr const char* kRepositoryList = "/webapi/VEXA.Virtualization.Repository/list";
+inline constexpr const char* kUploadList = "/webapi/VEXA.Virtualization.Image/upload_list";
 
 }  // namespace vexa::cli

@@ -4,6 +4,7 @@
 
 #include "cli/commands.h"
 #include "cli/image_command.h"
+#include "cli/image_upload.h"
 
 namespace vexa::cli {
 namespace {
@@ -13,7 +14,8 @@ Examples:
   vexa image add debian-12 /var/lib/vexa/images/debian-12.iso
   vexa image add debian-12 ~/Downloads/debian-12.iso --upload
   vexa image list
-  vexa image remove debian-12
+  vexa image rename debian-12 debian-12.8
+  vexa image remove debian-12.8
 
 'vexa guest set --iso' takes the id. The file is on the server's machine, below one of the folders that the daemon's
 setting 'image-roots' names. With --upload it is a file of this machine, which is sent to the server. An upload that was
@@ -36,6 +38,20 @@ void AddImageCommands(const Command& app) {
   add.OnRun(options, RunImageAdd);
 
   image.AddCommand("list", "List the images (paths are shown to administrators only)").OnRun(RunImageList);
+
+  image.AddCommand("uploads", "List the uploads in progress (administrators)").OnRun(RunUploadList);
+
+  const Command cancel = image.AddCommand("cancel-upload", "Remove an upload in progress (administrators)");
+  const auto upload = std::make_shared<std::string>();
+  cancel.AddOption("UPLOAD", *upload, "Its id, or the name of its image").Required();
+  cancel.OnRun(upload, RunUploadCancel);
+
+  const Command rename = image.AddCommand("rename", "Give an image another name (administrators)");
+  rename.Footer("\nIts file keeps its name.");
+  const auto renamed = std::make_shared<ImageRenameOptions>();
+  rename.AddOption("IMAGE", renamed->image, "Its id or name").Required();
+  rename.AddOption("NAME", renamed->name, "Its new name").Required();
+  rename.OnRun(renamed, RunImageRename);
 
   const Command remove = image.AddCommand("remove", "Remove an image that is not in a guest's drive (administrators)");
   remove.Footer("\nThe file stays. When drives of guests have the image, the error names these guests.");

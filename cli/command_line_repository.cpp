@@ -12,6 +12,9 @@ constexpr const char* kFooter = R"(
 Examples:
   vexa repository add pool-1
   vexa repository list
+  vexa repository get pool-1
+  vexa repository limits pool-1 --soft 80 --hard 95
+  vexa repository rename pool-1 pool-a
   vexa repository accept pool-1
   vexa repository remove pool-1
 
@@ -45,6 +48,26 @@ void AddRepositoryCommands(const Command& app) {
 
   repository.AddCommand("list", "List the repositories (--json: with the folders of their disks, for administrators)")
       .OnRun(RunRepositoryList);
+
+  const Command get =
+      repository.AddCommand("get", "Show a repository, its disks, and files of no guest in it (administrators)");
+  get.AddOption("REPOSITORY", *name, "Its id or name").Required();
+  get.OnRun(name, RunRepositoryGet);
+
+  const Command rename = repository.AddCommand("rename", "Give a repository another name (administrators)");
+  const auto renamed = std::make_shared<RenameOptions>();
+  rename.AddOption("REPOSITORY", renamed->object, "Its id or name").Required();
+  rename.AddOption("NAME", renamed->name, "Its new name").Required();
+  rename.OnRun(renamed, RunRepositoryRename);
+
+  const Command limits =
+      repository.AddCommand("limits", "Set from when on a repository runs out of space and is full (administrators)");
+  limits.Footer("\nWithout an option, the setting of the repository's host applies again.");
+  const auto percents = std::make_shared<RepositoryLimitsOptions>();
+  limits.AddOption("REPOSITORY", percents->repository, "Its id or name").Required();
+  limits.AddOption("--soft", percents->soft, "Warn from this used percentage on; 0: never").Placeholder("PERCENT");
+  limits.AddOption("--hard", percents->hard, "Start and enlarge nothing from here on; 0: never").Placeholder("PERCENT");
+  limits.OnRun(percents, RunRepositoryLimits);
 
   const Command remove =
       repository.AddCommand("remove", "Remove a repository without guests and disks (administrators)");

@@ -16,6 +16,7 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kAddImage = "/webapi/VEXA.Virtualization.Image/add";
+constexpr const char* kRenameImage = "/webapi/VEXA.Virtualization.Image/rename";
 constexpr const char* kRemoveImage = "/webapi/VEXA.Virtualization.Image/remove";
 
 // "" when `file` is empty or the current folder is unknown. "." and ".." are kept: the server refuses them.
@@ -56,6 +57,10 @@ ExitCode RunImageList(const GlobalOptions& global) {
   }
   PrintTable(std::cout, table);
   return ExitCode::kOk;
+}
+
+ExitCode RunImageRename(const GlobalOptions& global, const ImageRenameOptions& options) {
+  return RenameObject(global, kImages, kRenameImage, options.image, options.name);
 }
 
 ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image) {

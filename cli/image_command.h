@@ -21,6 +21,12 @@ ExitCode RunImageAdd(const GlobalOptions& global, const ImageAddOptions& options
 // A table of id, name, size, whether the file is there, and path; with --json the server's list.
 ExitCode RunImageList(const GlobalOptions& global);
 
+struct ImageRenameOptions {
+  std::string image;  // an id or a name
+  std::string name;
+};
+ExitCode RunImageRename(const GlobalOptions& global, const ImageRenameOptions& options);
+
 // `image`: an id or a name.
 ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image);
 

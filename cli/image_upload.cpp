@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "cli/listing.h"
+#include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/byte_text.h"
@@ -31,6 +32,7 @@ namespace json = VexaVirtualization::json;
 constexpr const char* kBegin = "/webapi/VEXA.Virtualization.Image/upload_begin";
 constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Image/upload_status";
 constexpr const char* kEnd = "/webapi/VEXA.Virtualization.Image/upload_end";
+constexpr const char* kCancel = "/webapi/VEXA.Virtualization.Image/upload_cancel";
 constexpr const char* kPut = "/upload/";
 
 constexpr std::size_t kLargestPiece = std::size_t{8} << 20;
@@ -236,6 +238,29 @@ ExitCode RunImageUpload(const GlobalOptions& global, const ImageUpload& upload) 
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   return Upload(global, upload, *std::move(file), *connect).Run();
+}
+
+ExitCode RunUploadList(const GlobalOptions& global) {
+  const CallOutcome outcome = ListObjects(global, kUploads);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& uploads = Member(outcome.data, kUploads.plural);
+  if (global.json) return PrintJson(uploads);
+  Table table{{"UPLOAD", "NAME", "HOST", "USER", "RECEIVED", "BYTES"}, {}};
+  for (const Json::Value& upload : uploads) {
+    const Json::Value& received = Member(upload, "received");
+    table.rows.push_back({Text(Member(upload, kUploads.id)), Text(Member(upload, kUploads.name)),
+                          Text(Member(upload, "host_id")), Text(Member(upload, "user")),
+                          received.isNull() ? "-" : Text(received), Text(Member(upload, "size"))});
+  }
+  PrintTable(std::cout, table);
+  return ExitCode::kOk;
+}
+
+ExitCode RunUploadCancel(const GlobalOptions& global, const std::string& upload) {
+  std::string id;
+  const ExitCode cancelled = CallForObject(global, kUploads, kCancel, upload, id);
+  if (cancelled != ExitCode::kOk) return cancelled;
+  return PrintConfirmation(global, fmt::format("Cancelled the upload '{}'.", Printable(upload)));
 }
 
 }  // namespace vexa::cli

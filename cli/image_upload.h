@@ -17,4 +17,10 @@ struct ImageUpload {
 // after interruptions of half a minute; after longer ones, the same command continues where it ended.
 ExitCode RunImageUpload(const GlobalOptions& global, const ImageUpload& upload);
 
+// A table of the uploads in progress; with --json the server's list.
+ExitCode RunUploadList(const GlobalOptions& global);
+
+// Removes an upload in progress. `upload`: its id, or the name of its image.
+ExitCode RunUploadCancel(const GlobalOptions& global, const std::string& upload);
+
 }  // namespace vexa::cli

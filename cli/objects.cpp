@@ -12,6 +12,7 @@
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
+#include "host/records/named_record.h"
 
 namespace vexa::cli {
 namespace {
@@ -109,8 +110,10 @@ ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const ch
   return ExitCode::kOk;
 }
 
-ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
-                       const std::string& id_or_name, std::string& id) {
+namespace {
+
+ExitCode CallWithParameters(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                            const std::string& id_or_name, Json::Value parameters, std::string& id) {
   if (!IsIdOrName(kind, id_or_name)) return ExitCode::kUsage;
   return CallWithClient(global,
                         [&](HttpClient& client) {
@@ -123,9 +126,36 @@ ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, cons
                             return outcome;
                           }
                           id = *found;
-                          return CallApi(client, path, ParameterJson(kind.id, id));
+                          parameters[kind.id] = id;
+                          return CallApi(client, path, RenderJson(parameters, JsonLayout::kOneLine));
                         })
       .exit_code;
+}
+
+}  // namespace
+
+ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                       const std::string& id_or_name, std::string& id) {
+  return CallWithParameters(global, kind, path, id_or_name, Json::Value(Json::objectValue), id);
+}
+
+ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                       const std::string& id_or_name, const Json::Value& parameters) {
+  std::string id;
+  return CallWithParameters(global, kind, path, id_or_name, parameters, id);
+}
+
+ExitCode RenameObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                      const std::string& id_or_name, const std::string& name) {
+  if (!records::IsRecordName(name)) {
+    return Report(Error(ErrorCode::kInvalid, "A name is 1 to 128 bytes of UTF-8 without control characters"));
+  }
+  Json::Value parameters(Json::objectValue);
+  parameters["name"] = name;
+  const ExitCode renamed = CallForObject(global, kind, path, id_or_name, parameters);
+  if (renamed != ExitCode::kOk) return renamed;
+  return PrintConfirmation(
+      global, fmt::format("The {} '{}' is called '{}' now.", kind.singular, Printable(id_or_name), Printable(name)));
 }
 
 }  // namespace vexa::cli

@@ -26,6 +26,7 @@ inline constexpr ObjectKind kHosts{"host", "hosts", kHostList, "host_id", "name"
 inline constexpr ObjectKind kImages{"image", "images", kImageList, "image_id", "name"};
 inline constexpr ObjectKind kNetworks{"network", "networks", kNetworkList, "network_id", "name"};
 inline constexpr ObjectKind kRepositories{"repository", "repositories", kRepositoryList, "repository_id", "name"};
+inline constexpr ObjectKind kUploads{"upload", "uploads", kUploadList, "upload_id", "name"};
 
 // Calls the method at `list_path`. When the exit code is kOk, the member `plural` of the data is an array.
 CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind);
@@ -55,5 +56,13 @@ ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const ch
 // Calls the method at `path` for the object with this id or name. Its id is written to `id`.
 ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                        const std::string& id_or_name, std::string& id);
+
+// The same with more parameters.
+ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                       const std::string& id_or_name, const Json::Value& parameters);
+
+// Calls the method at `path`, which gives the object with this id or name another name.
+ExitCode RenameObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                      const std::string& id_or_name, const std::string& name);
 
 }  // namespace vexa::cli

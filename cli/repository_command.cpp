@@ -7,14 +7,69 @@
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "host/base/byte_text.h"
 #include "host/storage/repository_records.h"
+#include "json/readers.h"
 
 namespace vexa::cli {
 namespace {
 
+namespace json = VexaVirtualization::json;
+
 constexpr const char* kAddRepository = "/webapi/VEXA.Virtualization.Repository/add";
 constexpr const char* kRemoveRepository = "/webapi/VEXA.Virtualization.Repository/remove";
 constexpr const char* kAcceptRepository = "/webapi/VEXA.Virtualization.Repository/accept";
+
+constexpr const char* kGetRepository = "/webapi/VEXA.Virtualization.Repository/get";
+constexpr const char* kRenameRepository = "/webapi/VEXA.Virtualization.Repository/rename";
+constexpr const char* kSetLimits = "/webapi/VEXA.Virtualization.Repository/limits";
+
+// Bytes for people; "-" when the server has not sent a number.
+std::string Bytes(const Json::Value& value) { return value.isUInt64() ? ByteText(json::UInt64(value)) : "-"; }
+
+std::string SpaceText(const Json::Value& repository) {
+  const Json::Value& space = Member(repository, "space");
+  if (space.isNull()) return "-";
+  return fmt::format("{} of {}", Bytes(Member(space, "used")), Bytes(Member(space, "total")));
+}
+
+std::string LimitText(const Json::Value& space, const char* name) {
+  const std::string percent = Text(Member(space, name));
+  return percent == "0" ? "never" : Printable(percent) + " %";
+}
+
+void PrintRepository(const Json::Value& repository) {
+  const auto text = [&](const char* name) { return Printable(Text(Member(repository, name))); };
+  std::cout << fmt::format("repository  {}\nname        {}\nhost        {}\nstate       {}\nused        {}\n",
+                           text(kRepositories.id), text("name"), text("host_id"), text("state"), SpaceText(repository));
+  const Json::Value& space = Member(repository, "space");
+  if (space.isObject()) {
+    std::cout << fmt::format("free        {}\nwarning     {}\nfull        {}\n", Bytes(Member(space, "free")),
+                             LimitText(space, "soft_percent"), LimitText(space, "hard_percent"));
+  }
+  const std::string reason = Printable(Text(Member(Member(repository, "storage"), "reason")));
+  if (!reason.empty()) std::cout << "problem     " << reason << '\n';
+  Table disks{{"GUEST", "DISK", "SIZE", "ALLOCATED", "PATH"}, {}};
+  for (const Json::Value& guest : json::Elements(Member(repository, "guests"))) {
+    const std::string name = Text(Member(guest, "name"));
+    for (const Json::Value& disk : json::Elements(Member(guest, "vdisks"))) {
+      const Json::Value& mib = Member(disk, "size_mib");
+      disks.rows.push_back({name.empty() ? Text(Member(guest, "guest_id")) : name, Text(Member(disk, "vdisk_id")),
+                            mib.isUInt64() ? Text(mib) + " MiB" : "-", Bytes(Member(disk, "allocated")),
+                            Text(Member(disk, "path"))});
+    }
+  }
+  std::cout << '\n';
+  PrintTable(std::cout, disks);
+  const Json::Value& files = Member(repository, "files");
+  if (files.empty()) return;
+  Table others{{"FILE OF NO GUEST", "SIZE", "ALLOCATED"}, {}};
+  for (const Json::Value& file : json::Elements(files)) {
+    others.rows.push_back({Text(Member(file, "path")), Bytes(Member(file, "size")), Bytes(Member(file, "allocated"))});
+  }
+  std::cout << '\n';
+  PrintTable(std::cout, others);
+}
 
 }  // namespace
 
@@ -35,10 +90,28 @@ ExitCode RunRepositoryList(const GlobalOptions& global) {
   if (global.json) return PrintJson(repositories);
   for (const Json::Value& repository : repositories) {
     const auto text = [&](const char* name) { return Printable(Text(Member(repository, name))); };
-    std::cout << fmt::format("{}  {}  {}  {}\n", text(kRepositories.id), text("host_id"), text("state"),
-                             text(kRepositories.name));
+    std::cout << fmt::format("{}  {}  {}  {}  {}\n", text(kRepositories.id), text("host_id"), text("state"),
+                             SpaceText(repository), text(kRepositories.name));
   }
   return ExitCode::kOk;
+}
+
+ExitCode RunRepositoryGet(const GlobalOptions& global, const std::string& repository) {
+  return ShowObject(global, kRepositories, kGetRepository, repository, PrintRepository);
+}
+
+ExitCode RunRepositoryRename(const GlobalOptions& global, const RenameOptions& options) {
+  return RenameObject(global, kRepositories, kRenameRepository, options.object, options.name);
+}
+
+ExitCode RunRepositoryLimits(const GlobalOptions& global, const RepositoryLimitsOptions& options) {
+  Json::Value parameters(Json::objectValue);
+  if (options.soft) parameters["soft_percent"] = *options.soft;
+  if (options.hard) parameters["hard_percent"] = *options.hard;
+  const ExitCode set = CallForObject(global, kRepositories, kSetLimits, options.repository, parameters);
+  if (set != ExitCode::kOk) return set;
+  return PrintConfirmation(global,
+                           fmt::format("Set the limits of the repository '{}'.", Printable(options.repository)));
 }
 
 ExitCode RunRepositoryRemove(const GlobalOptions& global, const std::string& repository) {

@@ -147,7 +147,7 @@ void AddGuestOptions(CLI::App& app, Config& config) {
                  "A file system with more free GiB than this never counts as short of space or full; 0: use only the "
                  "percentages")
       ->check(CLI::Range(0, 1'048'576));
-  app.add_option("--upload-count", config.upload_count, "Uploads of images in progress at once")
+  app.add_option("--upload-count", config.upload_count, "The largest number of uploads of images in progress")
       ->check(CLI::Range(0, 64));
   app.add_option("--upload-size", config.upload_size, "The largest image, in GiB, that can be uploaded")
       ->check(CLI::Range(1, 1'048'576));

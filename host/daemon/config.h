@@ -38,7 +38,7 @@ struct Config {
   unsigned repository_warning = 90;      // used percentage of a repository's file system; 0: no warning
   unsigned repository_full = 98;         // the same for a full repository, whose guests are not started
   unsigned repository_headroom = 100;    // GiB; with more free space, neither of the two applies
-  unsigned upload_count = 8;             // uploads of images at once
+  unsigned upload_count = 8;             // uploads of images in progress
   unsigned upload_size = 64;             // GiB; of one upload
   unsigned upload_total = 256;           // GiB; of all uploads in progress
   unsigned upload_reserve = 1024;        // MiB; what uploads leave free on a file system

@@ -439,7 +439,8 @@ class Daemon::Impl {
           api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::GuestLiveRows(),
           api::ImportRows(store_),
           api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
-          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
+          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
+          api::RepositoryRows(store_, {host_id_, config.image_roots, storage::QemuAccessFor(config.hypervisor)}),
           api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
           api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());

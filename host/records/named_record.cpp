@@ -1,5 +1,7 @@
 #include "host/records/named_record.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
 #include <utility>
@@ -109,6 +111,69 @@ Status RemoveNamedRecord(const store::Snapshot& snapshot, std::string_view categ
   transaction.compares.push_back({name_key, (*name)->revision});
   transaction.operations.push_back({std::move(name_key), std::nullopt});
   return {};
+}
+
+namespace {
+
+Result<store::Transaction> PlanRenaming(const store::Snapshot& snapshot, std::string_view category,
+                                        std::string_view kind, const std::string& id, const std::string& new_name,
+                                        std::string& old_name, std::optional<Refusal>& refused) {
+  store::Transaction transaction;
+  old_name.clear();
+  const auto all = ReadNamedRecords(snapshot, category);
+  if (!all) return all.error();
+  const auto renamed = std::ranges::find(*all, id, &NamedRecord::id);
+  if (renamed == all->end()) {
+    refused = Refusal{host_error::kNotFoundOrUnreadable,
+                      fmt::format("There is no {} '{}'", kind, SanitizeForLog(id, kMaxRecordName))};
+    return transaction;
+  }
+  old_name = DisplayName(*renamed);
+  if (renamed->name == new_name) return transaction;
+  const auto other = std::ranges::find(*all, new_name, &NamedRecord::name);
+  if (other != all->end()) {
+    refused = Refusal{kRecordExists, fmt::format("The {} '{}' has the name '{}'", kind,
+                                                 SanitizeForLog(other->id, kMaxRecordName), new_name)};
+    return transaction;
+  }
+  // Unlike the list, this reports a damaged record, which must not be replaced by its name alone.
+  Result<StoredObject> stored = LoadObject(snapshot, ObjectKey(category, id));
+  if (!stored) return stored.error();
+  const std::string old_key = NameKey(category, renamed->name);
+  const auto old_value = snapshot.Get(old_key);
+  if (!old_value) return old_value.error();
+  if (IsRecordName(renamed->name) && old_value->has_value() && (*old_value)->text == json::ToText(Json::Value(id))) {
+    transaction.compares.push_back({old_key, (*old_value)->revision});
+    transaction.operations.push_back({old_key, std::nullopt});
+  }
+  const std::string new_key = NameKey(category, new_name);
+  const auto new_value = snapshot.Get(new_key);
+  if (!new_value) return new_value.error();
+  transaction.compares.push_back({new_key, new_value->has_value() ? (*new_value)->revision : 0});
+  transaction.operations.push_back({new_key, json::ToText(Json::Value(id))});
+  stored->record[VexaCCC::DB::_k::name] = new_name;
+  PutObject(transaction, ObjectKey(category, id), *stored);
+  std::set<std::string_view> named;
+  for (const NamedRecord& each : *all) {
+    if (each.id == id || !IsRecordName(each.name) || !named.insert(each.name).second) continue;
+    if (Status put = PutMissingName(snapshot, category, each, transaction); !put) return put.error();
+  }
+  return transaction;
+}
+
+}  // namespace
+
+Result<void, Refusal> RenameRecord(store::Store& store, std::string_view category, std::string_view kind,
+                                   const std::string& id, const std::string& new_name, std::string& old_name) {
+  old_name.clear();
+  if (!IsRecordName(new_name)) {
+    return Refusal{
+        user_error::kBadParameter,
+        fmt::format("The name of a record ({}) is 1 to 128 bytes of UTF-8 without control characters", kind)};
+  }
+  return CommitRecord(store, [&](const Reader& reader, std::optional<Refusal>& refused) {
+    return PlanRenaming(reader, category, kind, id, new_name, old_name, refused);
+  });
 }
 
 std::string FormatReferrers(const std::vector<std::string>& users) {

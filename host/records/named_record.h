@@ -67,6 +67,12 @@ Status AddNamedRecord(const store::Snapshot& snapshot, std::string_view category
 Status RemoveNamedRecord(const store::Snapshot& snapshot, std::string_view category, const NamedRecord& removed,
                          store::Transaction& transaction);
 
+// Gives the record with this id another name, which satisfies IsRecordName and no other record of the category has.
+// Sets `old_name` to its display name before, or to "" when there is no such record. `kind` is for messages: "image".
+// Refusals: kBadParameter (not a name), kNotFoundOrUnreadable, kRecordExists, kRecordFailed (also: it is damaged).
+Result<void, Refusal> RenameRecord(store::Store& store, std::string_view category, std::string_view kind,
+                                   const std::string& id, const std::string& new_name, std::string& old_name);
+
 // A list for messages: at most ten of `users`, separated by commas, then how many more there are: "'a', 'b' and 3
 // more".
 std::string FormatReferrers(const std::vector<std::string>& users);

@@ -251,6 +251,7 @@ Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const st
   if (!removed) return removed.error();
   // The repository's host may write these until the record is gone.
   transaction.operations.push_back({StorageKey(id), std::nullopt});
+  transaction.operations.push_back({SpaceKey(id), std::nullopt});
   transaction.operations.push_back({RepositoryStateKey(id), std::nullopt});
   return transaction;
 }
@@ -290,8 +291,11 @@ Result<std::vector<ListedRepository>> ListRepositories(const store::Store& store
   if (!records) return records.error();
   std::vector<ListedRepository> repositories;
   for (const NamedRecord& record : *records) {
-    ListedRepository listed{record.id, record.name, json::StringMember(record.record, keys::host_id), "", {}};
+    ListedRepository listed{record.id, record.name, json::StringMember(record.record, keys::host_id), "", {}, {}};
     if (Status put = ReadStorageState(*reader, record, listed); !put) return put.error();
+    auto space = ReadSpace(*reader, record.id, listed.host_id);
+    if (!space) return space.error();
+    listed.space = *space;
     const auto state = records::RepositoryStateIfHostGone(*reader, record.record);
     if (!state) return state.error();
     if (*state) listed.state = **state;

@@ -7,11 +7,13 @@
 
 #include <json/value.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/base/refusal.h"
 #include "host/base/result.h"
+#include "host/storage/repository_space.h"
 #include "host/store/store.h"
 
 namespace vexa::storage {
@@ -39,6 +41,7 @@ struct ListedRepository {
   // What is stored about the folders with its disks: StorageJson(), or {"reason"} when it cannot be read. Null
   // when nothing is stored.
   Json::Value storage;
+  std::optional<RepositorySpace> space;  // not set: unknown
 };
 
 // All repositories, by id. Errors: those of the store.

@@ -6,6 +6,7 @@
 
 #include "host/base/sanitize_for_log.h"
 #include "host/records/run_record.h"
+#include "host/storage/repository_space.h"
 
 namespace vexa::storage {
 namespace {
@@ -67,6 +68,7 @@ struct StorageWatch::PendingProbe {
   std::string repository_id;
   std::string name;
   Storage storage;
+  SpaceLimits limits;
   std::shared_ptr<ProbeResult> result;
   BoundedCalls::Call call;
 };
@@ -79,7 +81,8 @@ void StorageWatch::Stop() {
 }
 
 StorageWatch::PendingProbe StorageWatch::BeginProbe(const std::string& repository_id, const std::string& name,
-                                                    const Storage& storage, const std::vector<std::string>& paths) {
+                                                    const Storage& storage, const SpaceLimits& limits,
+                                                    const std::vector<std::string>& paths) {
   const bool is_needed = options_.files == StorageOptions::Files::kNeeded;
   ProbeRequest request{
       options_.roots, {}, paths, repository_id, is_needed ? UnusedRootPolicy::kMissing : UnusedRootPolicy::kIgnored};
@@ -88,7 +91,7 @@ StorageWatch::PendingProbe StorageWatch::BeginProbe(const std::string& repositor
   auto result = std::make_shared<ProbeResult>();
   BoundedCalls::Call call = calls_.Begin(
       repository_id, [result, probe = options_.probe, request = std::move(request)] { *result = probe(request); });
-  return {repository_id, name, storage, std::move(result), std::move(call)};
+  return {repository_id, name, storage, limits, std::move(result), std::move(call)};
 }
 
 std::optional<StorageProblem> StorageWatch::ProblemFound(PendingProbe& pending) const {
@@ -98,7 +101,7 @@ std::optional<StorageProblem> StorageWatch::ProblemFound(PendingProbe& pending) 
     problem = StorageProblem{check.folders, check.reason, {}, StateOf(check)};
   } else {
     const auto& before = pending.storage.problem;
-    problem = WorstProblem(pending.result->conditions, options_.limits, before ? before->state : "");
+    problem = WorstProblem(pending.result->conditions, pending.limits, before ? before->state : "");
   }
   if (problem) problem->since = options_.now();
   return problem;
@@ -123,8 +126,18 @@ std::string StorageWatch::ApplyProbe(PendingProbe& pending) {
     return "";
   }
   last_logged_.erase(pending.repository_id);
+  if (has_answered) StoreSpace(pending);
   LogChange(pending.repository_id, pending.name, *change);
   return change->state;
+}
+
+void StorageWatch::StoreSpace(const PendingProbe& pending) {
+  std::optional<RepositorySpace> space = SumOf(pending.result->conditions);
+  if (!space) return;
+  space->host_id = options_.host_id;
+  space->limits = pending.limits;
+  const Status written = WriteSpace(*options_.store, pending.repository_id, *space);
+  if (!written) LogOnce(pending.repository_id, written.error().ToString());
 }
 
 // A check of the files of a repository's disks, in progress. Its results are shared, because it may outlive the watch.
@@ -229,7 +242,12 @@ void StorageWatch::Refresh() {
         LogOnce(id, storage.error().ToString());
         continue;
       }
-      probes.push_back(BeginProbe(id, name, *storage, files_of(id).paths));
+      const Result<SpaceLimits> limits = LimitsOf(**snapshot, id, options_.limits);
+      if (!limits) {
+        LogOnce(id, limits.error().ToString());
+        continue;
+      }
+      probes.push_back(BeginProbe(id, name, *storage, *limits, files_of(id).paths));
     }
   }
   std::vector<PendingFileCheck> file_checks;
@@ -276,6 +294,37 @@ Result<void, Refusal> StorageWatch::CheckFolders(const std::string& repository_i
   FolderChain part;
   for (const std::string& path : paths) part.merge(SubChain(*known, options_.roots, path));
   return CheckWithTimeout(repository_id, part, use);
+}
+
+Result<void, Refusal> StorageWatch::CheckRoom(const std::string& repository_id,
+                                              const std::map<std::string, std::uint64_t>& bytes_by_path) {
+  SpaceLimits limits;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return {};
+    const Result<SpaceLimits> own = LimitsOf(**snapshot, repository_id, options_.limits);
+    if (!own) return {};
+    limits = *own;
+  }
+  if (limits.full_percent == 0 || repository_id.empty()) return {};
+  std::map<std::string, std::uint64_t> bytes_by_folder;
+  for (const auto& [path, bytes] : bytes_by_path) bytes_by_folder[path.substr(0, path.rfind('/'))] += bytes;
+  for (const auto& [folder, bytes] : bytes_by_folder) {
+    const auto conditions = std::make_shared<std::vector<FolderCondition>>();
+    BoundedCalls::Call call = calls_.Begin(repository_id + "/room", [conditions, folder = folder] {
+      *conditions = ProbeFolders({folder});
+      // A new repository's folder is made with its first file.
+      if (conditions->empty()) *conditions = ProbeFolders({folder.substr(0, folder.rfind('/'))});
+    });
+    if (!call.Wait()) return NotRespondingRefusal(repository_id);
+    for (const FolderCondition& condition : *conditions) {
+      const std::optional<std::string> why = WhyTooFull(condition, limits, bytes);
+      if (!why) continue;
+      return Refusal{host_error::kUnavailable, "The repository " + Quoted(repository_id) + " lacks room: " + *why +
+                                                   ". Make room in it, or use another repository"};
+    }
+  }
+  return {};
 }
 
 Result<void, Refusal> StorageWatch::CheckStoredFolders(const std::string& repository_id, const FolderChain& stored,

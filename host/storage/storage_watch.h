@@ -100,6 +100,11 @@ class StorageWatch {
   // The same as CheckFolders, for the folder chain that a job's journal has stored of its files.
   Result<void, Refusal> CheckStoredFolders(const std::string& repository_id, const FolderChain& stored, StorageUse use);
 
+  // Refuses when files that a job is going to create or grow would make a file system of the repository full, because
+  // guests may write all of them: 949, with the figures. `bytes_by_path` has the bytes that each file may get.
+  Result<void, Refusal> CheckRoom(const std::string& repository_id,
+                                  const std::map<std::string, std::uint64_t>& bytes_by_path);
+
   // Releases waiting callers. Do not use the watch afterwards: all storage counts as not responding, and Refresh writes
   // nothing.
   void Stop();
@@ -107,7 +112,8 @@ class StorageWatch {
  private:
   struct PendingProbe;
   PendingProbe BeginProbe(const std::string& repository_id, const std::string& name, const Storage& storage,
-                          const std::vector<std::string>& paths);
+                          const SpaceLimits& limits, const std::vector<std::string>& paths);
+  void StoreSpace(const PendingProbe& pending) VEXA_REQUIRES(refreshing_);
   // Waits for the probe and writes its result. Returns the repository's state, "" when it is unknown.
   std::string ApplyProbe(PendingProbe& pending) VEXA_REQUIRES(refreshing_);
   std::optional<StorageProblem> ProblemFound(PendingProbe& pending) const;

@@ -294,6 +294,26 @@ Result<UploadProgress, Refusal> Uploads::ProgressOf(const std::string& id) const
   return UploadProgress{id, *received, upload->size};
 }
 
+Result<std::vector<ListedUpload>> Uploads::List() const {
+  const RequestPause pause;
+  std::vector<ListedUpload> listed;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    auto all = ReadUploads(**snapshot);
+    if (!all) return all.error();
+    for (Upload& upload : *all) listed.push_back({std::move(upload), std::nullopt});
+  }
+  for (ListedUpload& each : listed) {
+    if (each.upload.host_id != options_.host_id) continue;
+    const auto root = OpenUploadRoot(each.upload);
+    if (!root.ok()) continue;
+    const auto received = ReceivedBytes(each.upload, root->get());
+    if (received.ok()) each.received = *received;
+  }
+  return listed;
+}
+
 Result<std::uint64_t, PieceRefusal> Uploads::Append(const std::string& id, const UploadPiece& piece) {
   const RequestPause pause;
   const auto refuse = [](Refusal refusal) { return PieceRefusal{std::move(refusal), std::nullopt}; };

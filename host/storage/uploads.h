@@ -26,7 +26,7 @@ inline constexpr std::uint64_t kGib = std::uint64_t{1} << 30;
 
 // What this host takes.
 struct UploadLimits {
-  std::size_t count = 8;                 // uploads at once
+  std::size_t count = 8;                 // uploads in progress
   std::uint64_t size = 64 * kGib;        // of one upload
   std::uint64_t total = 256 * kGib;      // of all uploads that are not finished
   std::uint64_t reserve = kGib;          // stays free on the file system
@@ -61,6 +61,11 @@ struct UploadProgress {
   std::uint64_t size = 0;
 };
 
+struct ListedUpload {
+  Upload upload;
+  std::optional<std::uint64_t> received;  // not set: it is on another host, or its folder cannot be read
+};
+
 struct UploadPiece {
   std::uint64_t offset = 0;
   std::uint64_t total = 0;  // of the whole upload
@@ -86,6 +91,8 @@ class Uploads {
   // Appends a piece, which is on disk then, and returns the bytes received. On a failure none of the piece is kept.
   Result<std::uint64_t, PieceRefusal> Append(const std::string& id, const UploadPiece& piece);
   Result<UploadProgress, Refusal> ProgressOf(const std::string& id) const;
+  // All uploads of the cluster, by id. Errors: those of the store.
+  Result<std::vector<ListedUpload>> List() const;
   // Checks what has arrived, gives the file its name, adds the image, and sets `name` to its name ("" when unknown).
   // An upload with another digest is removed. After other refusals it can be called again, and also when the image
   // exists already, since the first answer may have been lost.

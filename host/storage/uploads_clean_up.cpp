@@ -1,4 +1,4 @@
-// Finishes uploads that were interrupted at their end, and removes those that are not continued.
+// Finishes uploads that were interrupted at their end, and removes abandoned ones.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>

@@ -12,7 +12,8 @@ const std::string kImages = R"({"images":[
   {"image_id":"i2","name":"go\u001b[2Jne","present":false},{"image_id":"i3","name":"twin"},
   {"image_id":"i4","name":"twin"}, 7, null]})";
 const std::string kRepositories = R"({"repositories":[
-  {"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_online"},
+  {"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_online",
+   "space":{"total":1073741824,"used":536870912,"free":536870912}},
   {"repository_id":"r2","name":"p\u001b[2J","host_id":"h2","state":"repo_full","storage":{"reason":"why"}},
   {"repository_id":"r3","name":"twin"},{"repository_id":"r4","name":"twin"}]})";
 
@@ -167,8 +168,94 @@ TEST_F(ImageCommand, RepositoryList_SeveralRepositories_HasOneLineEach) {
   const ApiHost host(With(kRepositories));
   const auto result = RunOn(host, {"repository", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_THAT(result.output, StartsWith("r1  h1  repo_online  pool-1\nr2  h2  repo_full  p\\x1b[2J\n"));
+  EXPECT_THAT(result.output,
+              StartsWith("r1  h1  repo_online  512.0 MiB of 1.0 GiB  pool-1\nr2  h2  repo_full  -  p\\x1b[2J\n"));
   EXPECT_EQ(Parse(RunOn(host, {"repository", "list", "--json"}).output), Parse(kRepositories)["repositories"]);
+}
+
+TEST_F(ImageCommand, Rename_Name_SendsIdAndNewName) {
+  const ApiHost host(With(kImages));
+  const auto image = RunOn(host, {"image", "rename", "debian-12", "debian 12.8"});
+  EXPECT_EQ(image.output, "The image 'debian-12' is called 'debian 12.8' now.\n") << image.errors;
+  const ApiHost other(With(kRepositories));
+  const auto repository = RunOn(other, {"repository", "rename", "pool-1", "pool-a"});
+  EXPECT_EQ(repository.output, "The repository 'pool-1' is called 'pool-a' now.\n") << repository.errors;
+  EXPECT_THAT(host.calls(), ElementsAre("list {}", R"(rename {"image_id":"i1","name":"debian 12.8"})"));
+  EXPECT_THAT(other.calls(), ElementsAre("list {}", R"(rename {"name":"pool-a","repository_id":"r1"})"));
+  ExpectUsage({"image", "rename", "i1", ""}, "vexa: A name is 1 to 128 bytes of UTF-8 without control characters\n");
+}
+
+TEST_F(ImageCommand, RepositoryLimits_Percentages_AreSent) {
+  const ApiHost host(With(kRepositories));
+  EXPECT_EQ(RunOn(host, {"repository", "limits", "pool-1", "--soft", "80", "--hard", "95"}).output,
+            "Set the limits of the repository 'pool-1'.\n");
+  EXPECT_EQ(RunOn(host, {"repository", "limits", "r1"}).exit_code, 0);
+  EXPECT_THAT(host.calls(),
+              ElementsAre("list {}", R"(limits {"hard_percent":95,"repository_id":"r1","soft_percent":80})", "list {}",
+                          R"(limits {"repository_id":"r1"})"));
+}
+
+TEST_F(ImageCommand, RepositoryGet_ShowsSpaceDisksAndFiles) {
+  const ApiHost host(With(kRepositories, R"({"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_full",
+      "space":{"total":1073741824,"used":536870912,"free":536870912,"soft_percent":80,"hard_percent":0},
+      "storage":{"reason":"why\u001b[2J"},
+      "guests":[{"guest_id":"g1","name":"web-1","vdisks":[
+        {"vdisk_id":"d1","path":"/i/d1","size_mib":1024,"allocated":2048},{"vdisk_id":"d2","path":"/i/d2"}]}, 7],
+      "files":[{"path":"/i/old\u001b.img","size":1,"allocated":4096}]})"));
+  const auto result = RunOn(host, {"repository", "get", "pool-1"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output,
+            "repository  r1\nname        pool-1\nhost        h1\nstate       repo_full\n"
+            "used        512.0 MiB of 1.0 GiB\nfree        512.0 MiB\nwarning     80 %\nfull        never\n"
+            "problem     why\\x1b[2J\n\n"
+            "GUEST  DISK  SIZE      ALLOCATED  PATH\n"
+            "web-1  d1    1024 MiB  2.0 KiB    /i/d1\n"
+            "web-1  d2    -         -          /i/d2\n\n"
+            "FILE OF NO GUEST  SIZE    ALLOCATED\n"
+            "/i/old\\x1b.img    1 byte  4.0 KiB\n");
+}
+
+TEST_F(ImageCommand, Upload_FailsOnTheWay_SaysThatItContinues) {
+  WriteFile(folder_.File("a.iso"), "1234567");
+  const ApiHost host([](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    if (method == "upload_begin") return ApiHost::Success(R"({"upload_id":"u1","image_id":"u1","received":2})");
+    return ApiHost::Failure(995, "No room.", R"(,"details":{"received":2},"reason":"4 bytes are needed")");
+  });
+  const auto result = RunOn(host, {"image", "add", "a", folder_.File("a.iso"), "--upload"});
+  ExpectFailed(result, "4 bytes are needed");
+  EXPECT_THAT(result.errors, HasSubstr("vexa: Run the same command again to continue the upload.\n"));
+  EXPECT_THAT(host.calls(), ElementsAre(HasSubstr(R"("name":"a")"), "u1 34567"));
+}
+
+TEST_F(ImageCommand, Uploads_ListAndCancel_UseNames) {
+  const ApiHost host([](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    if (method != "upload_list") return ApiHost::Success();
+    return ApiHost::Success(R"({"uploads":[
+      {"upload_id":"u1","name":"a","host_id":"h1","user":"alice","size":9,"received":4},
+      {"upload_id":"u2","name":"b\u001b","host_id":"h2","user":"bob","size":7}]})");
+  });
+  EXPECT_EQ(RunOn(host, {"image", "cancel-upload", "a"}).output, "Cancelled the upload 'a'.\n");
+  EXPECT_THAT(host.calls(), ElementsAre("upload_list {}", R"(upload_cancel {"upload_id":"u1"})"));
+  EXPECT_EQ(RunOn(host, {"image", "uploads"}).output,
+            "UPLOAD  NAME    HOST  USER   RECEIVED  BYTES\n"
+            "u1      a       h1    alice  4         9\n"
+            "u2      b\\x1b   h2    bob    -         7\n");
+}
+
+TEST_F(ImageCommand, Upload_OffsetOfServer_IsUsed) {
+  WriteFile(folder_.File("a.iso"), "1234567");
+  int pieces = 0;
+  const ApiHost host([&](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    if (method == "upload_begin") return ApiHost::Success(R"({"upload_id":"u1","image_id":"u1","received":0})");
+    if (method == "upload_end") return ApiHost::Success(R"({"image_id":"u1"})");
+    if (pieces++ == 0) return ApiHost::Failure(993, "Elsewhere.", R"(,"details":{"received":5})");
+    return ApiHost::Success(R"({"received":7})");
+  });
+  const auto result = RunOn(host, {"image", "add", "a", folder_.File("a.iso"), "--upload"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, "u1\n");
+  EXPECT_THAT(host.calls(),
+              ElementsAre(HasSubstr(R"("size":7)"), "u1 1234567", "u1 67", R"(upload_end {"upload_id":"u1"})"));
 }
 
 TEST_F(ImageCommand, RepositoryAcceptAndRemove_Name_SendItsId) {

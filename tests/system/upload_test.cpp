@@ -401,5 +401,56 @@ TEST_F(UploadProgramTest, TwoCommandsWithOneName_OneUploads) {
   EXPECT_EQ(DigestOf(ReadAll(Images() + "/debian.iso")), DigestOf(winner));
 }
 
+// Repositories of a daemon whose guests are those of libvirt's test driver.
+class RepositoryProgramTest : public ::testing::Test {
+ protected:
+  RepositoryProgramTest() {
+    daemon_ = std::make_unique<Process>(
+        ProcessOptions{.argv = {VEXAD_PROGRAM, "--data", folder_.File("data"), "--socket", folder_.File("s"),
+                                "--listen", "none", "--image-roots", Images(), "--log", "stderr"}});
+    EXPECT_TRUE(daemon_->WaitForText("Ready.", 60s)) << daemon_->errors();
+  }
+  std::string Images() const { return folder_.File("images"); }
+  ProcessResult Vexa(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {VEXA_PROGRAM, "--socket", folder_.File("s"), "--json"});
+    return RunProcess({.argv = arguments});
+  }
+  Json::Value Get() const { return JsonBody({"", 200, {}, Vexa({"repository", "get", "pool"}).output}); }
+
+  TempDir folder_;
+  std::unique_ptr<Process> daemon_;
+};
+
+TEST_F(RepositoryProgramTest, HardLimit_RefusesNewAndLargerDisks) {
+  ASSERT_EQ(Vexa({"repository", "add", "pool"}).exit_code, 0);
+  const std::vector<std::string> create{"guest", "create", "web", "--disk", "1GiB", "--net", "none"};
+  // Every file system is fuller than that.
+  ASSERT_EQ(Vexa({"repository", "limits", "pool", "--soft", "0", "--hard", "1"}).exit_code, 0);
+  const ProcessResult refused = Vexa(create);
+  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_THAT(refused.errors, HasSubstr("lacks room: 1.0 GiB more would make the file system of the folder '"));
+  EXPECT_THAT(refused.errors, HasSubstr("at least 1 % full: "));
+  ASSERT_EQ(Vexa({"repository", "limits", "pool", "--hard", "0"}).exit_code, 0);
+  const ProcessResult created = Vexa(create);
+  ASSERT_EQ(created.exit_code, 0) << created.errors;
+  const Json::Value guests = json::Member(Get(), "guests");
+  ASSERT_EQ(guests.size(), 1u);
+  EXPECT_EQ(json::StringMember(json::Element(guests, 0), "name"), "web");
+  const Json::Value disk = json::Element(json::Member(json::Element(guests, 0), "vdisks"), 0);
+  EXPECT_EQ(json::Member(disk, "size_mib"), 1024);
+  EXPECT_GT(json::UInt64(json::Member(disk, "allocated")), 0u);
+  ASSERT_EQ(Vexa({"repository", "limits", "pool", "--soft", "0", "--hard", "1"}).exit_code, 0);
+  const std::string id = json::StringMember(disk, "vdisk_id");
+  EXPECT_NE(Vexa({"guest", "set", "web", "--grow-disk", id + "=3"}).exit_code, 0);
+  EXPECT_TRUE(daemon_->WaitForText("lacks room: 2.0 GiB more", 30s)) << daemon_->errors();
+  ASSERT_EQ(Vexa({"repository", "limits", "pool"}).exit_code, 0);
+  // The next check has the space, by the settings of the host.
+  EXPECT_TRUE(Eventually([&] {
+    const Json::Value repository = Get();
+    const Json::Value& space = json::Member(repository, "space");
+    return json::UInt64(json::Member(space, "total")) > 0 && json::Int(json::Member(space, "hard_percent")) == 98;
+  }));
+}
+
 }  // namespace
 }  // namespace vexa::test

@@ -7,6 +7,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/record_calls.h"
 #include "host/disks/image_records.h"
+#include "host/records/guest_image.h"
 #include "host/storage/image_sizes.h"
 #include "webapi/platform/ccc.h"
 
@@ -61,6 +62,10 @@ void Remove(store::Store& store, const Call& call) {
   ChangeRecord(store, call, "image_id", disks::RemoveImage, LogRemoval);
 }
 
+void Rename(store::Store& store, const Call& call) {
+  RenameObject(store, call, {records::kImageCategory, "image", "image_id"});
+}
+
 }  // namespace
 
 std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::vector<std::string> image_roots) {
@@ -85,6 +90,13 @@ std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::v
                            "Remove an image that is not in a guest's drive. Its file stays.",
                            {Text("image_id", "The image's id.")},
                            {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kRecordInUse,
+                            user_error::kRecordFailed}),
+          AdministratorRow("VEXA.Virtualization.Image", "rename", LaneKind::kLong,
+                           [store](const Call& call) { Rename(*store, call); },
+                           "Give an image another name. Its file keeps its name.",
+                           {Text("image_id", "The image's id."),
+                            Text("name", "The new name, 1 to 128 bytes; no other image may have it.")},
+                           {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kRecordExists,
                             user_error::kRecordFailed})};
 }
 

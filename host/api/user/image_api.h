@@ -10,7 +10,7 @@
 
 namespace vexa::api {
 
-// "list", "add", "remove". Files must be below one of `image_roots`.
+// "list", "add", "rename", "remove". Files must be below one of `image_roots`.
 std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::vector<std::string> image_roots);
 
 }  // namespace vexa::api

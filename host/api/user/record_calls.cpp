@@ -45,4 +45,18 @@ void ChangeRecord(store::Store& store, const Call& call, const char* id_paramete
   call.response->SetSuccess(Json::Value());
 }
 
+void RenameObject(store::Store& store, const Call& call, const RenamedKind& kind) {
+  const auto id = call.request->GetAndCheckString(kind.id_parameter, kRequired, IsId);
+  const auto name = call.request->GetAndCheckString("name", kRequired);
+  if (id.IsInvalid() || name.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  std::string old_name;
+  const auto done = records::RenameRecord(store, kind.category, kind.kind, id.Get(), name.Get(), old_name);
+  const std::string old_shown = old_name.empty() ? id.Get() : old_name;
+  const std::string new_shown = SanitizeForLog(name.Get(), records::kMaxRecordName);
+  LogOutcome(call, OutcomeOf(done), fmt::format("The {} [{}] has been renamed [{}].", kind.kind, old_shown, new_shown),
+             fmt::format("Failed to rename the {} [{}].", kind.kind, old_shown));
+  if (!done.ok()) return Fail(call, done.error().code, done.error().reason);
+  call.response->SetSuccess(Json::Value());
+}
+
 }  // namespace vexa::api

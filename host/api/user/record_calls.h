@@ -28,4 +28,13 @@ void ChangeRecord(store::Store& store, const Call& call, const char* id_paramete
                   Result<void, Refusal> change(store::Store& store, const std::string& id, std::string& name),
                   void log(const Call& call, Outcome outcome, const std::string& name));
 
+struct RenamedKind {
+  const char* category;
+  const char* kind;  // for sentences: "image"
+  const char* id_parameter;
+};
+
+// Gives the record in the parameter `id_parameter` the name in "name", and logs the outcome.
+void RenameObject(store::Store& store, const Call& call, const RenamedKind& kind);
+
 }  // namespace vexa::api

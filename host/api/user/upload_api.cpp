@@ -54,6 +54,23 @@ void Begin(storage::Uploads& uploads, const Call& call) {
   call.response->SetSuccess(data);
 }
 
+void List(const storage::Uploads& uploads, const Call& call) {
+  const auto listed = uploads.List();
+  if (!listed) return RespondListError(call, "uploads", listed.error());
+  Json::Value data(Json::objectValue);
+  Json::Value& list = data["uploads"] = Json::Value(Json::arrayValue);
+  for (const storage::ListedUpload& each : *listed) {
+    Json::Value& entry = list.append(Json::Value(Json::objectValue));
+    entry["upload_id"] = each.upload.id;
+    entry["name"] = each.upload.name;
+    entry["host_id"] = each.upload.host_id;
+    entry["user"] = each.upload.user;
+    entry["size"] = Json::UInt64{each.upload.size};
+    if (each.received) entry["received"] = Json::UInt64{*each.received};
+  }
+  call.response->SetSuccess(data);
+}
+
 void ShowStatus(const storage::Uploads& uploads, const Call& call) {
   const auto id = ReadId(call);
   if (!id) return;
@@ -105,6 +122,10 @@ std::vector<ApiRow> UploadRows(const std::shared_ptr<storage::Uploads>& uploads)
            Text("sha256", "The SHA-256 of the file, 64 hexadecimal digits in lower case."),
            OptionalString("folder", "The image folder that it will be in (default: the first one of this host).")},
           {kBadParameter, kUnavailable, kRecordExists, kRecordFailed, kNoRoom, kUploadLimit, kNotFoundOrUnreadable}),
+      AdministratorRow(
+          kApi, "upload_list", LaneKind::kLong, [uploads](const Call& call) { List(*uploads, call); },
+          "The uploads in progress: id, name, host, user, size, and what this host has received of its own.", {},
+          {kRecordFailed}),
       AdministratorRow(kApi, "upload_status", LaneKind::kLong,
                        [uploads](const Call& call) { ShowStatus(*uploads, call); },
                        "How many bytes of an upload this host has received.", {id},

@@ -2,6 +2,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -79,6 +81,7 @@ Result<void, Refusal> EditJob::GatherFacts() {
   const std::optional<FileChanges> unexamined = std::exchange(unexamined_, std::nullopt);
   if (!unexamined) return {};
   if (const auto allowed = CheckStorage(*unexamined); !allowed.ok()) return allowed;
+  if (const auto allowed = CheckRoom(*unexamined); !allowed.ok()) return allowed;
   const Status selected = SelectFor(*unexamined);
   // Files that were not found may have disappeared together with their storage.
   if (selected) return CheckStorage(*unexamined);
@@ -94,6 +97,16 @@ Result<void, Refusal> EditJob::CheckStorage(const FileChanges& files) const {
   paths.clear();
   for (const NewFile& file : files.made) paths.push_back(file.path);
   return job_.CheckStorage(files.repository_id, paths, storage::StorageUse::kNew);
+}
+
+// Disks that are made, or become larger, must fit into the repository when their guests write all of them.
+Result<void, Refusal> EditJob::CheckRoom(const FileChanges& files) const {
+  if (!options_.storage) return {};
+  std::map<std::string, std::uint64_t> bytes;
+  for (const NewFile& file : files.made) bytes[file.path] = file.size_mib << 20;
+  for (const GrownFile& file : files.grown) bytes[file.path] = file.added_mib << 20;
+  if (bytes.empty()) return {};
+  return options_.storage->CheckRoom(files.repository_id, bytes);
 }
 
 // A commit that reported a failure may still have taken effect, and would block every operation on the guest.

@@ -89,7 +89,7 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
   if (edited.runs_here) {
     disk.stored.record[kImageIsSmaller] = true;
   } else {
-    edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
+    edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib, size_mib - now_mib});
     disk.stored.record.removeMember(kImageIsSmaller);
   }
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);

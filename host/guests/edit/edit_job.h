@@ -69,6 +69,7 @@ class EditJob {
   // nothing is known about the files.
   Result<void, Refusal> CheckStorage(const FileChanges& files) const;
   Result<void, Refusal> CheckStorage() const;
+  Result<void, Refusal> CheckRoom(const FileChanges& files) const;
   Outcome HandleFailedBegin(const Error& error);
   Result<store::Transaction> PlanBegin(const records::Reader& reader, const Requester& requester);
   Result<store::Transaction> CompleteOrRefuse(MaybeRefused refused, store::Transaction& transaction);

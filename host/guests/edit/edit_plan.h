@@ -31,6 +31,7 @@ struct GrownFile {
   std::string path;
   domain_xml::ImageFormat format = domain_xml::ImageFormat::kQcow2;
   std::uint64_t size_mib = 0;
+  std::uint64_t added_mib = 0;
   bool operator==(const GrownFile&) const = default;
 };
 

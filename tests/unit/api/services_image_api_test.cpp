@@ -9,12 +9,15 @@
 
 #include "host/api/user/image_api.h"
 #include "host/api/user/repository_api.h"
+#include "host/api/user/upload_api.h"
 #include "host/records/environment.h"
+#include "host/storage/repository_space.h"
 #include "json/readers.h"
 #include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
+#include "webapi/platform/ccc.h"
 
 namespace vexa::api {
 namespace {
@@ -62,13 +65,24 @@ class ImageApi : public ::testing::Test {
   std::vector<ApiRow> Rows() {
     const auto& store = records::CurrentEnvironment()->store;
     std::vector<ApiRow> rows = ImageRows(store, {Root()});
-    for (ApiRow& row : RepositoryRows(store)) rows.push_back(std::move(row));
+    RepositoryPlaces places;
+    places.host_id = VexaCCC::DB::DBLocalhostID();
+    places.image_roots = {Root()};
+    for (ApiRow& row : RepositoryRows(store, places)) rows.push_back(std::move(row));
+    storage::UploadOptions uploads;
+    uploads.store = store;
+    uploads.host_id = places.host_id;
+    uploads.roots = places.image_roots;
+    uploads.limits.reserve = 0;
+    for (ApiRow& row : UploadRows(std::make_shared<storage::Uploads>(std::move(uploads)))) {
+      rows.push_back(std::move(row));
+    }
     return rows;
   }
 };
 
 TEST_F(ImageApi, Rows_AreForAdministratorsExceptLists) {
-  ASSERT_EQ(table_.rows().size(), 7u);
+  ASSERT_EQ(table_.rows().size(), 16u);
   for (const ApiRow& row : table_.rows()) {
     EXPECT_EQ(row.access.value, row.method == "list" ? Access::kUser : Access::kAdministrator) << row.method;
     for (const int code : row.errors) EXPECT_NE(FindError(code), nullptr) << row.method << " " << code;
@@ -157,6 +171,129 @@ TEST_F(ImageApi, Repository_AddListAcceptRemove_Works) {
               ElementsAre("root 3 The repository [pool] has been added.",
                           "root 3 The storage of the repository [pool] has been accepted as it is now.",
                           "root 3 The repository [pool] has been removed."));
+}
+
+TEST_F(ImageApi, RepositoryAdd_OwnHost_MakesFolder) {
+  ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + "\"}").code, 0);
+  EXPECT_TRUE(std::filesystem::is_directory(Root() + "/" + kId));
+  // The folder of another host's repository is not this host's business.
+  const Answer other = Repository("add", R"({"name":"other","host_id":")" + std::string(kHost) + "\"}");
+  ASSERT_EQ(other.code, 0);
+  EXPECT_FALSE(std::filesystem::exists(Root() + "/" + json::StringMember(other.data, "repository_id")));
+}
+
+TEST_F(ImageApi, RepositoryAdd_FolderCannotBeMade_AddsNothing) {
+  std::filesystem::remove_all(Root());
+  std::ofstream(Root()) << "a file";
+  const Answer refused = Repository("add", R"({"name":"pool"})");
+  EXPECT_EQ(refused.code, 949);
+  EXPECT_EQ(ReasonOf(refused), "The folder '" + Root() + "' cannot be made: Not a directory");
+  EXPECT_EQ(Repository("list").data, Parsed(R"({"repositories":[]})"));
+  EXPECT_THAT(ClusterLogLines(), ElementsAre("root 1 Failed to add the repository [pool]."));
+}
+
+TEST_F(ImageApi, RepositoryGet_ShowsSpaceGuestsAndOtherFiles) {
+  const std::string id = kId;
+  ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + id + "\"}").code, 0);
+  const std::string folder = Root() + "/" + id;
+  std::ofstream(folder + "/disk") << std::string(10'000, 'x');
+  std::ofstream(folder + "/old") << "twelve bytes";
+  host_.PutText("guest", "g1", R"({"name":"web-1","repository_id":")" + id + "\"}");
+  host_.PutText("vdisk", "d1",
+                R"({"guest_id":"g1","repository_id":")" + id + R"(","size":1,"path":")" + folder + "/disk\"}");
+  host_.PutText("vdisk", "d2",
+                R"({"guest_id":"g2","repository_id":")" + id + R"(","size":2,"path":")" + folder + "/gone\"}");
+  (void)Require(host_.store().Commit(
+      {{},
+       {{storage::SpaceKey(id), R"({"host_id":")" + records::CurrentEnvironment()->host_id +
+                                    R"(","total":100,"used":60,"free":40,"soft_percent":90,"hard_percent":98,)"
+                                    R"("headroom_gib":100})"}}}));
+  const Answer got = Repository("get", R"({"repository_id":")" + id + "\"}");
+  ASSERT_EQ(got.code, 0) << ReasonOf(got);
+  EXPECT_EQ(got.data["name"], "pool");
+  EXPECT_EQ(got.data["space"], Parsed(R"({"total":100,"used":60,"free":40,"soft_percent":90,"hard_percent":98,
+                                          "headroom_gib":100})"));
+  ASSERT_EQ(got.data["guests"].size(), 2u);
+  const Json::Value disk = got.data["guests"][0]["vdisks"][0];
+  EXPECT_EQ(got.data["guests"][0]["name"], "web-1");
+  EXPECT_EQ(disk["vdisk_id"], "d1");
+  EXPECT_EQ(disk["size_mib"], 1);
+  EXPECT_GE(disk["allocated"].asUInt64(), 8192u);
+  EXPECT_EQ(got.data["guests"][1]["vdisks"][0],
+            Parsed(R"({"vdisk_id":"d2","path":")" + folder + R"(/gone","size_mib":2})"));
+  ASSERT_EQ(got.data["files"].size(), 1u);
+  EXPECT_EQ(got.data["files"][0]["path"], folder + "/old");
+  EXPECT_EQ(got.data["files"][0]["size"], 12);
+  EXPECT_EQ(Repository("list").data["repositories"][0]["space"], got.data["space"]);
+  EXPECT_EQ(Repository("get", R"({"repository_id":"x"})").code, 403);
+  EXPECT_EQ(Repository("get").code, 401);
+}
+
+TEST_F(ImageApi, Rename_ChangesNameAndLogs) {
+  ASSERT_EQ(Image("add", Addition("a")).code, 0);
+  const std::string image = R"({"image_id":")" + std::string(kId) + R"(","name":)";
+  EXPECT_EQ(Image("rename", image + "\"b\"}").code, 0);
+  EXPECT_EQ(Image("list").data["images"][0]["name"], "b");
+  EXPECT_EQ(Image("rename", image + "\"b\"}").code, 0);
+  for (const char* name : {"7", "\"\"", "\"a\\nb\"", "null"}) {
+    EXPECT_EQ(Image("rename", image + name + "}").code, 401) << name;
+  }
+  EXPECT_EQ(Image("rename", R"({"image_id":"x","name":"c"})").code, 403);
+  ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + "\"}").code, 0);
+  ASSERT_EQ(Repository("add", R"({"name":"other"})").code, 0);
+  const std::string repository = R"({"repository_id":")" + std::string(kId) + R"(","name":)";
+  const Answer taken = Repository("rename", repository + "\"other\"}");
+  EXPECT_EQ(taken.code, 990);
+  EXPECT_THAT(ReasonOf(taken), ::testing::EndsWith("' has the name 'other'"));
+  EXPECT_EQ(Repository("rename", repository + "\"pool-a\"}").code, 0);
+  const auto lines = ClusterLogLines();
+  EXPECT_THAT(lines, ::testing::Contains("root 3 The image [a] has been renamed [b]."));
+  EXPECT_THAT(lines, ::testing::Contains("root 1 Failed to rename the image [x]."));
+  EXPECT_THAT(lines, ::testing::Contains("root 1 Failed to rename the repository [pool]."));
+  EXPECT_THAT(lines, ::testing::Contains("root 3 The repository [pool] has been renamed [pool-a]."));
+}
+
+TEST_F(ImageApi, RepositoryLimits_AreStoredAndLogged) {
+  const std::string id = kId;
+  ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + id + "\"}").code, 0);
+  const std::string named = R"({"repository_id":")" + id + "\"";
+  EXPECT_EQ(Repository("limits", named + R"(,"soft_percent":70,"hard_percent":80})").code, 0);
+  const auto stored = [&] {
+    const auto snapshot = Require(host_.store().Read());
+    const auto limits = Require(storage::LimitsOf(*snapshot, id, {90, 98, 100}));
+    return std::vector<std::uint64_t>{limits.warning_percent, limits.full_percent, limits.headroom_gib};
+  };
+  EXPECT_THAT(stored(), ElementsAre(70, 80, 0));
+  const Answer refused = Repository("limits", named + R"(,"soft_percent":81,"hard_percent":80})");
+  EXPECT_EQ(refused.code, 401);
+  EXPECT_EQ(ReasonOf(refused), "Limits are percentages from 0 to 100, and the soft one is not above the hard one");
+  for (const char* bad : {R"(,"soft_percent":-1})", R"(,"hard_percent":101})", R"(,"hard_percent":"5"})"}) {
+    EXPECT_EQ(Repository("limits", named + bad).code, 401) << bad;
+  }
+  EXPECT_EQ(Repository("limits", R"({"repository_id":"x"})").code, 403);
+  EXPECT_THAT(stored(), ElementsAre(70, 80, 0));
+  EXPECT_EQ(Repository("limits", named + "}").code, 0);
+  EXPECT_THAT(stored(), ElementsAre(90, 98, 100));
+  EXPECT_THAT(ClusterLogLines(), ::testing::Contains("root 3 The limits of the repository [pool] have been set."));
+}
+
+TEST_F(ImageApi, Upload_OutcomesAreLogged) {
+  const std::string digest(64, 'a');
+  const Answer begun = Image("upload_begin", R"({"name":"u","size":3,"sha256":")" + digest + "\"}");
+  ASSERT_EQ(begun.code, 0) << ReasonOf(begun);
+  EXPECT_EQ(begun.data["upload_id"], begun.data["image_id"]);
+  EXPECT_EQ(Image("upload_begin", R"({"name":"u","size":4,"sha256":")" + digest + "\"}").code, 990);
+  const std::string named = R"({"upload_id":")" + begun.data["upload_id"].asString() + "\"}";
+  EXPECT_EQ(Image("upload_status", named).data["received"], 0);
+  EXPECT_EQ(Image("upload_list").data, Parsed(R"({"uploads":[{"upload_id":")" + begun.data["upload_id"].asString() +
+                                              R"(","name":"u","host_id":")" + records::CurrentEnvironment()->host_id +
+                                              R"(","user":"root","size":3,"received":0}]})"));
+  EXPECT_EQ(Image("upload_end", named).code, 993);
+  EXPECT_EQ(Image("upload_cancel", named).code, 0);
+  EXPECT_EQ(Image("upload_list").data, Parsed(R"({"uploads":[]})"));
+  EXPECT_THAT(ClusterLogLines(), ElementsAre("root 1 Failed to begin the upload of the image [u].",
+                                             "root 1 Failed to upload the image [u].",
+                                             "root 3 The upload of the image [u] has been cancelled."));
 }
 
 TEST_F(ImageApi, RepositoryAdd_NoHost_UsesCalledHost) {

@@ -350,5 +350,62 @@ TEST_F(ImageRecords, Calls_StoreFails_AreReportedAndChangeNothing) {
   EXPECT_THAT(Names(), ElementsAre("a"));
 }
 
+TEST_F(ImageRecords, Rename_MovesNameKeyAndKeepsRest) {
+  const std::string file = MakeFile("a.iso");
+  ExpectAdded("a", file, kId);
+  std::string old_name;
+  ASSERT_TRUE(records::RenameRecord(host_.store(), "image", "image", kId, "b", old_name).ok());
+  EXPECT_EQ(old_name, "a");
+  EXPECT_EQ(TextOf(records::ObjectKey("image", kId)), R"({"name":"b","path":")" + file + "\"}");
+  EXPECT_EQ(TextOf("/name/image/a"), "");
+  EXPECT_EQ(TextOf("/name/image/b"), Quoted(kId));
+  ExpectAdded("a", MakeFile("c.iso"));
+}
+
+TEST_F(ImageRecords, Rename_Invalid_IsRefused) {
+  ExpectAdded("a", MakeFile("a.iso"), kId);
+  ExpectAdded("b", MakeFile("b.iso"), kOther);
+  std::string old_name;
+  const auto rename = [&](const char* id, const std::string& name) {
+    return [&old_name, this, id, name] {
+      return records::RenameRecord(host_.store(), "image", "image", id, name, old_name);
+    };
+  };
+  ExpectRefused(rename(kId, "b"), kRecordExists, "The image '" + std::string(kOther) + "' has the name 'b'");
+  ExpectRefused(rename(kGuest, "c"), 403, "There is no image '" + std::string(kGuest) + "'");
+  ExpectRefused(rename(kId, "x\ny"), 401,
+                "The name of a record (image) is 1 to 128 bytes of UTF-8 without control characters");
+  Put(records::ObjectKey("image", kId), "7");
+  EXPECT_EQ(rename(kId, "c")().error().code, kRecordFailed);
+  EXPECT_EQ(TextOf(records::ObjectKey("image", kId)), "7");
+}
+
+TEST_F(ImageRecords, RenameAndAdd_ConcurrentToOneName_OneIsAccepted) {
+  constexpr int kClients = 8;
+  std::vector<std::string> ids;
+  for (int i = 0; i < kClients; ++i) {
+    ExpectAdded("image-" + std::to_string(i), MakeFile("r" + std::to_string(i)));
+    ids.push_back(added_);
+  }
+  const std::string file = MakeFile("new");
+  std::latch ready(kClients);
+  std::vector<Result<void, Refusal>> results(kClients);
+  std::vector<std::thread> clients;
+  for (int i = 0; i < kClients; ++i) {
+    clients.emplace_back([&, i] {
+      std::string name;
+      ready.arrive_and_wait();
+      results[static_cast<std::size_t>(i)] =
+          i == 0
+              ? AddImage(host_.store(), {Root()}, {"one", file, ""}, name)
+              : records::RenameRecord(host_.store(), "image", "image", ids[static_cast<std::size_t>(i)], "one", name);
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(test::CountAccepted(results), 1);
+  const std::vector<std::string> names = Names();
+  EXPECT_EQ(std::count(names.begin(), names.end(), "one"), 1);
+}
+
 }  // namespace
 }  // namespace vexa::disks

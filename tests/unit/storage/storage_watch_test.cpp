@@ -121,11 +121,13 @@ TEST_F(StorageWatchTest, Refresh_NothingChanged_WritesNothing) {
   EXPECT_THAT(Logged(), ElementsAre(NotMounted()));
 }
 
-TEST_F(StorageWatchTest, Refresh_EmptyRepository_WritesNothing) {
-  const store::Revision before = Revision();
+TEST_F(StorageWatchTest, Refresh_EmptyRepository_WritesItsSpaceOnce) {
   StorageWatch watch(Options());
   watch.Refresh();
-  EXPECT_EQ(Revision(), before);
+  const store::Revision written = Revision();
+  watch.Refresh();
+  EXPECT_EQ(Revision(), written);
+  EXPECT_FALSE(TextOf(RepositoryStateKey(kPool)));
 }
 
 TEST_F(StorageWatchTest, Refresh_OtherFolder_IsUnavailableUntilRestored) {

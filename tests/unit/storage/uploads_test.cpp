@@ -217,7 +217,7 @@ TEST_F(UploadsTest, Begin_NameOfImageOrFile_IsRefused) {
   ExpectCode(uploads.Begin(Of("b")), 990, "The name 'b' is taken by the file '" + Path("b.iso") + "'");
 }
 
-TEST_F(UploadsTest, Begin_ManyAtOnceWithOneName_OneIsAccepted) {
+TEST_F(UploadsTest, Begin_ConcurrentWithOneName_OneIsAccepted) {
   constexpr int kClients = 8;
   Uploads here(Options());
   UploadOptions elsewhere = Options();
