@@ -38,8 +38,8 @@ std::vector<ApiRow> GuestSetRows(const ServiceParts& parts) {
   return {HostRow(
       "VEXA.CCC.Guest", "set", LaneKind::kLong,
       [control = parts.guests, store = parts.store](const Call& call) { Set(control, store.get(), call); },
-      "Edits a guest: makes all changes or none. Changes that a running guest cannot take apply from its next start.",
-      EditParameters(Audience::kHosts),
+      "Edits a guest: makes all changes or none. A running guest takes what it can, and the rest at its next start.",
+      EditParametersWithApply(Audience::kHosts),
       {host_error::kBadParameter, host_error::kNotFoundOrUnreadable, host_error::kTooManyDisks, host_error::kFailed,
        host_error::kNameTaken, host_error::kBadNic, host_error::kBadDisk, host_error::kOnOtherHost, host_error::kBusy,
        host_error::kNoImage, host_error::kBadUsb, host_error::kNoUsbPort, host_error::kSuspended,

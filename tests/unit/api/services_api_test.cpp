@@ -81,7 +81,7 @@ TEST_F(Services, Rows_Each_IsForHostsAndVersionOne) {
       UnorderedElementsAre(
           "VEXA.CCC.Cluster.Member certificate_sign", "VEXA.CCC.Cluster.Member utilization_get",
           "VEXA.CCC.Guest check_repo_cap", "VEXA.CCC.Guest create", "VEXA.CCC.Guest check_resource",
-          "VEXA.CCC.Guest delete", "VEXA.CCC.Guest discard_saved", "VEXA.CCC.Guest get_info", "VEXA.CCC.Guest hostset",
+          "VEXA.CCC.Guest apply", "VEXA.CCC.Guest pending", "VEXA.CCC.Guest delete", "VEXA.CCC.Guest discard_saved", "VEXA.CCC.Guest get_info", "VEXA.CCC.Guest hostset",
           "VEXA.CCC.Guest poweroff", "VEXA.CCC.Guest poweron", "VEXA.CCC.Guest reboot", "VEXA.CCC.Guest release",
           "VEXA.CCC.Guest restore", "VEXA.CCC.Guest resume", "VEXA.CCC.Guest save", "VEXA.CCC.Guest suspend",
           "VEXA.CCC.Guest screenshot", "VEXA.CCC.Guest set", "VEXA.CCC.Guest shutdown", "VEXA.CCC.Guest type",

@@ -131,7 +131,9 @@ TEST_F(GuestLive, Edit_OtherGuestsHaveProcessors_Waits) {
   if (cpus > 1) PutGuest(kOther, "web-2", Parsed(R"({"vcpu_num":)" + std::to_string(cpus - 1) + "}"));
   Start(std::move(options));
   ASSERT_TRUE(control_->PowerOn(kGuest, kAlice).ok());
-  if (cpus > 1) ASSERT_TRUE(control_->PowerOn(kOther, kAlice).ok());
+  if (cpus > 1) {
+    ASSERT_TRUE(control_->PowerOn(kOther, kAlice).ok());
+  }
   test::ClearCapturedSyslog();
   EXPECT_DONE(Edit(R"({"vcpu_num":2})"));
   EXPECT_EQ(Pending(), R"([{"property":"vcpu_num","recorded":2,"running":1}])");
@@ -197,7 +199,8 @@ TEST_F(GuestLive, Pending_DefinitionCannotBeMade_SaysWhy) {
   ASSERT_NO_FATAL_FAILURE(StartRunning());
   PutGuest(kGuest, "web-1", Parsed(R"({"video_card":"unheard of"})"));
   EXPECT_THAT(Pending(), HasSubstr("901 The video card 'unheard of' is unknown"));
-  EXPECT_DONE(Edit(R"({"vcpu_num":2})")) << "that it cannot be compared does not keep it from being edited";
+  // That it cannot be compared does not keep it from being edited.
+  EXPECT_DONE(Edit(R"({"vcpu_num":2})"));
 }
 
 TEST_F(GuestLive, Pending_MachineCannotBeRead_SaysWhy) {
