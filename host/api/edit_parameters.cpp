@@ -27,9 +27,10 @@ std::vector<Parameter> EditParameters(Audience audience) {
 
 std::vector<Parameter> EditParametersWithApply(Audience audience) {
   std::vector<Parameter> parameters = EditParameters(audience);
-  parameters.push_back({"apply", ParameterType::kString, Necessity::kOptional,
-                        "\"now\": refuse the edit when a running guest cannot take all of it. \"next_start\": leave the "
-                        "running guest as it is. Otherwise it takes what it can, and the rest at its next start."});
+  parameters.push_back(
+      {"apply", ParameterType::kString, Necessity::kOptional,
+       "\"now\": refuse the edit when a running guest cannot take all of it. \"next_start\": leave the "
+       "running guest as it is. Otherwise it takes what it can, and the rest at its next start."});
   return parameters;
 }
 
