@@ -16,9 +16,9 @@ namespace {
 
 constexpr const char* kSetFooter = R"(
 Settings and devices are changed completely or not at all, and rights after that. Without --timeout the server has
-3600 s. Ctrl-C ends immediately; a request that was sent is not cancelled. A running guest takes what it can, and the
-rest waits for its next start, as 'vexa guest status' shows. With --now an edit that it cannot take completely is
-refused; with --next-start it stays as it is, and 'vexa guest apply' can change it later. Sizes of disks are in GiB, vram_size is in MiB.
+3600 s. Ctrl-C ends immediately; a request that was sent is not cancelled. A running guest takes what it can,
+and the rest waits for its next start, as 'vexa guest status' shows. With --now an edit that it cannot take completely
+is refused; with --next-start it stays as it is, and 'vexa guest apply' can change it later. Sizes of disks are in GiB, vram_size is in MiB.
 
 The server looks up names of users and groups for administrators. With --system they are those of this machine's
 operating system, with --data or --store those of a store on this machine. Others use uid:NUMBER or gid:NUMBER.

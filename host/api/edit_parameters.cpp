@@ -22,9 +22,15 @@ std::vector<Parameter> EditParameters(Audience audience) {
     const char* const description = audience == Audience::kUsers ? setting.for_users : setting.for_hosts;
     if (description) parameters.push_back({setting.name, TypeOf(setting.type), Necessity::kOptional, description});
   }
-  parameters.push_back({"apply", ParameterType::kString, Necessity::kOptional,
-                        "\"now\": refuse the edit when a running guest cannot take all of it. \"next_start\": leave the "
-                        "running guest as it is. Otherwise it takes what it can, and the rest at its next start."});
+  return parameters;
+}
+
+std::vector<Parameter> EditParametersWithApply(Audience audience) {
+  std::vector<Parameter> parameters = EditParameters(audience);
+  parameters.push_back(
+      {"apply", ParameterType::kString, Necessity::kOptional,
+       "\"now\": refuse the edit when a running guest cannot take all of it. \"next_start\": leave the "
+       "running guest as it is. Otherwise it takes what it can, and the rest at its next start."});
   return parameters;
 }
 

@@ -10,4 +10,7 @@ namespace vexa::api {
 // "guest_id", and everything that these callers may set.
 std::vector<Parameter> EditParameters(Audience audience);
 
+// With "apply", which says when a running guest is changed.
+std::vector<Parameter> EditParametersWithApply(Audience audience);
+
 }  // namespace vexa::api

@@ -25,6 +25,12 @@ enum class TextFormat { kOneOf, kGuestName, kDescription, kKeyboardLayout };
 // changed, or only when a start makes a new machine.
 enum class TakesEffect { kImmediately, kWhileRunning, kAtNextStart };
 
+// A parameter of edits: what becomes of the changes while the guest runs. Absent: it takes what it can, and the rest at
+// its next start.
+inline constexpr char kApply[] = "apply";
+inline constexpr char kApplyNow[] = "now";                 // an edit that cannot be applied completely is refused
+inline constexpr char kApplyAtNextStart[] = "next_start";  // the running machine stays as it is
+
 // The unit of a number in requests and records. "get" replies KiB for kMib.
 enum class Unit { kNone, kMib };
 

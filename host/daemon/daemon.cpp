@@ -26,7 +26,6 @@
 #include "host/api/user/creation_api.h"
 #include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
-#include "host/api/user/guest_live_api.h"
 #include "host/api/user/guest_network_api.h"
 #include "host/api/user/guest_saved_state_api.h"
 #include "host/api/user/guest_state_api.h"
@@ -436,8 +435,7 @@ class Daemon::Impl {
     for (auto&& part :
          {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
           api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
-          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::GuestLiveRows(),
-          api::ImportRows(store_),
+          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
           api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
           api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
           api::RepositoryRows(store_, {host_id_, config.image_roots, storage::QemuAccessFor(config.hypervisor)}),

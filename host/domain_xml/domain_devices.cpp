@@ -52,9 +52,8 @@ std::string DiskElement(std::string_view xml, const std::string& path) {
 }
 
 std::string NicElement(std::string_view xml, const std::string& mac) {
-  return Find(xml, "interface", [&](pugi::xml_node nic) {
-    return parse::NormalizeMac(Attribute(nic.child("mac"), "address")) == mac;
-  });
+  return Find(xml, "interface",
+              [&](pugi::xml_node nic) { return parse::NormalizeMac(Attribute(nic.child("mac"), "address")) == mac; });
 }
 
 std::string UsbElement(std::string_view xml, const std::string& device) {
@@ -75,8 +74,8 @@ std::string DriveElement(std::string_view xml, std::size_t index, const std::str
 }
 
 std::string MemoryElement(std::uint64_t size_mib) {
-  return fmt::format(
-      "<memory model='dimm'><target><size unit='MiB'>{}</size><node>0</node></target></memory>", size_mib);
+  return fmt::format("<memory model='dimm'><target><size unit='MiB'>{}</size><node>0</node></target></memory>",
+                     size_mib);
 }
 
 Result<MachineLimits> ParseMachineLimits(std::string_view xml) {

@@ -24,7 +24,7 @@ struct MachineLimits {
 // Each returns "" when the XML is not a <domain>, or has no such device. Elements have no address, alias or boot order:
 // those of another machine would not fit, and libvirt finds a device without them.
 std::string DiskElement(std::string_view xml, const std::string& path);
-std::string NicElement(std::string_view xml, const std::string& mac);  // in lower case
+std::string NicElement(std::string_view xml, const std::string& mac);     // in lower case
 std::string UsbElement(std::string_view xml, const std::string& device);  // "1234:00ab" or "3.14"
 // The CD-ROM drive `index` with another medium; `path` is "" for none.
 std::string DriveElement(std::string_view xml, std::size_t index, const std::string& path);

@@ -39,9 +39,9 @@ struct Machine {
 };
 
 // The settings that the comparison covers, in the order in which they are listed.
-constexpr const char* kSettings[] = {"vcpu_num",  "vram_size", "cpu_weight",       "cpu_pin_num", "cpu_passthru",
-                                     "boot_from", "use_ovmf",  "hyperv_enlighten", "video_card",  "kb_layout",
-                                     "usb_version"};
+constexpr const char* kSettings[] = {"vcpu_num",     "vram_size", "cpu_weight", "cpu_pin_num",
+                                     "cpu_passthru", "boot_from", "use_ovmf",   "hyperv_enlighten",
+                                     "video_card",   "kb_layout", "usb_version"};
 
 std::string Attribute(pugi::xml_node element, const char* name) { return element.attribute(name).value(); }
 
@@ -200,8 +200,8 @@ void CompareDisks(const Machine& running, const Machine& recorded, const GuestRe
   }
 }
 
-// The ids of the disks that `machine` boots from, in this order, without those that `other` has no order for: disks
-// that were added to a running guest have none.
+// The ids of the disks that `machine` boots from, in this order. Disks without an order in `other` are left out: they
+// were added to a running guest.
 Json::Value BootOrder(const Machine& machine, const Machine& other, const GuestRecords& records) {
   std::vector<const MachineDisk*> disks;
   for (const MachineDisk& disk : machine.disks) {
@@ -261,6 +261,16 @@ Json::Value ToJson(const std::vector<Difference>& differences) {
     element["recorded"] = difference.recorded;
   }
   return list;
+}
+
+std::vector<Difference> DifferencesFromJson(const Json::Value& list) {
+  std::vector<Difference> differences;
+  for (const Json::Value& element : json::Elements(list)) {
+    if (!json::Member(element, "property").isString()) continue;
+    differences.push_back({json::StringMember(element, "property"), json::StringMember(element, "id"),
+                           json::Member(element, "running"), json::Member(element, "recorded")});
+  }
+  return differences;
 }
 
 }  // namespace vexa::domain_xml

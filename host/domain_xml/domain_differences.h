@@ -19,7 +19,8 @@ namespace vexa::domain_xml {
 //   property            id                                            values
 //   a setting's name    ""                                            as in the guest's record
 //   "vdisks"            the disk's; the file's name for one whose     {"path", "vdisk_mode", "unmap"}, null where the
-//                       record is gone                                guest does not have the disk; {"path", "size"} in MiB
+//                       record is gone                                guest does not have the disk; {"path", "size"} in
+//                       MiB
 //   "vdisks_order"      ""                                            [ids], as the guest boots from them
 //   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null
 //   "iso_images"        ""                                            [paths, "unmounted"]
@@ -42,7 +43,8 @@ using DiskSizes = std::map<std::string, std::uint64_t>;
 Result<std::vector<Difference>> FindDifferences(std::string_view running_xml, std::string_view recorded_xml,
                                                 const GuestRecords& records, const DiskSizes& running_sizes);
 
-// [{"property", "id" unless it is "", "running", "recorded"}]
+// [{"property", "id" unless it is "", "running", "recorded"}], and back; other elements are left out.
 Json::Value ToJson(const std::vector<Difference>& differences);
+std::vector<Difference> DifferencesFromJson(const Json::Value& list);
 
 }  // namespace vexa::domain_xml

@@ -133,16 +133,16 @@ class GuestControl {
   // See Creations::Create; the guest gets a new id.
   virtual Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) = 0;
   // See Edits::Edit. Then changes the running guest likewise, as far as it can be changed; the rest takes effect at its
-  // next start and is in Pending() until then. The parameter "apply" (edit_request.h) decides otherwise.
+  // next start and is in Pending() until then. The parameter "apply" (guest_setting.h) decides otherwise.
   virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,
                                      const Requester& requester) = 0;
   // What the guest will have otherwise at its next start than it has now. Empty for a guest that has no machine here.
   // Refusals: 403, 901 (the definition cannot be read or made), 949.
   virtual Result<std::vector<domain_xml::Difference>, Refusal> Pending(const std::string& guest_id) = 0;
-  // Changes a running guest as its records say, as far as it can be changed. What still waits is in Pending(), and the
-  // reasons are in the system log. Refusals: 911, 915, 403, 901, 949.
-  virtual Result<void, Refusal> Apply(const std::string& guest_id, hypervisor::Eject eject,
-                                      const Requester& requester) = 0;
+  // Changes a running guest as its records say, as far as it can be changed, except for what waits in `except`. What
+  // still waits is in Pending(), and the reasons are in the system log. Refusals: 911, 915, 403, 901, 949.
+  virtual Result<void, Refusal> Apply(const std::string& guest_id, const std::vector<domain_xml::Difference>& except,
+                                      hypervisor::Eject eject, const Requester& requester) = 0;
   // Makes `host_id` the guest's host. Refusals: 403 (no such guest or host), 910 (a host holds the guest), 915, 901.
   virtual Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) = 0;
 

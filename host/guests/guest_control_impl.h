@@ -58,8 +58,8 @@ class LibvirtGuestControl final : public GuestControl {
   Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) override;
   Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Result<std::vector<domain_xml::Difference>, Refusal> Pending(const std::string& guest_id) override;
-  Result<void, Refusal> Apply(const std::string& guest_id, hypervisor::Eject eject,
-                              const Requester& requester) override;
+  Result<void, Refusal> Apply(const std::string& guest_id, const std::vector<domain_xml::Difference>& except,
+                              hypervisor::Eject eject, const Requester& requester) override;
   Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) override;
   bool StopFencedGuests() override;
   Result<Rating> RateGuest(const std::string& guest_id) override;

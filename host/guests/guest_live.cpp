@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/guest_setting.h"
 #include "host/base/mutex.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/disks/file_referrers.h"
 #include "host/disks/image_file.h"
-#include "host/guests/edit/edit_request.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/live_changes.h"
 #include "host/records/keys.h"
@@ -119,15 +119,15 @@ Result<void, Refusal> LibvirtGuestControl::Edit(const std::string& guest_id, con
       options_.edit_wait);
 }
 
-Result<void, Refusal> LibvirtGuestControl::Apply(const std::string& guest_id, hypervisor::Eject eject,
-                                                 const Requester& requester) {
+Result<void, Refusal> LibvirtGuestControl::Apply(const std::string& guest_id, const std::vector<Difference>& except,
+                                                 hypervisor::Eject eject, const Requester& requester) {
   return Perform(
       guest_id, "apply", requester,
       [&]() -> Result<void, Refusal> {
         auto comparison = Compare(guest_id);
         if (!comparison.ok()) return comparison.error();
         if (!*comparison || (*comparison)->is_saved) return Refusal{host_error::kNotRunning, "The guest does not run"};
-        ApplyDifferences(**comparison, (*comparison)->differences, eject);
+        ApplyDifferences(**comparison, NewDifferences(except, (*comparison)->differences), eject);
         return {};
       },
       options_.edit_wait);
@@ -167,9 +167,8 @@ void LibvirtGuestControl::ApplyDifferences(const Comparison& comparison, const s
   const std::string& guest_id = comparison.guest.records.id;
   const auto limits = domain_xml::ParseMachineLimits(comparison.running_xml);
   if (differences.empty() || !limits) return;
-  LiveChanges changes(*hypervisor_,
-                      {guest_id, comparison.running_xml, comparison.recorded_xml, eject, options_.release_wait,
-                       [this](std::string_view step) { BeforeStep(step); }});
+  LiveChanges changes(*hypervisor_, {guest_id, comparison.running_xml, comparison.recorded_xml, eject,
+                                     options_.release_wait, [this](std::string_view step) { BeforeStep(step); }});
   bool has_files = false;
   for (const Difference& difference : differences) {
     const std::string obstacle = ObstacleTo(difference, *limits);
@@ -201,16 +200,17 @@ Result<void, Refusal> LibvirtGuestControl::ApplyOne(const Comparison& comparison
     files = std::move(*checked);
   }
   const bool takes_resources = difference.property == keys::vcpu_num || difference.property == keys::vram_size;
-  if (takes_resources) {
-    if (const auto reserved = Reserve(guest_id, difference.property, json::UInt64(difference.recorded));
-        !reserved.ok())
-      return reserved;
+  // More is reserved before the machine gets it, and less when the machine has given it up.
+  const std::uint64_t now = json::UInt64(difference.running);
+  const std::uint64_t next = json::UInt64(difference.recorded);
+  if (takes_resources && next > now) {
+    if (const auto reserved = Reserve(guest_id, difference.property, next); !reserved.ok()) return reserved;
   }
   if (IsGrowth(difference)) {
     if (const auto allowed = CheckGrowth(comparison.guest, difference.id); !allowed.ok()) return allowed;
   }
   const Status applied = changes.Apply(difference);
-  if (!applied && takes_resources) (void)Reserve(guest_id, difference.property, json::UInt64(difference.running));
+  if (takes_resources && (!applied || next < now)) (void)Reserve(guest_id, difference.property, applied ? next : now);
   if (!applied) return Refusal{host_error::kFailed, applied.error().ToString()};
   if (IsGrowth(difference)) return ClearImageIsSmaller(difference.id, json::UInt64(difference.recorded["size"]));
   if (!adds_file || !files) return {};
@@ -249,9 +249,9 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(const std::string& guest_id, 
   if (property == keys::vcpu_num) {
     const std::uint64_t room = std::uint64_t{host.cpus} * host.vcpus_per_cpu;
     if (amount > run.vcpus && host.vcpus_taken + amount > room)
-      return Refusal{host_error::kTooManyVcpus,
-                     fmt::format("The host has room for {} virtual CPUs, and other guests have {}", room,
-                                 host.vcpus_taken)};
+      return Refusal{
+          host_error::kTooManyVcpus,
+          fmt::format("The host has room for {} virtual CPUs, and other guests have {}", room, host.vcpus_taken)};
     run.vcpus = amount;
   } else {
     const std::uint64_t more_mib = amount > run.memory_mib ? amount - run.memory_mib : 0;
@@ -296,7 +296,7 @@ Result<void, Refusal> LibvirtGuestControl::ClearImageIsSmaller(const std::string
         auto disk = records::LoadObject(reader, key);
         if (!disk) return disk.error();
         store::Transaction transaction;
-        // It was to grow further meanwhile, or was removed.
+        // Its recorded size has changed meanwhile, or it was removed.
         if (disk->revision == 0 || json::UInt64(json::Member(disk->record, keys::size)) != size_mib) return transaction;
         disk->record.removeMember(kImageIsSmaller);
         records::PutObject(transaction, key, *disk);
@@ -314,8 +314,8 @@ void LibvirtGuestControl::GrowImages(const records::Guest& guest) {
     if (!json::Bool(json::Member(disk, kImageIsSmaller))) continue;
     const auto path = disks::NormalPath(json::StringMember(disk, disks::kDiskPath));
     const std::uint64_t size_mib = json::UInt64(json::Member(disk, keys::size));
-    const auto format = json::StringMember(disk, "driver") == "raw" ? domain_xml::ImageFormat::kRaw
-                                                                    : domain_xml::ImageFormat::kQcow2;
+    const auto format =
+        json::StringMember(disk, "driver") == "raw" ? domain_xml::ImageFormat::kRaw : domain_xml::ImageFormat::kQcow2;
     const auto grow = [&]() -> Result<void, Refusal> {
       if (const auto allowed = CheckGrowth(guest, id); !allowed.ok()) return allowed;
       const auto growth = disks::PlanGrowth(files, *path, format, size_mib << kBitsOfMib);

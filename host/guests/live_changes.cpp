@@ -62,8 +62,7 @@ std::string ObstacleTo(const Difference& difference, const MachineLimits& limits
     const bool needs_slot = !type.isNull() && type != kVirtio && type != json::Member(difference.running, "vnic_type");
     return needs_slot && !limits.has_pci_slots ? "the running guest has no slot for interfaces of this type" : "";
   }
-  if (property == "vram_size")
-    return ObstacleToMemory(Number(difference.running), Number(difference.recorded), limits);
+  if (property == "vram_size") return ObstacleToMemory(Number(difference.running), Number(difference.recorded), limits);
   if (property == "vcpu_num" && Number(difference.recorded) > limits.max_vcpus)
     return fmt::format("the guest was started with room for {} virtual CPUs", limits.max_vcpus);
   if (property == "iso_images" && difference.recorded.size() != limits.drives)
@@ -151,9 +150,8 @@ Status LiveChanges::ApplyUsb(const Difference& difference) {
   const std::set<std::string> after = Strings(difference.recorded);
   for (const std::string& device : before) {
     if (after.contains(device)) continue;
-    const Status done =
-        Detach(domain_xml::UsbElement(options_.running_xml, device),
-               [&](const std::string& xml) { return !domain_xml::UsbElement(xml, device).empty(); });
+    const Status done = Detach(domain_xml::UsbElement(options_.running_xml, device),
+                               [&](const std::string& xml) { return !domain_xml::UsbElement(xml, device).empty(); });
     if (!done) return done;
   }
   for (const std::string& device : after) {

@@ -223,9 +223,9 @@ class Hypervisor {
   // Presses keys of a running guest one after another; takes some 40 ms for each. Failures: kNotRunning, kUnsupported.
   virtual Result<void, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) = 0;
 
-  // Changes of a running guest. They last until it is off: its definition for the next start stays as it is. Failures of
-  // each: kNotRunning, kUnsupported and kFailed (the driver or the guest's machine cannot do it).
-  // Not more processors than the definition's maximum. The guest must agree to give some up.
+  // Changes of a running guest. They last until it is off: its definition for the next start stays as it is. Failures
+  // of each: kNotRunning, kUnsupported and kFailed (the driver or the guest's machine cannot do it). Not more
+  // processors than the definition's maximum. The guest must agree to give some up.
   virtual Result<void, Failure> SetVcpus(const std::string& id, unsigned count) = 0;
   virtual Result<void, Failure> SetCpuShares(const std::string& id, std::uint64_t shares) = 0;
   // `xml` is the element of the device in domain XML.

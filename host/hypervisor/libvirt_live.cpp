@@ -17,8 +17,9 @@ Result<void, Failure> LibvirtHypervisor::ChangeRunning(const std::string& id, co
 }
 
 Result<void, Failure> LibvirtHypervisor::SetVcpus(const std::string& id, unsigned count) {
-  return ChangeRunning(id, fmt::format("Cannot give the guest {} {} virtual CPUs", id, count),
-                       [=](virDomainPtr domain) { return virDomainSetVcpusFlags(domain, count, VIR_DOMAIN_VCPU_LIVE); });
+  return ChangeRunning(
+      id, fmt::format("Cannot give the guest {} {} virtual CPUs", id, count),
+      [=](virDomainPtr domain) { return virDomainSetVcpusFlags(domain, count, VIR_DOMAIN_VCPU_LIVE); });
 }
 
 Result<void, Failure> LibvirtHypervisor::SetCpuShares(const std::string& id, std::uint64_t shares) {
@@ -51,9 +52,8 @@ Result<void, Failure> LibvirtHypervisor::DetachDevice(const std::string& id, con
 Result<void, Failure> LibvirtHypervisor::UpdateDevice(const std::string& id, const std::string& xml, Eject eject) {
   unsigned flags = VIR_DOMAIN_DEVICE_MODIFY_LIVE;
   if (eject == Eject::kForced) flags |= VIR_DOMAIN_DEVICE_MODIFY_FORCE;
-  return ChangeRunning(id, fmt::format("Cannot change the device of the guest {}", id), [&](virDomainPtr domain) {
-    return virDomainUpdateDeviceFlags(domain, xml.c_str(), flags);
-  });
+  return ChangeRunning(id, fmt::format("Cannot change the device of the guest {}", id),
+                       [&](virDomainPtr domain) { return virDomainUpdateDeviceFlags(domain, xml.c_str(), flags); });
 }
 
 Result<void, Failure> LibvirtHypervisor::ResizeDisk(const std::string& id, const std::string& disk,

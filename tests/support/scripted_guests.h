@@ -45,7 +45,9 @@ class ScriptedGuests final : public guests::GuestControl {
     if (const auto noted = Note("pending", id, {}); !noted.ok()) return noted.error();
     return pending;
   }
-  Result<void, Refusal> Apply(const std::string& id, hypervisor::Eject eject, const Requester& by) override {
+  Result<void, Refusal> Apply(const std::string& id, const std::vector<domain_xml::Difference>& except,
+                              hypervisor::Eject eject, const Requester& by) override {
+    applied_except = except;
     return Note(eject == hypervisor::Eject::kForced ? "apply forced" : "apply", id, by);
   }
   Result<void, Refusal> SetHost(const std::string& id, const std::string& host_id) override {
@@ -92,6 +94,7 @@ class ScriptedGuests final : public guests::GuestControl {
 
   std::optional<Refusal> refused;  // the answer to every action
   std::vector<domain_xml::Difference> pending;
+  std::vector<domain_xml::Difference> applied_except;
   guests::Rating rating;
   Json::Value last_edit;
   Json::Value last_creation;

@@ -60,8 +60,7 @@ TEST_F(GuestState, Status_SomethingWaits_PrintsBothValuesOrWhyUnknown) {
     "host_id":"h1","status":"running","status_type":"healthy",
     "pending":[{"property":"vcpu_num","running":2,"recorded":4}]}})")});
   const auto waits = RunInUtc(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
-  EXPECT_THAT(waits.output,
-              HasSubstr("\nWaiting for the next start\nPROPERTY  ID  NOW  NEXT\nvcpu_num      2    4\n"));
+  EXPECT_THAT(waits.output, HasSubstr("\nWaiting for the next start\nPROPERTY  ID  NOW  NEXT\nvcpu_num      2    4\n"));
   const ScriptedServer silent({HttpReplyOf(200, R"({"success":true,"data":{"guest_id":"g1","guest_name":"web",
     "host_id":"h1","status":"running","status_type":"healthy","pending_reason":"no\u001bbody answers"}})")});
   const auto unknown = RunInUtc(silent, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});

@@ -53,6 +53,36 @@ class GuestSetCluster : public TransportCluster {
   }
 };
 
+// The host that is called stores the edit, and the one that runs the guest changes its machine.
+TEST_F(GuestSetCluster, Set_GuestRunsOnAnotherHost_ChangesItsMachine) {
+  const auto pending = [&](int host) {
+    const Json::Value status =
+        Call(host, "VEXA.Virtualization.Guest/status", R"({"guest_id":")" + std::string(kGuest) + "\"}");
+    const Json::Value& data = json::Member(status, "data");
+    return json::ToText(data.isMember("pending") ? data["pending"] : data["pending_reason"]);
+  };
+  const auto vcpus = [&] { return Require(ParseJson(Stored({"run", kGuest})))["vcpus"].asInt(); };
+  ASSERT_EQ(CodeOf(Call(1, "VEXA.Virtualization.Guest.Action/pwr_ctl",
+                        R"({"action":"poweron","guest_id":")" + std::string(kGuest) + "\"}")),
+            0);
+  EXPECT_EQ(pending(2), "[]");
+  const Json::Value edited = Set(0, R"("vcpu_num":2)");
+  ASSERT_EQ(CodeOf(edited), 0) << json::ToText(edited);
+  EXPECT_EQ(vcpus(), 2);
+  EXPECT_EQ(pending(2), "[]");
+  // What waits goes on waiting when something else is edited.
+  ASSERT_EQ(CodeOf(Set(0, R"("vcpu_num":3,"apply":"next_start")")), 0);
+  ASSERT_EQ(CodeOf(Set(2, R"("video_card":"qxl")")), 0);
+  EXPECT_EQ(vcpus(), 2);
+  EXPECT_EQ(pending(0), R"([{"property":"vcpu_num","recorded":3,"running":2},)"
+                        R"({"property":"video_card","recorded":"qxl","running":"cirrus"}])");
+  EXPECT_NE(CodeOf(Set(0, R"("vcpu_num":4,"video_card":"vga","apply":"now")")), 0);
+  EXPECT_EQ(Record("guest", kGuest)["video_card"], "qxl");
+  ASSERT_EQ(CodeOf(Set(0, R"("vcpu_num":1,"apply":"now")")), 0);
+  EXPECT_EQ(vcpus(), 1);
+  EXPECT_EQ(CodeOf(Set(0, R"("vcpu_num":1,"apply":"soon")")), 401);
+}
+
 TEST_F(GuestSetCluster, Set_Disks_IsDoneByRepositoryHost) {
   const Json::Value reply = Set(0, Disks(1) + R"(,"name":"web-2","boot_from":"iso")");
   ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);

@@ -92,7 +92,8 @@ class QemuLive : public LibvirtHostTest {
     ASSERT_TRUE(document.load_string(user_->RunningXml(kGuest).c_str()));
     for (const auto& disk : document.select_nodes("/domain/devices/disk[@device='disk']/source")) {
       running.insert(disk.node().attribute("file").value());
-      EXPECT_TRUE(FileExists(disk.node().attribute("file").value())) << edit << ": QEMU has a file open that was removed";
+      EXPECT_TRUE(FileExists(disk.node().attribute("file").value()))
+          << edit << ": QEMU has a file open that was removed";
     }
     for (const auto* paths : {&recorded, &running}) {
       for (const std::string& path : *paths) {
@@ -121,9 +122,8 @@ TEST_F(QemuLive, Set_ProcessorsAndMemoryUp_RunningGuestGetsThem) {
   EXPECT_EQ(run["memory_mib"].asInt(), 320);
   // What no running guest can take waits, with both values.
   EXPECT_NE(Set(R"({"vram_size":321,"video_card":"vga"})").find(R"("success":true)"), std::string::npos);
-  EXPECT_EQ(Text(Pending()),
-            R"([{"property":"vram_size","recorded":321,"running":320},)"
-            R"({"property":"video_card","recorded":"vga","running":"cirrus"}])");
+  EXPECT_EQ(Text(Pending()), R"([{"property":"vram_size","recorded":321,"running":320},)"
+                             R"({"property":"video_card","recorded":"vga","running":"cirrus"}])");
   EXPECT_EQ(host_->Record("guest", kGuest)["vram_size"].asInt(), 321);
   // The next start has all of it.
   ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
@@ -187,7 +187,8 @@ TEST_F(QemuLive, Set_DiskRemovedAtNextStart_KeepsFileUntilGuestIsOff) {
 
 TEST_F(QemuLive, Set_InterfaceAddedAndRemoved_RunningGuestFollows) {
   ASSERT_NO_FATAL_FAILURE(StartGuest());
-  ASSERT_NE(Set(R"({"vnics_add":[{"network_id":"","vnic_type":1,"prefer_sriov":false,"mac":"02:00:5e:10:00:07"}]})").find("true"),
+  ASSERT_NE(Set(R"({"vnics_add":[{"network_id":"","vnic_type":1,"prefer_sriov":false,"mac":"02:00:5e:10:00:07"}]})")
+                .find("true"),
             std::string::npos)
       << host_->Log();
   const std::string nic = "/domain/devices/interface[mac/@address='02:00:5e:10:00:07']";
@@ -245,8 +246,7 @@ TEST_F(QemuLive, Set_NowAndNextStart_RefuseWhatCannotBeOrLeaveTheMachine) {
   EXPECT_NE(shown.find("Waiting for the next start\nPROPERTY  ID  NOW  NEXT\nvcpu_num      1    2"), std::string::npos)
       << shown;
   // Another edit applies its own changes only.
-  const std::string edited =
-      host_->Vexa({"--socket", host_->Socket(), "guest", "set", "grows", "desc=other", "--now"});
+  const std::string edited = host_->Vexa({"--socket", host_->Socket(), "guest", "set", "grows", "desc=other", "--now"});
   EXPECT_EQ(edited, "grows: edited; waits for its next start: vcpu_num\n");
   EXPECT_EQ(Running("/domain/vcpu/@current"), "1");
   EXPECT_EQ(Text(host_->Ask(kApply, kGuest)["data"]), R"({"pending":[]})") << host_->Log();

@@ -46,22 +46,39 @@ class QemuRunningDisks : public LibvirtHostTest {
     EXPECT_EQ(Content(domain_.disks[0]).size(), 1U << 20) << when;
     EXPECT_EQ(CountQemus(environment_->folder(), kOwners), 1) << when;
   }
+  // The guest is not deleted, and what QEMU has open stays as it is.
+  void ExpectKept(const char* when) const {
+    EXPECT_EQ(host_->Delete(kOwners), kNotDeleted) << when;
+    EXPECT_TRUE(AreDisksIntact(domain_)) << when;
+    EXPECT_EQ(Content(domain_.disks[0]).size(), 1U << 20) << when;
+    EXPECT_EQ(CountQemus(environment_->folder(), kOwners), 1) << when;
+  }
   UserDomain domain_;
 };
 
 TEST_F(QemuRunningDisks, ImportedGuest_StillRunning_KeepsDisksUntilOff) {
   ASSERT_NO_FATAL_FAILURE(StartAndImport(host_->id()));
-  ASSERT_NO_FATAL_FAILURE(ExpectRefusals("right after the import"));
+  ASSERT_NO_FATAL_FAILURE(ExpectKept("right after the import"));
   libvirtd_->Kill();
-  ASSERT_NO_FATAL_FAILURE(ExpectRefusals("while libvirt cannot be asked"));
+  ASSERT_NO_FATAL_FAILURE(ExpectKept("while libvirt cannot be asked"));
   libvirtd_->Start();
   ASSERT_TRUE(host_->AwaitState(kOwners, "guest_running")) << "it is not adopted";
-  ASSERT_NO_FATAL_FAILURE(ExpectRefusals("once it is adopted"));
+  // Now the host can take disks from the running machine, which keeps this one until it is off.
+  const std::string removed = host_->Record("guest", kOwners)["vdisks"][0].asString();
+  EXPECT_EQ(host_->Delete(kOwners), kNotDeleted);
+  Json::Value edit(Json::objectValue);
+  edit["apply"] = "next_start";
+  edit["vdisks_del"][0]["vdisk_id"] = removed;
+  EXPECT_EQ(host_->Set(kOwners, edit), 0) << host_->Log();
+  EXPECT_EQ(host_->Record("guest", kOwners)["vdisks"].size(), 2U);
+  EXPECT_TRUE(AreDisksIntact(domain_)) << "QEMU has the file open";
   EXPECT_TRUE(user_->IsActive(kOwners));
   // Until libvirt has its machine's monitor again, it says of one that it ends that it does not run.
   std::this_thread::sleep_for(std::chrono::seconds(3));
+  EXPECT_TRUE(AreDisksIntact(domain_)) << "QEMU has the file open";
   EXPECT_EQ(host_->Power(kOwners, "poweroff"), 0);
   EXPECT_TRUE(host_->AwaitOff(kOwners));
+  EXPECT_TRUE(Await([&] { return !FileExists(domain_.boot_image); }, kStateTimeout)) << host_->Log();
   EXPECT_EQ(host_->Delete(kOwners), 0);
   EXPECT_FALSE(FileExists(domain_.disks[0]));
 }

@@ -29,7 +29,8 @@ void Apply(guests::GuestControl* control, const store::Store* store, const Call&
   if (const auto allowed = CheckDatabaseReadable(store); !allowed.ok()) return Refuse(call, allowed.error());
   const bool forces = is_forced.IsSet() && is_forced.Get();
   const auto eject = forces ? hypervisor::Eject::kForced : hypervisor::Eject::kIfUnlocked;
-  const auto applied = control->Apply(guest_id.Get(), eject, RequesterOf(call));
+  const auto except = domain_xml::DifferencesFromJson(call.request->GetParam("except", Json::Value()));
+  const auto applied = control->Apply(guest_id.Get(), except, eject, RequesterOf(call));
   if (!applied.ok()) return Refuse(call, applied.error());
   ShowPending(control, call);
 }
@@ -38,17 +39,17 @@ void Apply(guests::GuestControl* control, const store::Store* store, const Call&
 
 std::vector<ApiRow> GuestLiveRows(const ServiceParts& parts) {
   const Parameter guest = Text("guest_id", "The guest's id, a UUID.");
-  return {HostRow(
-              "VEXA.CCC.Guest", "pending", LaneKind::kLong,
+  return {
+      HostRow("VEXA.CCC.Guest", "pending", LaneKind::kLong,
               [control = parts.guests](const Call& call) { ShowPending(control, call); },
               "What a guest that runs here will have otherwise at its next start.", {guest},
               {host_error::kBadParameter, host_error::kNotFoundOrUnreadable, host_error::kFailed,
                host_error::kUnavailable}),
-          HostRow(
-              "VEXA.CCC.Guest", "apply", LaneKind::kLong,
+      HostRow("VEXA.CCC.Guest", "apply", LaneKind::kLong,
               [control = parts.guests, store = parts.store](const Call& call) { Apply(control, store.get(), call); },
               "Changes a guest that runs here as its records say, as far as it can be changed; answers what waits.",
-              {guest, OptionalFlag("force_eject", "Opens drives that the guest has locked as well.")},
+              {guest, OptionalFlag("force_eject", "Opens drives that the guest has locked as well."),
+               Optional("except", ParameterType::kArray, "What goes on waiting, as \"pending\" has it.")},
               {host_error::kBadParameter, host_error::kNotFoundOrUnreadable, host_error::kFailed,
                host_error::kNotRunning, host_error::kBusy, host_error::kUnavailable})};
 }

@@ -28,7 +28,7 @@ std::vector<ApiRow> GuestRows() {
               WithApply(RequestResponseHandler(VexaVirtualization::Guest::Set)),
               "Edit a guest; settings that are not given stay unchanged. For administrators and advanced users. "
               "Users who were granted the guest may change \"iso_images\" and \"use_ovmf\".",
-              EditParameters(Audience::kUsers),
+              EditParametersWithApply(Audience::kUsers),
               {kBadParameter,
                kNotFoundOrUnreadable,
                kNameInUse,

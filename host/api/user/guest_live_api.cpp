@@ -7,7 +7,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/outcome_log.h"
 #include "host/api/user/unreachable_host.h"
-#include "host/guests/edit/edit_request.h"
+#include "host/base/guest_setting.h"
 #include "host/records/request_scope.h"
 #include "host/records/run_record.h"
 #include "host/transport/added_parameter.h"
@@ -65,8 +65,7 @@ void Apply(const Call& call) {
   if (!forces_eject) return;
   if (!VexaVirtualization::IsGuestPermitted(call.request, guest_id.Get())) return Fail(call, user_error::kNotPermitted);
   std::string name;
-  if (!VexaVirtualization::GetGuestNameById(guest_id.Get(), name))
-    return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!VexaVirtualization::GetGuestNameById(guest_id.Get(), name)) return Fail(call, user_error::kNotFoundOrUnreadable);
   const std::string host_id = HolderOf(guest_id.Get());
   if (host_id.empty()) return Fail(call, user_error::kNotRunning, "The guest does not run");
   VexaDRCore::Request request = NewRequest("apply", guest_id.Get(), kApplyTimeoutS);
@@ -86,7 +85,8 @@ void Apply(const Call& call) {
 void AddPending(const std::string& guest_id, Json::Value& status) {
   const std::string host_id = HolderOf(guest_id);
   if (host_id.empty()) return;
-  const VexaDRCore::Response reply = VexaCCC::Sender(host_id).process(NewRequest("pending", guest_id, kPendingTimeoutS));
+  const VexaDRCore::Response reply =
+      VexaCCC::Sender(host_id).process(NewRequest("pending", guest_id, kPendingTimeoutS));
   if (reply.isSuccess()) {
     status[kPending] = json::Elements(json::Member(reply.getData(), kPending));
     return;
@@ -97,26 +97,24 @@ void AddPending(const std::string& guest_id, Json::Value& status) {
 
 Handler WithApply(Handler handler) {
   return [handler = std::move(handler)](const Call& call) {
-    const auto apply = call.request->GetAndCheckString(guests::kApply, kOptional);
+    const auto apply = call.request->GetAndCheckString(kApply, kOptional);
     if (apply.IsInvalid()) return Fail(call, user_error::kBadParameter);
     if (!apply.IsSet()) return handler(call);
-    if (apply.Get() != guests::kApplyNow && apply.Get() != guests::kApplyAtNextStart)
-      return Fail(call, user_error::kBadParameter);
-    const transport::AddedParameter added("VEXA.CCC.Guest", "set", guests::kApply, apply.Get());
+    if (apply.Get() != kApplyNow && apply.Get() != kApplyAtNextStart) return Fail(call, user_error::kBadParameter);
+    const transport::AddedParameter added("VEXA.CCC.Guest", "set", kApply, apply.Get());
     handler(call);
   };
 }
 
 std::vector<ApiRow> GuestLiveRows() {
-  return {UserRow("VEXA.Virtualization.Guest", "apply", LaneKind::kLong,
-                  WithGoneHostReason(Apply, NeededHost::kHolderOrAssigned),
-                  "Change a running guest as it is set, as far as that works while it runs. The reply has what still "
-                  "waits for its next start.",
-                  {Text("guest_id", "The guest's id, a UUID."),
-                   OptionalFlag("force_eject", "Open drives that the guest has locked as well.")},
-                  {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kNotPermitted,
-                   user_error::kActionFailed, user_error::kNotRunning, user_error::kGuestBusy,
-                   user_error::kUnavailable})};
+  return {UserRow(
+      "VEXA.Virtualization.Guest", "apply", LaneKind::kLong, WithGoneHostReason(Apply, NeededHost::kHolderOrAssigned),
+      "Change a running guest as it is set, as far as that works while it runs. The reply has what still "
+      "waits for its next start.",
+      {Text("guest_id", "The guest's id, a UUID."),
+       OptionalFlag("force_eject", "Open drives that the guest has locked as well.")},
+      {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kNotPermitted,
+       user_error::kActionFailed, user_error::kNotRunning, user_error::kGuestBusy, user_error::kUnavailable})};
 }
 
 }  // namespace vexa::api

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/api/rows.h"
+#include "host/api/user/guest_live_api.h"
 #include "host/api/user/outcome_log.h"
 #include "host/api/user/unreachable_host.h"
 #include "webapi/platform/ccc.h"
@@ -167,6 +168,7 @@ ApiRow Row(const Action& action) {
 std::vector<ApiRow> GuestSavedStateRows() {
   std::vector<ApiRow> rows;
   for (const Action& action : Actions()) rows.push_back(Row(action));
+  for (ApiRow& row : GuestLiveRows()) rows.push_back(std::move(row));
   return rows;
 }
 

@@ -7,7 +7,7 @@
 
 namespace vexa::api {
 
-// VEXA.Virtualization.Guest suspend, resume, save, restore, discard_saved, release. Each asks the guest's host.
+// VEXA.Virtualization.Guest suspend, resume, save, restore, discard_saved, release, apply. Each asks the guest's host.
 std::vector<ApiRow> GuestSavedStateRows();
 
 }  // namespace vexa::api

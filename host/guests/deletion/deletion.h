@@ -66,7 +66,8 @@ class Deletion {
   // The guests with deletions that this host has started, and has in progress or could not finish. Empty when they
   // cannot be read.
   std::vector<std::string> Unfinished() const;
-  // Removes the files that earlier deletions, and removals of disks of running guests, have left. Cheap when no files are left. Logs each obstacle once.
+  // Removes the files that earlier deletions, and removals of disks of running guests, have left. Cheap when no files
+  // are left. Logs each obstacle once.
   void RemoveLeftovers();
 
  private:

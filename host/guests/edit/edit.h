@@ -5,8 +5,8 @@
 //                       "grown": [{"path", "from", "to"}] (lengths, or 16 bytes of a header in hexadecimal)}
 //
 // An edit that does not touch any file is one commit. So is one that removes or grows disks of a guest that runs here:
-// the commit leaves the files of removed disks to the code that removes leftovers of deletions (deletion.h), which waits
-// until the guest's machine has given them back, and marks the disks whose images must grow (kImageIsSmaller).
+// the commit leaves the files of removed disks to the code that removes leftovers of deletions (deletion.h), which
+// waits until the guest's machine has given them back, and marks the disks whose images must grow (kImageIsSmaller).
 // All others proceed in this order:
 // 1. "doing" is committed with compares: no deletion or edit of the guest is in progress, and its records
 //    and its run record are as read.

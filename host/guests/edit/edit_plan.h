@@ -76,7 +76,7 @@ struct EditedGuest {
   std::vector<std::string> removed_disks{};
   std::vector<std::string> removed_nics{};
   std::vector<std::string> taken_macs{};  // addresses that the edit assigns to interfaces
-  bool names_network = false;           // an interface is put into a network with a record
+  bool names_network = false;             // an interface is put into a network with a record
   std::vector<std::string> left_files{};  // of disks that the running guest still has
   std::string repository_id{};
   std::string repository_host_id{};

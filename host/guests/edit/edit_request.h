@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "host/base/guest_setting.h"
 #include "host/base/refusal.h"
 #include "host/domain_xml/domain_parse.h"
 
@@ -48,13 +49,8 @@ struct DiskChange {
   std::optional<bool> unmap;
 };
 
-// The parameter "apply": what becomes of the changes while the guest runs.
-inline constexpr char kApply[] = "apply";
-inline constexpr char kApplyNow[] = "now";                 // an edit that cannot be applied completely is refused
-inline constexpr char kApplyAtNextStart[] = "next_start";  // the running machine stays as it is
-
 struct EditRequest {
-  bool must_apply_now = false;
+  bool must_apply_now = false;  // kApplyNow (guest_setting.h)
   // The members to be set in the guest's record, as they are stored; "usbs" always has kMaxUsbDevices entries.
   Json::Value members{Json::objectValue};
   std::vector<NicAddition> nics_add;

@@ -204,6 +204,7 @@ TEST(GuestRows, Set_Row_UsesLongLaneAndAcceptsEachSetting) {
   }
   std::vector<std::string> expected{"guest_id"};
   for (const vexa::GuestSetting& setting : vexa::kGuestSettings) expected.emplace_back(setting.name);
+  expected.emplace_back("apply");
   EXPECT_EQ(parameters, expected);
   EXPECT_EQ(row->errors, (std::vector<int>{401, 403, 406, 407, 409, 411, 413, 909, 910,  919,
                                            920, 926, 930, 934, 935, 937, 943, 946, 1001, 1600}));

@@ -86,6 +86,11 @@ TEST_F(GuestLiveRowTest, Apply_Done_AnswersWhatStillWaits) {
   EXPECT_TRUE(guests_.asked().front().starts_with("apply 8f14e45f"));
   EXPECT_EQ(Ask("apply", R"(,"force_eject":true)").code, 0);
   EXPECT_EQ(std::ranges::count_if(guests_.asked(), [](const auto& it) { return it.starts_with("apply forced "); }), 1);
+  EXPECT_EQ(guests_.applied_except.size(), 0U);
+  EXPECT_EQ(Ask("apply", R"(,"except":[{"property":"vnics","id":"n","running":1,"recorded":null},{"id":"x"},7])").code,
+            0);
+  EXPECT_EQ(guests_.applied_except,
+            (std::vector<domain_xml::Difference>{{"vnics", "n", Json::Value(1), Json::Value()}}));
   EXPECT_EQ(Ask("apply", R"(,"force_eject":1)").code, 401);
   guests_.refused = Refusal{911, "off"};
   EXPECT_EQ(Ask("apply").code, 911);

@@ -28,7 +28,9 @@ GuestRecords FullGuest() {
   return records;
 }
 
-std::string Text(const std::vector<Difference>& differences) { return VexaVirtualization::json::ToText(ToJson(differences)); }
+std::string Text(const std::vector<Difference>& differences) {
+  return VexaVirtualization::json::ToText(ToJson(differences));
+}
 
 std::string Compare(const GuestRecords& running, const GuestRecords& recorded, const DiskSizes& sizes = {}) {
   BuildOptions options;
@@ -146,7 +148,7 @@ TEST(PendingDifferences, Compare_RunningXmlNamesMoreThanRecords_FindsNone) {
 }
 
 TEST(PendingDifferences, Compare_DiskAddedWhileRunning_HasNoPlaceInBootOrder) {
-  // A disk that was added to the running guest has no boot order there, which is no change of the order.
+  // A disk that was added to the running guest has no boot order there, and the order stays.
   GuestRecords records = FullGuest();
   std::string running = MustBuild(records);
   running.erase(running.find("<boot order=\"1\" />"), std::string("<boot order=\"1\" />").size());

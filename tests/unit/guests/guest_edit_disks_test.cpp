@@ -162,7 +162,8 @@ TEST_F(DiskEdit, Edit_GuestRunsHere_LeavesFilesToMachine) {
   run.host_id = options_.host_id;
   PutText(*store_, records::RunKey(kEdited), records::SerializeRun(run));
   const std::string path = environment_->PathOf(kDisk1);
-  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":64,)" + Id(kDisk0) + R"(}],"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 0);
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":64,)" + Id(kDisk0) + R"(}],"vdisks_del":[{)" + Id(kDisk1) + "}]}"),
+            0);
   EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["size"], 64);
   EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["image_is_smaller"], true);
   EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
@@ -170,8 +171,9 @@ TEST_F(DiskEdit, Edit_GuestRunsHere_LeavesFilesToMachine) {
   const Json::Value left = Parsed(Everything(*store_)["/leftover/" + options_.host_id + "/" + kEdited]);
   EXPECT_EQ(left["files"], Parsed("[\"" + path + "\"]"));
   // A start that is under way, saved memory and another host's guest are as before.
-  for (const auto change : {+[](records::Run& held) { held.starting = true; }, +[](records::Run& held) { held.saved = true; },
-                            +[](records::Run& held) { held.host_id = "host-2"; }}) {
+  for (const auto change :
+       {+[](records::Run& held) { held.starting = true; }, +[](records::Run& held) { held.saved = true; },
+        +[](records::Run& held) { held.host_id = "host-2"; }}) {
     records::Run held = run;
     change(held);
     PutText(*store_, records::RunKey(kEdited), records::SerializeRun(held));
