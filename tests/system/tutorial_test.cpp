@@ -23,6 +23,7 @@ using testing::HasSubstr;
 using testing::SizeIs;
 
 constexpr char kPage[] = VEXA_SOURCE_DIR "/docs/tutorial.md";
+constexpr char kInstaller[] = VEXA_SOURCE_DIR "/build/test-guest/install.iso";
 constexpr auto kPatience = 300s;  // for a guest that boots under emulation on a busy machine
 
 // --- The page ---
@@ -88,6 +89,9 @@ class Tutorial : public testing::Test {
     if (why_not.empty()) why_not = QemuUnavailableReason();
     for (const char* program : {"/usr/sbin/libvirtd", "ip", "iptables", "dnsmasq"}) {
       if (why_not.empty() && !IsInstalled(program)) why_not = std::string("there is no ") + program;
+    }
+    if (why_not.empty() && !FileExists(kInstaller)) {
+      why_not = std::string("there is no ") + kInstaller + ", which tools/make-test-guest makes";
     }
     if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
     RunTool({"ip", "link", "set", "lo", "up"});
