@@ -267,6 +267,7 @@ TEST_F(CreateOnDaemon, Create_BadArguments_AreNotSent) {
                                                             "'lots' is not a size of memory"},
            {{"x", "--memory", "0"}, "'0' is not a size of memory"},
            {{"x", "--memory", "2GB"}, "'2GB' is not a size of memory"},
+           {{"x", "--memory", "2"}, "'2' is not a size of memory. Use MiB or GiB, such as 2GiB"},
            {{"x", "--disk", "20MiB"}, "'20MiB' is not a disk size"},
            {{"x", "--disk", "-1"}, "not"},
            {{"x", "--disk", "1GiB,format=vhd"}, "'format=vhd' is not a property of a disk"},
