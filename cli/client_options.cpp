@@ -18,6 +18,9 @@ ExitCode ExitCodeOf(const Error& error) {
 }
 
 constexpr const char* kLoginHint = "\nRun 'vexa login'.";
+// The server knows callers on its Unix socket by their system account.
+constexpr const char* kLocalLoginHint =
+    "\nYour system account is not a user of the server. Run 'vexa login', or this command as root.";
 
 std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
   const std::string message = reply.message.empty() ? "The server refused without a reason" : reply.message;
@@ -30,7 +33,9 @@ std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHi
   if (!reply.details.isNull()) {
     text += "\nDetails: " + client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine));
   }
-  if (reply.http_status == kHttpUnauthorized && hint == LoginHint::kShow) text += kLoginHint;
+  if (reply.http_status == kHttpUnauthorized && hint == LoginHint::kShow) {
+    text += client.endpoint().unix_socket.empty() ? kLoginHint : kLocalLoginHint;
+  }
   return text;
 }
 

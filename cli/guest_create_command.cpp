@@ -26,8 +26,10 @@ constexpr std::int64_t kMibPerTib = 1024 * kMibPerGib;
 
 Error Invalid(std::string text) { return Error(ErrorCode::kInvalid, std::move(text)); }
 
-// A size in MiB: a number with MiB, GiB or TiB, or without a unit. Not set: it is not a size, or less than 1 MiB.
-std::optional<std::int64_t> ParseSize(std::string_view text, std::int64_t unit_mib) {
+// A size in MiB: a number with MiB, GiB or TiB. `default_unit_mib` is the unit of a number without one; not set: it
+// needs one. The result is not set when it is not a size, or less than 1 MiB.
+std::optional<std::int64_t> ParseSize(std::string_view text, std::optional<std::int64_t> default_unit_mib) {
+  std::int64_t unit_mib = default_unit_mib.value_or(0);
   std::int64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error != std::errc() || number < 1) return std::nullopt;
@@ -38,7 +40,7 @@ std::optional<std::int64_t> ParseSize(std::string_view text, std::int64_t unit_m
     unit_mib = kMibPerGib;
   else if (unit == "TiB")
     unit_mib = kMibPerTib;
-  else if (!unit.empty())
+  else if (!unit.empty() || !default_unit_mib)
     return std::nullopt;
   if (number > INT64_MAX / unit_mib) return std::nullopt;
   return number * unit_mib;
@@ -143,7 +145,7 @@ Result<Json::Value> CreationParametersOf(const GuestCreateOptions& options) {
   settings.settings.push_back("name=" + options.name);
   if (!options.cpus.empty()) settings.settings.push_back("vcpu_num=" + options.cpus);
   if (!options.memory.empty()) {
-    const auto mib = ParseSize(options.memory, 1);
+    const auto mib = ParseSize(options.memory, std::nullopt);  // "2" would be 2 MiB, and mean GiB
     if (!mib) return Invalid(fmt::format("'{}' is not a size of memory. Use MiB or GiB, such as 2GiB", options.memory));
     settings.settings.push_back(fmt::format("vram_size={}", *mib));
   }

@@ -36,9 +36,10 @@ std::string WhyNotConnected(int error_number) {
   switch (error_number) {
     case ENOENT:
     case ENOTDIR:
-      return "nothing listens there, because the file does not exist. vexad is not running, or uses another socket";
+      return "nothing listens there, because the file does not exist. Start vexad, or name its socket with --socket or "
+             "$VEXA_SOCKET";
     case ECONNREFUSED:
-      return "nothing listens there. Is vexad running?";
+      return "nothing listens there. Start vexad";
     default:
       return std::generic_category().message(error_number);
   }

@@ -32,19 +32,10 @@ class SystemLibvirtd {
   using Network = std::unique_ptr<virNetwork, int (*)(virNetworkPtr)>;
   using Domain = std::unique_ptr<virDomain, int (*)(virDomainPtr)>;
 
-  // The user that QEMU runs as, and whether libvirt gives it the disks.
-  enum class QemuAccount {
-    kRoot,
-    kOfDebian,  // "libvirt-qemu", which gets each disk while its guest runs
-  };
-
-  explicit SystemLibvirtd(QemuAccount account = QemuAccount::kRoot) {
-    std::ofstream configuration("/etc/libvirt/qemu.conf");
-    configuration << "stdio_handler = \"file\"\nsecurity_driver = \"none\"\nnamespaces = []\ncgroup_controllers = []\n";
-    if (account == QemuAccount::kRoot) {
-      configuration << "user = \"root\"\ngroup = \"root\"\ndynamic_ownership = 0\nremember_owner = 0\n";
-    }
-    configuration.close();
+  SystemLibvirtd() {
+    std::ofstream("/etc/libvirt/qemu.conf")
+        << "stdio_handler = \"file\"\nuser = \"root\"\ngroup = \"root\"\nsecurity_driver = \"none\"\n"
+           "namespaces = []\ncgroup_controllers = []\ndynamic_ownership = 0\nremember_owner = 0\n";
     std::ofstream("/etc/libvirt/libvirtd.conf") << "auth_unix_rw = \"none\"\nauth_unix_ro = \"none\"\n";
     program_ =
         std::make_unique<Process>(ProcessOptions{.argv = {"/usr/sbin/libvirtd", "--pid-file", "/run/libvirtd.pid"}});

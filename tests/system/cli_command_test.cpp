@@ -56,6 +56,20 @@ TEST_F(Command, Usage_Invalid_IsUsageError) {
   }
 }
 
+TEST_F(Command, Usage_Invalid_NamesWhatIsWrongAndTheHelpThatExplainsIt) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
+      {{}, "'vexa' needs a command\nTry 'vexa --help'.\n"},
+      {{"--json"}, "'vexa' needs a command\nTry 'vexa --help'.\n"},
+      {{"helth"}, "There is no command 'vexa helth'\nTry 'vexa --help'.\n"},
+      {{"guest"}, "'vexa guest' needs a command\nTry 'vexa guest --help'.\n"},
+      {{"guest", "strat", "web"}, "There is no command 'vexa guest strat'\nTry 'vexa guest --help'.\n"},
+      {{"guest", "--fast"}, "There is no option '--fast' of 'vexa guest'\nTry 'vexa guest --help'.\n"},
+      {{"guest", "create"}, "GUEST is required\nTry 'vexa guest create --help'.\n"},
+      {{"\x1b[31m"}, "There is no command 'vexa \\x1b[31m'\nTry 'vexa --help'.\n"},
+  };
+  for (const auto& [arguments, sentence] : rows) EXPECT_EQ(Run(arguments).errors, "vexa: " + sentence);
+}
+
 TEST_F(Command, Call_SendsParametersUnchangedAndPrintsData) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":[1,2.5,"x"]})")});
   const std::string parameters = "{ \"big\": 12345678901234567890, \"t\": \"\\u00e9\" }";

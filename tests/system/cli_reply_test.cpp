@@ -175,6 +175,16 @@ TEST_F(Reply, Reply_SessionExpired_SuggestsLogin) {
   EXPECT_THAT(by_proxy.errors, HasSubstr("Run 'vexa login'."));
 }
 
+TEST_F(Reply, Reply_NoAccountOnUnixSocket_SuggestsLoginOrRoot) {
+  const ScriptedServer server(
+      {HttpReplyOf(401, R"({"success":false,"error":{"code":103,"message":"You are not logged in"}})")},
+      folder_.File("s"));
+  const auto result = Run({"guest", "list", "--socket", folder_.File("s")});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("\nYour system account is not a user of the server. Run 'vexa login', or this "
+                                       "command as root.\n"));
+}
+
 TEST_F(Reply, Token_EchoedByServer_IsNotShown) {
   const std::string echo = std::string("Authorization: Bearer ") + kToken;
   const auto result = GetGuest(HttpReplyOf(
@@ -263,8 +273,8 @@ TEST_F(Reply, UnixSocket_NoListener_IsNamedWithTheReason) {
   const auto nowhere = Run({"guest", "get", kGuest, "--socket", missing});
   EXPECT_EQ(nowhere.exit_code, 3);
   EXPECT_EQ(nowhere.errors, "vexa: No reply from " + missing +
-                                ": nothing listens there, because the file does not exist. vexad is not running, or "
-                                "uses another socket\n");
+                                ": nothing listens there, because the file does not exist. Start vexad, or name its "
+                                "socket with --socket or $VEXA_SOCKET\n");
 
   const std::string left = folder_.File("left.sock");
   sockaddr_un address{};
@@ -276,7 +286,7 @@ TEST_F(Reply, UnixSocket_NoListener_IsNamedWithTheReason) {
   ::close(listener);
   const auto closed = Run({"guest", "get", kGuest, "--socket", left});
   EXPECT_EQ(closed.exit_code, 3);
-  EXPECT_EQ(closed.errors, "vexa: No reply from " + left + ": nothing listens there. Is vexad running?\n");
+  EXPECT_EQ(closed.errors, "vexa: No reply from " + left + ": nothing listens there. Start vexad\n");
 }
 
 TEST_F(Reply, Output_CannotBeWritten_Fails) {

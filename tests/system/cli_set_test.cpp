@@ -278,7 +278,7 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
 TEST_F(GuestSet, Set_UnknownOptionsOrMissingValues_AreUsageErrors) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"--add-disk"}, {"--del-disks", kA}, {"--wait", "vcpu_num=1"}, {"--dry-run=maybe"}}) {
-    EXPECT_THAT(Refusal(words), HasSubstr("Try 'vexa --help'."));
+    EXPECT_THAT(Refusal(words), HasSubstr("\nTry 'vexa guest set --help'."));
   }
   EXPECT_EQ(Run({"guest", "set"}).exit_code, 2);
   EXPECT_EQ(Run({"guest", "set", "", "vcpu_num=1"}).errors,

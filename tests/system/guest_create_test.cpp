@@ -135,11 +135,12 @@ TEST_F(CreateOnDaemon, Create_WhatIsWrong_IsRefusedWithParameterAndRange) {
   ExpectRefused(R"({"name":"web"})", 406, "Another guest has the name 'web'");
   ExpectRefused(R"({"name":"x","vcpu_num":999})", 401, "The parameter 'vcpu_num' is not a number from 1 to 512");
   ExpectRefused(R"({"name":"x","os":"beos"})", 401, "The parameter 'os' is not one of linux, windows, other");
-  ExpectRefused(R"({"name":"x","repository":"nowhere"})", 403, "There is no repository 'nowhere'");
+  ExpectRefused(R"({"name":"x","repository":"nowhere"})", 403,
+                "There is no repository 'nowhere'; see 'vexa repository list'");
   ExpectRefused(R"({"name":"x","repository":5})", 401, "The parameter 'repository' is not a string");
-  ExpectRefused(R"({"name":"x","host":"nobody"})", 403, "There is no host 'nobody'");
+  ExpectRefused(R"({"name":"x","host":"nobody"})", 403, "There is no host 'nobody'; see 'vexa host list'");
   ExpectRefused(R"({"name":"x","host":5})", 401, "The parameter 'host' is not a string");
-  ExpectRefused(R"({"name":"x","iso":"none.iso"})", 403, "There is no image 'none.iso'");
+  ExpectRefused(R"({"name":"x","iso":"none.iso"})", 403, "There is no image 'none.iso'; see 'vexa image list'");
   ExpectRefused(R"({"name":"x","vdisks":5})", 401, "The parameter 'vdisks' is not a list");
   ExpectRefused(R"({"name":"x","vdisks":[5]})", 401, "The parameter 'vdisks[0]' is not an object");
   ExpectRefused(R"({"name":"x","vdisks":[{}]})", 401, "The parameter 'vdisks[0].size_gib' is not a number from 1 to");
@@ -147,11 +148,28 @@ TEST_F(CreateOnDaemon, Create_WhatIsWrong_IsRefusedWithParameterAndRange) {
   ExpectRefused(R"({"name":"x","vdisks":[{"size_gib":1,"vdisk_mode":9}]})", 401,
                 "The parameter 'vdisks[0].vdisk_mode' is not a number from 1 to 4");
   ExpectRefused(R"({"name":"x","vnics":[{"network":5}]})", 401, "The parameter 'vnics[0].network' is not a string");
-  ExpectRefused(R"({"name":"x","vnics":[{"network":"dmz"}]})", 919, "There is no network 'dmz'");
+  ExpectRefused(R"({"name":"x","vnics":[{"network":"dmz"}]})", 919,
+                "There is no network 'dmz'; see 'vexa network list'");
   ExpectRefused(R"({"name":"x","vnics":[{"network":"","vnic_type":9}]})", 401, "The parameter 'vnics[0].vnic_type'");
   ExpectRefused(R"({"name":"x","host":"","start":true})", 401, "The parameter 'start' needs a host");
   ExpectRefused(R"({"name":"x","request_id":"a/b"})", 401, "The parameter 'request_id' is not 1 to 64 letters");
   EXPECT_THAT(RunOn({"log"}).output, HasSubstr("Failed to create the virtual machine [web]."));
+}
+
+// An administrator of the API could read any file of the host.
+TEST_F(CreateOnDaemon, Create_FileThatIsNoImage_IsNotPutIntoTheDrive) {
+  const std::string image = images_of_host + "/debian.iso";
+  std::ofstream(image) << "twelve bytes";
+  std::ofstream(images_of_host + "/secret.txt") << "secret";
+  std::ofstream(environment_.File("outside.iso")) << "secret";
+  ASSERT_EQ(::symlink("/etc/passwd", (images_of_host + "/link.iso").c_str()), 0);
+  for (const std::string& path :
+       {std::string("/etc/passwd"), images_of_host + "/secret.txt", environment_.File("outside.iso"),
+        images_of_host + "/link.iso", images_of_host + "/../outside.iso", images_of_host + "/missing.iso"}) {
+    ExpectRefused(R"({"name":"x","iso":")" + path + "\"}", 934,
+                  "'" + path + "' is not a file '….iso' below an image folder of this host");
+  }
+  EXPECT_EQ(Guest(CreateJson({"x", "--iso", image})["guest_id"].asString())["iso_images"][0], image);
 }
 
 TEST_F(CreateOnDaemon, Create_SeveralRepositories_MustBeChosen) {
@@ -163,7 +181,8 @@ TEST_F(CreateOnDaemon, Create_SeveralRepositories_MustBeChosen) {
   EXPECT_EQ(Guest(CreateJson({"x", "--repository", "pool-2"})["guest_id"].asString())["repository_id"], kUnknownId);
   RemoveKey(*store_, KeyOf("repository", kUnknownId));
   RemoveKey(*store_, KeyOf("repository", kRepository));
-  ExpectRefused(R"({"name":"y"})", 401, "There is no repository for the guest: add one first");
+  ExpectRefused(R"({"name":"y"})", 401,
+                "There is no repository for the guest's disks. Add one with 'vexa repository add NAME'");
 }
 
 TEST_F(CreateOnDaemon, Create_WithoutHost_HasNone) {
@@ -248,6 +267,7 @@ TEST_F(CreateOnDaemon, Create_BadArguments_AreNotSent) {
                                                             "'lots' is not a size of memory"},
            {{"x", "--memory", "0"}, "'0' is not a size of memory"},
            {{"x", "--memory", "2GB"}, "'2GB' is not a size of memory"},
+           {{"x", "--memory", "2"}, "'2' is not a size of memory. Use MiB or GiB, such as 2GiB"},
            {{"x", "--disk", "20MiB"}, "'20MiB' is not a disk size"},
            {{"x", "--disk", "-1"}, "not"},
            {{"x", "--disk", "1GiB,format=vhd"}, "'format=vhd' is not a property of a disk"},

@@ -20,6 +20,7 @@
 #include "host/session/session_token.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_image.h"
 #include "webapi/platform/ccc_senders.h"
 
 namespace vexa::api {
@@ -189,6 +190,15 @@ std::optional<Json::Value> CreateGuest(const AccountServices& services, const Ca
                                        const std::optional<guests::NumberedRequest>& number) {
   std::optional<Json::Value> grants = ReadGrants(services, call);
   if (!grants) return std::nullopt;
+  // A drive shows its file to the guest, so only images may be in it, as with edits. Not while a snapshot is open: the
+  // folder may be on a share whose server is gone.
+  const std::string iso = json::StringMember(parameters, "iso");
+  if (VexaCCC::GuestImageIsDsPath(iso) && !VexaCCC::GuestImageIsValidDsPath(iso)) {
+    Fail(call, user_error::kImageUnusable,
+         fmt::format("'{}' is not a file '….iso' below an image folder of this host (the setting image-roots)",
+                     SanitizePathForLog(iso)));
+    return std::nullopt;
+  }
   auto creation = [&]() -> Result<HostCreation, Refusal> {
     const auto snapshot = services.store->Read();
     if (!snapshot) return Refusal{user_error::kNotFoundOrUnreadable, snapshot.error().ToString()};

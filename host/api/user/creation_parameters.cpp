@@ -84,7 +84,8 @@ class Translator {
       if (record.name == id_or_name) found.push_back(record.id);
     }
     if (found.empty()) {
-      return Refusal{user_error::kNotFoundOrUnreadable, fmt::format("There is no {} {}", category, Quoted(id_or_name))};
+      return Refusal{user_error::kNotFoundOrUnreadable,
+                     fmt::format("There is no {0} {1}; see 'vexa {0} list'", category, Quoted(id_or_name))};
     }
     if (found.size() > 1) return Bad(parameter, "the name of only one. Use its id");
     id = std::move(found.front());
@@ -117,7 +118,9 @@ class Translator {
   std::optional<Refusal> ChooseRepository(std::string& id) {
     const auto all = records::ReadNamedRecords(snapshot_, DashCate::Repository.name());
     if (!all) return Unreadable(all.error());
-    if (all->empty()) return Refusal{user_error::kBadParameter, "There is no repository for the guest: add one first"};
+    if (all->empty())
+      return Refusal{user_error::kBadParameter,
+                     "There is no repository for the guest's disks. Add one with 'vexa repository add NAME'"};
     std::vector<std::string> own;
     for (const records::NamedRecord& record : *all) {
       if (json::StringMember(record.record, keys::host_id) == own_host_id_) own.push_back(record.id);
@@ -203,8 +206,9 @@ class Translator {
           const auto id = guests::FindNetworkId(snapshot_, json::StringMember(nic, "network"));
           if (!id) return Unreadable(id.error());
           if (!*id) {
-            return Refusal{user_error::kBadNetworkSettings,
-                           fmt::format("There is no network {}", Quoted(json::String(network)))};
+            return Refusal{
+                user_error::kBadNetworkSettings,
+                fmt::format("There is no network {}; see 'vexa network list'", Quoted(json::String(network)))};
           }
           becomes.removeMember("network");
           becomes["network_id"] = **id;
