@@ -239,6 +239,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
+    is_stopping_ = true;
     store_->LimitLockWaits(kLockWaitWhenStopping);
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
@@ -421,14 +422,14 @@ class Daemon::Impl {
     const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
       return item_caller_->Call(request, timeout);
     };
-    for (auto&& part :
-         {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
-          api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
-          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
-          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
-          api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
-          api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
+    for (auto&& part : {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
+                        api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
+                        api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
+                        api::ConsoleRows(store_, &console_tickets_, [this] { return is_stopping_.load(); }),
+                        api::CreationRows(MakeAccountServices()), api::RecoveryRows(store_),
+                        api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
+                        api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
+                        api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));
@@ -636,6 +637,7 @@ class Daemon::Impl {
   session::LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
   api::GuestStates guest_states_;
+  std::atomic<bool> is_stopping_ = false;  // calls that take long end
   session::ConsoleTickets console_tickets_;
   std::unique_ptr<api::Consoles> consoles_;
   std::unique_ptr<PeriodicCall> console_check_;

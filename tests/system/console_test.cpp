@@ -23,6 +23,7 @@
 #include "tests/support/test_host.h"
 #include "tests/support/waiting.h"
 #include "tests/support/websocket_client.h"
+#include "tests/system/transport_test_support.h"
 #include "webapi/error_codes.h"
 #include "webapi/platform/ccc.h"
 
@@ -66,7 +67,7 @@ class ConsoleTest : public ::testing::Test {
     options.max_consoles_per_user = 4;
     options.max_consoles = 6;
     consoles_ = std::make_unique<Consoles>(std::move(options));
-    table_ = std::make_unique<ApiTable>(ConsoleRows(store, &tickets_));
+    table_ = std::make_unique<ApiTable>(ConsoleRows(store, &tickets_, [this] { return is_stopping_.load(); }));
     metrics_ = std::make_unique<Metrics>(*table_);
     Dispatcher::Parts parts;
     parts.table = table_.get();
@@ -182,6 +183,7 @@ class ConsoleTest : public ::testing::Test {
     return remote_refusal_;
   }
 
+  std::atomic<bool> is_stopping_ = false;
   test::TestHost host_;
   const std::string folder_ = host_.folder().File("sessions");
   std::unique_ptr<session::SessionTable> sessions_;
@@ -520,6 +522,62 @@ TEST_F(ConsoleTest, ScreenshotAndType_AskHostOfGuest) {
   EXPECT_THAT(ClusterLog(),
               ::testing::ElementsAre("alice: Failed to take a picture of the screen of the virtual machine [vm-1].",
                                      "alice: Failed to type a text on the keyboard of the virtual machine [vm-1]."));
+}
+
+// A text, typed by the guest's host, which is another one.
+class TypeTest : public ConsoleTest {
+ protected:
+  Json::Value Type(const std::string& text, std::function<std::string(std::size_t call)> answer) {
+    PutRun(kGuest, "h2");
+    const test::JsonHost host([&](http::HttpRequest&& request, http::Responder responder) {
+      texts_.push_back(json::StringMember(Parsed(request.body), "text"));
+      http::HttpResponse response;
+      response.body = answer(texts_.size());
+      responder.Send(std::move(response));
+    });
+    const test::InstalledTransport transport({{"h2", host.address()}});
+    return Call("type", BearerOf("alice"), std::string(R"({"guest_id":")") + kGuest + R"(","text":")" + text + "\"}");
+  }
+
+  std::vector<std::string> texts_;  // what the host was asked to type
+};
+
+constexpr const char* kTyped32 = R"({"success":true,"data":{"typed":32}})";
+
+TEST_F(TypeTest, LongText_IsTypedInPieces) {
+  const std::string text = std::string(32, 'a') + std::string(32, 'b') + "cd";
+  const Json::Value reply =
+      Type(text, [](std::size_t call) { return call < 3 ? kTyped32 : R"({"success":true,"data":{"typed":2}})"; });
+  EXPECT_EQ(reply["success"], true) << reply.toStyledString();
+  EXPECT_THAT(texts_, ::testing::ElementsAre(text, text.substr(32), "cd"));
+}
+
+TEST_F(TypeTest, Stop_EndsItAndAnswersHowFarItCame) {
+  const Json::Value reply = Type(std::string(1024, 'a'), [this](std::size_t call) {
+    if (call == 3) is_stopping_ = true;
+    return kTyped32;
+  });
+  EXPECT_EQ(reply["error"]["code"], user_error::kUnavailable);
+  EXPECT_EQ(reply["error"]["reason"], "This host is stopping. Typed the first 96 of 1024 characters.");
+  EXPECT_EQ(texts_.size(), 3U);
+  EXPECT_THAT(ClusterLog(),
+              ::testing::ElementsAre("alice: Failed to type a text on the keyboard of the virtual machine [vm-1]."));
+}
+
+TEST_F(TypeTest, Failure_AnswersHowFarItCame) {
+  Json::Value reply = Type(std::string(50, 'a'), [](std::size_t call) {
+    return call == 1 ? kTyped32 : R"({"success":false,"error":{"code":911,"details":"It does not run"}})";
+  });
+  EXPECT_EQ(reply["error"]["code"], user_error::kNotRunning);
+  EXPECT_EQ(reply["error"]["reason"], "It does not run. Typed the first 32 of 50 characters.");
+  for (const char* answer : {R"({"success":true,"data":null})", R"({"success":true,"data":{"typed":0}})",
+                             R"({"success":true,"data":{"typed":"x"}})"}) {
+    texts_.clear();
+    reply = Type("a", [answer](std::size_t) { return answer; });
+    EXPECT_EQ(reply["error"]["code"], user_error::kActionFailed) << answer;
+    EXPECT_EQ(reply["error"]["details"], "The guest's host typed no character") << answer;
+    EXPECT_EQ(texts_.size(), 1U);
+  }
 }
 
 TEST(Base64, RoundTrip_AndNothingElse) {
