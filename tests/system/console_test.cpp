@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "host/api/dispatcher.h"
@@ -64,8 +66,8 @@ class ConsoleTest : public ::testing::Test {
     options.open_remote = [this](const std::string& host_id, const ConsoleTarget& target) {
       return OpenRemote(host_id, target);
     };
-    options.max_consoles_per_user = 4;
-    options.max_consoles = 6;
+    options.max_consoles_per_user = max_consoles_per_user_;
+    options.max_consoles = max_consoles_;
     consoles_ = std::make_unique<Consoles>(std::move(options));
     table_ = std::make_unique<ApiTable>(ConsoleRows(store, &tickets_, [this] { return is_stopping_.load(); }));
     metrics_ = std::make_unique<Metrics>(*table_);
@@ -183,6 +185,8 @@ class ConsoleTest : public ::testing::Test {
     return remote_refusal_;
   }
 
+  std::size_t max_consoles_per_user_ = 4;
+  std::size_t max_consoles_ = 6;
   std::atomic<bool> is_stopping_ = false;
   test::TestHost host_;
   const std::string folder_ = host_.folder().File("sessions");
@@ -485,6 +489,50 @@ TEST_F(ConsoleTest, TooMany_AreRefusedPerUserAndTogether) {
   EXPECT_EQ(Try(Target(), BearerOf("bob")), 503) << "6 are open";
   open.pop_back();
   EXPECT_TRUE(Eventually([&] { return Try(Target(), BearerOf("bob")) == 101; }));
+}
+
+std::size_t MemoryMib() {
+  std::ifstream file("/proc/self/statm");
+  std::size_t all = 0;
+  std::size_t resident = 0;
+  file >> all >> resident;
+  return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) >> 20;
+}
+
+TEST_F(ConsoleTest, TwoHundredThatReadNothing_TakeNoThreadsAndLittleMemory) {
+  max_consoles_per_user_ = max_consoles_ = 256;
+  server_.reset();
+  Start();
+  EXPECT_EQ(Try(Target(), BearerOf("admin")), 101);  // what the first one starts is there
+  const int threads = test::ProcessThreads();
+  const std::size_t memory = MemoryMib();
+  const std::string block(65536, 'b');
+  std::vector<WebSocketClient> viewers;
+  std::vector<int> guest_ends;
+  for (int i = 0; i < 200; ++i) {
+    viewers.push_back(WebSocketClient::Unix(folder_ + "/socket"));
+    ASSERT_EQ(viewers.back().Upgrade(Target(i % 2 == 0 ? "vnc" : "serial")), 101) << i << viewers.back().body();
+    guest_ends.push_back(guests_.console());
+  }
+  // All that is taken from each guest, until nothing more is.
+  for (int quiet = 0; quiet < 5;) {
+    bool is_taken = false;
+    for (const int end : guest_ends) {
+      while (::send(end, block.data(), block.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) is_taken = true;
+    }
+    quiet = is_taken ? 0 : quiet + 1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_EQ(consoles_->size(), 200U);
+  EXPECT_LT(test::ProcessThreads(), threads + 10);  // the lane may have started some
+  EXPECT_LT(MemoryMib(), memory + 100);             // 200 times two buffers of 64 KiB, and what connections take
+  // Another viewer of the same guest is served.
+  WebSocketClient other = WebSocketClient::Unix(folder_ + "/socket");
+  ASSERT_EQ(other.Upgrade(Target()), 101) << other.body();
+  ASSERT_TRUE(other.Send("typed"));
+  EXPECT_EQ(ReadGuestEnd(5), "typed");
+  ASSERT_EQ(::send(guests_.console(), "shown", 5, MSG_NOSIGNAL), 5);
+  EXPECT_EQ(other.Receive(5), "shown");
 }
 
 TEST_F(ConsoleTest, ThousandAttempts_LeaveNothingBehind) {
