@@ -9,8 +9,10 @@
 
 namespace vexa {
 
-// Longer texts are refused: a guest takes some 30 characters per second.
+// Longer texts are refused: a guest takes some 25 characters per second.
 inline constexpr std::size_t kMaxTypedBytes = 1024;
+// The most characters of a text that a host types before it answers: somewhat more than a second.
+inline constexpr std::size_t kTypedPerCall = 32;
 
 // Keys that are pressed together, by their numbers in Linux (linux/input-event-codes.h).
 using KeyPress = std::vector<unsigned>;

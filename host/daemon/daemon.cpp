@@ -436,8 +436,9 @@ class Daemon::Impl {
          {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
           api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
           api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
-          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
+          api::ConsoleRows(store_, &console_tickets_, [stopping = is_stopping_] { return stopping->load(); }),
+          api::CreationRows(MakeAccountServices()), api::RecoveryRows(store_),
+          api::ImageRows(store_, config.image_roots),
           api::RepositoryRows(store_, {host_id_, config.image_roots, storage::QemuAccessFor(config.hypervisor)}),
           api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
           api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {

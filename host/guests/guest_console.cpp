@@ -53,14 +53,15 @@ Result<std::string, Refusal> LibvirtGuestControl::Screenshot(const std::string& 
   return *std::move(png);
 }
 
-Result<void, Refusal> LibvirtGuestControl::Type(const std::string& guest_id, const std::string& text) {
+Result<std::size_t, Refusal> LibvirtGuestControl::Type(const std::string& guest_id, const std::string& text) {
   const records::RequestPause without_reader;
-  const auto presses = KeyPressesOf(text);
+  auto presses = KeyPressesOf(text);
   if (!presses) return Refusal{host_error::kBadParameter, presses.error().ToString()};
-  if (const auto allowed = CheckHasConsole(guest_id); !allowed.ok()) return allowed;
+  if (const auto allowed = CheckHasConsole(guest_id); !allowed.ok()) return allowed.error();
+  if (presses->size() > kTypedPerCall) presses->resize(kTypedPerCall);
   const auto pressed = hypervisor_->PressKeys(guest_id, *presses);
   if (!pressed) return RefusalOf(pressed.error());
-  return {};
+  return *pressed;
 }
 
 }  // namespace vexa::guests

@@ -158,9 +158,10 @@ class GuestControl {
   // A picture of the screen of a guest that runs here, as PNG. Refusals: 911, 915 (too many pictures are being taken),
   // 403, 901, 949.
   virtual Result<std::string, Refusal> Screenshot(const std::string& guest_id) = 0;
-  // Types a text on the keyboard of a guest that runs here, and returns when it is typed. Refusals: 401 (a character
-  // has no key; KeyPressesOf), 911, 403, 901, 949.
-  virtual Result<void, Refusal> Type(const std::string& guest_id, const std::string& text) = 0;
+  // Types a text on the keyboard of a guest that runs here, or the beginning of one with more than kTypedPerCall
+  // characters. Returns how many of them were typed, at least one. Refusals: 401 (a character has no key;
+  // KeyPressesOf), 911, 403, 901, 949.
+  virtual Result<std::size_t, Refusal> Type(const std::string& guest_id, const std::string& text) = 0;
 
   // Whether the hypervisor can be reached, and its version as three numbers ("7.2.19", or
   // "" when unknown), both as last known: the call never waits.

@@ -68,7 +68,7 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<RunningGuest> FindRunningGuest(const std::string& guest_id) override;
   Result<Descriptor, Refusal> OpenConsole(const std::string& guest_id, ConsoleType type) override;
   Result<std::string, Refusal> Screenshot(const std::string& guest_id) override;
-  Result<void, Refusal> Type(const std::string& guest_id, const std::string& text) override;
+  Result<std::size_t, Refusal> Type(const std::string& guest_id, const std::string& text) override;
   bool IsHypervisorReachable() const override;
   std::string HypervisorVersion() const override;
   bool Stop(std::chrono::milliseconds timeout) override;

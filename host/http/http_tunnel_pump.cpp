@@ -14,7 +14,7 @@ using boost::system::error_code;
 
 // How long a client has to take the farewell.
 constexpr std::chrono::seconds kCloseTime{2};
-// How long the other end may take nothing of what a client sent before it left.
+// How long the other end may take none of what a client sent before it left.
 constexpr std::chrono::seconds kTimeForRest{2};
 
 class SocketEnd final : public TunnelEnd {

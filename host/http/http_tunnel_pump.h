@@ -54,7 +54,7 @@ class TunnelPump : public std::enable_shared_from_this<TunnelPump> {
   bool is_closing_ = false;
   Clock::time_point moved_at_;
   Clock::time_point write_since_ = Clock::time_point::max();    // the write to the client that is under way
-  Clock::time_point blocked_since_ = Clock::time_point::max();  // the other end takes nothing of what the client sent
+  Clock::time_point blocked_since_ = Clock::time_point::max();  // the other end takes none of what the client sent
   Clock::time_point close_by_ = Clock::time_point::max();
 };
 

@@ -23,7 +23,7 @@ constexpr int kWouldBlock = -2;  // of virStreamRecv
 // How long a daemon that reads nothing holds up the end of a line: the product.
 constexpr int kClosingPingIntervalS = 1;
 constexpr unsigned kClosingMissedPings = 3;
-// For a viewer that takes nothing of the rest.
+// For a viewer that does not take the rest.
 constexpr timeval kRestTimeout{5, 0};
 
 // Threads: the callbacks run on that of libvirt's event loop, Run on the line's own, which alone may wait for libvirt.

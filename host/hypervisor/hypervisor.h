@@ -220,8 +220,9 @@ class Hypervisor {
   // A picture of the screen of a running guest, as PNG of at most kMaxPngBytes. Failures: kNotRunning, kUnsupported,
   // kInvalid (the picture cannot be read, or is too large).
   virtual Result<std::string, Failure> Screenshot(const std::string& id) = 0;
-  // Presses keys of a running guest one after another; takes some 40 ms for each. Failures: kNotRunning, kUnsupported.
-  virtual Result<void, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) = 0;
+  // Presses keys of a running guest one after another; takes some 40 ms for each. Returns how many were pressed: fewer
+  // than asked when one could not be. Failures, when not even the first could be: kNotRunning, kUnsupported.
+  virtual Result<std::size_t, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) = 0;
 
   // Changes of a running guest. They last until it is off: its definition for the next start stays as it is. Failures
   // of each: kNotRunning, kUnsupported and kFailed (the driver or the guest's machine cannot do it). Not more

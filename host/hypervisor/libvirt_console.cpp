@@ -121,19 +121,21 @@ Result<std::string, Failure> LibvirtHypervisor::Screenshot(const std::string& id
   return *std::move(png);
 }
 
-Result<void, Failure> LibvirtHypervisor::PressKeys(const std::string& id, const std::vector<KeyPress>& presses) {
+Result<std::size_t, Failure> LibvirtHypervisor::PressKeys(const std::string& id, const std::vector<KeyPress>& presses) {
   const std::string failed = fmt::format("Cannot press keys of the guest {}", id);
   const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
   if (!guest) return guest.error();
-  for (const KeyPress& press : presses) {
-    KeyPress keys = press;
+  std::size_t pressed = 0;
+  for (KeyPress keys : presses) {
     if (virDomainSendKey(guest->domain.get(), VIR_KEYCODE_SET_LINUX, kHoldMs, keys.data(),
                          static_cast<int>(keys.size()), 0) != 0) {
+      if (pressed > 0) return pressed;
       return GuestFailure(*guest, Operation::kRead, failed);
     }
+    ++pressed;
     std::this_thread::sleep_for(kPressInterval);
   }
-  return {};
+  return pressed;
 }
 
 }  // namespace vexa::hypervisor

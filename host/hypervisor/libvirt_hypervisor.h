@@ -100,7 +100,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<Descriptor, Failure> OpenScreen(const std::string& id) override;
   Result<Descriptor, Failure> OpenSerial(const std::string& id) override;
   Result<std::string, Failure> Screenshot(const std::string& id) override;
-  Result<void, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) override;
+  Result<std::size_t, Failure> PressKeys(const std::string& id, const std::vector<KeyPress>& presses) override;
   Result<std::vector<std::string>, Failure> Networks() override;
   Result<std::vector<KnownNetwork>, Failure> KnownNetworks() override;
   Result<void, Failure> DefineNetwork(const std::string& xml) override;

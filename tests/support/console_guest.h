@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -93,6 +94,26 @@ inline Picture DecodePng(const std::string& png) {
   picture.width = image.width;
   picture.height = image.height;
   return picture;
+}
+
+// Of a PGM with one byte for each pixel. Empty: it is something else.
+inline Picture DecodePgm(const std::string& pgm) {
+  Picture picture;
+  std::istringstream text(pgm);
+  std::string magic;
+  std::size_t maximum = 0;
+  text >> magic >> picture.width >> picture.height >> maximum;
+  const std::size_t pixels = picture.width * picture.height;
+  if (!text || magic != "P5" || maximum != 255 || pgm.size() < pixels) return {};
+  picture.pixels.assign(pgm.end() - static_cast<std::ptrdiff_t>(pixels), pgm.end());
+  return picture;
+}
+
+// Which pixels are dark.
+inline std::vector<bool> Dark(const std::vector<std::uint8_t>& pixels) {
+  std::vector<bool> dark;
+  for (const std::uint8_t pixel : pixels) dark.push_back(pixel < 85);
+  return dark;
 }
 
 // The pixels of the first `columns` characters of a line of the text mode with 80 by 25 characters.

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <mutex>
 #include <string>
@@ -75,8 +76,9 @@ class ScriptedGuests final : public guests::GuestControl {
     if (const auto noted = Note("screenshot", id, {}); !noted.ok()) return noted.error();
     return screenshot;
   }
-  Result<void, Refusal> Type(const std::string& id, const std::string& text) override {
-    return Note("type " + text, id, {});
+  Result<std::size_t, Refusal> Type(const std::string& id, const std::string& text) override {
+    if (const auto noted = Note("type " + text, id, {}); !noted.ok()) return noted.error();
+    return std::min(text.size(), kTypedPerCall);
   }
   bool Stop(std::chrono::milliseconds) override { return true; }
 

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "host/api/dispatcher.h"
@@ -23,6 +25,7 @@
 #include "tests/support/test_host.h"
 #include "tests/support/waiting.h"
 #include "tests/support/websocket_client.h"
+#include "tests/system/transport_test_support.h"
 #include "webapi/error_codes.h"
 #include "webapi/platform/ccc.h"
 
@@ -63,10 +66,10 @@ class ConsoleTest : public ::testing::Test {
     options.open_remote = [this](const std::string& host_id, const ConsoleTarget& target) {
       return OpenRemote(host_id, target);
     };
-    options.max_consoles_per_user = 4;
-    options.max_consoles = 6;
+    options.max_consoles_per_user = max_consoles_per_user_;
+    options.max_consoles = max_consoles_;
     consoles_ = std::make_unique<Consoles>(std::move(options));
-    table_ = std::make_unique<ApiTable>(ConsoleRows(store, &tickets_));
+    table_ = std::make_unique<ApiTable>(ConsoleRows(store, &tickets_, [this] { return is_stopping_.load(); }));
     metrics_ = std::make_unique<Metrics>(*table_);
     Dispatcher::Parts parts;
     parts.table = table_.get();
@@ -182,6 +185,9 @@ class ConsoleTest : public ::testing::Test {
     return remote_refusal_;
   }
 
+  std::size_t max_consoles_per_user_ = 4;
+  std::size_t max_consoles_ = 6;
+  std::atomic<bool> is_stopping_ = false;
   test::TestHost host_;
   const std::string folder_ = host_.folder().File("sessions");
   std::unique_ptr<session::SessionTable> sessions_;
@@ -485,6 +491,50 @@ TEST_F(ConsoleTest, TooMany_AreRefusedPerUserAndTogether) {
   EXPECT_TRUE(Eventually([&] { return Try(Target(), BearerOf("bob")) == 101; }));
 }
 
+std::size_t MemoryMib() {
+  std::ifstream file("/proc/self/statm");
+  std::size_t all = 0;
+  std::size_t resident = 0;
+  file >> all >> resident;
+  return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) >> 20;
+}
+
+TEST_F(ConsoleTest, TwoHundredThatReadNothing_TakeNoThreadsAndLittleMemory) {
+  max_consoles_per_user_ = max_consoles_ = 256;
+  server_.reset();
+  Start();
+  EXPECT_EQ(Try(Target(), BearerOf("admin")), 101);  // what the first one starts is there
+  const int threads = test::ProcessThreads();
+  const std::size_t memory = MemoryMib();
+  const std::string block(65536, 'b');
+  std::vector<WebSocketClient> viewers;
+  std::vector<int> guest_ends;
+  for (int i = 0; i < 200; ++i) {
+    viewers.push_back(WebSocketClient::Unix(folder_ + "/socket"));
+    ASSERT_EQ(viewers.back().Upgrade(Target(i % 2 == 0 ? "vnc" : "serial")), 101) << i << viewers.back().body();
+    guest_ends.push_back(guests_.console());
+  }
+  // All that is taken from each guest, until nothing more is.
+  for (int quiet = 0; quiet < 5;) {
+    bool is_taken = false;
+    for (const int end : guest_ends) {
+      while (::send(end, block.data(), block.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) is_taken = true;
+    }
+    quiet = is_taken ? 0 : quiet + 1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_EQ(consoles_->size(), 200U);
+  EXPECT_LT(test::ProcessThreads(), threads + 10);  // the lane may have started some
+  EXPECT_LT(MemoryMib(), memory + 100);             // 200 times two buffers of 64 KiB, and what connections take
+  // Another viewer of the same guest is served.
+  WebSocketClient other = WebSocketClient::Unix(folder_ + "/socket");
+  ASSERT_EQ(other.Upgrade(Target()), 101) << other.body();
+  ASSERT_TRUE(other.Send("typed"));
+  EXPECT_EQ(ReadGuestEnd(5), "typed");
+  ASSERT_EQ(::send(guests_.console(), "shown", 5, MSG_NOSIGNAL), 5);
+  EXPECT_EQ(other.Receive(5), "shown");
+}
+
 TEST_F(ConsoleTest, ThousandAttempts_LeaveNothingBehind) {
   const std::string bearer = BearerOf("alice");
   int opened = 0;
@@ -520,6 +570,62 @@ TEST_F(ConsoleTest, ScreenshotAndType_AskHostOfGuest) {
   EXPECT_THAT(ClusterLog(),
               ::testing::ElementsAre("alice: Failed to take a picture of the screen of the virtual machine [vm-1].",
                                      "alice: Failed to type a text on the keyboard of the virtual machine [vm-1]."));
+}
+
+// A text, typed by the guest's host, which is another one.
+class TypeTest : public ConsoleTest {
+ protected:
+  Json::Value Type(const std::string& text, std::function<std::string(std::size_t call)> answer) {
+    PutRun(kGuest, "h2");
+    const test::JsonHost host([&](http::HttpRequest&& request, http::Responder responder) {
+      texts_.push_back(json::StringMember(Parsed(request.body), "text"));
+      http::HttpResponse response;
+      response.body = answer(texts_.size());
+      responder.Send(std::move(response));
+    });
+    const test::InstalledTransport transport({{"h2", host.address()}});
+    return Call("type", BearerOf("alice"), std::string(R"({"guest_id":")") + kGuest + R"(","text":")" + text + "\"}");
+  }
+
+  std::vector<std::string> texts_;  // what the host was asked to type
+};
+
+constexpr const char* kTyped32 = R"({"success":true,"data":{"typed":32}})";
+
+TEST_F(TypeTest, LongText_IsTypedInPieces) {
+  const std::string text = std::string(32, 'a') + std::string(32, 'b') + "cd";
+  const Json::Value reply =
+      Type(text, [](std::size_t call) { return call < 3 ? kTyped32 : R"({"success":true,"data":{"typed":2}})"; });
+  EXPECT_EQ(reply["success"], true) << reply.toStyledString();
+  EXPECT_THAT(texts_, ::testing::ElementsAre(text, text.substr(32), "cd"));
+}
+
+TEST_F(TypeTest, Stop_EndsItAndAnswersHowFarItCame) {
+  const Json::Value reply = Type(std::string(1024, 'a'), [this](std::size_t call) {
+    if (call == 3) is_stopping_ = true;
+    return kTyped32;
+  });
+  EXPECT_EQ(reply["error"]["code"], user_error::kUnavailable);
+  EXPECT_EQ(reply["error"]["reason"], "This host is stopping. Typed the first 96 of 1024 characters.");
+  EXPECT_EQ(texts_.size(), 3U);
+  EXPECT_THAT(ClusterLog(),
+              ::testing::ElementsAre("alice: Failed to type a text on the keyboard of the virtual machine [vm-1]."));
+}
+
+TEST_F(TypeTest, Failure_AnswersHowFarItCame) {
+  Json::Value reply = Type(std::string(50, 'a'), [](std::size_t call) {
+    return call == 1 ? kTyped32 : R"({"success":false,"error":{"code":911,"details":"It does not run"}})";
+  });
+  EXPECT_EQ(reply["error"]["code"], user_error::kNotRunning);
+  EXPECT_EQ(reply["error"]["reason"], "It does not run. Typed the first 32 of 50 characters.");
+  for (const char* answer : {R"({"success":true,"data":null})", R"({"success":true,"data":{"typed":0}})",
+                             R"({"success":true,"data":{"typed":"x"}})"}) {
+    texts_.clear();
+    reply = Type("a", [answer](std::size_t) { return answer; });
+    EXPECT_EQ(reply["error"]["code"], user_error::kActionFailed) << answer;
+    EXPECT_EQ(reply["error"]["details"], "The guest's host typed no character") << answer;
+    EXPECT_EQ(texts_.size(), 1U);
+  }
 }
 
 TEST(Base64, RoundTrip_AndNothingElse) {

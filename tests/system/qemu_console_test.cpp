@@ -185,6 +185,38 @@ TEST_F(QemuConsole, ViewerCommand_GivesViewerAPortWithScreen) {
   EXPECT_EQ(Content(seen), "RFB 003.008\n");
 }
 
+// A VNC client of Debian's, started as the viewer, sees what `vexa guest screenshot` shows.
+TEST_F(QemuConsole, ForeignVncClient_SeesWhatScreenshotShows) {
+  for (const char* program : {"vncsnapshot", "djpeg"}) {
+    if (!FileExists(std::string("/usr/bin/") + program)) {
+      GTEST_SKIP() << SkipNotice(std::string("there is no ") + program + ": install vncsnapshot, libjpeg-turbo-progs");
+    }
+  }
+  const std::size_t columns = kShownText.size();
+  host_->Vexa({"guest", "type", "console", std::string(kShownText), "--socket", host_->Socket()});
+  Picture screenshot;
+  ASSERT_TRUE(Await([&] {
+    screenshot = Screen();
+    return TextLine(screenshot, 0, columns) == TextLine(screenshot, 1, columns);
+  }));
+  const std::string folder = environment_->folder();
+  const std::string viewer = folder + "/viewer";
+  std::ofstream(viewer) << "#!/bin/bash\n"
+                        << "vncsnapshot -allowblank 127.0.0.1:$((${1##*:} - 5900)) " << folder << "/seen.jpeg >"
+                        << folder << "/seen.log 2>&1 && djpeg -grayscale " << folder << "/seen.jpeg >" << folder
+                        << "/seen.pgm\n";
+  std::filesystem::permissions(viewer, std::filesystem::perms::owner_all);
+  host_->Vexa({"guest", "viewer", "console", "--program", viewer, "--socket", host_->Socket()});
+  const Picture seen = DecodePgm(Content(folder + "/seen.pgm"));
+  ASSERT_EQ(seen.width, screenshot.width) << Content(folder + "/seen.log");
+  ASSERT_EQ(seen.height, screenshot.height);
+  // JPEG changes shades a little. The cursor behind the second line blinks.
+  for (const std::size_t line : {0, 1, 2, 24}) {
+    EXPECT_EQ(Dark(TextLine(seen, line, columns)), Dark(TextLine(screenshot, line, columns))) << line;
+  }
+  EXPECT_FALSE(IsBlank(TextLine(screenshot, 0, columns)));
+}
+
 TEST_F(QemuConsole, PowerOff_EndsConsoles) {
   WebSocketClient screen = Open("vnc");
   ASSERT_EQ(status_, 101);
@@ -207,6 +239,21 @@ TEST_F(QemuConsole, Stop_EndsConsolesAndGuestGoesOn) {
   EXPECT_EQ(screen.ReceiveClose(), 1001);
   EXPECT_EQ(line.ReceiveClose(), 1001);
   EXPECT_EQ(host_->Qemus(kGuest), 1);
+}
+
+TEST_F(QemuConsole, Stop_WhileLongTextIsTyped_EndsItAndSaysHowFarItCame) {
+  ProcessOptions options;
+  options.argv = {environment_->Program("vexa"), "guest",    "type",         "console",
+                  std::string(1024, 'w'),        "--socket", host_->Socket()};
+  options.environment = {{"LD_LIBRARY_PATH", environment_->LibraryFolder()}};
+  Process typing(options);
+  EXPECT_TRUE(Await([&] { return !IsBlank(TextLine(Screen(), 1, 1)); }));
+  EXPECT_TRUE(host_->Stop(kGuestTimeout).has_value()) << host_->Log();
+  const auto status = typing.Wait(kGuestTimeout);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(status->code, 1);
+  EXPECT_THAT(typing.errors(), HasSubstr("This host is stopping. Typed the first "));
+  EXPECT_THAT(typing.errors(), HasSubstr(" of 1024 characters."));
 }
 
 // A second host of the cluster, which runs no guests, and through which the consoles are opened.

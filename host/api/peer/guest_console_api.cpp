@@ -39,7 +39,9 @@ void TypeText(const ServiceParts& parts, const Call& call) {
   if (!guest_id) return;
   const auto typed = parts.guests->Type(*guest_id, text.Get());
   if (!typed.ok()) return call.response->SetError(typed.error().code, typed.error().reason);
-  call.response->SetSuccess(Json::Value());
+  Json::Value data(Json::objectValue);
+  data["typed"] = static_cast<Json::UInt64>(*typed);
+  call.response->SetSuccess(data);
 }
 
 }  // namespace
@@ -55,7 +57,10 @@ std::vector<ApiRow> GuestConsoleRows(const ServiceParts& parts) {
           "A picture of the screen of a guest that runs here.", {guest}, codes),
       HostRow(
           "VEXA.CCC.Guest", "type", LaneKind::kLong, [parts](const Call& call) { TypeText(parts, call); },
-          "Types a text on the keyboard of a guest that runs here.", {guest, Text("text", "What is typed.")}, codes)};
+          "Types a text on the keyboard of a guest that runs here, at most its first 32 characters; \"typed\" is how "
+          "many "
+          "were typed.",
+          {guest, Text("text", "What is typed.")}, codes)};
 }
 
 }  // namespace vexa::api

@@ -1,6 +1,7 @@
 // The methods of VEXA.Virtualization.Guest about consoles.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -10,7 +11,8 @@
 
 namespace vexa::api {
 
-// `tickets` outlives the rows.
-std::vector<ApiRow> ConsoleRows(const std::shared_ptr<store::Store>& store, session::ConsoleTickets* tickets);
+// `tickets` outlives the rows. `is_stopping`: whether calls should end soon; any thread.
+std::vector<ApiRow> ConsoleRows(const std::shared_ptr<store::Store>& store, session::ConsoleTickets* tickets,
+                                const std::function<bool()>& is_stopping);
 
 }  // namespace vexa::api
