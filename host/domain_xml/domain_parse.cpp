@@ -8,10 +8,10 @@ namespace parse {
 namespace {
 
 Status CheckOptions(const ImportOptions& options) {
-  if (NormalizeUuid(options.repository_id).empty()) {
+  if (!options.repository_id.empty() && NormalizeUuid(options.repository_id).empty()) {
     return Invalid("The repository id {} is not a UUID. Use the form 8-4-4-4-12", Quote(options.repository_id));
   }
-  if (NormalizeUuid(options.host_id).empty()) {
+  if (!options.host_id.empty() && NormalizeUuid(options.host_id).empty()) {
     return Invalid("The host id {} is not a UUID. Use the form 8-4-4-4-12", Quote(options.host_id));
   }
   for (const auto& [name, id] : options.networks) {

@@ -22,15 +22,11 @@ inline constexpr std::size_t kMaxDisks = 64;
 inline constexpr std::size_t kMaxNics = 64;
 inline constexpr std::uint64_t kMaxDiskMib = 2'147'483'647;
 
-// The repository and host of an embedded cluster, used by default.
-inline constexpr std::string_view kDefaultRepositoryId = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
-inline constexpr std::string_view kDefaultHostId = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
-
 enum class ImageFormat { kRaw, kQcow2 };
 
 struct ImportOptions {
-  std::string repository_id{kDefaultRepositoryId};  // UUID
-  std::string host_id{kDefaultHostId};              // UUID
+  std::string repository_id{};  // UUID; "": the guest's and disks' records name none
+  std::string host_id{};        // likewise
 
   // Sizes of disks whose image cannot be read, by target name ("vda").
   std::map<std::string, std::uint64_t> disk_sizes_mib;

@@ -16,6 +16,7 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
+#include "host/guests/import/guest_import.h"
 #include "host/guests/jobs/requester.h"
 #include "host/guests/resources.h"
 #include "host/hypervisor/hypervisor.h"
@@ -129,6 +130,9 @@ class GuestControl {
   virtual Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) = 0;
   // See Creations::Create; the guest gets a new id.
   virtual Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) = 0;
+  // See Creations::Import. A dry run only checks.
+  virtual Result<void, Refusal> Import(const ImportRequest& request, const GuestImport::Options& importing,
+                                       const Requester& requester, ImportedGuest& imported) = 0;
   // See Edits::Edit. Changes that a running guest cannot take immediately take effect at its next start, and are in the
   // record's "pending" until then.
   virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,

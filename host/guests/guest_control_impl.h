@@ -55,6 +55,8 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> Fence(const std::string& guest_id) override;
   Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) override;
   Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) override;
+  Result<void, Refusal> Import(const ImportRequest& request, const GuestImport::Options& importing,
+                               const Requester& requester, ImportedGuest& imported) override;
   Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) override;
   bool StopFencedGuests() override;

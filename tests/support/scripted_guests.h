@@ -37,6 +37,11 @@ class ScriptedGuests final : public guests::GuestControl {
     if (!noted.ok()) return noted.error();
     return created;
   }
+  Result<void, Refusal> Import(const guests::ImportRequest& request, const guests::GuestImport::Options& importing,
+                               const Requester& by, guests::ImportedGuest& result) override {
+    result = imported;
+    return Note(importing.mode == guests::ImportMode::kCheck ? "check import" : "import", request.xml, by);
+  }
   Result<void, Refusal> Edit(const std::string& id, const Json::Value& edit, const Requester& by) override {
     last_edit = edit;
     return Note("edit", id, by);
@@ -88,6 +93,7 @@ class ScriptedGuests final : public guests::GuestControl {
   Json::Value last_edit;
   Json::Value last_creation;
   Json::Value created{Json::objectValue};  // the answer to a creation
+  guests::ImportedGuest imported;          // the answer to an import
   bool is_hypervisor_reachable = true;
   std::string hypervisor_version;
   std::string screenshot = "a picture";

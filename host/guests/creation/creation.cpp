@@ -5,6 +5,7 @@
 #include <thread>
 #include <variant>
 
+#include "host/guests/creation/copied_import.h"
 #include "host/guests/creation/creation_job.h"
 #include "host/guests/creation/creation_request.h"
 #include "host/guests/creation/sources.h"
@@ -78,6 +79,11 @@ Result<Json::Value, Refusal> Creations::Create(const std::string& guest_id, cons
     }
   }
   return created;
+}
+
+Result<void, Refusal> Creations::Import(const ImportRequest& request, const GuestImport::Options& importing,
+                                        const Requester& requester, ImportedGuest& imported) {
+  return CopiedImport(options_, importing).Import(request, requester, imported);
 }
 
 void Creations::FinishAll() { FinishJobs(*options_.store, kCreationKind, options_.host_id, ResumeCreation(options_)); }
