@@ -145,6 +145,10 @@ class Import {
     for (const Json::Value& note : json::Elements(Member(result, "notes"))) {
       std::cout << "  " << Printable(Text(note)) << '\n';
     }
+    for (const Json::Value& element : json::Elements(Member(result, "elements"))) {
+      std::cout << fmt::format("  {}: {}\n", Printable(Text(Member(element, "path"))),
+                               Printable(Text(Member(element, "outcome"))));
+    }
   }
 
   void RecordPlan(const std::string& label, const Json::Value& result) {

@@ -37,6 +37,12 @@ struct ImportOptions {
   std::function<Result<std::uint64_t>(const std::string& path, ImageFormat format)> size_of;
 };
 
+// What becomes of an element that has no place in records.
+struct ElementOutcome {
+  std::string path;     // below <domain>: "devices/graphics[2]"
+  std::string outcome;  // a clause: "kept …", "dropped: …"
+};
+
 struct ImportedGuest {
   std::string id;
   Json::Value guest;
@@ -44,6 +50,7 @@ struct ImportedGuest {
   std::vector<std::pair<std::string, Json::Value>> nics;
   std::string xml;                 // the input, unchanged: it preserves what the records do not cover
   std::vector<std::string> notes;  // one sentence for each thing that the records only approximate
+  std::vector<ElementOutcome> elements;
 };
 
 // The records of one <domain>. The same XML and options always give the same ids and records.
@@ -52,7 +59,8 @@ struct ImportedGuest {
 // except for options.size_of. Threads: any, at the same time.
 Result<ImportedGuest> ParseDomainXml(std::string_view xml, const ImportOptions& options);
 
-// As {"id", "guest", "disks": [{"id", "object"}], "nics": [{"id", "object"}], "notes": […]}.
+// As {"id", "guest", "disks": [{"id", "object"}], "nics": [{"id", "object"}], "notes": […],
+// "elements": [{"path", "outcome"}]}.
 Json::Value ToJson(const ImportedGuest& guest);
 
 // Reads the virtual size in bytes: from the header of a qcow2 image, or the length of a raw file or block device.

@@ -61,6 +61,7 @@ Json::Value Describe(const Result<void, Refusal>& outcome, const ImportedGuest& 
   result["disks"] = json::Member(imported.records, "disks").size();
   result["nics"] = json::Member(imported.records, "nics").size();
   result["notes"] = json::Member(imported.records, "notes");
+  result["elements"] = json::Member(imported.records, "elements");
   if (mode == guests::ImportMode::kCheck) result["records"] = imported.records;
   return result;
 }

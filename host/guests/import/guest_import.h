@@ -44,7 +44,7 @@ struct ImportedGuest {
   std::string id;    // "" when the XML cannot be parsed
   std::string name;  // likewise
   bool is_replacement = false;
-  Json::Value records;  // {"id", "guest", "disks", "nics", "notes"}; see domain_xml::ToJson
+  Json::Value records;  // {"id", "guest", "disks", "nics", "notes", "elements"}; see domain_xml::ToJson
 };
 
 // An import in progress.
