@@ -240,6 +240,8 @@ class Daemon::Impl {
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
     store_->LimitLockWaits(kLockWaitWhenStopping);
+    is_stopping_ = true;
+    if (guests_) guests_->BeginStop();
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     if (certificate_) certificate_->BeginStop();
@@ -425,7 +427,7 @@ class Daemon::Impl {
          {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
           api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
           api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices()),
+          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices(), [this] { return is_stopping_.load(); }),
           api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
           api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
           api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
@@ -658,6 +660,7 @@ class Daemon::Impl {
   std::unique_ptr<BoundedTask> certificate_stop_;
   std::unique_ptr<BoundedTask> sign_off_;
   std::unique_ptr<BoundedTask> farewell_;
+  std::atomic<bool> is_stopping_ = false;
   bool stopped_ = false;
 };
 

@@ -104,7 +104,7 @@ EditOptions LibvirtGuestControl::MakeEditOptions() {
 
 CreationOptions LibvirtGuestControl::MakeCreationOptions() {
   CreationOptions creations{MakeEditOptions()};
-  creations.is_stopping = [this] { return stopping_.load(); };
+  creations.is_stopping = [this] { return stop_begun_ || stopping_; };
   return creations;
 }
 

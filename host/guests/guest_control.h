@@ -133,6 +133,8 @@ class GuestControl {
   // See Creations::Import. A dry run only checks.
   virtual Result<void, Refusal> Import(const ImportRequest& request, const GuestImport::Options& importing,
                                        const Requester& requester, ImportedGuest& imported) = 0;
+  // Ends copies of images, and waits for other requests, with 949: they would use up the time of a stop.
+  virtual void BeginStop() = 0;
   // See Edits::Edit. Changes that a running guest cannot take immediately take effect at its next start, and are in the
   // record's "pending" until then.
   virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,

@@ -49,6 +49,7 @@ class ScriptedGuests final : public guests::GuestControl {
   Result<void, Refusal> SetHost(const std::string& id, const std::string& host_id) override {
     return Note("hostset " + host_id, id, {});
   }
+  void BeginStop() override {}
   bool StopFencedGuests() override { return true; }
   Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
   std::optional<guests::RunningGuest> FindRunningGuest(const std::string&) override { return running; }

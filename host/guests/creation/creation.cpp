@@ -51,7 +51,9 @@ FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest&
     }
     if (std::chrono::steady_clock::now() >= end) {
       return Result<Json::Value, Refusal>(
-          Refusal{host_error::kBusy, fmt::format("The request '{}' is still being done", request.id)});
+          Refusal{host_error::kBusy, fmt::format("The guest '{}' is still being created, by the same request. Repeat the "
+                                                 "request '{}' later",
+                                                 stored->record->guest_id, request.id)});
     }
     std::this_thread::sleep_for(kPollInterval);
   }

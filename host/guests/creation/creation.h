@@ -36,11 +36,14 @@ namespace vexa::guests {
 // The key of a guest's record with the percentage that has been copied, while it is being created.
 inline constexpr char kProgress[] = "progress";
 
+// A longer wait would hold up a stop, and clients can repeat their request once more.
+inline constexpr std::chrono::seconds kRequestWait{20};
+
 struct CreationOptions : EditOptions {
   disks::CopyOptions copy{};  // of existing images; Creations sets its callbacks
   // How long a repeated request waits for the first one.
-  std::chrono::milliseconds request_wait = std::chrono::hours(1);
-  // Whether such a wait must end now. Not set: never.
+  std::chrono::milliseconds request_wait = kRequestWait;
+  // Whether such a wait, and a copy of an image, must end now. Not set: never.
   std::function<bool()> is_stopping{};
 };
 
@@ -79,7 +82,8 @@ class Creations {
 };
 
 // The outcome of a numbered request that was made before, also to another host; waits at most `timeout` while it is in
-// progress, and then refuses with 915. Not set: there was no such request. Errors of the store become refusals.
+// progress, and then refuses with 915, and the guest's id in the reason; with 949 when `is_stopping`. Not set: there was
+// no such request. Errors of the store become refusals.
 FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest& request,
                                std::chrono::milliseconds timeout, const std::function<bool()>& is_stopping = {});
 
