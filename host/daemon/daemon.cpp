@@ -427,10 +427,11 @@ class Daemon::Impl {
          {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
           api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
           api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-          api::ConsoleRows(store_, &console_tickets_), api::CreationRows(MakeAccountServices(), [this] { return is_stopping_.load(); }),
-          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
-          api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
-          api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
+          api::ConsoleRows(store_, &console_tickets_),
+          api::CreationRows(MakeAccountServices(), [this] { return is_stopping_.load(); }), api::RecoveryRows(store_),
+          api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_), api::GuestNetworkRows(store_),
+          api::LogRows(), api::AccountRows(MakeAccountServices()), api::GrantRows(MakeAccountServices()),
+          api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));

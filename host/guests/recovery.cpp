@@ -206,11 +206,11 @@ class Recovery {
               host)};
     }
     // libvirt starts an imported guest at boot of its host if its owner configured that and the host has not cleared it
-    // yet, also from saved memory.
+    // yet. Saved memory can be restored by the machine itself, for instance by a service of libvirt when it boots.
     const auto imported = snapshot.Get(records::DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
     const bool has_ended =
-        run.saved || (run.incarnation != 0 && run.incarnation < records::FirstIncarnationSinceBoot(claim.record));
+        !may_be_saved && run.incarnation != 0 && run.incarnation < records::FirstIncarnationSinceBoot(claim.record);
     if ((has_ended && !may_have_started) || request_.machine == MachineState::kConfirmedOff) return {};
     return Refusal{
         kNotConfirmed,

@@ -258,7 +258,7 @@ void Create(const AccountServices& services, const std::function<bool()>& is_sto
 std::vector<ApiRow> CreationRows(const AccountServices& services, std::function<bool()> is_stopping) {
   using namespace user_error;
   return {AdministratorRow(
-      "VEXA.Virtualization.Guest", "create", LaneKind::kLong, 
+      "VEXA.Virtualization.Guest", "create", LaneKind::kLong,
       [services, is_stopping = std::move(is_stopping)](const Call& call) { Create(services, is_stopping, call); },
       "Create a guest with disks and network interfaces, completely or not at all, and start it if asked to. The reply "
       "has its id, name and host, and with \"start\" whether it was started, or why not.",

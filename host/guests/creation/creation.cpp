@@ -50,10 +50,10 @@ FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest&
       return Result<Json::Value, Refusal>(Refusal{host_error::kUnavailable, "This host is stopping"});
     }
     if (std::chrono::steady_clock::now() >= end) {
-      return Result<Json::Value, Refusal>(
-          Refusal{host_error::kBusy, fmt::format("The guest '{}' is still being created, by the same request. Repeat the "
-                                                 "request '{}' later",
-                                                 stored->record->guest_id, request.id)});
+      return Result<Json::Value, Refusal>(Refusal{
+          host_error::kBusy, fmt::format("The guest '{}' is still being created, by the same request. Repeat the "
+                                         "request '{}' later",
+                                         stored->record->guest_id, request.id)});
     }
     std::this_thread::sleep_for(kPollInterval);
   }

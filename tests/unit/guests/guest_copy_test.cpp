@@ -235,7 +235,10 @@ TEST_F(CopyTest, Copy_HostStops_IsEnded) {
 
 TEST_F(CopyTest, Copy_InProgress_ShowsProgress) {
   // The second of two copies is at its half.
-  CopyWith("echo '    (50.00/100%)'; sleep 1");
+  const std::string seen_first = environment_.File("first");
+  const std::string go_on = environment_.File("go");
+  CopyWith("echo '    (50.00/100%)'; if [ ! -e " + seen_first + " ]; then : > " + seen_first +
+           "; exit 0; fi; while [ ! -e " + go_on + " ]; do sleep 0.01; done");
   std::optional<std::string> seen;
   std::thread creator([&] {
     const auto created = Create(Named("x", R"(,"vdisks_add":[{"format":"raw","from":")" + Path("source.raw") +
@@ -247,6 +250,7 @@ TEST_F(CopyTest, Copy_InProgress_ShowsProgress) {
     seen = TextOf(*store_, KeyOf("guest", kCreated, "progress"));
     std::this_thread::sleep_for(5ms);
   }
+  std::ofstream{go_on};
   creator.join();
   EXPECT_EQ(seen, "75");
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kCreated, "progress")));

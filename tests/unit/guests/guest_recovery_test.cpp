@@ -182,9 +182,21 @@ TEST_F(GuestRecovery, Recover_SavedMemory_NeedsConsent) {
   PutRun(6, true);
   ExpectRefused(Request(), 974,
                 "The guest's saved memory is on the host 'beta' and would be lost. Confirm that it may be discarded");
-  RecoverRequest request = Request(MachineState::kUnknown);
+  RecoverRequest request = Request();
   request.saved = SavedMemory::kDiscard;
-  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok()) << "a guest that is saved runs nowhere";
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
+}
+
+// Its machine may have restored it when it booted, although this system did not ask for that.
+TEST_F(GuestRecovery, Recover_SavedMemory_NeedsConfirmation) {
+  for (const std::uint64_t incarnation : {4u, 6u}) {  // before and after the boot of the machine
+    PutRun(incarnation, true);
+    RecoverRequest request = Request(MachineState::kUnknown);
+    request.saved = SavedMemory::kDiscard;
+    ExpectRefused(request, 972,
+                  "The guest may still be running on the host 'beta', and a guest that runs twice destroys its disks. "
+                  "Make sure that the host's machine is off, and confirm it");
+  }
 }
 
 // libvirt may have restored it at the boot of its host.
@@ -288,12 +300,13 @@ TEST_F(HostRemoval, Remove_HostHasJobs_EndsThem) {
   const std::string made = R"("made":["/i/r/0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c219.qcow2"])";
   for (const char* id : {kHalf, kMoving, kOthers}) {
     const std::string state = id == kMoving ? states::importing : states::creating;
-    host_.PutText("guest", id, R"({"name":")" + std::string(id) + R"(","host_id":")" + kGone + R"(","state":")" + state +
-                                   R"(","creation_request":{"owner":"1000","id":"a"}})");
+    host_.PutText("guest", id,
+                  R"({"name":")" + std::string(id) + R"(","host_id":")" + kGone + R"(","state":")" + state +
+                      R"(","creation_request":{"owner":"1000","id":"a"}})");
     Put(records::CreationKey(id), job(id == kOthers ? kAlive : kGone, "making", made));
   }
-  Put("/request/1000/a", R"({"method":"create","digest":"d","guest_id":")" + std::string(kHalf) +
-                             R"(","state":"doing","since":1})");
+  Put("/request/1000/a",
+      R"({"method":"create","digest":"d","guest_id":")" + std::string(kHalf) + R"(","state":"doing","since":1})");
   PutGuest(kOff, "off");
   const std::string hidden = R"("hidden":[{"path":"/i/r/a","hidden":".vexa-deleted-)" + std::string(kOff) + "-0\"}]";
   Put(records::EditKey(kOff), job(kGone, "doing", R"("made":[],"grown":[],)" + hidden));
@@ -312,7 +325,8 @@ TEST_F(HostRemoval, Remove_HostHasJobs_EndsThem) {
   EXPECT_FALSE(Get(records::CreationKey(kOthers)).isNull());
   EXPECT_TRUE(test::SyslogContains("The edit of guest[" + std::string(kOff) +
                                    "] was given up with its host. If the host's storage still exists, look at "
-                                   "[/i/r/a], maybe named [.vexa-deleted-" + kOff + "-0]"));
+                                   "[/i/r/a], maybe named [.vexa-deleted-" +
+                                   kOff + "-0]"));
 }
 
 TEST_F(HostRemoval, Remove_InvalidRequest_IsRefused) {
