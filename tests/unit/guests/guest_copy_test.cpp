@@ -1,5 +1,6 @@
 // Disks of new guests that are copies of existing images: what is copied, what is refused, and how a copy ends early.
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -216,6 +217,19 @@ TEST_F(CopyTest, Copy_ProgramFails_IsUndoneWithItsSentence) {
   CopyWith("printf 'no image' | dd of=/proc/self/fd/4 conv=notrunc 2>/dev/null");
   ExpectRefused(Named("x", From(Path("source.raw"))), 901, "not a qcow2 image");
   ExpectUnchanged();
+}
+
+// On a real file system that is full.
+TEST_F(CopyTest, Copy_DiskIsFull_IsUndone) {
+  const std::string folder = environment_.Folder();
+  if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "needs the right to mount";
+  Remember();
+  for (const std::string format : {"qcow2", "raw"}) {
+    ExpectRefused(Named("x", From(Path("source.raw"), R"(,"format":")" + format + "\"")), 901,
+                  "No space left on device");
+    ExpectUnchanged();
+  }
+  EXPECT_EQ(::umount(folder.c_str()), 0);
 }
 
 TEST_F(CopyTest, Copy_WithoutProgress_IsEnded) {
