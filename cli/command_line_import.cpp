@@ -35,6 +35,8 @@ void AddImportOptions(const Command& import, RawImportArguments& arguments) {
   import.AddOption("--all", arguments.uri, "Import all domains of this libvirt connection").Placeholder("URI");
   import.AddOption("--manifest", arguments.manifest, "Import the guests that a JSON file lists").Placeholder("FILE");
   import.AddFlag("--replace", arguments.replace, "Replace guests that exist already");
+  import.AddFlag("--copy-disks", arguments.copy_disks,
+                 "Copy the images of disks into the repository; without it, they stay where they are");
   import.AddFlag("--dry-run", arguments.dry_run,
                  "Have everything checked, print the records as JSON, and change nothing");
   import
@@ -44,9 +46,12 @@ void AddImportOptions(const Command& import, RawImportArguments& arguments) {
   import.AddOption("--network", arguments.networks, "The id of a network or bridge; may be repeated")
       .Placeholder("NAME=UUID")
       .TakesOneValue();
-  import.AddOption("--repository-id", arguments.repository_id, "The repository that the guests belong to")
+  import
+      .AddOption("--repository-id", arguments.repository_id,
+                 "The repository of the guests (default: the only one of their host)")
       .Placeholder("UUID");
-  import.AddOption("--host-id", arguments.host_id, "The host that the guests run on").Placeholder("UUID");
+  import.AddOption("--host-id", arguments.host_id, "The host of the guests (default: the one that is asked)")
+      .Placeholder("UUID");
 }
 
 void AddImportCommand(const Command& app) {

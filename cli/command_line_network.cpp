@@ -40,8 +40,12 @@ void AddSettingOptions(const Command& command, NetworkSettingOptions& settings) 
       .AddOption("--uplink-of", settings.uplinks, "The uplink of one host, where it has another name; may be repeated")
       .Placeholder("HOST=INTERFACE")
       .TakesOneValue();
-  command.AddFlag("--move-addresses", settings.move_addresses,
-                  "Of bridge: let it take over the addresses and routes of its uplink, which is refused otherwise");
+  command
+      .AddOption(
+          "--move-addresses", settings.move_addresses,
+          "Of bridge: whether it may take over the addresses and routes of its uplink, which is refused otherwise "
+          "(default: off)")
+      .Placeholder("on|off");
 }
 
 }  // namespace

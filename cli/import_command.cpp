@@ -23,6 +23,7 @@ namespace json = VexaVirtualization::json;
 
 constexpr const char* kImport = "/webapi/VEXA.Virtualization.Guest/import";
 constexpr auto kCallTimeout = std::chrono::minutes(10);
+constexpr auto kCopyTimeout = std::chrono::hours(1);  // of one guest
 // Each call imports a batch of guests, so that hundreds do not take hundreds of round trips. Batches are small enough
 // for a visible progress and for short replies with records.
 constexpr std::size_t kBatchGuests = 16;
@@ -67,7 +68,8 @@ class Import {
   // Adds a guest to the batch, which is sent when it is full. False: a call failed, and no more guests can be sent.
   bool AddToBatch(const std::string& label, const Json::Value& request) {
     std::string text = json::ToText(request);
-    const bool is_full = batch_.size() == kBatchGuests || (!batch_.empty() && batch_bytes_ + text.size() > kBatchBytes);
+    const std::size_t most = arguments_.copies_disks ? 1 : kBatchGuests;
+    const bool is_full = batch_.size() == most || (!batch_.empty() && batch_bytes_ + text.size() > kBatchBytes);
     if (is_full && !SendBatch()) return false;
     batch_bytes_ += text.size();
     batch_.push_back({label, std::move(text)});
@@ -78,6 +80,7 @@ class Import {
     std::string body = "{\"guests\":[";
     for (const Pending& guest : batch_) body += (body.back() == '[' ? "" : ",") + guest.request;
     body += "]";
+    if (arguments_.copies_disks) body += ",\"copy_disks\":true";
     if (arguments_.on_existing == OnExisting::kReplace) body += ",\"replace\":true";
     if (IsDryRun()) body += ",\"dry_run\":true";
     if (IsDryRun() && !planned_.empty()) body += ",\"planned\":" + json::ToText(planned_);
@@ -141,6 +144,10 @@ class Import {
                              Count(size("disks"), "disk"), Count(size("nics"), "network interface"));
     for (const Json::Value& note : json::Elements(Member(result, "notes"))) {
       std::cout << "  " << Printable(Text(note)) << '\n';
+    }
+    for (const Json::Value& element : json::Elements(Member(result, "elements"))) {
+      std::cout << fmt::format("  {}: {}\n", Printable(Text(Member(element, "path"))),
+                               Printable(Text(Member(element, "outcome"))));
     }
   }
 
@@ -220,7 +227,7 @@ ExitCode RunImport(const GlobalOptions& global, const ImportArguments& arguments
   }
   Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
-  if (!global.timeout_s) connect->timeout = kCallTimeout;
+  if (!global.timeout_s) connect->timeout = arguments.copies_disks ? kCopyTimeout : kCallTimeout;
   return Import(global, arguments, std::move(*connect)).Run(*sources);
 }
 

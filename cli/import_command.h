@@ -29,6 +29,7 @@ struct ImportArguments {
   std::map<std::string, std::string> networks;
   OnExisting on_existing = OnExisting::kRefuse;
   ImportMode mode = ImportMode::kWrite;
+  bool copies_disks = false;  // into the repository
 };
 
 // The arguments of the command line, before they are checked.
@@ -38,6 +39,7 @@ struct RawImportArguments {
   std::string manifest;
   bool replace = false;
   bool dry_run = false;
+  bool copy_disks = false;
   std::vector<std::string> disk_sizes;  // NAME=GiB
   std::vector<std::string> networks;    // NAME=UUID
   std::string repository_id;

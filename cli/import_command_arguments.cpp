@@ -59,6 +59,9 @@ Status CheckCombination(const ImportArguments& arguments) {
   const int sources =
       (arguments.files.empty() ? 0 : 1) + (arguments.uri.empty() ? 0 : 1) + (arguments.manifest.empty() ? 0 : 1);
   if (sources != 1) return Invalid("Name one source of guests to import: files, --all URI or --manifest FILE");
+  if (arguments.copies_disks && arguments.on_existing == OnExisting::kReplace) {
+    return Invalid("--copy-disks is for new guests only. Leave out --replace");
+  }
   const bool options =
       arguments.repository_id || arguments.host_id || !arguments.disk_sizes_mib.empty() || !arguments.networks.empty();
   if (options && !arguments.manifest.empty()) {
@@ -79,6 +82,7 @@ Result<ImportArguments> ResolveImportArguments(const RawImportArguments& raw) {
   arguments.manifest = raw.manifest;
   if (raw.replace) arguments.on_existing = OnExisting::kReplace;
   if (raw.dry_run) arguments.mode = ImportMode::kDryRun;
+  arguments.copies_disks = raw.copy_disks;
   for (const std::string& size : raw.disk_sizes) {
     if (Status read = ReadDiskSize(size, arguments); !read) return read.error();
   }

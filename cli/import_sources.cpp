@@ -7,13 +7,13 @@
 #include <utility>
 
 #include "host/base/files.h"
+#include "host/domain_xml/domain_files.h"
 #include "json/readers.h"
 
 namespace vexa::cli {
 namespace {
 
 namespace json = VexaVirtualization::json;
-using domain_xml::ImportedGuest;
 
 domain_xml::ImportOptions OptionsOf(const ImportArguments& arguments) {
   domain_xml::ImportOptions options;
@@ -66,8 +66,8 @@ Result<std::vector<ImportSource>> DomainsOf(const ImportArguments& arguments,
 
 // libvirt names the file of the UEFI variables before the guest's first start creates it. Until then it is missing
 // without an error.
-bool IsNvramFileMissing(const Json::Value& guest) {
-  const std::string path = json::String(json::Member(guest, "nvram"));
+bool IsNvramFileMissing(const std::string& xml) {
+  const std::string path = domain_xml::ParseFirmwareFiles(xml).variables;
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) == 0 || errno != ENOENT) return false;
   // Without its folder, the file may exist on storage that is not mounted.
@@ -77,8 +77,8 @@ bool IsNvramFileMissing(const Json::Value& guest) {
 // The options as the server takes them, without the sizes of images.
 Json::Value RequestOf(const domain_xml::ImportOptions& options) {
   Json::Value request(Json::objectValue);
-  request["repository_id"] = options.repository_id;
-  request["host_id"] = options.host_id;
+  if (!options.repository_id.empty()) request["repository_id"] = options.repository_id;
+  if (!options.host_id.empty()) request["host_id"] = options.host_id;
   // An empty name matches no disk or network, and the server refuses it.
   for (const auto& [name, size] : options.disk_sizes_mib) {
     if (!name.empty()) request["disk_sizes_mib"][name] = Json::UInt64{size};
@@ -89,10 +89,25 @@ Json::Value RequestOf(const domain_xml::ImportOptions& options) {
   return request;
 }
 
+// The server converts the definition again, with the sizes that this machine knows.
+Status AddImageSizes(const ImportSource& guest, const std::string& xml, Json::Value& request) {
+  domain_xml::ImportOptions options = guest.options;
+  options.size_of = [&](const std::string& path, domain_xml::ImageFormat format) {
+    Result<std::uint64_t> size = guest.options.size_of(path, format);
+    if (size) request["image_sizes"][path] = Json::UInt64{*size};
+    if (!size && size.error().code() != ErrorCode::kNotFound) request["image_sizes"][path] = Json::Value();
+    return size;
+  };
+  const auto converted = domain_xml::ParseDomainXml(xml, options);
+  if (!converted) return converted.error();
+  return {};
+}
+
 }  // namespace
 
 Result<ImportSources> ImportSources::Open(const ImportArguments& arguments) {
   ImportSources sources;
+  sources.are_copied_ = arguments.copies_disks;
   if (!arguments.manifest.empty()) {
     Result<std::vector<ImportSource>> listed = ReadManifest(arguments.manifest);
     if (!listed) return listed.error();
@@ -123,16 +138,10 @@ Result<Json::Value> ImportSources::Prepare(const ImportSource& guest) const {
   }
   Json::Value request = RequestOf(guest.options);
   domain_xml::ImportOptions options = guest.options;
-  // The server converts the definition again, with the sizes that this machine knows.
-  options.size_of = [&](const std::string& path, domain_xml::ImageFormat format) {
-    Result<std::uint64_t> size = guest.options.size_of(path, format);
-    if (size) request["image_sizes"][path] = Json::UInt64{*size};
-    if (!size && size.error().code() != ErrorCode::kNotFound) request["image_sizes"][path] = Json::Value();
-    return size;
-  };
-  const Result<ImportedGuest> converted = domain_xml::ParseDomainXml(xml, options);
-  if (!converted) return converted.error();
-  if (are_files_local_ && IsNvramFileMissing(converted->guest)) request["has_variables"] = false;
+  if (!are_copied_) {
+    if (Status converted = AddImageSizes(guest, xml, request); !converted) return converted.error();
+  }
+  if (are_files_local_ && IsNvramFileMissing(xml)) request["has_variables"] = false;
   if (guest.autostart) request["autostart"] = true;
   if (!guest.expected_id.empty()) request["guest_id"] = guest.expected_id;
   request["xml"] = xml;

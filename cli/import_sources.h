@@ -30,6 +30,7 @@ class ImportSources {
   std::unique_ptr<hypervisor::DomainConnection> connection_;  // the `size_of` functions of `guests_` refer to it
   std::vector<ImportSource> guests_;
   bool are_files_local_ = true;  // whether the guests' files are on this machine
+  bool are_copied_ = false;      // the server then reads the images
 };
 
 }  // namespace vexa::cli

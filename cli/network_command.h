@@ -16,7 +16,7 @@ struct NetworkSettingOptions {
   std::optional<int> vlan_id;
   std::optional<std::string> uplink;
   std::vector<std::string> uplinks;  // "HOST=INTERFACE"
-  bool move_addresses = false;
+  std::optional<std::string> move_addresses;  // "on" or "off"
 };
 
 struct NetworkAddOptions {

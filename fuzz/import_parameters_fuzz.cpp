@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "host/api/user/import_parameters.h"
+#include "host/api/import_parameters.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
 #include "host/records/named_record.h"

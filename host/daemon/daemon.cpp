@@ -247,6 +247,7 @@ class Daemon::Impl {
     if (!server_) return true;
     is_stopping_->store(true);
     store_->LimitLockWaits(kLockWaitWhenStopping);
+    if (guests_) guests_->BeginStop();
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     if (certificate_) certificate_->BeginStop();
@@ -437,8 +438,8 @@ class Daemon::Impl {
           api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
           api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
           api::ConsoleRows(store_, &console_tickets_, [stopping = is_stopping_] { return stopping->load(); }),
-          api::CreationRows(MakeAccountServices()), api::RecoveryRows(store_),
-          api::ImageRows(store_, config.image_roots),
+          api::CreationRows(MakeAccountServices(), [stopping = is_stopping_] { return stopping->load(); }),
+          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
           api::RepositoryRows(store_, {host_id_, config.image_roots, storage::QemuAccessFor(config.hypervisor)}),
           api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
           api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {

@@ -36,29 +36,25 @@ Status WriteGuest(Context& context) {
   return {};
 }
 
-}  // namespace build
-
-namespace {
-
-std::string Print(const pugi::xml_document& document) {
+std::string TextOf(const pugi::xml_document& document) {
   std::ostringstream text;
   document.save(text, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
   return text.str();
 }
 
-}  // namespace
+}  // namespace build
 
 Result<std::string> BuildDomainXml(const GuestRecords& records, const BuildOptions& options) {
   if (Status valid = build::Check(records, options); !valid) return valid.error();
   pugi::xml_document document;
   if (!options.base_xml.empty()) {
     if (Status applied = overlay::Apply(records, options, document); !applied) return applied.error();
-    return Print(document);
+    return build::TextOf(document);
   }
   build::Context context{records, options};
   context.domain = document.append_child("domain");
   if (Status written = build::WriteGuest(context); !written) return written.error();
-  return Print(document);
+  return build::TextOf(document);
 }
 
 }  // namespace vexa::domain_xml

@@ -33,6 +33,7 @@ bool FlagOf(const Json::Value& record, const char* member);
 
 // Appends a child to `parent`, or sets attributes and text. Everything is escaped.
 pugi::xml_node Add(pugi::xml_node parent, const char* name);
+std::string TextOf(const pugi::xml_document& document);
 pugi::xml_node AddText(pugi::xml_node parent, const char* name, const std::string& text);
 void Set(pugi::xml_node element, const char* attribute, const std::string& value);
 

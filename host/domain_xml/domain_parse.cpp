@@ -8,10 +8,10 @@ namespace parse {
 namespace {
 
 Status CheckOptions(const ImportOptions& options) {
-  if (NormalizeUuid(options.repository_id).empty()) {
+  if (!options.repository_id.empty() && NormalizeUuid(options.repository_id).empty()) {
     return Invalid("The repository id {} is not a UUID. Use the form 8-4-4-4-12", Quote(options.repository_id));
   }
-  if (NormalizeUuid(options.host_id).empty()) {
+  if (!options.host_id.empty() && NormalizeUuid(options.host_id).empty()) {
     return Invalid("The host id {} is not a UUID. Use the form 8-4-4-4-12", Quote(options.host_id));
   }
   for (const auto& [name, id] : options.networks) {
@@ -50,6 +50,7 @@ Status ReadAll(pugi::xml_node domain, Context& context) {
   for (const auto read : {ReadVideo, ReadUsb, ReadDisks, ReadNics}) {
     if (Status part = read(domain.child("devices"), context); !part) return part;
   }
+  ReadElements(domain, context);
   return {};
 }
 
@@ -84,6 +85,12 @@ Json::Value ToJson(const ImportedGuest& guest) {
   result["nics"] = list(guest.nics);
   result["notes"] = Json::Value(Json::arrayValue);
   for (const std::string& note : guest.notes) result["notes"].append(note);
+  result["elements"] = Json::Value(Json::arrayValue);
+  for (const ElementOutcome& element : guest.elements) {
+    Json::Value& entry = result["elements"].append(Json::Value(Json::objectValue));
+    entry["path"] = element.path;
+    entry["outcome"] = element.outcome;
+  }
   return result;
 }
 

@@ -22,15 +22,11 @@ inline constexpr std::size_t kMaxDisks = 64;
 inline constexpr std::size_t kMaxNics = 64;
 inline constexpr std::uint64_t kMaxDiskMib = 2'147'483'647;
 
-// The repository and host of an embedded cluster, used by default.
-inline constexpr std::string_view kDefaultRepositoryId = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
-inline constexpr std::string_view kDefaultHostId = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
-
 enum class ImageFormat { kRaw, kQcow2 };
 
 struct ImportOptions {
-  std::string repository_id{kDefaultRepositoryId};  // UUID
-  std::string host_id{kDefaultHostId};              // UUID
+  std::string repository_id{};  // UUID; "": the guest's and disks' records name none
+  std::string host_id{};        // likewise
 
   // Sizes of disks whose image cannot be read, by target name ("vda").
   std::map<std::string, std::uint64_t> disk_sizes_mib;
@@ -41,6 +37,12 @@ struct ImportOptions {
   std::function<Result<std::uint64_t>(const std::string& path, ImageFormat format)> size_of;
 };
 
+// What becomes of an element that has no place in records.
+struct ElementOutcome {
+  std::string path;     // below <domain>: "devices/graphics[2]"
+  std::string outcome;  // a clause: "kept …", "dropped: …"
+};
+
 struct ImportedGuest {
   std::string id;
   Json::Value guest;
@@ -48,6 +50,7 @@ struct ImportedGuest {
   std::vector<std::pair<std::string, Json::Value>> nics;
   std::string xml;                 // the input, unchanged: it preserves what the records do not cover
   std::vector<std::string> notes;  // one sentence for each thing that the records only approximate
+  std::vector<ElementOutcome> elements;
 };
 
 // The records of one <domain>. The same XML and options always give the same ids and records.
@@ -56,7 +59,8 @@ struct ImportedGuest {
 // except for options.size_of. Threads: any, at the same time.
 Result<ImportedGuest> ParseDomainXml(std::string_view xml, const ImportOptions& options);
 
-// As {"id", "guest", "disks": [{"id", "object"}], "nics": [{"id", "object"}], "notes": […]}.
+// As {"id", "guest", "disks": [{"id", "object"}], "nics": [{"id", "object"}], "notes": […],
+// "elements": [{"path", "outcome"}]}.
 Json::Value ToJson(const ImportedGuest& guest);
 
 // Reads the virtual size in bytes: from the header of a qcow2 image, or the length of a raw file or block device.

@@ -83,6 +83,7 @@ Status ReadFirmware(pugi::xml_node domain, Context& context);  // domain_parse_b
 Status ReadBootOrder(pugi::xml_node domain, Context& context);
 Status ReadVideo(pugi::xml_node devices, Context& context);  // domain_parse_devices.cpp
 Status ReadUsb(pugi::xml_node devices, Context& context);
+void ReadElements(pugi::xml_node domain, Context& context);  // domain_parse_elements.cpp
 Status ReadDisks(pugi::xml_node devices, Context& context);  // domain_parse_disks.cpp
 Status ReadNics(pugi::xml_node devices, Context& context);   // domain_parse_nics.cpp
 

@@ -110,7 +110,7 @@ EditOptions LibvirtGuestControl::MakeEditOptions() {
 
 CreationOptions LibvirtGuestControl::MakeCreationOptions() {
   CreationOptions creations{MakeEditOptions()};
-  creations.is_stopping = [this] { return stopping_.load(); };
+  creations.is_stopping = [this] { return stop_begun_ || stopping_; };
   return creations;
 }
 
@@ -323,14 +323,18 @@ void LibvirtGuestControl::WatchNetworks() {
   store::Revision revision = 0;
   auto next = std::chrono::steady_clock::now();
   while (!AwaitStop(std::chrono::milliseconds(0))) {
-    const auto batch = options_.store->Watch(prefix, revision, kWatchInterval);
-    if (batch) revision = batch->revision;
-    const bool has_changed = batch && (batch->lost || !batch->changes.empty());
-    if (has_changed || std::chrono::steady_clock::now() >= next) {
-      KeepNetworks();
-      next = std::chrono::steady_clock::now() + options_.networks_interval;
-    }
-    if (!batch) (void)AwaitStop(kWatchRetryDelay);
+    bool has_failed = true;
+    RunLoggingExceptions("The watch of networks", [&] {
+      const auto batch = options_.store->Watch(prefix, revision, kWatchInterval);
+      if (batch) revision = batch->revision;
+      const bool has_changed = batch && (batch->lost || !batch->changes.empty());
+      if (has_changed || std::chrono::steady_clock::now() >= next) {
+        KeepNetworks();
+        next = std::chrono::steady_clock::now() + options_.networks_interval;
+      }
+      has_failed = !batch;
+    });
+    if (has_failed) (void)AwaitStop(kWatchRetryDelay);
   }
 }
 

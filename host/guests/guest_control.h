@@ -17,6 +17,7 @@
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
 #include "host/domain_xml/domain_differences.h"
+#include "host/guests/import/guest_import.h"
 #include "host/guests/jobs/requester.h"
 #include "host/guests/resources.h"
 #include "host/hypervisor/hypervisor.h"
@@ -132,6 +133,11 @@ class GuestControl {
   virtual Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) = 0;
   // See Creations::Create; the guest gets a new id.
   virtual Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) = 0;
+  // See Creations::Import. A dry run only checks.
+  virtual Result<void, Refusal> Import(const ImportRequest& request, const GuestImport::Options& importing,
+                                       const Requester& requester, ImportedGuest& imported) = 0;
+  // Ends copies of images, and waits for other requests, with 949: they would use up the time of a stop.
+  virtual void BeginStop() = 0;
   // See Edits::Edit. Then changes the running guest likewise, as far as it can be changed; the rest takes effect at its
   // next start and is in Pending() until then. The parameter "apply" (guest_setting.h) decides otherwise.
   virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,

@@ -56,6 +56,8 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> Fence(const std::string& guest_id) override;
   Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) override;
   Result<Json::Value, Refusal> Create(const Json::Value& parameters, const Requester& requester) override;
+  Result<void, Refusal> Import(const ImportRequest& request, const GuestImport::Options& importing,
+                               const Requester& requester, ImportedGuest& imported) override;
   Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Result<std::vector<domain_xml::Difference>, Refusal> Pending(const std::string& guest_id) override;
   Result<void, Refusal> Apply(const std::string& guest_id, const std::vector<domain_xml::Difference>& except,
@@ -71,6 +73,7 @@ class LibvirtGuestControl final : public GuestControl {
   Result<std::size_t, Refusal> Type(const std::string& guest_id, const std::string& text) override;
   bool IsHypervisorReachable() const override;
   std::string HypervisorVersion() const override;
+  void BeginStop() override { stop_begun_ = true; }
   bool Stop(std::chrono::milliseconds timeout) override;
 
  private:
@@ -326,6 +329,7 @@ class LibvirtGuestControl final : public GuestControl {
   mutable Mutex node_info_mutex_;
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
+  std::atomic<bool> stop_begun_ = false;  // BeginStop()
   std::atomic<bool> stopping_ = false;
   std::atomic<int> screenshots_ = 0;  // that are being taken
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/base/uuid.h"
+#include "host/domain_xml/domain_images.h"
 #include "host/guests/autorun.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/jobs/guest_locks.h"
@@ -252,6 +253,16 @@ Result<Json::Value, Refusal> LibvirtGuestControl::Create(const Json::Value& para
   });
   if (!performed.ok()) return performed.error();
   return answer;
+}
+
+Result<void, Refusal> LibvirtGuestControl::Import(const ImportRequest& request, const GuestImport::Options& importing,
+                                                  const Requester& requester, ImportedGuest& imported) {
+  const auto images = domain_xml::ParseDomainImages(request.xml);
+  if (!images) return Refusal{host_error::kBadParameter, images.error().ToString()};
+  const auto import = [&] { return creations_.Import(request, importing, requester, imported); };
+  // Without an id, it is refused.
+  if (importing.mode == ImportMode::kCheck || images->id.empty()) return import();
+  return Perform(images->id, "import", requester, import);
 }
 
 Result<void, Refusal> LibvirtGuestControl::SetHost(const std::string& guest_id, const std::string& host_id) {

@@ -1,12 +1,15 @@
 #include "host/guests/recovery.h"
 
 #include <fmt/format.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/base/sanitize_for_log.h"
+#include "host/guests/abandoned_jobs.h"
 #include "host/guests/guest_activities.h"
 #include "host/records/domain_record.h"
 #include "host/records/environment.h"
@@ -31,6 +34,7 @@ using records::StoredObject;
 using VexaCCC::DB::DashCate;
 
 constexpr int kMaxListedNames = 10;  // in a sentence
+constexpr std::size_t kMaxNoteBytes = 1024;
 
 std::string Key(const DashCate& category, const std::string& id, std::string_view key = keys::object) {
   return records::MemberKey(category.name(), id, key);
@@ -202,11 +206,11 @@ class Recovery {
               host)};
     }
     // libvirt starts an imported guest at boot of its host if its owner configured that and the host has not cleared it
-    // yet, also from saved memory.
+    // yet. Saved memory can be restored by the machine itself, for instance by a service of libvirt when it boots.
     const auto imported = snapshot.Get(records::DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
     const bool has_ended =
-        run.saved || (run.incarnation != 0 && run.incarnation < records::FirstIncarnationSinceBoot(claim.record));
+        !may_be_saved && run.incarnation != 0 && run.incarnation < records::FirstIncarnationSinceBoot(claim.record);
     if ((has_ended && !may_have_started) || request_.machine == MachineState::kConfirmedOff) return {};
     return Refusal{
         kNotConfirmed,
@@ -279,9 +283,13 @@ class ForgetOperation {
       RecoverRequest recover{guest_id, "", request_.machine, SavedMemory::kDiscard, request_.user};
       if (const auto allowed = RecoverGuest(store_, recover); !allowed.ok()) return allowed;
     }
-    return CommitPlan(store_, [this](const records::Reader& reader, std::optional<Refusal>& refused) {
-      return Plan(reader, refused);
+    std::vector<std::string> notes;
+    auto done = CommitPlan(store_, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
+      return Plan(reader, refused, notes);
     });
+    if (!done.ok()) return done;
+    for (const std::string& note : notes) ::syslog(LOG_WARNING, "%s", SanitizeForLog(note, kMaxNoteBytes).c_str());
+    return done;
   }
 
  private:
@@ -307,7 +315,8 @@ class ForgetOperation {
                     HostName(*reader, request_.host_id))};
   }
 
-  Result<store::Transaction> Plan(const records::Reader& reader, std::optional<Refusal>& refused) const {
+  Result<store::Transaction> Plan(const records::Reader& reader, std::optional<Refusal>& refused,
+                                  std::vector<std::string>& notes) const {
     const auto guests = FindGuests(reader, request_.host_id);
     if (!guests) return guests.error();
     if (!guests->held.empty()) {
@@ -322,7 +331,11 @@ class ForgetOperation {
     if (!claim) return claim.error();
     records::ForgetClaim(claim->record, {request_.user, std::chrono::system_clock::now()});
     records::PutObject(transaction, claim_key, *claim);
+    auto abandoned = AddAbandonedJobs(reader, request_.host_id, std::chrono::system_clock::now(), transaction);
+    if (!abandoned) return abandoned.error();
+    notes = std::move(abandoned->notes);
     for (const std::string& guest_id : guests->off) {
+      if (abandoned->removed_guests.contains(guest_id)) continue;
       const std::string key = Key(DashCate::Guest, guest_id);
       Result<StoredObject> guest = LoadObject(reader, key);
       if (!guest) return guest.error();

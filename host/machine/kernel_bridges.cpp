@@ -170,7 +170,7 @@ class Making {
     if (!configured->empty() && !request_.move_addresses) {
       return Error(ErrorCode::kDenied,
                    fmt::format("The interface '{}' has addresses or routes, over which this machine would no longer be "
-                               "reached: let the bridge take them over (--move-addresses), or remove them",
+                               "reached: let the bridge take them over (--move-addresses on), or remove them",
                                request_.uplink));
     }
     if (configured->has_other_routes) {

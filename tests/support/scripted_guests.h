@@ -38,6 +38,11 @@ class ScriptedGuests final : public guests::GuestControl {
     if (!noted.ok()) return noted.error();
     return created;
   }
+  Result<void, Refusal> Import(const guests::ImportRequest& request, const guests::GuestImport::Options& importing,
+                               const Requester& by, guests::ImportedGuest& result) override {
+    result = imported;
+    return Note(importing.mode == guests::ImportMode::kCheck ? "check import" : "import", request.xml, by);
+  }
   Result<void, Refusal> Edit(const std::string& id, const Json::Value& edit, const Requester& by) override {
     last_edit = edit;
     return Note("edit", id, by);
@@ -54,6 +59,7 @@ class ScriptedGuests final : public guests::GuestControl {
   Result<void, Refusal> SetHost(const std::string& id, const std::string& host_id) override {
     return Note("hostset " + host_id, id, {});
   }
+  void BeginStop() override {}
   bool StopFencedGuests() override { return true; }
   Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
   std::optional<guests::RunningGuest> FindRunningGuest(const std::string&) override { return running; }
@@ -101,6 +107,7 @@ class ScriptedGuests final : public guests::GuestControl {
   Json::Value last_edit;
   Json::Value last_creation;
   Json::Value created{Json::objectValue};  // the answer to a creation
+  guests::ImportedGuest imported;          // the answer to an import
   bool is_hypervisor_reachable = true;
   std::string hypervisor_version;
   std::string screenshot = "a picture";

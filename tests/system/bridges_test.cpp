@@ -214,7 +214,7 @@ TEST_F(Bridges, Make_UplinkWithAddresses_IsRefusedAndNothingChanges) {
   EXPECT_EQ(made.error().code(), ErrorCode::kDenied);
   EXPECT_EQ(made.error().message(),
             "The interface 'up0' has addresses or routes, over which this machine would no longer be reached: let the "
-            "bridge take them over (--move-addresses), or remove them");
+            "bridge take them over (--move-addresses on), or remove them");
   EXPECT_EQ(Addresses("up0"), addresses);
   EXPECT_EQ(Routes(), routes);
   EXPECT_THAT(Link("br7"), IsEmpty());

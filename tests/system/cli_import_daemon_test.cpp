@@ -25,6 +25,8 @@ std::string Domain(const std::string& id, const std::string& name) {
 // A daemon whose store is not in its data folder: a command that opened one there by itself would make another.
 class ImportOnDaemon : public CliTest {
  protected:
+  // The guests go to the daemon's own host and its only repository.
+  ImportOnDaemon() { EXPECT_EQ(Run({"--socket", daemon_.config().socket, "repository", "add", "pool"}).exit_code, 0); }
   static void Configure(daemon::Config& config) { config.store_directory = config.data_directory + "-store"; }
 
   ProcessOptions Importing(std::vector<std::string> arguments) const {

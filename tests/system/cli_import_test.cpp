@@ -28,6 +28,7 @@ Json::Value Results(const Json::Value& parameters) {
     result["disks"] = 1;
     result["nics"] = 0;
     result["notes"].append("A note.");
+    result["elements"].append(Parse(R"({"path":"devices/tpm","outcome":"kept\u001b"})"));
     if (json::Bool(json::Member(parameters, "dry_run"))) result["records"]["id"] = result["guest_id"];
   }
   return data;
@@ -78,7 +79,7 @@ TEST_F(ImportCommand, Import_ManyGuests_AreSentInBatchesAndReported) {
   for (int i = 0; i < 40; ++i) {
     const std::string name = "g" + std::to_string(i);
     expected += folder_.File(name + ".xml") + ": imported '" + name + "' (" + IdOf(i) +
-                "): 1 disk, 0 network interfaces\n  A note.\n";
+                "): 1 disk, 0 network interfaces\n  A note.\n  devices/tpm: kept\\x1b\n";
   }
   EXPECT_EQ(result.output, expected);
   const std::vector<Json::Value> sent = Sent(host);

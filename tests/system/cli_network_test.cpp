@@ -38,7 +38,7 @@ TEST_F(NetworkCommand, Add_EachKind_IsSent) {
   EXPECT_EQ(Sent({"add", "lan", "--kind", "isolated", "--subnet", "10.0.0.0/24", "--description", "Lab"}),
             R"(add {"description":"Lab","kind":"isolated","name":"lan","subnet":"10.0.0.0/24"})");
   EXPECT_EQ(Sent({"add", "--bridge", "br0"}), R"(add {"bridge":"br0","kind":"bridge","name":"br0"})");
-  EXPECT_EQ(Sent({"add", "office", "--bridge", "br1", "--uplink", "eth1", "--move-addresses"}),
+  EXPECT_EQ(Sent({"add", "office", "--bridge", "br1", "--uplink", "eth1", "--move-addresses", "on"}),
             R"(add {"bridge":"br1","kind":"bridge","move_addresses":true,"name":"office","uplink":"eth1"})");
   EXPECT_EQ(
       Sent({"add", "phones", "--vlan", "42", "--uplink", "eth0", "--uplink-of", "nas-1=eth1"}),
@@ -58,6 +58,7 @@ TEST_F(NetworkCommand, Edit_Changes_AreSentWithTheId) {
             R"(edit {"name":"lab","network_id":"n1","subnet":"10.0.0.0/24"})");
   EXPECT_EQ(Sent({"edit", "phones", "--uplink", "", "--vlan", "7"}),
             R"(edit {"network_id":"n3","uplink":"","vlan_id":7})");
+  EXPECT_EQ(Sent({"edit", "lan", "--move-addresses", "off"}), R"(edit {"move_addresses":false,"network_id":"n1"})");
 }
 
 TEST_F(NetworkCommand, Arguments_Invalid_AreNotSent) {
@@ -68,6 +69,8 @@ TEST_F(NetworkCommand, Arguments_Invalid_AreNotSent) {
                   "vexa: Nothing to change is named; see 'vexa network edit --help'\n"),
         std::pair(std::vector<std::string>{"add", "lan", "--uplink-of", "eth0"},
                   "vexa: 'eth0' is not an uplink. Use HOST=INTERFACE\n"),
+        std::pair(std::vector<std::string>{"edit", "lan", "--move-addresses", "no"},
+                  "vexa: 'no' is not a value for --move-addresses. Use 'on' or 'off'\n"),
         std::pair(std::vector<std::string>{"add", "lan", "--description", "\xFF"},
                   "vexa: The value of 'description' is not valid UTF-8\n"),
         std::pair(std::vector<std::string>{"add", "lan", "--vlan", "x"}, "vexa: ")}) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -134,10 +135,12 @@ TEST(Confinement, Unit_Exposure_IsBelowTwo) {
 
 class ConfinedVexad : public testing::Test {
  protected:
-  void Start() {
-    process_ = std::make_unique<Process>(
-        ProcessOptions{.argv = {CONFINED_PROGRAM, kUnit, "--", VEXAD_PROGRAM, "--data", folder_.File("data"),
-                                "--socket", folder_.File("s"), "--listen", "127.0.0.1:0", "--log", "stderr"}});
+  void Start(const std::vector<std::string>& options = {}) {
+    std::vector<std::string> argv{
+        CONFINED_PROGRAM,  kUnit,      "--",          VEXAD_PROGRAM, "--data", folder_.File("data"), "--socket",
+        folder_.File("s"), "--listen", "127.0.0.1:0", "--log",       "stderr"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    process_ = std::make_unique<Process>(ProcessOptions{.argv = argv});
     ASSERT_TRUE(process_->WaitForText("Ready.", kTimeout)) << process_->errors();
   }
   ProcessResult Vexa(std::vector<std::string> arguments, const std::string& input = "") const {
@@ -202,6 +205,36 @@ TEST_F(ConfinedVexad, Requests_OfEveryKind_AreServed) {
   const auto status = process_->Wait(kTimeout);
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(status->code, 0) << process_->errors();
+}
+
+// qemu-img, a child of the daemon, has the same filter.
+TEST_F(ConfinedVexad, CopyOfEachFormat_IsMade) {
+  constexpr char kQemuImg[] = "/usr/bin/qemu-img";
+  if (::access(kQemuImg, X_OK) != 0) GTEST_SKIP() << "qemu-img is not installed";
+  const std::string images = folder_.File("images");
+  ASSERT_EQ(::mkdir(images.c_str(), 0700), 0);
+  const std::string content(std::size_t{3} << 20, 'x');
+  std::ofstream(images + "/old.raw") << content;
+  ASSERT_NO_FATAL_FAILURE(Start({"--hypervisor", "test", "--image-roots", images}));
+  ASSERT_EQ(Vexa({"repository", "add", "pool"}).exit_code, 0);
+  for (const std::string format : {"raw", "qcow2", "vmdk", "vdi"}) {
+    const std::string old = images + "/old." + format;
+    if (format != "raw") {
+      ASSERT_EQ(
+          RunProcess({.argv = {kQemuImg, "convert", "-f", "raw", "-O", format, images + "/old.raw", old}}).exit_code,
+          0);
+    }
+    const ProcessResult created = Vexa({"guest", "create", "of-" + format, "--disk", "from=" + old + ",format=raw"});
+    EXPECT_EQ(created.exit_code, 0) << created.errors << process_->errors();
+  }
+  int copies = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(images)) {
+    if (entry.path().extension() != ".raw" && entry.path().extension() != ".img") continue;
+    std::ifstream copy(entry.path());
+    EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(copy), {}) == content) << entry.path();
+    ++copies;
+  }
+  EXPECT_EQ(copies, 5);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 #include "host/daemon/host_id.h"
 #include "host/guests/creation/request_record.h"
@@ -258,6 +259,26 @@ TEST_F(CreateOnDaemon, Repeat_WasNotStarted_StartsIt) {
   }
   EXPECT_EQ(CreateJson(words), first);
   EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", id}).output)["status"], "running");
+}
+
+// Otherwise the wait would use up the time of the stop.
+TEST_F(CreateOnDaemon, Repeat_HostStops_EndsTheWait) {
+  const std::vector<std::string> words{"guest", "create", "once", "--request-id", "job-9"};
+  ASSERT_EQ(RunOn(words).exit_code, 0);
+  std::string key;
+  for (const std::string& owner : Require(Require(store_->Read())->Children("/request"))) {
+    key = guests::RequestKey(owner, "job-9");
+  }
+  Json::Value record = Parsed(*TextOf(*store_, key));
+  record["state"] = "doing";
+  PutRecord(*store_, key, record);
+  std::vector<std::string> repeated = words;
+  repeated.insert(repeated.begin(), {"--socket", daemon_->config().socket});
+  Process waiting(Program(repeated));
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));  // until it has been accepted, usually
+  daemon_->daemon().Stop(std::chrono::seconds(30));
+  ASSERT_TRUE(waiting.Wait(std::chrono::seconds(60)));
+  EXPECT_THAT(waiting.errors(), testing::AnyOf(HasSubstr("This host is stopping"), HasSubstr("Cannot connect")));
 }
 
 TEST_F(CreateOnDaemon, Create_BadArguments_AreNotSent) {

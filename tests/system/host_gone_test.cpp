@@ -149,6 +149,33 @@ TEST_F(HostGone, Recover_GuestOfKilledHost_StartsElsewhere) {
   EXPECT_THAT(log, HasSubstr("has been removed from the cluster."));
 }
 
+// A guest that a killed host was creating would have its name for ever, and one that it was editing could not start.
+TEST_F(HostGone, Forget_HostWithJobs_FreesItsGuests) {
+  constexpr char kHalf[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c219";
+  const auto job = [&](const std::string& stage) {
+    return R"({"host_id":")" + IdOf(1) + R"(","user":"bob","request_id":"r","since":1,"stage":")" + stage +
+           R"(","made":[],"hidden":[],"grown":[]})";
+  };
+  Put("guest", kGuests[1],
+      R"({"name":"web-1","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"repository_id":")" +
+          std::string(kRepositories[0]) + R"(","host_id":")" + IdOf(1) + "\"}");
+  hosts_[1]->Signal(SIGKILL);
+  ASSERT_TRUE(hosts_[1]->Wait(30s));
+  AwaitShown(0, 1, "inaccessible", "inaccessible error");
+  Put("guest", kHalf,
+      R"({"name":"half","state":"guest_creating","vdisks":[],"vnics":[],"repository_id":")" +
+          std::string(kRepositories[1]) + R"(","host_id":")" + IdOf(1) + "\"}");
+  PutStored({"creation", kHalf}, job("making"));
+  PutStored({"edit", kGuests[1]}, job("doing"));
+  const std::string creation = R"({"name":"half","repository":")" + std::string(kRepositories[0]) + "\"}";
+  EXPECT_EQ(CodeOf(Call(2, "VEXA.Virtualization.Guest/create", creation)), 406);
+  EXPECT_EQ(Forget(0, 1, R"(,"machine_is_off":true,"recover_guests":true)"), 0);
+  EXPECT_EQ(Stored({"creation", kHalf}), "");
+  EXPECT_EQ(Stored({"edit", kGuests[1]}), "");
+  EXPECT_EQ(Power(2, 1, "poweron"), 0);
+  EXPECT_EQ(CodeOf(Call(2, "VEXA.Virtualization.Guest/create", creation)), 0);
+}
+
 // Accounts that were made on each host by itself, with the same ids.
 class ThreeHosts : public HostGone {
  protected:

@@ -59,6 +59,10 @@ void TransportCluster::PutRepository(const std::string& id, int host) {
           "\"}");
 }
 
+void TransportCluster::PutStored(std::initializer_list<std::string_view> key, const std::string& text) {
+  (void)Require(database_->Commit({{}, {{store::MakeKey(key), text}}}));
+}
+
 std::string TransportCluster::Stored(std::initializer_list<std::string_view> key) {
   const auto snapshot = Require(database_->Read());
   const auto value = Require(snapshot->Get(store::MakeKey(key)));

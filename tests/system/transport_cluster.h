@@ -44,6 +44,8 @@ class TransportCluster : public testing::Test {
   store::Store& database() { return *database_; }
   // Stores the object of a record unchanged.
   void Put(const char* category, const std::string& id, const std::string& text);
+  // Stores any value.
+  void PutStored(std::initializer_list<std::string_view> key, const std::string& text);
   // Stores the record of a repository that is online.
   void PutRepository(const std::string& id, int host);
   // The value stored under this key; "" if absent.

@@ -24,6 +24,7 @@ std::vector<ApiRow> GuestReportRows(const ServiceParts& parts);    // guest_repo
 std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts);     // guest_power_api.cpp
 std::vector<ApiRow> GuestConsoleRows(const ServiceParts& parts);   // guest_console_api.cpp
 std::vector<ApiRow> GuestCreationRows(const ServiceParts& parts);  // guest_creation_api.cpp
+std::vector<ApiRow> GuestImportRows(const ServiceParts& parts);    // guest_import_api.cpp
 std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);       // guest_set_api.cpp
 std::vector<ApiRow> GuestLiveRows(const ServiceParts& parts);      // guest_live_api.cpp
 std::vector<ApiRow> PollTaskRows(const ServiceParts& parts);       // poll_task_api.cpp

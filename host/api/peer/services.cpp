@@ -11,8 +11,9 @@ namespace vexa::api {
 std::vector<ApiRow> ServiceRows(const ServiceParts& parts) {
   std::vector<ApiRow> rows;
   for (const auto make :
+
        {UtilizationRows, SystemRows, VolumeRows, NetworkRows, GuestReportRows, GuestPowerRows, GuestConsoleRows,
-        CertificateRows, GuestLiveRows, GuestSetRows, GuestCreationRows, PollTaskRows}) {
+        CertificateRows, GuestLiveRows, GuestSetRows, GuestCreationRows, GuestImportRows, PollTaskRows}) {
     auto part = make(parts);
     rows.insert(rows.end(), std::make_move_iterator(part.begin()), std::make_move_iterator(part.end()));
   }

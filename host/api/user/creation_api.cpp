@@ -234,7 +234,7 @@ std::optional<Json::Value> CreateGuest(const AccountServices& services, const Ca
   return answer;
 }
 
-void Create(const AccountServices& services, const Call& call) {
+void Create(const AccountServices& services, const std::function<bool()>& is_stopping, const Call& call) {
   const Json::Value parameters = KnownCreationParameters(call.request->GetParam("", Json::Value()));
   const auto start = ReadFlag(call, "start");
   if (!start) return;
@@ -247,7 +247,7 @@ void Create(const AccountServices& services, const Call& call) {
   const records::RequestPause without_reader;
   std::optional<Json::Value> answer;
   if (*number) {
-    auto first = guests::AwaitFirstOutcome(*services.store, **number, std::chrono::seconds(kTimeoutS));
+    auto first = guests::AwaitFirstOutcome(*services.store, **number, guests::kRequestWait, is_stopping);
     if (first && !first->ok()) {
       return Fail(call, ToUserCode(first->error().code), InUsersWords(first->error().reason));
     }
@@ -265,10 +265,11 @@ void Create(const AccountServices& services, const Call& call) {
 
 }  // namespace
 
-std::vector<ApiRow> CreationRows(const AccountServices& services) {
+std::vector<ApiRow> CreationRows(const AccountServices& services, std::function<bool()> is_stopping) {
   using namespace user_error;
   return {AdministratorRow(
-      "VEXA.Virtualization.Guest", "create", LaneKind::kLong, [services](const Call& call) { Create(services, call); },
+      "VEXA.Virtualization.Guest", "create", LaneKind::kLong,
+      [services, is_stopping = std::move(is_stopping)](const Call& call) { Create(services, is_stopping, call); },
       "Create a guest with disks and network interfaces, completely or not at all, and start it if asked to. The reply "
       "has its id, name and host, and with \"start\" whether it was started, or why not.",
       CreationParameters(),

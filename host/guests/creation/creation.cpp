@@ -5,6 +5,7 @@
 #include <thread>
 #include <variant>
 
+#include "host/guests/creation/copied_import.h"
 #include "host/guests/creation/creation_job.h"
 #include "host/guests/creation/creation_request.h"
 #include "host/guests/creation/sources.h"
@@ -49,8 +50,10 @@ FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest&
       return Result<Json::Value, Refusal>(Refusal{host_error::kUnavailable, "This host is stopping"});
     }
     if (std::chrono::steady_clock::now() >= end) {
-      return Result<Json::Value, Refusal>(
-          Refusal{host_error::kBusy, fmt::format("The request '{}' is still being done", request.id)});
+      return Result<Json::Value, Refusal>(Refusal{
+          host_error::kBusy, fmt::format("The guest '{}' is still being created, by the same request. Repeat the "
+                                         "request '{}' later",
+                                         stored->record->guest_id, request.id)});
     }
     std::this_thread::sleep_for(kPollInterval);
   }
@@ -78,6 +81,11 @@ Result<Json::Value, Refusal> Creations::Create(const std::string& guest_id, cons
     }
   }
   return created;
+}
+
+Result<void, Refusal> Creations::Import(const ImportRequest& request, const GuestImport::Options& importing,
+                                        const Requester& requester, ImportedGuest& imported) {
+  return CopiedImport(options_, importing).Import(request, requester, imported);
 }
 
 void Creations::FinishAll() { FinishJobs(*options_.store, kCreationKind, options_.host_id, ResumeCreation(options_)); }

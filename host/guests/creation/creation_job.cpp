@@ -4,18 +4,17 @@
 
 #include <utility>
 
+#include "host/guests/creation/creation_undo.h"
+#include "host/guests/creation/image_copies.h"
 #include "host/guests/jobs/creation_record.h"
 #include "host/records/keys.h"
-#include "host/records/live_state.h"
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
 #include "json/readers.h"
-#include "webapi/platform/ccc_state.h"
 
 namespace vexa::guests {
 namespace {
 
-namespace states = VexaCCC::State::Guest;
 using VexaCCC::DB::DashCate;
 
 constexpr char kMethod[] = "create";
@@ -27,10 +26,6 @@ bool IsAboutGrant(const Error& error) {
 }
 
 }  // namespace
-
-std::string ProgressKey(const std::string& guest_id) {
-  return records::MemberKey(DashCate::Guest.name(), guest_id, kProgress);
-}
 
 CreationJob::CreationJob(const CreationOptions& options, std::string guest_id, const CreationRequest* request,
                          const Sources* sources)
@@ -120,36 +115,12 @@ EditJob::MaybeRefused CreationJob::AddGrants(const records::Reader& reader, stor
   return std::optional<Refusal>();
 }
 
-Status CreationJob::UndoRecords() {
-  return records::CommitWithRetry(*options().store, [&](const records::Reader& reader) { return PlanUndo(reader); });
+Result<void, Refusal> CreationJob::FillFiles(const std::vector<NewFile>& made) {
+  disks::CopyOptions copy = creation_options_.copy;
+  copy.must_stop = creation_options_.is_stopping;
+  return ImageCopies(options(), guest_id(), std::move(copy)).Fill(job(), made, *sources_);
 }
 
-// Empty when nothing is left of the guest, or another guest's record is there.
-Result<store::Transaction> CreationJob::PlanUndo(const records::Reader& reader) const {
-  store::Transaction transaction;
-  const auto guest = records::LoadObject(reader, records::GuestObjectKey(guest_id()));
-  if (!guest) return guest.error();
-  if (guest->revision == 0 || json::StringMember(guest->record, keys::state) != states::creating) return transaction;
-  transaction.compares.push_back({records::GuestObjectKey(guest_id()), guest->revision});
-  transaction.operations.push_back({records::GuestObjectKey(guest_id()), std::nullopt});
-  transaction.operations.push_back({ProgressKey(guest_id()), std::nullopt});
-  records::AddLiveStateRemoval(transaction, guest_id());
-  const Json::Value& number = json::Member(guest->record, kCreationRequest);
-  const std::string owner = json::StringMember(number, "owner");
-  const std::string id = json::StringMember(number, "id");
-  if (!owner.empty()) {
-    const auto stored = ReadRequest(reader, owner, id, options().now());
-    if (!stored) return stored.error();
-    if (stored->record && stored->record->guest_id == guest_id()) {
-      RequestRecord failed = *stored->record;
-      failed.state = RequestState::kFailed;
-      failed.refusal = refusal();
-      transaction.compares.push_back({RequestKey(owner, id), stored->revision});
-      transaction.operations.push_back({RequestKey(owner, id), SerializeRequest(failed)});
-    }
-  }
-  job().BeforeStep("commit removal");
-  return transaction;
-}
+Status CreationJob::UndoRecords() { return UndoCreation(job(), options(), guest_id(), refusal()); }
 
 }  // namespace vexa::guests

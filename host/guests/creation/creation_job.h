@@ -11,9 +11,6 @@
 
 namespace vexa::guests {
 
-// The key with the percentage of a guest that has been copied, while it is being created.
-std::string ProgressKey(const std::string& guest_id);
-
 // Threads: one at a time.
 class CreationJob final : public EditJob {
  public:
@@ -31,19 +28,14 @@ class CreationJob final : public EditJob {
   MaybeRefused AddToRecords(const records::Reader& reader, store::Transaction& transaction) override;
   Status UndoRecords() override;
 
-  Result<void, Refusal> Fill(const NewFile& file, const disks::SourceImage& source, std::uint64_t done_mib,
-                             std::uint64_t total_mib);
-  void StoreProgress(int percent);
   MaybeRefused CheckPlaces(const records::Reader& reader) const;
   MaybeRefused AddRequest(const records::Reader& reader, RequestState state, store::Transaction& transaction);
   MaybeRefused AddGrants(const records::Reader& reader, store::Transaction& transaction) const;
-  Result<store::Transaction> PlanUndo(const records::Reader& reader) const;
   Json::Value Answer() const;
 
   const CreationOptions& creation_options_;
   const CreationRequest* const request_;
   const Sources* const sources_;
-  int progress_ = -1;  // as stored last
 };
 
 }  // namespace vexa::guests

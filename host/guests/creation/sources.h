@@ -3,17 +3,14 @@
 
 #include <json/value.h>
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/base/refusal.h"
 #include "host/base/result.h"
-#include "host/disks/source_image.h"
+#include "host/guests/creation/image_copies.h"
 
 namespace vexa::guests {
-
-using Sources = std::vector<std::optional<disks::SourceImage>>;  // one for each disk; not set: the disk is empty
 
 // Opens the images that elements of "vdisks_add" in `parameters` name in "from", and sets the sizes of these disks:
 // that of the image, in whole MiB, unless a larger one is given. Refusals: 401 (a "from" that is not a path, a size

@@ -7,14 +7,13 @@
 #include <utility>
 
 #include "host/disks/file_referrers.h"
+#include "host/guests/jobs/repository_folder.h"
 #include "json/readers.h"
 
 namespace vexa::guests {
 namespace {
 
 namespace json = VexaVirtualization::json;
-
-constexpr std::size_t kMaxFolderBytes = 128;
 
 // Returns the value under `name`. Not set: it is not known yet, and the name has been added to `wanted`.
 template <class Value>
@@ -34,29 +33,8 @@ std::string KeyOf(const records::Guest& guest) {
   return text;
 }
 
-bool IsFolderName(const std::string& name) {
-  return !name.empty() && name.size() <= kMaxFolderBytes && std::ranges::all_of(name, [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
-  });
-}
-
 void BeforeLookup(const EditOptions& options) {
   if (options.file_calls.before_lookup) options.file_calls.before_lookup();
-}
-
-// The folder of the repository's files; "" when it is unknown.
-std::string FindFolder(const EditOptions& options, const std::string& repository_id) {
-  if (!IsFolderName(repository_id)) return "";
-  std::string first;
-  for (const std::string& root : options.image_roots) {
-    const std::string folder = fmt::format("{}/{}", root, repository_id);
-    if (!disks::NormalPath(folder + "/x")) continue;
-    struct stat info {};
-    BeforeLookup(options);
-    if (::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return folder;
-    if (first.empty()) first = folder;
-  }
-  return first;
 }
 
 // The identity of the file at `path`, following symbolic links; FileIdentity() when the file does not exist or cannot
@@ -102,7 +80,7 @@ Status FileFacts::Gather(const EditOptions& options, const std::string& guest_id
     not_running_ = options.check_not_running ? options.check_not_running(guest_id) : Result<void, Refusal>();
   }
   for (const std::string& repository_id : std::exchange(folders_wanted_, {})) {
-    folders_[repository_id] = FindFolder(options, repository_id);
+    folders_[repository_id] = RepositoryFolder(options, repository_id);
   }
   if (const std::optional<records::Guest> guest = std::exchange(pins_wanted_, std::nullopt)) {
     pins_[KeyOf(*guest)] = options.check_pins ? options.check_pins(*guest) : Result<void, Refusal>();

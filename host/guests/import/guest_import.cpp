@@ -7,7 +7,6 @@
 
 #include "host/base/sanitize_for_log.h"
 #include "host/domain_xml/domain_files.h"
-#include "host/guests/import/import_records.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
 #include "host/records/name_search.h"
@@ -25,8 +24,8 @@ constexpr std::size_t kMaxLoggedNameBytes = 128;
 
 domain_xml::ImportOptions OptionsOf(const ImportRequest& request, const std::string& own_host_id) {
   domain_xml::ImportOptions options;
-  if (!request.repository_id.empty()) options.repository_id = request.repository_id;
-  if (!request.host_id.empty()) options.host_id = request.host_id;
+  options.repository_id = request.repository_id;
+  options.host_id = request.host_id;
   options.disk_sizes_mib = request.disk_sizes_mib;
   options.networks = request.networks;
   const bool is_here = !own_host_id.empty() && options.host_id == own_host_id;
@@ -72,47 +71,43 @@ Result<std::optional<Refusal>> FindHolder(const store::Snapshot& snapshot, const
       break;
   }
   return std::optional(
-      Refusal{kImportBusy, fmt::format("The guest '{}' is being created: wait until that is done", id)});
+      Refusal{kImportBusy, fmt::format("The guest '{}' is being created or imported: wait until that is done", id)});
 }
 
 }  // namespace
 
-struct GuestImport::Attempt {
-  const ImportRequest& request;
-  domain_xml::ImportedGuest guest;
-  std::string name;
-  StoredGuest stored{};
-  std::optional<store::Revision> first_revision{};  // of the stored guest when it was read first
-};
-
-Result<void, Refusal> GuestImport::Import(const ImportRequest& request, ImportedGuest& imported) {
+Result<void, Refusal> GuestImport::Convert(ImportAttempt& attempt, ImportedGuest& imported) const {
+  const ImportRequest& request = attempt.request;
   imported = {};
   Result<domain_xml::ImportedGuest> parsed = Parse(request, options_.own_host_id);
   if (!parsed) return Refusal{kBadDefinition, parsed.error().ToString()};
   if (request.autostart) parsed->guest[keys::autorun] = 1;
-  Attempt attempt{request, std::move(*parsed), ""};
-  const domain_xml::ImportedGuest& guest = attempt.guest;
-  attempt.name = json::String(json::Member(guest.guest, "name"));
-  imported.id = guest.id;
+  attempt.guest = std::move(*parsed);
+  attempt.name = json::StringMember(attempt.guest.guest, "name");
+  imported.id = attempt.guest.id;
   imported.name = attempt.name;
-  if (!request.expected_id.empty() && request.expected_id != guest.id) {
-    return Refusal{kBadDefinition, fmt::format("<uuid> is '{}' and the manifest has '{}'; correct one of them",
-                                               guest.id, request.expected_id)};
-  }
+  if (request.expected_id.empty() || request.expected_id == imported.id) return {};
+  return Refusal{kBadDefinition, fmt::format("<uuid> is '{}' and the manifest has '{}'; correct one of them",
+                                             imported.id, request.expected_id)};
+}
+
+Result<void, Refusal> GuestImport::Import(const ImportRequest& request, ImportedGuest& imported) {
+  ImportAttempt attempt{request};
+  if (const auto converted = Convert(attempt, imported); !converted.ok()) return converted;
   Result<void, Refusal> done = options_.mode == ImportMode::kCheck ? Check(attempt) : Commit(attempt);
   if (!done.ok()) return done;
   imported.is_replacement = attempt.stored.revision != 0;
-  imported.records = domain_xml::ToJson(guest);
+  imported.records = domain_xml::ToJson(attempt.guest);
   return {};
 }
 
-Result<void, Refusal> GuestImport::Commit(Attempt& attempt) {
+Result<void, Refusal> GuestImport::Commit(ImportAttempt& attempt) {
   return records::CommitRecord(store_, [&](const store::Snapshot& snapshot, std::optional<Refusal>& refused) {
     return Plan(snapshot, attempt, refused);
   });
 }
 
-Result<void, Refusal> GuestImport::Check(Attempt& attempt) {
+Result<void, Refusal> GuestImport::Check(ImportAttempt& attempt) {
   std::optional<Refusal> refused;
   {
     const auto snapshot = store_.Read();
@@ -126,7 +121,7 @@ Result<void, Refusal> GuestImport::Check(Attempt& attempt) {
 
 // Called again after a conflict. The cause may be another guest, for instance one that took a name; but when this
 // guest's own record has changed, the user has to decide again.
-Result<store::Transaction> GuestImport::Plan(const store::Snapshot& snapshot, Attempt& attempt,
+Result<store::Transaction> GuestImport::Plan(const store::Snapshot& snapshot, ImportAttempt& attempt,
                                              std::optional<Refusal>& refused) const {
   store::Transaction transaction;
   Result<StoredGuest> stored = ReadStoredGuest(snapshot, attempt.guest.id);
@@ -145,7 +140,7 @@ Result<store::Transaction> GuestImport::Plan(const store::Snapshot& snapshot, At
 }
 
 Result<std::optional<Refusal>> GuestImport::FindConflict(const store::Snapshot& snapshot,
-                                                         const Attempt& attempt) const {
+                                                         const ImportAttempt& attempt) const {
   const std::string& id = attempt.guest.id;
   const StoredGuest& stored = attempt.stored;
   const bool exists = stored.revision != 0 || options_.planned.contains(id);

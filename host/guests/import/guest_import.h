@@ -12,6 +12,7 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/domain_xml/domain_parse.h"
+#include "host/guests/import/import_records.h"
 #include "host/records/named_record.h"
 #include "host/store/store.h"
 #include "webapi/error_codes.h"
@@ -26,8 +27,8 @@ struct ImportRequest {
   bool autostart = false;                               // whether libvirt was set to start it
   bool has_variables = true;                            // false: the file in <nvram> does not exist yet
   std::string expected_id;                              // refused when the XML has another id; "" accepts any
-  std::string repository_id;                            // "": that of an embedded cluster
-  std::string host_id;                                  // "": that of an embedded cluster
+  std::string repository_id;                            // "": none
+  std::string host_id;                                  // "": none
   std::map<std::string, std::uint64_t> disk_sizes_mib;  // of disks whose image cannot be read, by target name
   // The virtual sizes of images by path, in bytes; not set for one that exists and cannot be read. For guests of other
   // hosts the import does not read images, because they may be on another machine.
@@ -43,7 +44,16 @@ struct ImportedGuest {
   std::string id;    // "" when the XML cannot be parsed
   std::string name;  // likewise
   bool is_replacement = false;
-  Json::Value records;  // {"id", "guest", "disks", "nics", "notes"}; see domain_xml::ToJson
+  Json::Value records;  // {"id", "guest", "disks", "nics", "notes", "elements"}; see domain_xml::ToJson
+};
+
+// An import in progress.
+struct ImportAttempt {
+  const ImportRequest& request;
+  domain_xml::ImportedGuest guest{};
+  std::string name{};
+  StoredGuest stored{};
+  std::optional<store::Revision> first_revision{};  // of the stored guest when it was read first
 };
 
 // Threads: one at a time.
@@ -67,13 +77,18 @@ class GuestImport {
   // records::kRecordFailed. After a refusal, nothing has changed.
   Result<void, Refusal> Import(const ImportRequest& request, ImportedGuest& imported);
 
+  // The parts of Import(), for imports that do more than one commit.
+  // Converts the definition of `attempt.request`, and fills `imported` as far as possible. Refusals: kBadDefinition.
+  Result<void, Refusal> Convert(ImportAttempt& attempt, ImportedGuest& imported) const;
+  // Why the stored records, with `attempt.stored` read from the same snapshot, do not allow the import. Not set: they
+  // do. Errors: those of the store.
+  Result<std::optional<Refusal>> FindConflict(const store::Snapshot& snapshot, const ImportAttempt& attempt) const;
+
  private:
-  struct Attempt;
-  Result<void, Refusal> Commit(Attempt& attempt);
-  Result<void, Refusal> Check(Attempt& attempt);
-  Result<store::Transaction> Plan(const store::Snapshot& snapshot, Attempt& attempt,
+  Result<void, Refusal> Commit(ImportAttempt& attempt);
+  Result<void, Refusal> Check(ImportAttempt& attempt);
+  Result<store::Transaction> Plan(const store::Snapshot& snapshot, ImportAttempt& attempt,
                                   std::optional<Refusal>& refused) const;
-  Result<std::optional<Refusal>> FindConflict(const store::Snapshot& snapshot, const Attempt& attempt) const;
   Result<std::string> FindOtherByName(const store::Snapshot& snapshot, const std::string& name,
                                       const std::string& id) const;
 

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
 #include "host/records/live_state.h"
 #include "host/records/network_record.h"
@@ -96,7 +95,7 @@ Result<StoredGuest> ReadStoredGuest(const store::Snapshot& snapshot, const std::
 }
 
 store::Transaction MakeImportTransaction(const domain_xml::ImportedGuest& guest, const records::DomainRecord& domain,
-                                         const StoredGuest& replaced) {
+                                         const StoredGuest& replaced, std::initializer_list<GuestLock> own_locks) {
   const Json::Value before = replaced.record.isObject() ? replaced.record : Json::Value(Json::objectValue);
   Json::Value record = guest.guest;
   for (const char* member : {"autorun", "ha_group_id"}) {
@@ -117,7 +116,7 @@ store::Transaction MakeImportTransaction(const domain_xml::ImportedGuest& guest,
   }
   transaction.compares.push_back({records::LiveStateKey(guest.id), replaced.live_revision});
   // The guest must not be replaced while a host holds it, deletes it, or edits its disks.
-  CompareFree(transaction, guest.id);
+  CompareFree(transaction, guest.id, own_locks);
   // Two commits that assign the same name at the same time must not both find it free.
   transaction.compares.push_back({records::GuestNamesGuardKey(), replaced.renames_revision});
   transaction.operations.push_back({records::GuestNamesGuardKey(), json::ToText(Json::Value(guest.id))});

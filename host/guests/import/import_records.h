@@ -3,11 +3,13 @@
 
 #include <json/value.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "host/base/result.h"
 #include "host/domain_xml/domain_parse.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/domain_record.h"
 #include "host/store/store.h"
 
@@ -40,8 +42,9 @@ Result<StoredGuest> ReadStoredGuest(const store::Snapshot& snapshot, const std::
 // `replaced`. What domain XML does not contain ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept
 // from the replaced record; records of disks and network interfaces that belong to the replaced guest and are not used
 // by the new one are deleted. The live state and its sequences stay while the guest stays on the same host, and are
-// removed otherwise: one host's report does not apply to another.
+// removed otherwise: one host's report does not apply to another. Compares that nothing holds the guest, except for
+// `own_locks`.
 store::Transaction MakeImportTransaction(const domain_xml::ImportedGuest& guest, const records::DomainRecord& domain,
-                                         const StoredGuest& replaced);
+                                         const StoredGuest& replaced, std::initializer_list<GuestLock> own_locks = {});
 
 }  // namespace vexa::guests

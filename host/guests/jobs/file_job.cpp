@@ -91,10 +91,14 @@ Result<bool> FileJob::IsOurs(const store::Snapshot& snapshot) const {
   return *now && (*now)->revision == revision_;
 }
 
+void FileJob::CompareOurs(store::Transaction& transaction) const {
+  transaction.compares.push_back({kind_.key(guest_id_), revision_});
+}
+
 void FileJob::AddPurging(store::Transaction& transaction) const {
   JobRecord purging = record_;
   purging.stage = JobStage::kPurging;
-  transaction.compares.push_back({kind_.key(guest_id_), revision_});
+  CompareOurs(transaction);
   transaction.operations.push_back({kind_.key(guest_id_), SerializeJob(kind_, purging)});
   BeforeStep("commit records");
 }

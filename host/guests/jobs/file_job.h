@@ -85,6 +85,8 @@ class FileJob {
   Result<std::optional<StoredJob>> ReadNow() const;
   // Whether the stored record is still the one that this job has committed or resumed.
   Result<bool> IsOurs(const store::Snapshot& snapshot) const;
+  // Adds a compare that it is.
+  void CompareOurs(store::Transaction& transaction) const;
   // Adds that the record's stage is "purging", unless the record has changed.
   void AddPurging(store::Transaction& transaction) const;
   // The outcome of the commit of 3 after it reported a failure: it may have taken effect nevertheless.

@@ -4,7 +4,7 @@
 //   /run/<guest id>       a host holds the guest: it runs there, or its saved memory is there (run_record.h)
 //   /deletion/<guest id>  a deletion of the guest is not finished (deletion_record.h)
 //   /edit/<guest id>      an edit of the guest that touches files is not finished (edit_record.h)
-//   /creation/<guest id>  the guest is being created (creation_record.h)
+//   /creation/<guest id>  the guest is being created or imported (creation_record.h)
 #pragma once
 
 #include <initializer_list>

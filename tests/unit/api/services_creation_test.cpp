@@ -1,4 +1,4 @@
-// The row by which other hosts create guests in this host's repositories.
+// The rows by which other hosts create guests, and import them with copies, in this host's repositories.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -53,6 +53,46 @@ TEST_F(GuestCreationRowTest, Create_DatabaseLostOrNoGuests_IsRefused) {
   const Answer answer = Call(parts);
   EXPECT_EQ(answer.code, 949);
   EXPECT_EQ(answer.data, Json::Value(kDatabaseLost));
+  EXPECT_TRUE(guests_.asked().empty());
+}
+
+class GuestImportRowTest : public GuestCreationRowTest {
+ protected:
+  Answer Import(const std::string& parameters, bool runs_guests = true) {
+    ServiceParts parts;
+    if (runs_guests) parts.guests = &guests_;
+    return CallTable(ApiTable(GuestImportRows(parts)), "VEXA.CCC.Guest", "import", parameters);
+  }
+};
+
+constexpr char kImport[] = R"({"guest":{"xml":"<domain/>"})";
+
+TEST_F(GuestImportRowTest, Import_Done_HasGuestAndRecords) {
+  guests_.imported.id = "g";
+  guests_.imported.name = "one";
+  guests_.imported.records["guest"]["name"] = "one";
+  const Answer answer = Import(std::string(kImport) + "}");
+  EXPECT_EQ(answer.code, 0);
+  EXPECT_EQ(answer.data, Parsed(R"({"guest_id":"g","name":"one","records":{"guest":{"name":"one"}}})"));
+  EXPECT_EQ(Import(std::string(kImport) + R"(,"dry_run":true})").code, 0);
+  ASSERT_EQ(guests_.asked().size(), 2u);
+  EXPECT_THAT(guests_.asked()[0], testing::StartsWith("import <domain/> "));
+  EXPECT_THAT(guests_.asked()[1], testing::StartsWith("check import <domain/> "));
+}
+
+TEST_F(GuestImportRowTest, Import_Refused_HasCodeReasonAndName) {
+  guests_.imported.name = "one";
+  guests_.refused = Refusal{902, "The name 'one' belongs to the guest 'g'"};
+  const Answer answer = Import(std::string(kImport) + "}");
+  EXPECT_EQ(answer.code, 902);
+  EXPECT_EQ(answer.data, Parsed(R"({"guest_id":"","name":"one","reason":"The name 'one' belongs to the guest 'g'"})"));
+}
+
+TEST_F(GuestImportRowTest, Import_BadParametersOrNoGuests_IsRefused) {
+  for (const char* parameters : {R"({"guest":{}})", R"({"guest":7})", R"({"guest":{"xml":"x"},"dry_run":1})"}) {
+    EXPECT_EQ(Import(parameters).code, 401) << parameters;
+  }
+  EXPECT_EQ(Import(std::string(kImport) + "}", false).code, 949);
   EXPECT_TRUE(guests_.asked().empty());
 }
 

@@ -5,8 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "host/api/import_parameters.h"
 #include "host/api/user/import_api.h"
-#include "host/api/user/import_parameters.h"
+#include "host/base/json_parse.h"
 #include "host/domain_xml/domain_parse.h"
 #include "host/records/environment.h"
 #include "json/readers.h"
@@ -25,6 +26,10 @@ using ::testing::IsEmpty;
 
 constexpr char kFirst[] = "11111111-2222-4333-8444-555555555551";
 constexpr char kSecond[] = "11111111-2222-4333-8444-555555555552";
+
+constexpr char kOwnPool[] = "11111111-2222-4333-8444-555555555561";
+constexpr char kOtherPool[] = "11111111-2222-4333-8444-555555555562";
+constexpr char kThirdPool[] = "11111111-2222-4333-8444-555555555563";
 
 std::string Domain(const std::string& id, const std::string& name, const std::string& devices = "") {
   return "<domain><name>" + name + "</name><uuid>" + id + "</uuid><memory unit='MiB'>64</memory><devices>" + devices +
@@ -46,7 +51,13 @@ Json::Value CallOf(const std::vector<Json::Value>& guests) {
 
 class ImportApi : public ::testing::Test {
  protected:
-  ImportApi() : table_(ImportRows(records::CurrentEnvironment()->store)) {}
+  ImportApi() : table_(ImportRows(records::CurrentEnvironment()->store)) {
+    AddRepository(kOwnPool, "pool-1", records::CurrentEnvironment()->host_id);
+    AddRepository(kOtherPool, "pool-2", kFirst);
+  }
+  void AddRepository(const std::string& id, const std::string& name, const std::string& host_id) {
+    host_.PutText("repository", id, R"({"name":")" + name + R"(","host_id":")" + host_id + "\"}");
+  }
 
   Answer Import(const Json::Value& parameters) {
     return CallRow(table_.rows()[0], parameters, UserCaller(Administrator()));
@@ -260,6 +271,48 @@ TEST_F(ImportApi, Import_HostileDefinition_OnlyItIsRefused) {
   }
   EXPECT_THAT(Guests(), IsEmpty());
   EXPECT_THAT(ClusterLogLines(), IsEmpty());
+}
+
+TEST_F(ImportApi, Import_WithoutIds_GoesToTheHostThatIsAskedAndItsRepository) {
+  const std::string own = records::CurrentEnvironment()->host_id;
+  Json::Value other = GuestOf(Domain(kSecond, "two"));
+  other["host_id"] = kFirst;
+  const Answer answer = Import(CallOf({GuestOf(Domain(kFirst, "one")), other}));
+  ASSERT_EQ(answer.code, 0);
+  for (const auto& [guest, host, pool] :
+       {std::tuple(kFirst, own, kOwnPool), std::tuple(kSecond, std::string(kFirst), kOtherPool)}) {
+    const Json::Value record = Require(
+        ParseJson(Require(Require(host_.store().Read())->Get(std::string("/dash/guest/") + guest + "/object"))->text));
+    EXPECT_EQ(record["host_id"], host);
+    EXPECT_EQ(record["repository_id"], pool);
+  }
+}
+
+TEST_F(ImportApi, Import_NotOneRepository_IsRefusedWithTheirNames) {
+  AddRepository(kThirdPool, "pool-3", records::CurrentEnvironment()->host_id);
+  const Json::Value several = Import(CallOf({GuestOf(Domain(kFirst, "one"))})).data["results"][0]["error"];
+  EXPECT_EQ(several["code"], 401);
+  EXPECT_EQ(several["reason"], std::string("The guest's host has several repositories: set 'repository_id' to one of "
+                                           "'pool-1' (") +
+                                   kOwnPool + "), 'pool-3' (" + kThirdPool + ")");
+  Json::Value guest = GuestOf(Domain(kFirst, "one"));
+  guest["host_id"] = kSecond;
+  const Json::Value none = Import(CallOf({guest})).data["results"][0]["error"];
+  EXPECT_EQ(none["code"], 401);
+  EXPECT_EQ(none["reason"],
+            std::string("The host '") + kSecond + "' has no repository for the guest: add one, or set 'repository_id'");
+  EXPECT_THAT(Guests(), IsEmpty());
+}
+
+TEST_F(ImportApi, Import_CopiesAndReplaces_IsRefused) {
+  Json::Value parameters = CallOf({GuestOf(Domain(kFirst, "one"))});
+  parameters["copy_disks"] = true;
+  parameters["replace"] = true;
+  ExpectRefused(parameters, "Disks are copied for new guests only: leave out 'copy_disks' or 'replace'");
+  parameters = CallOf({GuestOf(Domain(kFirst, "one") + std::string(1 << 18, ' '))});
+  parameters["copy_disks"] = true;
+  EXPECT_THAT(Import(parameters).data["results"][0]["error"]["reason"].asString(),
+              HasSubstr("bytes: with 'copy_disks', it has at most 262144"));
 }
 
 TEST_F(ImportApi, Import_StoreUnreadable_FailsEachGuest) {

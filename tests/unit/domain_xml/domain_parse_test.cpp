@@ -52,8 +52,8 @@ std::string Os(const std::string& inside) { return "<os><type arch='x86_64'>hvm<
 
 const Row kRows[] = {
     {"name", "", "", "name", R"("guest")"},
-    {"repository", "", "", "repository_id", R"("3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6")"},
-    {"host", "", "", "host_id", R"("8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8")"},
+    {"repository", "", "", "repository_id", R"("")"},
+    {"host", "", "", "host_id", R"("")"},
     {"state", "", "", "state", R"("guest_shutdown")"},
     {"autorun", "", "", "autorun", "0"},
     {"general", "", "", "is_general_vm", "true"},

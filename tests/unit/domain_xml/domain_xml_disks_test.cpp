@@ -22,7 +22,9 @@ Json::Value FromText(const char* text) {
 }
 
 TEST(DiskRecord, Qcow2OnVirtio_HasEveryMember) {
-  const ImportedGuest guest = MustParse(DomainWith("", Disk("vda")));
+  ImportOptions options = WithImages();
+  options.repository_id = "3F1C7A52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+  const ImportedGuest guest = MustParse(DomainWith("", Disk("vda")), options);
   ASSERT_EQ(guest.disks.size(), 1u);
   EXPECT_EQ(guest.disks[0].first, "c706d6db-3679-55d0-b547-97f26f2a47f2");
   EXPECT_EQ(Print(guest.guest["vdisks"]), Print(FromText(R"(["c706d6db-3679-55d0-b547-97f26f2a47f2"])")));

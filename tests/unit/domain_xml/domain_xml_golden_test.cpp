@@ -35,6 +35,8 @@ TEST_P(Example, Import_Example_MatchesGoldenRecords) {
   const Result<std::string> xml = ReadFile(kSource + "/examples/" + name + ".xml", kMaxDomainXmlBytes);
   ASSERT_TRUE(xml.ok()) << xml.error().ToString();
   ImportOptions options;
+  options.repository_id = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+  options.host_id = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
   options.disk_sizes_mib = GetParam().disk_sizes_mib;
   const std::string actual = Print(ToJson(MustParse(*xml, options)));
 

@@ -305,8 +305,8 @@ TEST(Options, Options_InvalidUuids_AreRefused) {
   options.repository_id = "../x";
   EXPECT_EQ(RefusalOf(DomainWith(""), options), "The repository id '../x' is not a UUID. Use the form 8-4-4-4-12");
   options = {};
-  options.host_id = "";
-  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The host id '' is not a UUID. Use the form 8-4-4-4-12");
+  options.host_id = "h";
+  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The host id 'h' is not a UUID. Use the form 8-4-4-4-12");
   options = {};
   options.networks["lan"] = "1";
   EXPECT_EQ(RefusalOf(DomainWith(""), options),

@@ -1,5 +1,6 @@
 // Disks of new guests that are copies of existing images: what is copied, what is refused, and how a copy ends early.
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -218,6 +219,19 @@ TEST_F(CopyTest, Copy_ProgramFails_IsUndoneWithItsSentence) {
   ExpectUnchanged();
 }
 
+// On a real file system that is full.
+TEST_F(CopyTest, Copy_DiskIsFull_IsUndone) {
+  const std::string folder = environment_.Folder();
+  if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "needs the right to mount";
+  Remember();
+  for (const std::string format : {"qcow2", "raw"}) {
+    ExpectRefused(Named("x", From(Path("source.raw"), R"(,"format":")" + format + "\"")), 901,
+                  "No space left on device");
+    ExpectUnchanged();
+  }
+  EXPECT_EQ(::umount(folder.c_str()), 0);
+}
+
 TEST_F(CopyTest, Copy_WithoutProgress_IsEnded) {
   CopyWith("echo '    (12.00/100%)'; exec sleep 600");
   options_.copy.stall_timeout = 300ms;
@@ -235,7 +249,10 @@ TEST_F(CopyTest, Copy_HostStops_IsEnded) {
 
 TEST_F(CopyTest, Copy_InProgress_ShowsProgress) {
   // The second of two copies is at its half.
-  CopyWith("echo '    (50.00/100%)'; sleep 1");
+  const std::string seen_first = environment_.File("first");
+  const std::string go_on = environment_.File("go");
+  CopyWith("echo '    (50.00/100%)'; if [ ! -e " + seen_first + " ]; then : > " + seen_first +
+           "; exit 0; fi; while [ ! -e " + go_on + " ]; do sleep 0.01; done");
   std::optional<std::string> seen;
   std::thread creator([&] {
     const auto created = Create(Named("x", R"(,"vdisks_add":[{"format":"raw","from":")" + Path("source.raw") +
@@ -247,6 +264,7 @@ TEST_F(CopyTest, Copy_InProgress_ShowsProgress) {
     seen = TextOf(*store_, KeyOf("guest", kCreated, "progress"));
     std::this_thread::sleep_for(5ms);
   }
+  std::ofstream{go_on};
   creator.join();
   EXPECT_EQ(seen, "75");
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kCreated, "progress")));

@@ -216,7 +216,7 @@ TEST_F(CreationTest, Create_InProgress_ShowsGuestAndHoldsIt) {
     EXPECT_EQ(Guest()["name"], "half");
     const auto job = guests::CheckNoUnfinishedJob(*store_, kCreated);
     ASSERT_FALSE(job.ok());
-    EXPECT_THAT(job.error().reason, HasSubstr("The guest is being created (started by 'alice' at "));
+    EXPECT_THAT(job.error().reason, HasSubstr("The guest is being created or imported (started by 'alice' at "));
     const auto other = Creations(environment_.Options(store_)).Create(kCreatedToo, Parsed(Named("half")), Alice());
     ASSERT_FALSE(other.ok());
     EXPECT_EQ(other.error().code, 902);

@@ -13,6 +13,7 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/record_test.h"
+#include "tests/support/syslog_capture.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
@@ -181,9 +182,21 @@ TEST_F(GuestRecovery, Recover_SavedMemory_NeedsConsent) {
   PutRun(6, true);
   ExpectRefused(Request(), 974,
                 "The guest's saved memory is on the host 'beta' and would be lost. Confirm that it may be discarded");
-  RecoverRequest request = Request(MachineState::kUnknown);
+  RecoverRequest request = Request();
   request.saved = SavedMemory::kDiscard;
-  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok()) << "a guest that is saved runs nowhere";
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
+}
+
+// Its machine may have restored it when it booted, although this system did not ask for that.
+TEST_F(GuestRecovery, Recover_SavedMemory_NeedsConfirmation) {
+  for (const std::uint64_t incarnation : {4u, 6u}) {  // before and after the boot of the machine
+    PutRun(incarnation, true);
+    RecoverRequest request = Request(MachineState::kUnknown);
+    request.saved = SavedMemory::kDiscard;
+    ExpectRefused(request, 972,
+                  "The guest may still be running on the host 'beta', and a guest that runs twice destroys its disks. "
+                  "Make sure that the host's machine is off, and confirm it");
+  }
 }
 
 // libvirt may have restored it at the boot of its host.
@@ -272,6 +285,48 @@ TEST_F(HostRemoval, Remove_HostWithGuestsToRecover_RemovesHostAndRecoversGuests)
   EXPECT_TRUE(records::IsForgotten(claim));
   EXPECT_EQ(claim["forgotten"]["by"], Json::Value("alice"));
   EXPECT_TRUE(Require(records::LivenessOf(Require(records::Reader::Open(host_.store())), kGone)).is_gone);
+}
+
+// Nobody else could finish or undo them.
+TEST_F(HostRemoval, Remove_HostHasJobs_EndsThem) {
+  constexpr char kHalf[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c213";
+  constexpr char kMoving[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c214";
+  constexpr char kOthers[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c215";
+  Delete(records::RunKey(kGuest));
+  const auto job = [](const std::string& host, const std::string& stage, const std::string& lists) {
+    return R"({"host_id":")" + host + R"(","user":"bob","request_id":"r","since":1,"stage":")" + stage + "\"," + lists +
+           "}";
+  };
+  const std::string made = R"("made":["/i/r/0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c219.qcow2"])";
+  for (const char* id : {kHalf, kMoving, kOthers}) {
+    const std::string state = id == kMoving ? states::importing : states::creating;
+    host_.PutText("guest", id,
+                  R"({"name":")" + std::string(id) + R"(","host_id":")" + kGone + R"(","state":")" + state +
+                      R"(","creation_request":{"owner":"1000","id":"a"}})");
+    Put(records::CreationKey(id), job(id == kOthers ? kAlive : kGone, "making", made));
+  }
+  Put("/request/1000/a",
+      R"({"method":"create","digest":"d","guest_id":")" + std::string(kHalf) + R"(","state":"doing","since":1})");
+  PutGuest(kOff, "off");
+  const std::string hidden = R"("hidden":[{"path":"/i/r/a","hidden":".vexa-deleted-)" + std::string(kOff) + "-0\"}]";
+  Put(records::EditKey(kOff), job(kGone, "doing", R"("made":[],"grown":[],)" + hidden));
+  test::ClearCapturedSyslog();
+  const auto forgotten = ForgetHost(host_.store(), Forgetting());
+  ASSERT_TRUE(forgotten.ok()) << forgotten.error().reason;
+  EXPECT_TRUE(Guest(kHalf).isNull());
+  EXPECT_TRUE(Guest(kMoving).isNull());
+  EXPECT_EQ(Guest(kOff)["name"], "off");
+  for (const char* id : {kHalf, kMoving}) EXPECT_TRUE(Get(records::CreationKey(id)).isNull());
+  EXPECT_TRUE(Get(records::EditKey(kOff)).isNull());
+  EXPECT_EQ(Get("/request/1000/a")["state"], "failed");
+  EXPECT_EQ(Get("/request/1000/a")["reason"], "The host that created the guest was removed from the cluster");
+  // A host that lives goes on with its own.
+  EXPECT_FALSE(Guest(kOthers).isNull());
+  EXPECT_FALSE(Get(records::CreationKey(kOthers)).isNull());
+  EXPECT_TRUE(test::SyslogContains("The edit of guest[" + std::string(kOff) +
+                                   "] was given up with its host. If the host's storage still exists, look at "
+                                   "[/i/r/a], maybe named [.vexa-deleted-" +
+                                   kOff + "-0]"));
 }
 
 TEST_F(HostRemoval, Remove_InvalidRequest_IsRefused) {

@@ -119,7 +119,9 @@ TEST_F(RequestTest, Repeat_EightCallers_MakeOneGuest) {
 TEST_F(RequestTest, Repeat_WaitTooLongOrStopping_IsRefused) {
   PutRequest("a", "doing", std::chrono::system_clock::now());
   options_.request_wait = 0ms;
-  ExpectRefused(Named("x", Numbered("a")), 915, "The request 'a' is still being done");
+  ExpectRefused(Named("x", Numbered("a")), 915,
+                std::string("The guest '") + kUnknownId +
+                    "' is still being created, by the same request. Repeat the request 'a' later");
   options_.is_stopping = [] { return true; };
   ExpectRefused(Named("x", Numbered("a")), 949, "This host is stopping");
 }

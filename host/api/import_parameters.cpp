@@ -1,4 +1,4 @@
-#include "host/api/user/import_parameters.h"
+#include "host/api/import_parameters.h"
 
 #include <fmt/format.h>
 

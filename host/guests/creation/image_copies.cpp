@@ -1,4 +1,5 @@
-// Copies existing images into the new files of a guest's disks.
+#include "host/guests/creation/image_copies.h"
+
 #include <fcntl.h>
 #include <fmt/format.h>
 
@@ -7,8 +8,9 @@
 
 #include "host/base/qcow2_header.h"
 #include "host/base/rooted_file.h"
-#include "host/guests/creation/creation_job.h"
+#include "host/guests/creation/creation.h"
 #include "host/records/keys.h"
+#include "webapi/platform/ccc.h"
 
 namespace vexa::guests {
 namespace {
@@ -31,31 +33,33 @@ Result<Descriptor> OpenMade(const std::vector<std::string>& image_roots, const s
 
 }  // namespace
 
-Result<void, Refusal> CreationJob::FillFiles(const std::vector<NewFile>& made) {
+std::string ProgressKey(const std::string& guest_id) {
+  return records::MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, kProgress);
+}
+
+Result<void, Refusal> ImageCopies::Fill(const FileJob& job, const std::vector<NewFile>& made, const Sources& sources) {
   std::uint64_t total_mib = 0;
-  for (std::size_t i = 0; i < made.size() && i < sources_->size(); ++i) {
-    if ((*sources_)[i]) total_mib += made[i].size_mib;
+  for (std::size_t i = 0; i < made.size() && i < sources.size(); ++i) {
+    if (sources[i]) total_mib += made[i].size_mib;
   }
   std::uint64_t done_mib = 0;
-  for (std::size_t i = 0; i < made.size() && i < sources_->size(); ++i) {
-    const std::optional<disks::SourceImage>& source = (*sources_)[i];
-    if (!source) continue;
-    job().BeforeStep("copy", i);
-    if (const auto filled = Fill(made[i], *source, done_mib, total_mib); !filled.ok()) return filled;
+  for (std::size_t i = 0; i < made.size() && i < sources.size(); ++i) {
+    if (!sources[i]) continue;
+    job.BeforeStep("copy", i);
+    if (const auto filled = FillOne(job, made[i], *sources[i], done_mib, total_mib); !filled.ok()) return filled;
     done_mib += made[i].size_mib;
   }
   return {};
 }
 
-Result<void, Refusal> CreationJob::Fill(const NewFile& file, const disks::SourceImage& source, std::uint64_t done_mib,
-                                        std::uint64_t total_mib) {
-  const Result<Descriptor> target = OpenMade(options().image_roots, file.path);
+Result<void, Refusal> ImageCopies::FillOne(const FileJob& job, const NewFile& file, const disks::SourceImage& source,
+                                           std::uint64_t done_mib, std::uint64_t total_mib) {
+  const Result<Descriptor> target = OpenMade(options_.image_roots, file.path);
   if (!target) return NotCopied(target.error());
-  disks::CopyOptions copy = creation_options_.copy;
-  copy.must_stop = creation_options_.is_stopping;
+  disks::CopyOptions copy = copy_;
   copy.on_progress = [&](int percent) {
     const double share = static_cast<double>(done_mib) + static_cast<double>(file.size_mib) * percent / 100;
-    StoreProgress(static_cast<int>(100 * share / static_cast<double>(total_mib)));
+    StoreProgress(job, static_cast<int>(100 * share / static_cast<double>(total_mib)));
   };
   if (const Status copied = disks::CopyImage(source, target->get(), file.format, copy); !copied) {
     return NotCopied(copied.error());
@@ -68,10 +72,13 @@ Result<void, Refusal> CreationJob::Fill(const NewFile& file, const disks::Source
 }
 
 // For lists and `vexa guest status`. A failure changes nothing that matters.
-void CreationJob::StoreProgress(int percent) {
+void ImageCopies::StoreProgress(const FileJob& job, int percent) {
   if (percent == progress_) return;
   progress_ = percent;
-  (void)options().store->Commit({{}, {{ProgressKey(guest_id()), std::to_string(percent)}}});
+  store::Transaction transaction;
+  job.CompareOurs(transaction);
+  transaction.operations.push_back({ProgressKey(guest_id_), std::to_string(percent)});
+  (void)options_.store->Commit(transaction);
 }
 
 }  // namespace vexa::guests

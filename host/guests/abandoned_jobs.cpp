@@ -1,0 +1,66 @@
+#include "host/guests/abandoned_jobs.h"
+
+#include <fmt/format.h>
+
+#include "host/base/sanitize_for_log.h"
+#include "host/guests/creation/creation_undo.h"
+#include "host/guests/jobs/creation_record.h"
+#include "host/guests/jobs/deletion_record.h"
+#include "host/guests/jobs/edit_record.h"
+#include "host/store/key.h"
+
+namespace vexa::guests {
+namespace {
+
+// What the job may have done to files. "": nothing that somebody has to look at.
+std::string NoteOf(const JobKind& kind, const std::string& guest_id, const FileIntent& files) {
+  std::string paths;
+  for (const auto& [path, hidden] : files.hidden) {
+    paths += fmt::format("{}[{}], maybe named [{}]", paths.empty() ? "" : ", ", SanitizePathForLog(path), hidden);
+  }
+  for (const std::string& path : files.made) {
+    paths += fmt::format("{}[{}], new", paths.empty() ? "" : ", ", SanitizePathForLog(path));
+  }
+  for (const disks::Growth& growth : files.grown) {
+    paths += fmt::format("{}[{}], maybe grown", paths.empty() ? "" : ", ", SanitizePathForLog(growth.path));
+  }
+  if (paths.empty()) return "";
+  return fmt::format("The {} of guest[{}] was given up with its host. If the host's storage still exists, look at {}",
+                     kind.noun, SanitizeForLog(guest_id, kMaxLoggedIdBytes), paths);
+}
+
+Status Add(const store::Snapshot& snapshot, const JobKind& kind, const std::string& guest_id, const StoredJob& job,
+           std::chrono::system_clock::time_point now, store::Transaction& transaction, AbandonedJobs& abandoned) {
+  transaction.compares.push_back({kind.key(guest_id), job.revision});
+  transaction.operations.push_back({kind.key(guest_id), std::nullopt});
+  if (std::string note = NoteOf(kind, guest_id, job.record->files); !note.empty()) {
+    abandoned.notes.push_back(std::move(note));
+  }
+  if (&kind != &kCreationKind || job.record->stage != JobStage::kChanging) return {};
+  const Refusal refusal{host_error::kFailed, "The host that created the guest was removed from the cluster"};
+  const Result<bool> is_found = AddCreationUndo(snapshot, guest_id, refusal, now, transaction);
+  if (!is_found) return is_found.error();
+  if (*is_found) abandoned.removed_guests.insert(guest_id);
+  return {};
+}
+
+}  // namespace
+
+Result<AbandonedJobs> AddAbandonedJobs(const store::Snapshot& snapshot, const std::string& host_id,
+                                       std::chrono::system_clock::time_point now, store::Transaction& transaction) {
+  AbandonedJobs abandoned;
+  for (const JobKind* kind : {&kCreationKind, &kEditKind, &kDeletionKind}) {
+    const auto guest_ids = snapshot.Children(store::MakeKey({kind->folder}));
+    if (!guest_ids) return guest_ids.error();
+    for (const std::string& guest_id : *guest_ids) {
+      const auto job = ReadJob(snapshot, *kind, guest_id);
+      if (!job) return job.error();
+      if (!*job || !(*job)->record || (*job)->record->host_id != host_id) continue;
+      const Status added = Add(snapshot, *kind, guest_id, **job, now, transaction, abandoned);
+      if (!added) return added.error();
+    }
+  }
+  return abandoned;
+}
+
+}  // namespace vexa::guests
