@@ -96,7 +96,9 @@ JobOptions LibvirtGuestControl::MakeJobOptions() {
 DeletionOptions LibvirtGuestControl::MakeDeletionOptions() { return {MakeJobOptions(), options_.is_alive}; }
 
 EditOptions LibvirtGuestControl::MakeEditOptions() {
-  EditOptions edits{MakeJobOptions(), {}, {}};
+  EditOptions edits{MakeJobOptions(), {}, {}, {}, {}};
+  edits.check_layout = [this](const std::string& layout) { return CheckLayout(layout); };
+  edits.check_weight = [this](std::int64_t weight) { return CheckWeight(weight); };
   edits.check_pins = [this](const records::Guest& edited) { return CheckPinsAvailable(edited); };
   if (!IsTestMode()) edits.has_file = IsFile;
   return edits;
@@ -155,6 +157,7 @@ Status LibvirtGuestControl::Begin() {
   auto opened = hypervisor::Hypervisor::Open(std::move(hypervisor_options));
   if (!opened) return opened.error();
   hypervisor_ = std::move(*opened);
+  ReadKeymaps();
   {
     const MutexLock lock(maintenance_mutex_);
     is_open_ = true;
@@ -218,7 +221,7 @@ bool LibvirtGuestControl::Stop(std::chrono::milliseconds timeout) {
 // Retries failed work, and does what other hosts have left for this one. Reconciles running guests too: a restarted
 // libvirt ends guests that were being started, without an event.
 void LibvirtGuestControl::Maintain() {
-  while (!AwaitStop(options_.maintenance_interval)) {
+  while (AwaitMaintenance()) {
     RunLoggingExceptions("The maintenance of guests", [this] { MaintainOnce(); });
   }
 }
@@ -345,6 +348,7 @@ std::string LibvirtGuestControl::HypervisorVersion() const {
 }
 
 void LibvirtGuestControl::ReadVersion() {
+  ReadKeymaps();  // another version may have others
   if (IsTestMode()) return;
   auto version = hypervisor_->Version();
   const MutexLock lock(node_info_mutex_);

@@ -20,6 +20,7 @@
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -41,6 +42,10 @@ struct EditOptions : JobOptions {
   std::function<Result<void, Refusal>(const records::Guest& edited)> check_pins;
   // Whether there is a file at a path. Not set: always true, as in test mode.
   std::function<bool(const std::string& path)> has_file;
+  // Whether guests of this host can have the CPU weight. Called inside plans: it must not wait. Not set: yes.
+  std::function<Result<void, Refusal>(std::int64_t weight)> check_weight;
+  // Whether QEMU on this host has the keyboard layout. The same applies.
+  std::function<Result<void, Refusal>(const std::string& layout)> check_layout;
 };
 
 // Threads: any, at the same time, but only one at a time per guest on this host.
