@@ -17,7 +17,7 @@ std::optional<unsigned> ParseCpu(std::string_view text) {
   return cpu;
 }
 
-// Adds "4", "0-3" or removes "^2". False: the text is none of these.
+// Adds "4" or "0-3", or removes "^2". False: the text has another form.
 bool ApplyPart(std::string_view part, CpuSet& cpus) {
   if (part.starts_with('^')) {
     const auto cpu = ParseCpu(part.substr(1));

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -58,6 +59,10 @@ struct BuildOptions {
   std::function<Result<std::string>(const std::string& image)> image_path;
 
   UsbBus usb_bus = UsbBus::kPresent;
+
+  // The virtual functions of network cards that interfaces get instead of their network: PCI addresses of the form
+  // "0000:3b:02.1", by the interfaces' ids. Ignored with a base.
+  std::map<std::string, std::string> virtual_functions;
 
   // The keyboard layouts that QEMU has; others are left out. Not set: unknown, all are written.
   std::optional<std::set<std::string>> keymaps;

@@ -162,6 +162,14 @@ class LibvirtGuestControl final : public GuestControl {
     std::optional<hypervisor::Definition> definition;  // libvirt's existing one; not set: none
     std::optional<records::DomainRecord> imported;
     ResourceFacts facts;
+    // An interface that prefers a virtual function.
+    struct WantedFunction {
+      std::string nic;  // its id
+      std::string network;
+      std::vector<std::string> addresses;  // usable ones, some of which other guests may have
+      std::string why_none;                // a part of a sentence, when it gets none
+    };
+    std::vector<WantedFunction> wanted_functions;
     records::Run run;
 
     bool IsSaved() const { return definition && definition->state == hypervisor::GuestState::kSaved; }
@@ -184,6 +192,13 @@ class LibvirtGuestControl final : public GuestControl {
   // Refuses when a host holds the guest, or a job with its files is not finished.
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
   Result<void, Refusal> CheckNotHeld(const store::Snapshot& snapshot, const std::string& guest_id) const;
+
+  // guest_virtual_functions.cpp
+  // What the host has for the guest's interfaces.
+  void FindVirtualFunctions(StartAttempt& attempt);
+  // Adds functions to the attempt's run that no other guest has. Errors: those of the store.
+  Status ReserveVirtualFunctions(StartAttempt& attempt) const;
+  void ReportVirtualFunctions(const StartAttempt& attempt);
 
   // guest_files.cpp
   // The XML of the machine that a start makes.

@@ -118,6 +118,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest, 
   build.domain_type = hypervisor_->DomainType();
   build.cpu_shares = hypervisor_->CpuSharesSupport();
   build.pinned_cpus = run.pinned_cpus;
+  build.virtual_functions = run.virtual_functions;
   build.image_path = [this](const std::string& image) { return ImagePath(*options_.store, image); };
   std::error_code error;
   if (!IsTestMode() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = domain_xml::UsbBus::kAbsent;

@@ -2,7 +2,7 @@
 //
 // Processors that are dedicated to a guest are kept free of all other guests: a guest is started with the processors
 // that are free then, and the reconciliation moves the ones that run when processors are dedicated or freed later. What
-// a guest was told last is in its run record, so that a host which ended meanwhile continues from there.
+// a guest was last kept off is in its run record, so that a host which ended meanwhile continues from there.
 #include <fmt/format.h>
 #include <syslog.h>
 

@@ -134,6 +134,7 @@ Result<void, Refusal> LibvirtGuestControl::Prepare(const std::string& guest_id, 
     if (const auto allowed = CheckNvramExists(attempt.guest); !allowed.ok()) return allowed;
   }
   attempt.facts = GatherFacts(attempt.guest);
+  FindVirtualFunctions(attempt);
   return {};
 }
 
@@ -190,6 +191,7 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
     const std::vector<unsigned>& others = attempt.facts.resources.pinned_cpus;
     run.kept_off = std::set<unsigned>(others.begin(), others.end());
   }
+  if (const Status reserved = ReserveVirtualFunctions(attempt); !reserved) return RefusalOf(reserved.error());
   store::Transaction transaction;
   transaction.compares = {{records::RunKey(guest_id), *stored ? (*stored)->revision : 0}};
   CompareFree(transaction, guest_id, {GuestLock::kRun});
@@ -277,6 +279,7 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   end_reasons_.Cancel(guest_id);
   end_reasons_.RecordSeenRunning(guest_id);
   ReportWeight(attempt.guest);
+  ReportVirtualFunctions(attempt);
   return {};
 }
 

@@ -24,6 +24,7 @@ constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
 constexpr char kKeptOff[] = "kept_off";
+constexpr char kFunctions[] = "virtual_functions";
 
 // The latest second that the clock, which counts nanoseconds, can represent.
 constexpr Json::Int64 kMaxSeconds = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
@@ -59,6 +60,11 @@ Run ParseRun(std::string_view text) {
   if (kept_off && kept_off->isNull()) run.kept_off.reset();
   for (const Json::Value& cpu : kept_off ? json::Elements(*kept_off) : json::Elements(Json::Value())) {
     if (cpu.isUInt()) run.kept_off->insert(json::UInt(cpu));
+  }
+  const Json::Value& functions = json::Member(*parsed, kFunctions);
+  for (const std::string& nic : json::MemberNames(functions)) {
+    const Json::Value& address = json::Member(functions, nic);
+    if (address.isString()) run.virtual_functions.emplace(nic, json::String(address));
   }
   return run;
 }
@@ -125,6 +131,7 @@ std::string SerializeRun(const Run& run) {
   if (run.kept_off && !run.kept_off->empty()) {
     for (const unsigned cpu : *run.kept_off) record[kKeptOff].append(cpu);
   }
+  for (const auto& [nic, address] : run.virtual_functions) record[kFunctions][nic] = address;
   return json::ToText(record);
 }
 

@@ -22,7 +22,8 @@ void FailedHostsScope::Add(const std::string& host_id, const Json::Value& reply)
   if (innermost == nullptr) return;
   innermost->hosts_.insert(host_id);
   const Json::Value& error = json::Member(reply, "error");
-  if (json::Int(json::Member(error, "code")) != host_error::kBadParameter) return;
+  const int code = json::Int(json::Member(error, "code"));
+  if (code != host_error::kBadParameter && code != host_error::kBadNic) return;
   const Json::Value& details = json::Member(error, "details");
   if (details.isString()) innermost->bad_parameter_ = SanitizeForLog(json::String(details), kMaxReason);
 }

@@ -18,7 +18,7 @@ class FailedHostsScope : private NotCopyable {
   ~FailedHostsScope();
 
   const std::set<std::string>& hosts() const { return hosts_; }
-  // What the last host that refused a parameter (host_error::kBadParameter) said about it; "": none has.
+  // What the last host that refused a parameter (host_error::kBadParameter, kBadNic) said about it; "": none has.
   const std::string& bad_parameter() const { return bad_parameter_; }
 
   // Adds the host and its reply to the thread's innermost scope, if there is one. May throw std::bad_alloc.

@@ -7,6 +7,7 @@
 #include "tests/support/test_daemon.h"
 #include "tests/system/cli_program.h"
 #include "tests/unit/guests/guest_edit_environment.h"
+#include "webapi/error_codes.h"
 
 namespace vexa::test {
 namespace {
@@ -262,6 +263,20 @@ TEST_F(GuestPromises, Parts_BadValue_AreRefusedWithParameterValueAndRange) {
             "The parameter 'guest_id' is not a UUID");
   EXPECT_EQ(ReasonOf(Call("VEXA.Virtualization.Guest", "create", Parsed(R"({"name":"new","vpcu_num":2})"))),
             "The parameter 'vpcu_num' is unknown");
+}
+
+// What only the guest's host finds out reaches the user, too.
+TEST_F(GuestPromises, Interface_NetworkCannotHaveIt_IsRefusedWithReason) {
+  constexpr char kNat[] = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
+  PutRecord(*store_, KeyOf("network", kNat),
+            Parsed(R"({"name":"inside","kind":"nat","network_name":"inside","subnet":"10.9.0.0/24"})"));
+  const std::string edit = R"({"guest_id":")" + std::string(kEdited) + R"(","vnics_add":[{"network_id":")" + kNat +
+                           R"(","vnic_type":1,"prefer_sriov":true}]})";
+  const Json::Value reply = Call("VEXA.Virtualization.Guest", "set", Parsed(edit));
+  EXPECT_EQ(CodeOf(reply), user_error::kBadNetworkSettings);
+  EXPECT_EQ(ReasonOf(reply),
+            "An interface in the network 'inside' cannot have a virtual function ('prefer_sriov'): it is of the kind "
+            "'nat', and only a network of the kind 'bridge' leads to a network card");
 }
 
 }  // namespace

@@ -144,7 +144,7 @@ std::vector<ApiRow> ClusterSettingsRows(const std::shared_ptr<store::Store>& sto
                            {user_error::kUnavailable}),
           AdministratorRow(
               "VEXA.Virtualization.Cluster", "set", LaneKind::kLong, [store](const Call& call) { Set(*store, call); },
-              "Change settings of the whole cluster; those that are not given stay. The reply has all of them.",
+              "Change settings of the whole cluster; other settings stay. The reply has all of them.",
               {OptionalFlag(kAutoSelectHost,
                             "Whether a guest without a host is assigned one when it is powered on (default: true)."),
                OptionalFlag(kUpgrading,
