@@ -3,6 +3,7 @@
 
 #include "cli/cluster_command.h"
 #include "cli/commands.h"
+#include "cli/settings_command.h"
 
 namespace vexa::cli {
 namespace {
@@ -23,7 +24,8 @@ authority.key, all hosts renew their certificates by themselves; otherwise make 
 }  // namespace
 
 void AddClusterCommands(const Command& app) {
-  const Command cluster = app.AddGroup("cluster", "Create the certificates by which hosts recognize each other");
+  const Command cluster =
+      app.AddGroup("cluster", "Certificates by which hosts recognize each other, and settings of all hosts");
   cluster.Footer(kFooter);
 
   const Command init = cluster.AddCommand("init", "Create the authority of a new cluster");
@@ -42,6 +44,23 @@ void AddClusterCommands(const Command& app) {
   certificate.AddFlag(
       "--replace", [options] { options->if_present = IfPresent::kReplace; }, "Replace the host's key and certificate");
   certificate.OnRun(options, RunClusterCertificate);
+
+  const Command settings = cluster.AddCommand("settings", "Show or change the cluster's settings (administrators)");
+  const auto switches = std::make_shared<ClusterSettingsOptions>();
+  settings
+      .AddOption("--auto-select-host", switches->auto_select_host,
+                 "Whether guests without a host are assigned one when they are started (at first on)")
+      .Placeholder("on|off");
+  settings
+      .AddOption("--upgrading", switches->upgrading,
+                 "Whether the hosts are between two versions that cannot read each other's records (at first off)")
+      .Placeholder("on|off");
+  settings.Footer(R"(
+While --upgrading is on, guests are shown as frozen, and a host does not end the guests of other hosts.
+
+Example:
+  vexa cluster settings --auto-select-host off)");
+  settings.OnRun(switches, RunClusterSettings);
 }
 
 }  // namespace vexa::cli

@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/guest_state_command.h"
 #include "cli/host_command.h"
+#include "cli/settings_command.h"
 
 namespace vexa::cli {
 
@@ -15,6 +16,19 @@ void AddHostCommands(const Command& app) {
   const auto shown_host = std::make_shared<std::string>();
   show.AddOption("HOST", *shown_host, "The host's id or name (default: the host that answers)");
   show.OnRun(shown_host, RunHostShow);
+  const Command edit = host.AddCommand("edit", "Change the settings of a host (administrators)");
+  const auto edited = std::make_shared<HostEditOptions>();
+  edit.AddOption("HOST", edited->host, "The host's id or name").Required();
+  edit.AddOption("--placement", edited->placement,
+                 "Whether the host may be chosen for new guests, and for guests without a host (at first on)")
+      .Placeholder("on|off")
+      .Required();
+  edit.Footer(R"(
+The host's own guests are not affected: they run, and can be started.
+
+Example:
+  vexa host edit nas-2 --placement off)");
+  edit.OnRun(edited, RunHostEdit);
 
   const Command guest = app.Group("guest");
   guest.AddCommand("list", "List your guests and their states").OnRun(RunGuestList);

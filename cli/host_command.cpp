@@ -61,6 +61,9 @@ void PrintHost(const Json::Value& host) {
   AddField(fields, "Name", Text(Member(host, "name")));
   AddField(fields, "State", StateText(host, "state"));
   AddField(fields, "As of", AgeText(host));
+  if (const Json::Value& placement = Member(host, "placement"); placement.isBool()) {
+    AddField(fields, "Placement", IsTrue(placement) ? "on" : "off");
+  }
   AddField(fields, "Version", Text(Member(host, "version")));
   AddField(fields, "Addresses", JoinValues(Member(host, "addresses")));
   AddField(fields, "System", Text(Member(system, "version")));

@@ -19,8 +19,10 @@ constexpr char kIncompatible[] = "incompatible";
 
 std::string ClusterKey() { return store::MakeKey({"settings", "cluster"}); }
 std::string UpgradeKey() { return store::MakeKey({"settings", "upgrade"}); }
+std::string PlacementKey() { return store::MakeKey({"settings", "placement"}); }
 
-Result<bool> ReadSetting(const records::Reader& reader, const std::string& key, const char* name, bool default_value) {
+Result<bool> ReadSetting(const records::Reader& reader, const std::string& key, const std::string& name,
+                         bool default_value) {
   const Result<records::Record> record = reader.ReadRecord(key);
   if (!record) return record.error();
   if (!*record) return default_value;
@@ -30,7 +32,7 @@ Result<bool> ReadSetting(const records::Reader& reader, const std::string& key, 
   return Error(ErrorCode::kCorrupt, fmt::format("The setting '{}' in '{}' is neither true nor false", name, key));
 }
 
-Status WriteSetting(store::Store& store, const std::string& key, const char* name, const Json::Value& value) {
+Status WriteSetting(store::Store& store, const std::string& key, const std::string& name, const Json::Value& value) {
   return records::CommitWithRetry(store, [&](const records::Reader& reader) -> Result<store::Transaction> {
     Result<records::StoredObject> stored = records::LoadObject(reader, key);
     if (!stored) return stored.error();
@@ -67,12 +69,20 @@ Result<UpgradeSettings> ReadUpgradeSettings(const records::Reader& reader) {
   return UpgradeSettings{*setting};
 }
 
+Result<bool> ReadPlacement(const records::Reader& reader, const std::string& host_id) {
+  return ReadSetting(reader, PlacementKey(), host_id, true);
+}
+
 Status WriteClusterSettings(store::Store& store, const ClusterSettings& settings) {
   return WriteSetting(store, ClusterKey(), kAutoSelectHost, settings.auto_select_host);
 }
 
 Status WriteUpgradeSettings(store::Store& store, const UpgradeSettings& settings) {
   return WriteSetting(store, UpgradeKey(), kIncompatible, settings.incompatible);
+}
+
+Status WritePlacement(store::Store& store, const std::string& host_id, bool placement) {
+  return WriteSetting(store, PlacementKey(), host_id, placement);
 }
 
 }  // namespace vexa::cluster

@@ -2,9 +2,12 @@
 //
 //   /settings/cluster   {"auto_select_host": <bool>}
 //   /settings/upgrade   {"incompatible": <bool>}
+//   /settings/placement {"<host id>": <bool>}
 //
 // A missing setting has its default. A setting of another type is kCorrupt: it is not silently replaced by the default.
 #pragma once
+
+#include <string>
 
 #include "host/base/result.h"
 #include "host/records/reader.h"
@@ -28,9 +31,14 @@ struct UpgradeSettings {
 Result<ClusterSettings> ReadClusterSettings(const records::Reader& reader);
 Result<UpgradeSettings> ReadUpgradeSettings(const records::Reader& reader);
 
+// Whether the host may be chosen for guests that have none. Guests that have it as their host are not affected. By
+// default it may.
+Result<bool> ReadPlacement(const records::Reader& reader, const std::string& host_id);
+
 // Keeps unknown members, and repairs a known one of a wrong type.
 // Errors: those of the store; kCorrupt when the record is not an object; kConflict when the record keeps changing.
 Status WriteClusterSettings(store::Store& store, const ClusterSettings& settings);
 Status WriteUpgradeSettings(store::Store& store, const UpgradeSettings& settings);
+Status WritePlacement(store::Store& store, const std::string& host_id, bool placement);
 
 }  // namespace vexa::cluster

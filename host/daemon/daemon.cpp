@@ -21,6 +21,7 @@
 #include "host/api/peer/services.h"
 #include "host/api/request_id.h"
 #include "host/api/user/account_api.h"
+#include "host/api/user/cluster_settings_api.h"
 #include "host/api/user/console_api.h"
 #include "host/api/user/consoles.h"
 #include "host/api/user/creation_api.h"
@@ -434,15 +435,26 @@ class Daemon::Impl {
     std::vector<api::ApiRow> uploads = api::UploadRows(uploads_);
     std::move(uploads.begin(), uploads.end(), std::back_inserter(rows));
     for (auto&& part :
-         {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
-          api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
-          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
+         {api::GuestRows(),
+          api::SessionRows(sessions),
+          api::SessionListRows(sessions),
+          api::ServiceRows(MakeServiceParts(config)),
+          api::HostListRows(),
+          api::HostQueryRows(),
+          api::GuestStateRows(guest_states_),
+          api::GuestSavedStateRows(),
+          api::ImportRows(store_),
           api::ConsoleRows(store_, &console_tickets_, [stopping = is_stopping_] { return stopping->load(); }),
           api::CreationRows(MakeAccountServices(), [stopping = is_stopping_] { return stopping->load(); }),
-          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
+          api::RecoveryRows(store_),
+          api::ImageRows(store_, config.image_roots),
           api::RepositoryRows(store_, {host_id_, config.image_roots, storage::QemuAccessFor(config.hypervisor)}),
-          api::GuestNetworkRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
-          api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
+          api::GuestNetworkRows(store_),
+          api::ClusterSettingsRows(store_),
+          api::LogRows(),
+          api::AccountRows(MakeAccountServices()),
+          api::GrantRows(MakeAccountServices()),
+          api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));

@@ -5,13 +5,17 @@
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <functional>
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/domain_xml/cpu_set.h"
 
 namespace vexa::domain_xml {
 
@@ -46,6 +50,8 @@ struct HotPlugLimits {
 struct BuildOptions {
   std::string domain_type = "kvm";  // as Hypervisor::DomainType returns it: "kvm", "qemu" or "test"
   CpuShares cpu_shares = CpuShares::kAllowed;
+  // The largest weight that libvirt accepts here. A guest whose record has a larger one gets this one.
+  std::int64_t max_cpu_weight = 262'144;
 
   // The CPU model of guests without cpu_passthru. Every host of a cluster must support it, so that guests can move.
   std::string compatible_cpu = "Nehalem";
@@ -53,12 +59,23 @@ struct BuildOptions {
   // The host's processors dedicated to this guest: its first `cpu_pin_num` virtual CPUs get one each.
   std::vector<unsigned> pinned_cpus;
 
+  // The host's processors that are not dedicated to any guest. The guest's other virtual CPUs and the threads of its
+  // emulator use these only. Empty: no processors are dedicated, and they use what the definition says, or all.
+  CpuSet shared_cpus;
+
   // Returns the absolute path for an entry of "iso_images". May be empty: then the entry is the path.
   std::function<Result<std::string>(const std::string& image)> image_path;
 
   UsbBus usb_bus = UsbBus::kPresent;
 
   HotPlugLimits hot_plug;
+
+  // The virtual functions of network cards that interfaces get instead of their network: PCI addresses of the form
+  // "0000:3b:02.1", by the interfaces' ids. Ignored with a base.
+  std::map<std::string, std::string> virtual_functions;
+
+  // The keyboard layouts that QEMU has; others are left out. Not set: unknown, all are written.
+  std::optional<std::set<std::string>> keymaps;
 
   // The id of the host that defines the guest, for the ownership tag. Empty: no tag is written.
   std::string host_id;

@@ -105,11 +105,13 @@ Status WriteScreen(Context& context) {
   }
   const Result<std::string> layout = StringOf(context.guest(), "kb_layout", "Default");
   if (!layout) return layout.error();
-  const bool has_layout = !layout->empty() && *layout != "Default";
+  bool has_layout = !layout->empty() && *layout != "Default";
   if (has_layout && !parse::IsLayoutName(*layout)) {
     return Invalid("The member 'kb_layout' of the guest is {}. Use the name of a keyboard layout, such as 'en-us'",
                    Quote(*layout));
   }
+  const auto& keymaps = context.options.keymaps;
+  has_layout = has_layout && (!keymaps || keymaps->contains(*layout));
   // On a UNIX socket, because every user of the host could connect to a TCP port.
   pugi::xml_node graphics = Add(context.devices, "graphics");
   Set(graphics, "type", "vnc");

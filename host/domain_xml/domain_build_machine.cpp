@@ -33,7 +33,7 @@ Status WriteTuning(Context& context, std::int64_t vcpus) {
   if (!shares && pinned == 0) return {};
 
   pugi::xml_node tuning = Add(context.domain, "cputune");
-  if (shares) AddText(tuning, "shares", std::to_string(*weight));
+  if (shares) AddText(tuning, "shares", std::to_string(std::min(*weight, context.options.max_cpu_weight)));
   for (std::size_t i = 0; i < pinned; ++i) {
     pugi::xml_node pin = Add(tuning, "vcpupin");
     Set(pin, "vcpu", std::to_string(i));
@@ -171,6 +171,9 @@ Status WriteProcessor(Context& context) {
   const std::int64_t max_vcpus = MaxVcpus(context, *vcpus);
   pugi::xml_node vcpu = AddText(context.domain, "vcpu", std::to_string(max_vcpus));
   if (max_vcpus != *vcpus) Set(vcpu, "current", std::to_string(*vcpus));
+  // Also the default for the emulator's threads.
+  const std::string shared = FormatCpuSet(context.options.shared_cpus);
+  if (!shared.empty()) Set(vcpu, "cpuset", shared);
   if (Status tuning = WriteTuning(context, *vcpus); !tuning) return tuning;
   WriteCpu(context, *vcpus);
   return {};

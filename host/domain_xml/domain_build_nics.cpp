@@ -50,6 +50,19 @@ Status WriteSource(Context& context, pugi::xml_node element, const std::string& 
   return {};
 }
 
+// "0000:3b:02.1"
+void WriteFunction(pugi::xml_node element, const std::string& address) {
+  Set(element, "type", "hostdev");
+  // libvirt takes the function from the host's driver, and gives it back.
+  Set(element, "managed", "yes");
+  pugi::xml_node pci = Add(Add(element, "source"), "address");
+  Set(pci, "type", "pci");
+  Set(pci, "domain", "0x" + address.substr(0, 4));
+  Set(pci, "bus", "0x" + address.substr(5, 2));
+  Set(pci, "slot", "0x" + address.substr(8, 2));
+  Set(pci, "function", "0x" + address.substr(11));
+}
+
 Status WriteNic(Context& context, const std::string& id, const Json::Value& nic, std::set<std::string>& addresses) {
   const Result<std::string> address = StringOf(nic, "mac_address", "");
   const Result<std::string> network = StringOf(nic, "network_name", "");
@@ -64,6 +77,12 @@ Status WriteNic(Context& context, const std::string& id, const Json::Value& nic,
   }
   if (!addresses.insert(mac).second) return parse::DuplicateMac(mac);
   pugi::xml_node element = Add(context.devices, "interface");
+  const auto& functions = context.options.virtual_functions;
+  if (const auto function = functions.find(id); function != functions.end()) {
+    WriteFunction(element, function->second);
+    Set(Add(element, "mac"), "address", mac);
+    return {};
+  }
   if (network->empty()) {
     // The guest has the device, but its link is down, as without a cable.
     Set(element, "type", "user");

@@ -39,17 +39,27 @@ void PutLayout(pugi::xml_node devices, const std::string& layout) {
   }
 }
 
+void ApplyLayout(Overlay& overlay) {
+  if (IsUnchanged(overlay, "kb_layout", "Default")) return;
+  const std::string layout = overlay.built.child("devices").child("graphics").attribute("keymap").value();
+  if (!layout.empty()) return PutLayout(overlay.devices, layout);
+  for (pugi::xml_node graphics : overlay.devices.children("graphics")) graphics.remove_attribute("keymap");
+}
+
+// QEMU does not start with a layout that it does not have.
+void RemoveUnknownLayouts(Overlay& overlay) {
+  if (!overlay.options.keymaps) return;
+  for (pugi::xml_node graphics : overlay.devices.children("graphics")) {
+    if (!overlay.options.keymaps->contains(graphics.attribute("keymap").value())) graphics.remove_attribute("keymap");
+  }
+}
+
 }  // namespace
 
 Status ApplyScreen(Overlay& overlay) {
   if (!IsUnchanged(overlay, "video_card")) ReplaceCard(overlay);
-  if (IsUnchanged(overlay, "kb_layout", "Default")) return {};
-  const std::string layout = overlay.built.child("devices").child("graphics").attribute("keymap").value();
-  if (!layout.empty()) {
-    PutLayout(overlay.devices, layout);
-    return {};
-  }
-  for (pugi::xml_node graphics : overlay.devices.children("graphics")) graphics.remove_attribute("keymap");
+  ApplyLayout(overlay);
+  RemoveUnknownLayouts(overlay);
   return {};
 }
 

@@ -47,6 +47,21 @@ void RemoveCgroups(Overlay& overlay) {
   RemoveChildren(overlay.domain, kCgroupElements);
 }
 
+// Keeps everything that is not pinned to a dedicated processor off these.
+void ConfineToShared(Overlay& overlay) {
+  const CpuSet& shared = overlay.options.shared_cpus;
+  if (shared.empty()) return;
+  pugi::xml_node vcpu = ChildOf(overlay.domain, "vcpu");
+  Put(vcpu, "cpuset", FormatCpuSet(ConfineCpus(vcpu.attribute("cpuset").value(), shared)));
+  // libvirt would choose processors by itself.
+  if (HasAttributeValue(vcpu, "placement", "auto")) Put(vcpu, "placement", "static");
+  for (pugi::xml_node pin : overlay.domain.child("cputune").children()) {
+    const std::string_view name = pin.name();
+    if (name != "emulatorpin" && name != "iothreadpin") continue;
+    Put(pin, "cpuset", FormatCpuSet(ConfineCpus(pin.attribute("cpuset").value(), shared)));
+  }
+}
+
 }  // namespace
 
 Status ApplyProcessor(Overlay& overlay) {
@@ -73,6 +88,7 @@ Status ApplyTuning(Overlay& overlay) {
     RemoveChildren(overlay.domain.child("cputune"), "vcpupin");
     for (const pugi::xml_node pin : built.children("vcpupin")) ChildOf(overlay.domain, "cputune").append_copy(pin);
   }
+  ConfineToShared(overlay);
   if (overlay.options.cpu_shares == CpuShares::kOmitted) RemoveCgroups(overlay);
   RemoveWhenEmpty(overlay.domain.child("cputune"));
   return {};

@@ -23,7 +23,7 @@ constexpr int kMaxAttempts = 6;
 }  // namespace
 
 // Writes a sentence to the cluster log, without a user.
-void LibvirtGuestControl::LogAutorun(int priority, std::string sentence) {
+void LibvirtGuestControl::LogToCluster(int priority, std::string sentence) {
   std::erase(sentence, '\0');
   cluster::LogEntry entry;
   entry.time_us =
@@ -105,8 +105,8 @@ bool LibvirtGuestControl::IsToBeTriedAgain(const std::string& guest_id, AutorunA
   const Result<void, Refusal> started = StartAs("autorun", guest_id, Requester(), StartFrom::kAnything);
   if (started.ok()) {
     ::syslog(LOG_NOTICE, "The guest %s was started with the machine.", guest_id.c_str());
-    LogAutorun(VexaCCC::CLOG_PRIORITY_SUCCESS,
-               fmt::format("The virtual machine [{}] has been started with the host [{}].", name, host));
+    LogToCluster(VexaCCC::CLOG_PRIORITY_SUCCESS,
+                 fmt::format("The virtual machine [{}] has been started with the host [{}].", name, host));
     return false;
   }
   // A user, or libvirt, was quicker.
@@ -123,8 +123,8 @@ bool LibvirtGuestControl::IsToBeTriedAgain(const std::string& guest_id, AutorunA
   }
   ::syslog(LOG_ERR, "The guest %s could not be started with the machine, and is not tried again: %s", guest_id.c_str(),
            reason.c_str());
-  LogAutorun(VexaCCC::CLOG_PRIORITY_FAILURE,
-             fmt::format("Failed to start the virtual machine [{}] with the host [{}]: {}", name, host, reason));
+  LogToCluster(VexaCCC::CLOG_PRIORITY_FAILURE,
+               fmt::format("Failed to start the virtual machine [{}] with the host [{}]: {}", name, host, reason));
   return false;
 }
 

@@ -101,7 +101,10 @@ DeletionOptions LibvirtGuestControl::MakeDeletionOptions() {
 }
 
 EditOptions LibvirtGuestControl::MakeEditOptions() {
-  EditOptions edits{MakeJobOptions(), {}, {}, !IsTestMode(), {}};
+  EditOptions edits{MakeJobOptions(), {}, {}, {}, {}, {}, {}};
+  edits.can_change_running = !IsTestMode();
+  edits.check_layout = [this](const std::string& layout) { return CheckLayout(layout); };
+  edits.check_weight = [this](std::int64_t weight) { return CheckWeight(weight); };
   edits.check_pins = [this](const records::Guest& edited) { return CheckPinsAvailable(edited); };
   edits.check_applies_now = [this](const records::Guest& edited) { return CheckAppliesNow(edited); };
   if (!IsTestMode()) edits.has_file = IsFile;
@@ -161,6 +164,7 @@ Status LibvirtGuestControl::Begin() {
   auto opened = hypervisor::Hypervisor::Open(std::move(hypervisor_options));
   if (!opened) return opened.error();
   hypervisor_ = std::move(*opened);
+  ReadKeymaps();
   {
     const MutexLock lock(maintenance_mutex_);
     is_open_ = true;
@@ -224,7 +228,7 @@ bool LibvirtGuestControl::Stop(std::chrono::milliseconds timeout) {
 // Retries failed work, and does what other hosts have left for this one. Reconciles running guests too: a restarted
 // libvirt ends guests that were being started, without an event.
 void LibvirtGuestControl::Maintain() {
-  while (!AwaitStop(options_.maintenance_interval)) {
+  while (AwaitMaintenance()) {
     RunLoggingExceptions("The maintenance of guests", [this] { MaintainOnce(); });
   }
 }
@@ -355,6 +359,7 @@ std::string LibvirtGuestControl::HypervisorVersion() const {
 }
 
 void LibvirtGuestControl::ReadVersion() {
+  ReadKeymaps();  // another version may have others
   if (IsTestMode()) return;
   auto version = hypervisor_->Version();
   const MutexLock lock(node_info_mutex_);

@@ -51,6 +51,10 @@ struct GuestControlOptions {
   // Whether the host has a network or bridge. Not set: in test mode it has all, otherwise libvirt and the kernel
   // decide.
   std::function<bool(const std::string& name)> has_network;
+  // Where QEMU's keyboard layouts are; empty: the usual folders, unless the hypervisor is on another machine, or none.
+  std::vector<std::string> keymap_folders;
+  // For tests: a folder whose "sys" is used in place of "/sys" for network cards, also in test mode.
+  std::string system_root;
   // Whether this host keeps the networks of the cluster (host/networks/network_keeper.h). Tests of guests do without.
   enum class Networks { kNotKept, kKept };
   Networks networks = Networks::kNotKept;

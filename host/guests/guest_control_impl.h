@@ -149,7 +149,32 @@ class LibvirtGuestControl final : public GuestControl {
   bool MayAutorun() const;
   // Starts the guest. False: there is nothing left to do for it.
   bool IsToBeTriedAgain(const std::string& guest_id, AutorunAttempts& attempts);
-  void LogAutorun(int priority, std::string sentence);
+  void LogToCluster(int priority, std::string sentence);
+
+  // guest_processors.cpp
+  // Why guests of this host cannot have the weight. Not set: they can.
+  std::optional<std::string> WhyNotWeight(std::int64_t weight) const;
+  Result<void, Refusal> CheckWeight(std::int64_t weight) const;
+  void ReportWeight(const records::Guest& guest);
+  // The processors that are not dedicated to any guest according to the run; empty when none are dedicated.
+  Result<domain_xml::CpuSet> SharedCpus(const records::Run& run);
+  // The processors dedicated to guests of this host other than this one.
+  Result<domain_xml::CpuSet> DedicatedToOthers(const std::string& guest_id) const;
+  // Moves the threads of a running guest when processors were dedicated to others, or freed.
+  Status KeepOffDedicatedCpus(const std::string& guest_id);
+  std::vector<unsigned> PinsToAdopt(const std::string& guest_id);
+  // Makes the maintenance reconcile all guests now.
+  void WakeMaintenance();
+  // Waits until the next maintenance is due. False: Stop() was called.
+  bool AwaitMaintenance();
+
+  // guest_screen.cpp
+  void ReadKeymaps();
+  // Not set: unknown.
+  std::optional<std::set<std::string>> Keymaps() const;
+  // Whether QEMU has the layout.
+  Result<void, Refusal> CheckLayout(const std::string& layout) const;
+  void AddKeymaps(const records::Guest& guest, domain_xml::BuildOptions& build) const;
 
   // guest_suspend.cpp
   // The run of a guest that runs here, after it was reconciled.
@@ -174,6 +199,14 @@ class LibvirtGuestControl final : public GuestControl {
     std::optional<hypervisor::Definition> definition;  // libvirt's existing one; not set: none
     std::optional<records::DomainRecord> imported;
     ResourceFacts facts;
+    // An interface that prefers a virtual function.
+    struct WantedFunction {
+      std::string nic;  // its id
+      std::string network;
+      std::vector<std::string> addresses;  // usable ones, some of which other guests may have
+      std::string why_none;                // a part of a sentence, when it gets none
+    };
+    std::vector<WantedFunction> wanted_functions;
     records::Run run;
 
     bool IsSaved() const { return definition && definition->state == hypervisor::GuestState::kSaved; }
@@ -195,6 +228,13 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
   Result<void, Refusal> CheckNotHeld(const store::Snapshot& snapshot, const std::string& guest_id) const;
 
+  // guest_virtual_functions.cpp
+  // What the host has for the guest's interfaces.
+  void FindVirtualFunctions(StartAttempt& attempt);
+  // Adds functions to the attempt's run that no other guest has. Errors: those of the store.
+  Status ReserveVirtualFunctions(StartAttempt& attempt) const;
+  void ReportVirtualFunctions(const StartAttempt& attempt);
+
   // guest_files.cpp
   // The XML of the machine that a start makes.
   Result<std::string, hypervisor::Failure> XmlOfStart(const std::string& guest_id, bool is_saved);
@@ -214,8 +254,7 @@ class LibvirtGuestControl final : public GuestControl {
   // guest_definition.cpp
   // The XML with which this host defines the guest; without an ownership tag when it is handed back to its owner.
   enum class OwnershipTag { kOurs, kNone };
-  Result<std::string> DomainXml(const records::Guest& guest, const std::vector<unsigned>& pinned_cpus,
-                                OwnershipTag tag);
+  Result<std::string> DomainXml(const records::Guest& guest, const records::Run& run, OwnershipTag tag);
   Result<std::optional<records::DomainRecord>> ImportedDomain(const std::string& guest_id) const;
   Status SaveOriginalDefinition(const std::string& guest_id);
   std::string PrepareNvramPath(const records::Guest& guest) const;
@@ -224,8 +263,7 @@ class LibvirtGuestControl final : public GuestControl {
   // Stores the path of the guest's UEFI variables in its record, if the record has none yet.
   Status RecordNvram(const std::string& guest_id, const hypervisor::Definition& definition);
   Result<void, Refusal> CheckNvramExists(const records::Guest& guest) const;
-  Result<void, Refusal> DefineGuest(const records::Guest& guest, const std::vector<unsigned>& pinned_cpus,
-                                    OwnershipTag tag);
+  Result<void, Refusal> DefineGuest(const records::Guest& guest, const records::Run& run, OwnershipTag tag);
   // Makes libvirt not start a guest by itself whose definition this host has made, or that was imported: its "autorun"
   // is set instead, and its owner's setting is kept for a release.
   void ClearAutostartIfOurs(const std::string& guest_id);
@@ -326,10 +364,15 @@ class LibvirtGuestControl final : public GuestControl {
   Starts starts_;
   EndReasons end_reasons_;
   Mutex allocation_mutex_;  // held from counting the allocated resources until the new allocation is committed
+  mutable Mutex pins_mutex_;
+  mutable store::Revision pins_revision_ VEXA_GUARDED_BY(pins_mutex_) = 0;
+  // The processors that are dedicated to guests of this host, by guest.
+  mutable std::map<std::string, std::vector<unsigned>> pins_ VEXA_GUARDED_BY(pins_mutex_);
   mutable Mutex node_info_mutex_;
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
+  std::optional<std::set<std::string>> keymaps_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
-  std::atomic<bool> stop_begun_ = false;  // BeginStop()
+  std::atomic<bool> stop_begun_ = false;                   // BeginStop()
   std::atomic<bool> stopping_ = false;
   std::atomic<int> screenshots_ = 0;  // that are being taken
 
@@ -346,6 +389,7 @@ class LibvirtGuestControl final : public GuestControl {
   std::chrono::steady_clock::time_point next_refresh_;  // of storage_; used by maintenance_thread_ only
   store::Revision watch_revision_ = 0;                  // the revision from which watch_thread_ continues
   bool stop_requested_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
+  bool is_maintenance_due_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
   // The hypervisor's callbacks may use everything above.
   bool is_open_ VEXA_GUARDED_BY(maintenance_mutex_) = false;
   // How many threads run: maintenance_thread_, watch_thread_, networks_thread_, autorun_thread_ and handlers of

@@ -129,12 +129,18 @@ std::string LibvirtGuestControl::PrepareNvramPath(const records::Guest& guest) c
   return folder.empty() ? "" : folder + "/" + guest.records.id + "_VARS.fd";
 }
 
-Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest,
-                                                   const std::vector<unsigned>& pinned_cpus, OwnershipTag tag) {
+Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest, const records::Run& run,
+                                                   OwnershipTag tag) {
   domain_xml::BuildOptions build;
+  auto shared = SharedCpus(run);
+  if (!shared) return shared.error();
+  build.shared_cpus = *std::move(shared);
+  build.max_cpu_weight = hypervisor_->MaxCpuWeight();
+  AddKeymaps(guest, build);
   build.domain_type = hypervisor_->DomainType();
   build.cpu_shares = hypervisor_->CpuSharesSupport();
-  build.pinned_cpus = pinned_cpus;
+  build.pinned_cpus = run.pinned_cpus;
+  build.virtual_functions = run.virtual_functions;
   build.image_path = [this](const std::string& image) { return ImagePath(*options_.store, image); };
   std::error_code error;
   if (!IsTestMode() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = domain_xml::UsbBus::kAbsent;
@@ -231,9 +237,9 @@ Result<void, Refusal> LibvirtGuestControl::Release(const std::string& guest_id, 
   });
 }
 
-Result<void, Refusal> LibvirtGuestControl::DefineGuest(const records::Guest& guest,
-                                                       const std::vector<unsigned>& pinned_cpus, OwnershipTag tag) {
-  const Result<std::string> xml = DomainXml(guest, pinned_cpus, tag);
+Result<void, Refusal> LibvirtGuestControl::DefineGuest(const records::Guest& guest, const records::Run& run,
+                                                       OwnershipTag tag) {
+  const Result<std::string> xml = DomainXml(guest, run, tag);
   if (!xml) return Refusal{host_error::kFailed, xml.error().ToString()};
   const auto defined = hypervisor_->Define(*xml);
   if (!defined) return RefusalOf(defined.error());

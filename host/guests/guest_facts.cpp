@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/base/mutex.h"
+#include "host/cluster/settings.h"
 #include "host/domain_xml/domain_parse.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
@@ -130,7 +131,13 @@ Result<Rating> LibvirtGuestControl::RateGuest(const std::string& guest_id) {
   if (!guest) return guest.error();
   ResourceFacts facts = GatherFacts(*guest);
   if (Status added = AddAllocated(guest_id, facts); !added) return added.error();
-  return Rate(*guest, facts.resources);
+  Rating rating = Rate(*guest, facts.resources);
+  const auto reader = records::Reader::Open(*options_.store);
+  if (!reader) return reader.error();
+  const Result<bool> placement = cluster::ReadPlacement(*reader, options_.host_id);
+  if (!placement) rating.not_placed = placement.error().ToString();
+  if (placement && !*placement) rating.not_placed = "An administrator has excluded the host from placement.";
+  return rating;
 }
 
 // Uses the stored facts of the guest's host, so that the result is the same on every host.

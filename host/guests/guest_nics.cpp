@@ -79,6 +79,23 @@ Result<std::string> FindNic(const store::Snapshot& snapshot, const std::string& 
   return std::string();
 }
 
+// The networks of the interfaces that have virtual functions, by their MAC addresses in lower case.
+std::map<std::string, std::string> NetworksOfFunctions(const store::Store& store, const records::Run& run) {
+  std::map<std::string, std::string> networks;
+  if (run.virtual_functions.empty()) return networks;
+  const auto reader = records::Reader::Open(store);
+  if (!reader) return networks;
+  for (const auto& [nic, address] : run.virtual_functions) {
+    const auto record = reader->ReadObject(DashCate::vNic.name(), nic);
+    if (!record) continue;
+    std::string mac = json::StringMember(**record, keys::mac_address);
+    std::ranges::transform(mac, mac.begin(),
+                           [](char c) { return c >= 'A' && c <= 'F' ? static_cast<char>(c | 32) : c; });
+    networks[mac] = json::StringMember(**record, "network_name");
+  }
+  return networks;
+}
+
 // Plans one commit of WriteNicAttachments.
 class AttachmentUpdate {
  public:
@@ -204,7 +221,7 @@ Status LibvirtGuestControl::RecordNicAttachments(const std::string& guest_id) {
       *stored && (*stored)->run.host_id == options_.host_id && !(*stored)->run.starting && !(*stored)->run.saved;
   machine::NetworkLinks links;
   if (!runs) return WriteNicAttachments(*options_.store, options_.host_id, guest_id, RunsHere::kNo, {}, links);
-  const auto interfaces = hypervisor_->InterfacesOf(guest_id);
+  auto interfaces = hypervisor_->InterfacesOf(guest_id);
   if (!interfaces) {
     const FailureKind kind = interfaces.error().kind();
     // The guest has just ended, which the hypervisor reports by an event.
@@ -212,7 +229,13 @@ Status LibvirtGuestControl::RecordNicAttachments(const std::string& guest_id) {
     return interfaces.error();
   }
   std::vector<NicAttachmentRecord> attachments;
-  for (const GuestInterface& interface : *interfaces) {
+  const std::map<std::string, std::string> functions = NetworksOfFunctions(*options_.store, (*stored)->run);
+  for (GuestInterface& interface : *interfaces) {
+    // A card passes the frames of its functions on like those of the bridge that it is a port of.
+    if (const auto function = functions.find(interface.mac); function != functions.end()) {
+      interface.attachment_kind = NicAttachment::kBridge;
+      interface.device = function->second;
+    }
     auto attachment = IsTestMode() ? FakeNicAttachment(interface) : FindNicAttachment(interface, links);
     if (attachment) attachments.push_back(std::move(*attachment));
   }

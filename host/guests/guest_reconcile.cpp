@@ -108,6 +108,7 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
                                      : is_shutting_down || *state == GuestState::kShuttingDown ? states::shutting_down
                                                                                                : states::running;
       if (Status observed = Observe(guest_id, live_state, sequence); !observed) return observed;
+      if (Status moved = KeepOffDedicatedCpus(guest_id); !moved) return moved;
       return DiscardOutdatedSaved(guest_id);
     }
     shut_downs_->End(guest_id);
@@ -162,7 +163,7 @@ Status LibvirtGuestControl::RestartForgotten(const std::string& guest_id, const 
   if (!is_forgotten || !IsLive(state_before)) return {};
   const Result<records::Guest> guest = ReadGuestNow(guest_id);
   if (!guest) return guest.error();
-  const Result<std::string> xml = DomainXml(*guest, stored.run.pinned_cpus, OwnershipTag::kOurs);
+  const Result<std::string> xml = DomainXml(*guest, stored.run, OwnershipTag::kOurs);
   if (!xml) return xml.error();
   if (const auto defined = hypervisor_->Define(*xml); !defined) return defined.error();
   if (const auto started = hypervisor_->Start(guest_id); !started) return started.error();
@@ -190,6 +191,8 @@ Result<bool> LibvirtGuestControl::RecordRunning(const std::string& guest_id,
   if (!stored || run.starting || run.saved) run.since = std::chrono::system_clock::now();
   if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.starting = false;
+  // It has the processors that it was saved with.
+  if (run.saved) run.kept_off.reset();
   run.saved = false;
   const Status put = PutRun(guest_id, stored, run);
   BeforeStep("reconcile: running recorded");
@@ -210,10 +213,12 @@ Result<bool> LibvirtGuestControl::RecordSaved(const std::string& guest_id,
   if (stored && run.saved) return true;
   run.starting = false;
   run.saved = true;
+  const bool frees_cpus = !run.pinned_cpus.empty();
   run.pinned_cpus.clear();
   const Status put = PutRun(guest_id, stored, run);
   BeforeStep("reconcile: saved recorded");
   if (!put) return put.error();
+  if (frees_cpus) WakeMaintenance();
   return true;
 }
 
@@ -230,6 +235,9 @@ Result<std::optional<records::Run>> LibvirtGuestControl::RunToAdopt(const std::s
   run.since = std::chrono::system_clock::now();
   run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
+  run.pinned_cpus = PinsToAdopt(guest_id);
+  // The definition of a user says where his guest runs, as long as no processors are dedicated.
+  if (!run.pinned_cpus.empty()) run.kept_off.reset();
   return std::optional(std::move(run));
 }
 
@@ -257,6 +265,7 @@ Status LibvirtGuestControl::RecordOff(const std::string& guest_id, const std::op
   const auto committed = options_.store->Commit(transaction);
   BeforeStep("reconcile: off recorded");
   if (!committed) return committed.error();
+  if (!stored->run.pinned_cpus.empty()) WakeMaintenance();
   return {};
 }
 

@@ -127,6 +127,7 @@ Result<void, Refusal> LibvirtGuestControl::Prepare(const std::string& guest_id, 
     if (const auto allowed = CheckNvramExists(attempt.guest); !allowed.ok()) return allowed;
   }
   attempt.facts = GatherFacts(attempt.guest);
+  FindVirtualFunctions(attempt);
   return {};
 }
 
@@ -177,6 +178,13 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
   run.vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
   run.pinned_cpus = std::move(rating.pinned_cpus);
+  // Saved memory comes back with the processors of its last run.
+  run.kept_off.reset();
+  if (!run.restoring) {
+    const std::vector<unsigned>& others = attempt.facts.resources.pinned_cpus;
+    run.kept_off = std::set<unsigned>(others.begin(), others.end());
+  }
+  if (const Status reserved = ReserveVirtualFunctions(attempt); !reserved) return RefusalOf(reserved.error());
   store::Transaction transaction;
   transaction.compares = {{records::RunKey(guest_id), *stored ? (*stored)->revision : 0}};
   CompareFree(transaction, guest_id, {GuestLock::kRun});
@@ -184,6 +192,8 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
   AddClaimCompare(transaction);
   transaction.operations = {{records::RunKey(guest_id), records::SerializeRun(run)}};
   const auto committed = options_.store->Commit(transaction);
+  // The guests that run are moved off the processors that are dedicated to this one now.
+  if (committed && !run.pinned_cpus.empty()) WakeMaintenance();
   if (committed) return {};
   if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());
   if (const auto allowed = CheckClaimHeld(); !allowed.ok()) return allowed;
@@ -219,7 +229,7 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   // If this fails, the reconciliation that follows releases the reservation. Saved memory keeps the definition that it
   // was saved with.
   if (!attempt.IsSaved()) {
-    if (const auto allowed = DefineGuest(attempt.guest, attempt.run.pinned_cpus, OwnershipTag::kOurs); !allowed.ok())
+    if (const auto allowed = DefineGuest(attempt.guest, attempt.run, OwnershipTag::kOurs); !allowed.ok())
       return allowed;
   }
   BeforeStep("poweron: defined");
@@ -247,6 +257,8 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   }
   end_reasons_.Cancel(guest_id);
   end_reasons_.RecordSeenRunning(guest_id);
+  ReportWeight(attempt.guest);
+  ReportVirtualFunctions(attempt);
   return {};
 }
 

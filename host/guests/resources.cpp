@@ -234,7 +234,7 @@ std::string_view RefusalKeyword(int code) {
 
 Json::Value RatingData(const Rating& rating) {
   Json::Value data(Json::objectValue);
-  data["available"] = rating.refusals.empty();
+  data["available"] = rating.refusals.empty() && rating.not_placed.empty();
   Json::Value& status = data["status"] = Json::Value(Json::arrayValue);
   Json::Value& reasons = data["reasons"] = Json::Value(Json::arrayValue);
   std::set<std::string_view> added;
@@ -242,6 +242,10 @@ Json::Value RatingData(const Rating& rating) {
     const std::string_view keyword = RefusalKeyword(refusal.code);
     if (added.insert(keyword).second) status.append(std::string(keyword));
     reasons.append(refusal.reason);
+  }
+  if (!rating.not_placed.empty()) {
+    status.append("no_placement");
+    reasons.append(rating.not_placed);
   }
   if (rating.has_best_io) status.append("best_io");
   return data;

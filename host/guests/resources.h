@@ -33,6 +33,9 @@ struct Rating {
   std::vector<Refusal> refusals;      // all obstacles, in the order below; empty: it can run here
   bool has_best_io = false;           // the guest's repository belongs to this host
   std::vector<unsigned> pinned_cpus;  // the processors to dedicate to it, when it can run here
+  // Why the host is not chosen for guests without a host, although this one may be able to run here: a sentence. "": it
+  // may be chosen.
+  std::string not_placed{};
 };
 
 // The refusals, each with the values that it is based on, in this order; a power-on returns the first.
@@ -54,7 +57,8 @@ Rating Rate(const records::Guest& guest, const HostResources& host);
 // docs/services.md lists them.
 std::string_view RefusalKeyword(int code);
 
-// {"available", "status": [the keywords of the refusals without duplicates, "best_io"], "reasons": [sentences]}
+// {"available", "status": [the keywords of the refusals without duplicates, "no_placement", "best_io"], "reasons":
+// [sentences]}
 Json::Value RatingData(const Rating& rating);
 
 }  // namespace vexa::guests

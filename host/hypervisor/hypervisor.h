@@ -86,6 +86,13 @@ struct NodeInfo {
   std::uint64_t memory_mib = 0;
 };
 
+// The processors of the machine that the threads of a guest may use.
+struct CpuAffinity {
+  std::vector<unsigned> pinned;  // of the virtual CPUs 0, 1, …: one each
+  domain_xml::CpuSet vcpus;      // of all other virtual CPUs
+  domain_xml::CpuSet emulator;   // of all other threads
+};
+
 enum class MemoryCheck {
   kByMode,  // not in test mode, where guests take no memory
   kAlways,
@@ -143,6 +150,15 @@ class Hypervisor {
 
   // Whether guests may have CPU shares. They need cgroups, which an unprivileged driver does not have.
   virtual domain_xml::CpuShares CpuSharesSupport() const = 0;
+  // The largest weight that a guest can have: 262144, or 10000 with version 2 of cgroups; 0: guests cannot have
+  // weights.
+  virtual std::int64_t MaxCpuWeight() const = 0;
+  // The weight that a running guest has. Failures: kNotRunning, kUnsupported (it cannot have one, for instance because
+  // the machine of libvirt has no cgroups).
+  virtual Result<std::int64_t, Failure> CpuWeightOf(const std::string& id) = 0;
+  // Moves the threads of a running guest to the processors. Failures: kNotRunning, kInvalid (a processor that the
+  // machine does not have), kUnsupported.
+  virtual Result<void, Failure> SetAffinity(const std::string& id, const CpuAffinity& affinity) = 0;
 
   // Adds the guest, or replaces its configuration for the next start. Returns its UUID. Failures: kInvalid, kExists.
   virtual Result<std::string, Failure> Define(const std::string& xml) = 0;

@@ -107,10 +107,6 @@ std::string LibvirtHypervisor::DomainType() const {
   return domain_type_.empty() ? "qemu" : domain_type_;
 }
 
-domain_xml::CpuShares LibvirtHypervisor::CpuSharesSupport() const {
-  return target_.IsUnprivileged() ? domain_xml::CpuShares::kOmitted : domain_xml::CpuShares::kAllowed;
-}
-
 Result<std::shared_ptr<virConnect>, Failure> LibvirtHypervisor::Connection() const {
   std::shared_ptr<virConnect> connection = connection_->Current();
   if (!connection) {

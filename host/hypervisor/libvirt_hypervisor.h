@@ -65,6 +65,9 @@ class LibvirtHypervisor final : public Hypervisor {
 
   std::string DomainType() const override;
   domain_xml::CpuShares CpuSharesSupport() const override;
+  std::int64_t MaxCpuWeight() const override;
+  Result<std::int64_t, Failure> CpuWeightOf(const std::string& id) override;
+  Result<void, Failure> SetAffinity(const std::string& id, const CpuAffinity& affinity) override;
   Result<std::string, Failure> Define(const std::string& xml) override;
   Result<void, Failure> Undefine(const std::string& id, UndefineScope scope) override;
   Result<void, Failure> DiscardSaved(const std::string& id) override;

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <limits.h>
 #include <pwd.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -100,6 +101,11 @@ std::variant<HeldFile, int> FileBehind(const std::string& link) {
 // Standard input, output and error: not files of the guest, but its log.
 bool IsStandardStream(std::string_view name) { return name == "0" || name == "1" || name == "2"; }
 
+// QEMU names its threads: "CPU 0/KVM", "ALL CPUs/TCG".
+bool IsVirtualCpu(std::string_view thread_name) {
+  return thread_name.starts_with("CPU ") || thread_name.starts_with("ALL CPUs");
+}
+
 }  // namespace
 
 uid_t OwnerOfQemu(const char* running_xml) {
@@ -123,6 +129,24 @@ uid_t OwnerOfQemu(const char* running_xml) {
 int KillQemuProcesses(const std::string& id, const std::string& root) {
   const std::vector<pid_t> processes = QemuProcessesOf(id, root);
   return static_cast<int>(std::ranges::count_if(processes, [](pid_t pid) { return ::kill(pid, SIGKILL) == 0; }));
+}
+
+void MoveHelperThreads(const std::string& id, const std::string& root, uid_t owner, const domain_xml::CpuSet& cpus) {
+  if (cpus.empty() || *cpus.rbegin() >= CPU_SETSIZE) return;
+  cpu_set_t wanted;
+  CPU_ZERO(&wanted);
+  for (const unsigned cpu : cpus) CPU_SET(cpu, &wanted);
+  for (const pid_t pid : QemuProcessesOf(id, root)) {
+    if (!BelongsTo(pid, owner)) continue;
+    const auto move = [&](std::string_view thread) {
+      pid_t tid = 0;
+      if (std::from_chars(thread.data(), thread.data() + thread.size(), tid).ec != std::errc()) return;
+      if (IsVirtualCpu(ProcText(fmt::format("{}/task", pid), fmt::format("{}/comm", thread)))) return;
+      (void)::sched_setaffinity(tid, sizeof(wanted), &wanted);
+    };
+    // Twice: a thread inherits the processors of the one that makes it, which may not have been moved yet.
+    for (int i = 0; i < 2; ++i) (void)ForEachEntry(fmt::format("/proc/{}/task", pid), move);
+  }
 }
 
 Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/domain_xml/cpu_set.h"
 #include "host/hypervisor/held_file.h"
 
 namespace vexa::hypervisor {
@@ -26,6 +27,10 @@ int KillQemuProcesses(const std::string& id, const std::string& root);
 // kDenied (one of them cannot be examined).
 Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root,
                                                                 uid_t owner);
+
+// Lets the threads of these processes that are not virtual CPUs run on `cpus` only. Processes and threads that this
+// process may not change stay as they are.
+void MoveHelperThreads(const std::string& id, const std::string& root, uid_t owner, const domain_xml::CpuSet& cpus);
 
 // The same for one process. Errors: kNotFound (it has ended), kDenied.
 Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid);

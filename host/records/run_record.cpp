@@ -23,6 +23,8 @@ constexpr char kSaved[] = "saved";
 constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
+constexpr char kKeptOff[] = "kept_off";
+constexpr char kFunctions[] = "virtual_functions";
 
 // The latest second that the clock, which counts nanoseconds, can represent.
 constexpr Json::Int64 kMaxSeconds = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
@@ -52,6 +54,17 @@ Run ParseRun(std::string_view text) {
   run.memory_mib = json::UInt64(json::Member(*parsed, kMemory));
   for (const Json::Value& cpu : json::Elements(json::Member(*parsed, kPinned))) {
     if (cpu.isUInt()) run.pinned_cpus.push_back(json::UInt(cpu));
+  }
+  // Records of hosts that kept guests off no processors have no such member.
+  const Json::Value* const kept_off = json::FindMember(*parsed, kKeptOff);
+  if (kept_off && kept_off->isNull()) run.kept_off.reset();
+  for (const Json::Value& cpu : kept_off ? json::Elements(*kept_off) : json::Elements(Json::Value())) {
+    if (cpu.isUInt()) run.kept_off->insert(json::UInt(cpu));
+  }
+  const Json::Value& functions = json::Member(*parsed, kFunctions);
+  for (const std::string& nic : json::MemberNames(functions)) {
+    const Json::Value& address = json::Member(functions, nic);
+    if (address.isString()) run.virtual_functions.emplace(nic, json::String(address));
   }
   return run;
 }
@@ -114,6 +127,11 @@ std::string SerializeRun(const Run& run) {
   record[kMemory] = static_cast<Json::UInt64>(run.memory_mib);
   record[kPinned] = Json::Value(Json::arrayValue);
   for (const unsigned cpu : run.pinned_cpus) record[kPinned].append(cpu);
+  if (!run.kept_off) record[kKeptOff] = Json::Value();
+  if (run.kept_off && !run.kept_off->empty()) {
+    for (const unsigned cpu : *run.kept_off) record[kKeptOff].append(cpu);
+  }
+  for (const auto& [nic, address] : run.virtual_functions) record[kFunctions][nic] = address;
   return json::ToText(record);
 }
 

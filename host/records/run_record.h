@@ -1,7 +1,8 @@
 // Which host runs a guest or holds its saved memory, and which guests are being deleted, edited or created.
 //
 //   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "restoring" and
-//                         "state_before" (while starting), "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
+//                         "state_before" (while starting), "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …],
+//                         "kept_off": [1, …] or null, "virtual_functions": {"<interface id>": PCI address}}
 //                         from before the guest is defined in its host's hypervisor until it is off and has no saved
 //                         memory: a guest that libvirt saved still belongs to the host that has its memory
 //   /deletion/<guest id>  see deletion.h; from before the first file is touched until it is finished or undone
@@ -17,7 +18,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -39,6 +42,11 @@ struct Run {
   std::uint64_t vcpus = 0;
   std::uint64_t memory_mib = 0;
   std::vector<unsigned> pinned_cpus;  // the host's processors dedicated to it
+  // Processors dedicated to other guests, which the threads of this one have been kept off. Not set: unknown, because
+  // the guest did not get the definition of this run.
+  std::optional<std::set<unsigned>> kept_off = std::set<unsigned>();
+  // The virtual functions of the host's network cards that its interfaces have, by the ids of the interfaces.
+  std::map<std::string, std::string> virtual_functions;
 };
 
 // The time for a number of Unix seconds in a record, limited to the clock's range; anything that is not a number reads

@@ -49,7 +49,7 @@ Breaker::Outcome BreakerOutcomeOf(HttpOutcome::Connection connection) {
 void RecordUnanswered(const std::vector<std::string>& host_ids, const std::vector<Json::Value>& replies) noexcept {
   try {
     for (std::size_t i = 0; i < host_ids.size(); ++i) {
-      if (!json::Bool(json::Member(replies[i], "success"))) FailedHostsScope::Add(host_ids[i]);
+      if (!json::Bool(json::Member(replies[i], "success"))) FailedHostsScope::Add(host_ids[i], replies[i]);
     }
   } catch (const std::bad_alloc&) {
     // The host is missing from the scope's list, and looks to the caller like one with nothing to report.

@@ -1,6 +1,8 @@
 // Records which hosts did not answer a call, for callers that only see the combined result of all hosts.
 #pragma once
 
+#include <json/value.h>
+
 #include <set>
 #include <string>
 
@@ -16,12 +18,15 @@ class FailedHostsScope : private NotCopyable {
   ~FailedHostsScope();
 
   const std::set<std::string>& hosts() const { return hosts_; }
+  // What the last host that refused a parameter (host_error::kBadParameter, kBadNic) said about it; "": none has.
+  const std::string& bad_parameter() const { return bad_parameter_; }
 
-  // Adds the host to the thread's innermost scope, if there is one. May throw std::bad_alloc.
-  static void Add(const std::string& host_id);
+  // Adds the host and its reply to the thread's innermost scope, if there is one. May throw std::bad_alloc.
+  static void Add(const std::string& host_id, const Json::Value& reply);
 
  private:
   std::set<std::string> hosts_;
+  std::string bad_parameter_;
   FailedHostsScope* const outer_;
 };
 

@@ -7,6 +7,9 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <vector>
+
+#include "host/domain_xml/cpu_set.h"
 
 namespace {
 
@@ -25,6 +28,8 @@ thread_local std::optional<vexa::test::LibvirtError> resume_error;
 thread_local std::optional<vexa::test::LibvirtError> networks_error;
 // The last fault of this thread; it remains the last error until the fault ends.
 thread_local std::optional<vexa::test::LibvirtError> met;
+std::mutex pins_mutex;
+std::optional<vexa::test::LibvirtError> pin_error;
 std::mutex openings_mutex;
 std::optional<vexa::test::LibvirtError> opening_error;
 std::atomic<int> openings{0};
@@ -79,6 +84,15 @@ FailingResumes::FailingResumes(const LibvirtError& error) { resume_error = error
 FailingResumes::~FailingResumes() {
   resume_error.reset();
   met.reset();
+}
+
+FailingPins::FailingPins(const LibvirtError& error) {
+  const std::lock_guard lock(pins_mutex);
+  pin_error = error;
+}
+FailingPins::~FailingPins() {
+  const std::lock_guard lock(pins_mutex);
+  pin_error.reset();
 }
 
 FailingConnects::FailingConnects(const LibvirtError& error) {
@@ -181,6 +195,30 @@ std::string XmlAsUser(const std::string& id) {
   });
 }
 
+std::string AffinityAsUser(const std::string& id) {
+  constexpr int kMaxCpus = 4096;
+  constexpr int kBytes = kMaxCpus / 8;
+  return WithGuest(id, std::string(), [](virDomainPtr domain) -> std::string {
+    const int vcpus = virDomainGetVcpusFlags(domain, VIR_DOMAIN_AFFECT_LIVE);
+    const int cpus = virNodeGetCPUMap(virDomainGetConnect(domain), nullptr, nullptr, 0);
+    if (vcpus <= 0 || cpus <= 0) return "";
+    const auto format = [&](const unsigned char* bits) {
+      vexa::domain_xml::CpuSet set;
+      for (int cpu = 0; cpu < cpus; ++cpu) {
+        if (VIR_CPU_USED(bits, cpu)) set.insert(static_cast<unsigned>(cpu));
+      }
+      return vexa::domain_xml::FormatCpuSet(set);
+    };
+    std::vector<unsigned char> bits(static_cast<std::size_t>(vcpus) * kBytes);
+    if (virDomainGetVcpuPinInfo(domain, vcpus, bits.data(), kBytes, VIR_DOMAIN_AFFECT_LIVE) != vcpus) return "";
+    std::string text;
+    for (int vcpu = 0; vcpu < vcpus; ++vcpu)
+      text += format(bits.data() + static_cast<std::ptrdiff_t>(vcpu) * kBytes) + " ";
+    if (virDomainGetEmulatorPinInfo(domain, bits.data(), kBytes, VIR_DOMAIN_AFFECT_LIVE) != 1) return "";
+    return text + "emulator " + format(bits.data());
+  });
+}
+
 bool IsAutostartedAsUser(const std::string& id) {
   return WithGuest(id, false, [](virDomainPtr domain) {
     int autostart = 0;
@@ -224,6 +262,15 @@ int virDomainSuspend(virDomainPtr domain) {
   if (!suspend_error) return real(domain);
   met = suspend_error;
   return -1;
+}
+
+int virDomainPinVcpu(virDomainPtr domain, unsigned vcpu, unsigned char* cpus, int bytes) {
+  static auto* const real = Real<int(virDomainPtr, unsigned, unsigned char*, int)>("virDomainPinVcpu");
+  {
+    const std::lock_guard lock(pins_mutex);
+    met = pin_error;
+  }
+  return met ? -1 : real(domain, vcpu, cpus, bytes);
 }
 
 int virDomainResume(virDomainPtr domain) {

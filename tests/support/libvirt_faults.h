@@ -53,6 +53,13 @@ class FailingResumes : private NotCopyable {
   ~FailingResumes();
 };
 
+// The same for moving a guest to other processors, in all threads.
+class FailingPins : private NotCopyable {
+ public:
+  explicit FailingPins(const LibvirtError& error);
+  ~FailingPins();
+};
+
 // While it lives, no connection can be opened, in any thread: attempts fail with the error.
 class FailingConnects : private NotCopyable {
  public:
@@ -109,6 +116,9 @@ bool AutostartAsUser(const std::string& id);
 // libvirt's inactive XML; empty when it has no such guest.
 std::string XmlAsUser(const std::string& id);
 bool IsAutostartedAsUser(const std::string& id);
+// The processors of each virtual CPU of a running guest, and of its emulator: "0-1 3 emulator 0"; empty when it does
+// not run.
+std::string AffinityAsUser(const std::string& id);
 
 // Reports to the owner of the last opened connection that it is closed, as libvirt does when a daemon ends.
 void CloseLastConnection();

@@ -32,10 +32,12 @@ class SystemLibvirtd {
   using Network = std::unique_ptr<virNetwork, int (*)(virNetworkPtr)>;
   using Domain = std::unique_ptr<virDomain, int (*)(virDomainPtr)>;
 
-  SystemLibvirtd() {
+  // `controllers`: the control groups that it uses, such as "\"cpu\"".
+  explicit SystemLibvirtd(const std::string& controllers = "") {
     std::ofstream("/etc/libvirt/qemu.conf")
         << "stdio_handler = \"file\"\nuser = \"root\"\ngroup = \"root\"\nsecurity_driver = \"none\"\n"
-           "namespaces = []\ncgroup_controllers = []\ndynamic_ownership = 0\nremember_owner = 0\n";
+           "namespaces = []\ncgroup_controllers = ["
+        << controllers << "]\ndynamic_ownership = 0\nremember_owner = 0\n";
     std::ofstream("/etc/libvirt/libvirtd.conf") << "auth_unix_rw = \"none\"\nauth_unix_ro = \"none\"\n";
     program_ =
         std::make_unique<Process>(ProcessOptions{.argv = {"/usr/sbin/libvirtd", "--pid-file", "/run/libvirtd.pid"}});

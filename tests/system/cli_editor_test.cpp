@@ -61,7 +61,7 @@ boot_from = "disk"
 # whether its firmware is UEFI
 use_ovmf = false
 
-# its start with the host, 0 to 2
+# its start with the host, 0 to 2: 0 never, 1 always, 2 as it was before
 autorun = 0
 
 # its USB controller, 0 (none) to 3; not set

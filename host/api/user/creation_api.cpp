@@ -235,7 +235,13 @@ std::optional<Json::Value> CreateGuest(const AccountServices& services, const Ca
 }
 
 void Create(const AccountServices& services, const std::function<bool()>& is_stopping, const Call& call) {
-  const Json::Value parameters = KnownCreationParameters(call.request->GetParam("", Json::Value()));
+  const Json::Value given = call.request->GetParam("", Json::Value());
+  const Json::Value parameters = KnownCreationParameters(given);
+  for (const std::string& name : json::MemberNames(given)) {
+    if (json::FindMember(parameters, name)) continue;
+    return Fail(call, user_error::kBadParameter,
+                fmt::format("The parameter '{}' is unknown", SanitizeForLog(name, kMaxLoggedName)));
+  }
   const auto start = ReadFlag(call, "start");
   if (!start) return;
   const Json::Value* const host = json::FindMember(parameters, "host");

@@ -2,6 +2,7 @@
 
 #include "host/api/edit_parameters.h"
 #include "host/api/rows.h"
+#include "host/api/user/edit_reason.h"
 #include "host/api/user/guest_live_api.h"
 #include "host/api/user/unreachable_host.h"
 #include "webapi/error_codes.h"
@@ -25,7 +26,7 @@ std::vector<ApiRow> GuestRows() {
               {Text("guest_id", "The guest's id, a UUID.")},
               {kBadParameter, kNotFoundOrUnreadable, kNotPermitted, kUnknownDiskTypeOrNotReserved}),
       UserRow("VEXA.Virtualization.Guest", "set", LaneKind::kLong,
-              WithApply(RequestResponseHandler(VexaVirtualization::Guest::Set)),
+              WithApply(WithEditReason(RequestResponseHandler(VexaVirtualization::Guest::Set))),
               "Edit a guest; settings that are not given stay unchanged. For administrators and advanced users. "
               "Users who were granted the guest may change \"iso_images\" and \"use_ovmf\".",
               EditParametersWithApply(Audience::kUsers),

@@ -8,6 +8,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/host_list_api.h"
 #include "host/api/user/unreachable_host.h"
+#include "host/cluster/settings.h"
 #include "host/records/keys.h"
 #include "host/records/object_members.h"
 #include "host/records/request_scope.h"
@@ -43,6 +44,8 @@ std::optional<Json::Value> FromRecord(const std::string& host_id) {
   for (const char* name : {"name", "version", "addresses", "cpu_cores", "cpu_clock_speed", "ram_size", "started"}) {
     if (const Json::Value* member = json::FindMember(**record, name)) host[name] = *member;
   }
+  const Result<bool> placement = cluster::ReadPlacement(**reader, host_id);
+  host["placement"] = placement && *placement;
   return host;
 }
 

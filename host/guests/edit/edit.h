@@ -23,6 +23,7 @@
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -49,6 +50,10 @@ struct EditOptions : JobOptions {
   bool can_change_running = false;
   // Refuses an edit that could not be applied completely to the guest, which runs. Not set: nothing could be.
   std::function<Result<void, Refusal>(const records::Guest& edited)> check_applies_now;
+  // Whether guests of this host can have the CPU weight. Called inside plans: it must not wait. Not set: yes.
+  std::function<Result<void, Refusal>(std::int64_t weight)> check_weight;
+  // Whether QEMU on this host has the keyboard layout. The same applies.
+  std::function<Result<void, Refusal>(const std::string& layout)> check_layout;
 };
 
 // Threads: any, at the same time, but only one at a time per guest on this host.

@@ -106,6 +106,20 @@ Status SetNetwork(EditedGuest& edited, Json::Value& nic, const std::string& netw
   return {};
 }
 
+// Refuses a virtual function where the network cannot have one. What hosts have is only known at a start.
+Status CheckVirtualFunction(EditedGuest& edited, const Json::Value& nic) {
+  const std::string network_id = json::StringMember(nic, keys::network_group_id);
+  if (!json::Bool(json::Member(nic, keys::prefer_sriov)) || network_id.empty()) return {};
+  const auto stored = records::ReadNetwork(edited.snapshot, network_id);
+  if (!stored) return stored.error();
+  if (!*stored || (*stored)->network.kind == records::NetworkKind::kBridge) return {};
+  edited.Refuse(host_error::kBadNic,
+                fmt::format("An interface in the network {} cannot have a virtual function ('prefer_sriov'): it is of "
+                            "the kind '{}', and only a network of the kind 'bridge' leads to a network card",
+                            QuoteForMessage((*stored)->network.name), NetworkKindName((*stored)->network.kind)));
+  return {};
+}
+
 // Sets an address, which no other guest may use.
 Status SetMac(EditedGuest& edited, Json::Value& nic, const std::string& mac) {
   nic[keys::mac_address] = mac;
@@ -138,7 +152,8 @@ Status Change(EditedGuest& edited, const NicChange& change) {
   }
   if (change.type) record[keys::vnic_type] = *change.type;
   if (change.prefer_sriov) record[keys::prefer_sriov] = *change.prefer_sriov;
-  return {};
+  const bool may_conflict = change.network_id || change.prefer_sriov;
+  return may_conflict ? CheckVirtualFunction(edited, record) : Status();
 }
 
 Status Add(EditedGuest& edited, const NicAddition& addition, std::size_t index) {
@@ -150,6 +165,7 @@ Status Add(EditedGuest& edited, const NicAddition& addition, std::size_t index) 
   record[keys::vnic_type] = addition.type;
   record[keys::prefer_sriov] = addition.prefer_sriov;
   if (Status set = SetNetwork(edited, record, addition.network_id); !set) return set;
+  if (Status checked = CheckVirtualFunction(edited, record); !checked) return checked;
   const std::string& mac = addition.mac.empty() ? edited.ids.macs[index] : addition.mac;
   if (Status set = SetMac(edited, record, mac); !set) return set;
   edited.nics.push_back(std::move(nic));

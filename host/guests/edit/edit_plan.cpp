@@ -191,6 +191,26 @@ void CheckCombinations(EditedGuest& edited) {
   }
 }
 
+// The value that the edit gives to a setting for which only the guest's host knows what is possible. Null: it keeps its
+// value, or another host may start the guest. That host says so at the start.
+const Json::Value* ChangedHere(const EditedGuest& edited, const char* name) {
+  const Json::Value* const value = json::FindMember(edited.request.members, name);
+  const bool is_here = json::StringMember(edited.guest.record, keys::host_id) == edited.options.host_id;
+  const bool is_kept = !edited.request.new_guest && value && *value == json::Member(edited.before, name);
+  return is_here && !is_kept ? value : nullptr;
+}
+
+void CheckWhatHostHas(EditedGuest& edited) {
+  const Json::Value* const weight = ChangedHere(edited, keys::cpu_weight);
+  const Json::Value* const layout = ChangedHere(edited, keys::kb_layout);
+  Result<void, Refusal> checked;
+  if (weight && edited.options.check_weight) checked = edited.options.check_weight(json::Int64(*weight));
+  if (checked.ok() && layout && edited.options.check_layout) {
+    checked = edited.options.check_layout(json::String(*layout));
+  }
+  if (!checked.ok()) edited.Refuse(checked.error().code, checked.error().reason);
+}
+
 enum class Version { kBefore, kAfter };
 
 domain_xml::GuestRecords RecordsOf(const EditedGuest& edited, Version version) {
@@ -385,7 +405,7 @@ Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_i
     if (!done) return done.error();
     if (edited.MustStop()) return std::move(edited.plan);
   }
-  for (const auto part : {EditDisks, CheckCombinations, CheckPins}) part(edited);
+  for (const auto part : {EditDisks, CheckCombinations, CheckPins, CheckWhatHostHas}) part(edited);
   if (edited.MustStop()) return std::move(edited.plan);
   CheckStillStartable(edited, before);
   if (!edited.plan.refused) CheckAppliesNow(edited);

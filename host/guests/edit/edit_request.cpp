@@ -78,6 +78,22 @@ std::string UnicastMac(const std::string& text) {
   return is_group || is_zero ? "" : mac;
 }
 
+// The value of a parameter, for a message: "600", "'en us'", "a list". Texts are cut.
+std::string DescribeValue(const Json::Value& value) {
+  switch (value.type()) {
+    case Json::nullValue:
+      return "missing or null";
+    case Json::stringValue:
+      return QuoteForMessage(json::String(value));
+    case Json::arrayValue:
+      return "a list";
+    case Json::objectValue:
+      return "an object";
+    default:
+      return json::ToText(value);
+  }
+}
+
 // Parses one request. Only the first error is reported.
 class RequestParser {
  public:
@@ -98,15 +114,15 @@ class RequestParser {
   void Refuse(int code, const std::string& parameter, const std::string& what) {
     if (!refusal_) refusal_ = Refusal{code, fmt::format("The parameter '{}' {}", parameter, what)};
   }
-  void RefuseType(const std::string& parameter, const std::string& wanted) {
-    Refuse(kBadEdit, parameter, fmt::format("is not {}", wanted));
+  void RefuseType(const std::string& parameter, const std::string& wanted, const Json::Value& value) {
+    Refuse(kBadEdit, parameter, fmt::format("is not {}: it is {}", wanted, DescribeValue(value)));
   }
 
   std::optional<Json::Int64> NumberIn(const Json::Value& value, const NumberRange& range,
                                       const std::string& parameter) {
     if (value.isInt64() && json::Int64(value) >= range.least && json::Int64(value) <= range.most)
       return json::Int64(value);
-    RefuseType(parameter, fmt::format("a number from {} to {}", range.least, range.most));
+    RefuseType(parameter, fmt::format("a number from {} to {}", range.least, range.most), value);
     return std::nullopt;
   }
   std::optional<Json::Int64> NumberAt(const Json::Value& object, const NumberRange& range,
@@ -119,13 +135,13 @@ class RequestParser {
     const Json::Value* const value = json::FindMember(object, name);
     if (!value) return std::nullopt;
     if (value->isBool()) return json::Bool(*value);
-    RefuseType(parameter + "." + name, "true or false");
+    RefuseType(parameter + "." + name, "true or false", *value);
     return std::nullopt;
   }
   std::string IdAt(const Json::Value& object, const char* name, const std::string& parameter) {
     const Json::Value& value = json::Member(object, name);
     if (value.isString() && VexaCCC::Utils::isUUID(json::String(value))) return json::String(value);
-    RefuseType(parameter + "." + name, "a UUID");
+    RefuseType(parameter + "." + name, "a UUID", value);
     return "";
   }
   std::optional<std::string> NetworkAt(const Json::Value& object, const std::string& parameter) {
@@ -133,14 +149,15 @@ class RequestParser {
     if (!value) return std::nullopt;
     const std::string id = value->isString() ? json::String(*value) : std::string(1, '?');
     if (id.empty() || VexaCCC::Utils::isUUID(id)) return id;
-    RefuseType(parameter + ".network_id", "a UUID or empty");
+    RefuseType(parameter + ".network_id", "a UUID or empty", *value);
     return std::nullopt;
   }
   std::optional<std::string> MacAt(const Json::Value& object, const std::string& parameter) {
     const Json::Value* const value = json::FindMember(object, "mac");
     if (!value) return std::nullopt;
     std::string mac = value->isString() ? UnicastMac(json::String(*value)) : "";
-    if (mac.empty()) RefuseType(parameter + ".mac", "a MAC address of one interface, such as 02:00:5e:10:00:01");
+    if (mac.empty())
+      RefuseType(parameter + ".mac", "a MAC address of one interface, such as 02:00:5e:10:00:01", *value);
     return mac;
   }
 
@@ -149,7 +166,8 @@ class RequestParser {
   void ForEach(const char* name, const Read& read) {
     const Json::Value* const list = json::FindMember(edit_, name);
     if (!list) return;
-    if (!list->isArray() || list->size() > kMaxElements) return RefuseType(name, "a list");
+    if (!list->isArray() || list->size() > kMaxElements)
+      return RefuseType(name, "a list of at most 1024 elements", *list);
     for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
       const Json::Value& element = json::Element(*list, i);
       const std::string parameter = fmt::format("{}[{}]", name, i);
@@ -159,7 +177,7 @@ class RequestParser {
   template <class Read>
   void ForEachObject(const char* name, const Read& read) {
     ForEach(name, [&](const Json::Value& element, const std::string& parameter) {
-      if (!element.isObject()) return RefuseType(parameter, "an object");
+      if (!element.isObject()) return RefuseType(parameter, "an object", element);
       read(element, parameter);
     });
   }
@@ -169,7 +187,7 @@ class RequestParser {
     const Json::Value* const value = json::FindMember(edit_, setting.name);
     if (!value) return true;
     if (!IsValidValue(setting, *value)) {
-      RefuseType(setting.name, DescribeValidValue(setting));
+      RefuseType(setting.name, DescribeValidValue(setting), *value);
       return false;
     }
     // A JSON number such as 2.0 counts as a whole number.
@@ -195,7 +213,7 @@ class RequestParser {
     if (!json::FindMember(edit_, keys::iso_images)) return;
     Json::Value images(Json::arrayValue);
     ForEach(keys::iso_images, [&](const Json::Value& element, const std::string& parameter) {
-      if (!element.isString()) return RefuseType(parameter, "a string");
+      if (!element.isString()) return RefuseType(parameter, "a string", element);
       const std::string image = json::String(element);
       const bool can_be_one = VexaCCC::Utils::isUUID(image) || image == kUnmounted || image.starts_with('/');
       if (!can_be_one || !IsPath(image) || HasControls(image)) {
@@ -213,7 +231,7 @@ class RequestParser {
     Json::Value devices(Json::arrayValue);
     std::set<std::string> seen;
     ForEach(keys::usbs, [&](const Json::Value& element, const std::string& parameter) {
-      if (!element.isString()) return RefuseType(parameter, "a string");
+      if (!element.isString()) return RefuseType(parameter, "a string", element);
       const std::string device = json::String(element);
       const std::string canonical = CanonicalUsbDevice(device);
       const std::string shown = SanitizeForLog(device, kMaxQuotedBytes);
@@ -238,7 +256,7 @@ class RequestParser {
       const auto network = NetworkAt(element, parameter);
       const auto type = NumberAt(element, kNicType, parameter);
       const auto prefer_sriov = FlagAt(element, keys::prefer_sriov, parameter);
-      if (!network) RefuseType(parameter + ".network_id", "a UUID or empty");
+      if (!network) RefuseType(parameter + ".network_id", "a UUID or empty", json::Member(element, "network_id"));
       nic.network_id = network.value_or("");
       nic.type = type.value_or(1);
       nic.prefer_sriov = prefer_sriov.value_or(false);
@@ -267,7 +285,7 @@ class RequestParser {
     const Json::Value* const value = json::FindMember(object, keys::format);
     if (!value) return ImageFormat::kQcow2;
     const std::string format = value->isString() ? json::String(*value) : "";
-    if (format != "raw" && format != "qcow2") RefuseType(parameter + ".format", "'raw' or 'qcow2'");
+    if (format != "raw" && format != "qcow2") RefuseType(parameter + ".format", "'raw' or 'qcow2'", *value);
     return format == "raw" ? ImageFormat::kRaw : ImageFormat::kQcow2;
   }
 

@@ -84,6 +84,39 @@ TEST(DomainBuild, PinnedCpus_Built_PinFirstVirtualCpus) {
   EXPECT_EQ(At(xml, "//vcpupin[@vcpu='0']/@cpuset"), "6");
 }
 
+TEST(DomainBuild, SharedCpus_AreTheGuestsExceptForItsPins) {
+  GuestRecords records = SmallGuest();
+  records.guest["cpu_pin_num"] = 1;
+  BuildOptions options;
+  EXPECT_EQ(CountAt(MustBuild(records, options), "/domain/vcpu/@cpuset"), 0u);
+  options.pinned_cpus = {7};
+  options.shared_cpus = {0, 1, 2, 4};
+  const std::string xml = MustBuild(records, options);
+  EXPECT_EQ(At(xml, "/domain/vcpu/@cpuset"), "0-2,4");
+  EXPECT_EQ(At(xml, "//vcpupin[@vcpu='0']/@cpuset"), "7");
+}
+
+TEST(DomainBuild, CpuWeight_AboveTheHostsMost_IsTheMost) {
+  GuestRecords records = SmallGuest();
+  records.guest["cpu_weight"] = 262144;
+  BuildOptions options;
+  options.max_cpu_weight = 10000;
+  EXPECT_EQ(At(MustBuild(records, options), "/domain/cputune/shares"), "10000");
+  records.guest["cpu_weight"] = 300;
+  EXPECT_EQ(At(MustBuild(records, options), "/domain/cputune/shares"), "300");
+}
+
+TEST(DomainBuild, KeyboardLayout_QemuLacksIt_IsLeftOut) {
+  GuestRecords records = SmallGuest();
+  records.guest["kb_layout"] = "de";
+  BuildOptions options;
+  EXPECT_EQ(At(MustBuild(records, options), "//graphics/@keymap"), "de");
+  options.keymaps = {"de", "en-us"};
+  EXPECT_EQ(At(MustBuild(records, options), "//graphics/@keymap"), "de");
+  options.keymaps = {"en-us"};
+  EXPECT_EQ(CountAt(MustBuild(records, options), "//graphics/@keymap"), 0u);
+}
+
 TEST(DomainBuild, Ovmf_IsFirmwareEfiWithoutSecureBoot) {
   const std::string xml = BuildWith("use_ovmf", true);
   EXPECT_EQ(At(xml, "/domain/os/@firmware"), "efi");

@@ -415,6 +415,33 @@ TEST(DomainOverlayProcessor, Overlay_DedicatedProcessors_ReplaceUsersPins) {
   EXPECT_EQ(At(xml, "//vcpupin[@vcpu='1']/@cpuset"), "7");
 }
 
+TEST(DomainOverlayProcessor, SharedCpus_OwnersSets_AreConfined) {
+  std::string base = Base("<iothreads>1</iothreads>");
+  const std::size_t vcpu = base.find("<vcpu");
+  ASSERT_NE(vcpu, std::string::npos);
+  base.insert(vcpu + 5, " cpuset='2-5'");
+  const std::size_t tuning = base.find("<cputune>");
+  ASSERT_NE(tuning, std::string::npos);
+  base.insert(tuning + 9, "<emulatorpin cpuset='7'/><iothreadpin iothread='1' cpuset='0,7'/>");
+  BuildOptions options = Over(base);
+  options.shared_cpus = {0, 1, 2, 3};
+  const std::string xml = MustBuild(RecordsOfBase(base), options);
+  EXPECT_EQ(At(xml, "/domain/vcpu/@cpuset"), "2-3");
+  EXPECT_EQ(At(xml, "//emulatorpin/@cpuset"), "0-3") << "it must run somewhere";
+  EXPECT_EQ(At(xml, "//iothreadpin/@cpuset"), "0");
+}
+
+TEST(DomainOverlayScreen, KeyboardLayout_QemuLacksIt_IsRemoved) {
+  std::string base = Base("");
+  const std::size_t devices = base.find("<devices>");
+  ASSERT_NE(devices, std::string::npos);
+  base.insert(devices + 9, "<graphics type='vnc' keymap='xx'/>");
+  BuildOptions options = Over(base);
+  EXPECT_EQ(CountAt(MustBuild(RecordsOfBase(base), options), "//graphics[@keymap='xx']"), 1u);
+  options.keymaps = {"de"};
+  EXPECT_EQ(CountAt(MustBuild(RecordsOfBase(base), options), "//graphics[@keymap='xx']"), 0u);
+}
+
 TEST(DomainOverlayProcessor, SetVirtualCpus_Fewer_RemovesPinsAndTopology) {
   const std::string base = Base("<vcpus><vcpu id='0' enabled='yes'/></vcpus>");
   const std::string xml = EditedMember("vcpu_num", 2, base);

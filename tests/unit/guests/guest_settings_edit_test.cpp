@@ -126,8 +126,8 @@ TEST_F(GuestSettingsEdit, EachSetting_InvalidValue_IsRefusedByName) {
       const auto refused = edits_.Edit(kEdited, edit, Alice());
       ASSERT_FALSE(refused.ok());
       EXPECT_EQ(refused.error().code, kBadEdit);
-      EXPECT_EQ(refused.error().reason,
-                "The parameter '" + std::string(setting->name) + "' is not " + DescribeValidValue(*setting));
+      EXPECT_THAT(refused.error().reason, testing::StartsWith("The parameter '" + std::string(setting->name) +
+                                                              "' is not " + DescribeValidValue(*setting) + ": it is "));
       EXPECT_EQ(SettingText(Guest()), SettingText(before_));
     }
   }

@@ -1,0 +1,63 @@
+#include "cli/settings_command.h"
+
+#include <fmt/format.h>
+
+#include <iostream>
+
+#include "cli/objects.h"
+#include "cli/printable.h"
+#include "cli/reply.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kClusterGet = "/webapi/VEXA.Virtualization.Cluster/get";
+constexpr const char* kClusterSet = "/webapi/VEXA.Virtualization.Cluster/set";
+constexpr const char* kHostEdit = "/webapi/VEXA.Virtualization.Host/edit";
+
+// Sets the parameter `name` if `text` is "on" or "off"; "" leaves it out.
+Status AddSwitch(const std::string& text, const char* option, const char* name, Json::Value& parameters) {
+  if (text.empty()) return {};
+  if (text != "on" && text != "off") {
+    return Error(ErrorCode::kInvalid, fmt::format("'{}' is not a value of {}. Use on or off", Printable(text), option));
+  }
+  parameters[name] = text == "on";
+  return {};
+}
+
+std::string OnOrOff(const Json::Value& value) { return IsTrue(value) ? "on" : "off"; }
+
+}  // namespace
+
+ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOptions& options) {
+  Json::Value parameters(Json::objectValue);
+  Status read = AddSwitch(options.auto_select_host, "--auto-select-host", "auto_select_host", parameters);
+  if (read) read = AddSwitch(options.upgrading, "--upgrading", "upgrading", parameters);
+  if (!read) return Report(read.error());
+  const CallOutcome outcome =
+      CallServer(global, parameters.empty() ? kClusterGet : kClusterSet, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  PrintFields(std::cout, {{"Select hosts for guests without one", OnOrOff(Member(outcome.data, "auto_select_host"))},
+                          {"Upgrade in progress", OnOrOff(Member(outcome.data, "upgrading"))}});
+  return ExitCode::kOk;
+}
+
+ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options) {
+  Json::Value parameters(Json::objectValue);
+  if (const Status read = AddSwitch(options.placement, "--placement", "placement", parameters); !read) {
+    return Report(read.error());
+  }
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  std::string id;
+  if (const ExitCode found = FindId(client, kHosts, options.host, id); found != ExitCode::kOk) return found;
+  parameters["host_id"] = id;
+  const CallOutcome outcome = CallApi(client, kHostEdit, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  return PrintConfirmation(global, fmt::format("The host '{}' {} for guests without a host.", Printable(options.host),
+                                               options.placement == "on" ? "may be chosen" : "is not chosen"));
+}
+
+}  // namespace vexa::cli
