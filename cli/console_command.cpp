@@ -140,15 +140,22 @@ Result<LocalPort> ListenLocally() {
 // machine can connect to the port as well.
 bool IsOwnConnection(int connection) {
   sockaddr_in peer{};
+  sockaddr_in own{};
   socklen_t size = sizeof peer;
   if (::getpeername(connection, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return false;
-  const std::string wanted = fmt::format("{:08X}:{:04X}", peer.sin_addr.s_addr, ntohs(peer.sin_port));
+  if (::getsockname(connection, reinterpret_cast<sockaddr*>(&own), &size) != 0) return false;
+  const auto text = [](const sockaddr_in& address) {
+    return fmt::format("{:08X}:{:04X}", address.sin_addr.s_addr, ntohs(address.sin_port));
+  };
+  const std::string peer_text = text(peer);
+  const std::string own_text = text(own);
   std::ifstream table("/proc/net/tcp");
   for (std::string line; std::getline(table, line);) {
     std::istringstream fields(line);
     std::string number, local, remote, state, queues, timer, retransmissions, user;
     fields >> number >> local >> remote >> state >> queues >> timer >> retransmissions >> user;
-    if (local == wanted) return user == std::to_string(::getuid());
+    // Both ends: a connection of the peer's port that has ended is listed for a while, too, as root's.
+    if (local == peer_text && remote == own_text) return user == std::to_string(::getuid());
   }
   return false;
 }

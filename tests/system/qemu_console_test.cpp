@@ -185,6 +185,37 @@ TEST_F(QemuConsole, ViewerCommand_GivesViewerAPortWithScreen) {
   EXPECT_EQ(Content(seen), "RFB 003.008\n");
 }
 
+// Connections that have ended stay in the system's table for a minute, and belong to root there.
+TEST_F(QemuConsole, ViewerWhoseLocalPortWasInUseBefore_IsAccepted) {
+  const std::string seen = environment_->folder() + "/seen";
+  const std::string viewer = environment_->folder() + "/viewer";
+  std::ofstream(viewer) << R"(#!/usr/bin/python3
+import socket, sys
+own = 0
+def connection(port):
+    made = socket.socket()
+    made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    made.bind(("127.0.0.1", own))
+    made.connect(("127.0.0.1", port))
+    return made
+for i in range(30):
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen()
+    client = connection(listener.getsockname()[1])
+    own = client.getsockname()[1]
+    server = listener.accept()[0]
+    client.close()
+    server.recv(1)
+    server.close()
+viewer = connection(int(sys.argv[1].rsplit(":", 1)[1]))
+open(")" << seen << R"(", "wb").write(viewer.recv(12))
+)";
+  std::filesystem::permissions(viewer, std::filesystem::perms::owner_all);
+  host_->Vexa({"guest", "viewer", "console", "--program", viewer, "--socket", host_->Socket()});
+  EXPECT_EQ(Content(seen), "RFB 003.008\n");
+}
+
 // A VNC client of Debian's, started as the viewer, sees what `vexa guest screenshot` shows.
 TEST_F(QemuConsole, ForeignVncClient_SeesWhatScreenshotShows) {
   for (const char* program : {"vncsnapshot", "djpeg"}) {
