@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "host/api/bad_parameter.h"
 #include "host/api/reason.h"
 #include "host/base/error_table.h"
 #include "host/records/request_scope.h"
@@ -30,6 +31,15 @@ bool HasTooLongList(const ApiRow& row, const Json::Value& parameters) {
   });
 }
 
+// Users get a reason with the code for a bad parameter even when the handler gives none.
+void AddReasonOfBadParameter(const ApiRow& row, const VEXA::APIRequest& request, const VEXA::APIResponse& response,
+                             Json::Value& extra_members) {
+  if (row.access.value == Access::kHost || !response.IsSet() || response.IsSuccess()) return;
+  if (response.ErrorCode() != user_error::kBadParameter || json::FindMember(extra_members, kReason)) return;
+  const std::string reason = DescribeBadParameter(row, request.GetParam("", Json::Value()));
+  if (!reason.empty()) extra_members[kReason] = reason;
+}
+
 }  // namespace
 
 int CheckCaller(Access access, const Caller& caller) {
@@ -51,6 +61,7 @@ void CallHandler(HandlerCall call, VEXA::APIResponse& response,
   try {
     const records::RequestScope scope;
     call.row.handler({&request, &response, call.caller, &headers, &extra_members});
+    AddReasonOfBadParameter(call.row, request, response, extra_members);
   } catch (const std::exception& exception) {
     // Handlers report errors in the response. An exception is a bug of ours and must not take the host down.
     ::syslog(LOG_ERR, "%s %s failed: %s", call.row.api.data(), call.row.method.data(), exception.what());

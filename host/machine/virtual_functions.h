@@ -8,9 +8,9 @@ namespace vexa::machine {
 
 struct VirtualFunctions {
   int total = 0;
-  // The PCI addresses ("0000:3b:02.1") of those that a guest can be given, in the order of their numbers: they have an
-  // IOMMU group, and the host does not use them, which means that they have no interface here that is up or a port of
-  // another one.
+  // The PCI addresses ("0000:3b:02.1") of the functions that a guest can be given, in the order of their numbers. They
+  // have an IOMMU group, and the host does not use them, which means that they have no interface here that is up or a
+  // port of another one.
   std::vector<std::string> usable;
 };
 

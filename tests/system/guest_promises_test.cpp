@@ -265,6 +265,34 @@ TEST_F(GuestPromises, Parts_BadValue_AreRefusedWithParameterValueAndRange) {
             "The parameter 'vpcu_num' is unknown");
 }
 
+// Methods that have no words of their own for it.
+TEST_F(GuestPromises, Methods_BadParameter_AreRefusedWithReason) {
+  struct Row {
+    const char* api;
+    const char* method;
+    std::string parameters;
+    const char* reason;
+  };
+  const std::string guest = R"({"guest_id":")" + std::string(kEdited) + "\"";
+  const Row rows[] = {{"VEXA.Virtualization.Network", "get", "{}", "The parameter 'network_id' is missing"},
+                      {"VEXA.Virtualization.Network", "add", R"({"name":5,"kind":"nat"})",
+                       "The parameter 'name' is not a string: it is a number"},
+                      {"VEXA.Virtualization.Guest", "screenshot", R"({"guest_id":"x"})",
+                       "The parameter 'guest_id' is not a UUID: it is 'x'"},
+                      {"VEXA.Virtualization.Guest", "type", guest + R"(,"text":null})",
+                       "The parameter 'text' is not a string: it is null"},
+                      {"VEXA.Virtualization.Guest", "get", "{}", "The parameter 'guest_id' is missing"},
+                      {"VEXA.Virtualization.Guest.Action", "pwr_ctl", guest + "}", "The parameter 'action' is missing"},
+                      {"VEXA.Virtualization.Host", "get", R"({"host_id":[]})",
+                       "The parameter 'host_id' is not a string: it is a list"}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.api) + " " + row.method);
+    const Json::Value reply = Call(row.api, row.method, Parsed(row.parameters));
+    EXPECT_EQ(CodeOf(reply), 401);
+    EXPECT_EQ(ReasonOf(reply), row.reason);
+  }
+}
+
 // What only the guest's host finds out reaches the user, too.
 TEST_F(GuestPromises, Interface_NetworkCannotHaveIt_IsRefusedWithReason) {
   constexpr char kNat[] = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";

@@ -70,19 +70,20 @@ TEST_F(HostApi, HostGet_HostAnswers_ReturnsAllMembers) {
   host_.PutText("host", kHost, R"({"name":"one","state":"host_running","ram_size":7,"secret":1})");
   const Answer answer = Get("{}");
   ASSERT_EQ(answer.code, 0);
-  EXPECT_EQ(answer.data,
-            Parsed(std::string(R"({"host_id":")") + kHost + R"(","name":"one","state":"running","age_s":0,"ram_size":7,
+  EXPECT_EQ(answer.data, Parsed(std::string(R"({"host_id":")") + kHost +
+                                R"(","name":"one","state":"running","placement":true,"age_s":0,"ram_size":7,
       "system":{"version":"system"},"utilization":{"asked_for":["cpu","disk","network"]},
       "resources":{"with_usage":true},"interfaces":[{"host_id":")" +
-                   kHost + R"(","ifname":"eth0"}]})"));
+                                kHost + R"(","ifname":"eth0"}]})"));
 }
 
 TEST_F(HostApi, HostGet_HostSilent_ReturnsItsRecord) {
   host_answers = false;
   host_.PutText("host", kHost, R"({"name":"one","state":"host_inaccessible"})");
   const Answer answer = Get(std::string("{\"host_id\":\"") + kHost + "\"}");
-  EXPECT_EQ(answer.data, Parsed(std::string(R"({"host_id":")") + kHost +
-                                R"(","name":"one","state":"inaccessible","age_s":0,"interfaces":[]})"));
+  EXPECT_EQ(answer.data,
+            Parsed(std::string(R"({"host_id":")") + kHost +
+                   R"(","name":"one","state":"inaccessible","placement":true,"age_s":0,"interfaces":[]})"));
 }
 
 TEST_F(HostApi, Get_UnknownOrHostileId_IsRefused) {
