@@ -19,7 +19,6 @@
 namespace vexa::storage {
 namespace {
 
-constexpr char kQemuAccount[] = "libvirt-qemu";
 constexpr mode_t kGroupFolderMode = 0750;
 constexpr mode_t kGroupFileMode = 0640;
 constexpr mode_t kPassableFolderMode = 0711;
@@ -53,6 +52,18 @@ Error CannotMake(const std::string& path, int error_number) {
                      error_number);
 }
 
+}  // namespace
+
+QemuAccess QemuAccessFor(const std::string& hypervisor, const char* account) {
+  const bool is_root = ::geteuid() == 0;
+  const bool is_daemon = hypervisor.starts_with("qemu") && hypervisor.ends_with("/system");
+  if (!is_daemon && !(is_root && hypervisor == "embed")) return {};
+  if (is_root) {
+    if (const std::optional<gid_t> group = GroupOf(account)) return {group, kGroupFolderMode, kGroupFileMode};
+  }
+  return {std::nullopt, kPassableFolderMode};
+}
+
 Status MakeFolder(const std::string& path, const QemuAccess& access) {
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode) ? Status() : CannotMake(path, ENOTDIR);
@@ -67,18 +78,6 @@ Status MakeFolder(const std::string& path, const QemuAccess& access) {
   const Status synced = is_given ? SyncFolderAndParent(path) : CannotMake(path, error_number);
   if (!synced) (void)::rmdir(path.c_str());
   return synced;
-}
-
-}  // namespace
-
-QemuAccess QemuAccessFor(const std::string& hypervisor) {
-  const bool is_root = ::geteuid() == 0;
-  const bool is_daemon = hypervisor.starts_with("qemu") && hypervisor.ends_with("/system");
-  if (!is_daemon && !(is_root && hypervisor == "embed")) return {};
-  if (is_root) {
-    if (const std::optional<gid_t> group = GroupOf(kQemuAccount)) return {group, kGroupFolderMode, kGroupFileMode};
-  }
-  return {std::nullopt, kPassableFolderMode};
 }
 
 Status MakeImageFolder(const store::Store& store, const std::string& host_id, const std::string& root,

@@ -1,8 +1,6 @@
 // The steps of a job on files, and how they are undone.
 #include <fmt/format.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -43,9 +41,7 @@ Result<void, Refusal> FileJob::Make(const std::vector<NewFile>& files) {
 Status FileJob::CreateFile(const NewFile& file) const {
   // Creates only the repository's own folder: its parent is created by the administrator.
   const std::string folder(FolderOf(file.path));
-  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    return SystemError(ErrorCode::kInternal, fmt::format("Cannot create the folder '{}'", folder), errno);
-  }
+  if (Status made = storage::MakeFolder(folder, options_.folder_access); !made) return made;
   // Needed for an existing folder as well: its creator may have ended before the sync.
   if (Status synced = disk_files_.Sync(folder); !synced) return synced;
   const disks::EmptyImage image = disks::MakeEmptyImage(file.format, file.size_mib << 20);
