@@ -87,6 +87,7 @@ JobOptions LibvirtGuestControl::MakeJobOptions() {
   jobs.store = options_.store;
   jobs.host_id = options_.host_id;
   jobs.image_roots = options_.image_roots;
+  jobs.folder_access = storage::QemuAccessFor(options_.hypervisor.mode);
   jobs.before_step = options_.before_step;
   jobs.storage = storage_;
   jobs.check_not_running = [this](const std::string& guest_id) { return CheckNotRunning(guest_id); };

@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "host/base/uuid.h"
-#include "host/disks/repository_folder.h"
 #include "host/domain_xml/domain_parse.h"
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/storage/image_folder.h"
 #include "host/guests/host_networks.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/guest_admin.h"
@@ -124,7 +124,7 @@ std::string LibvirtGuestControl::PrepareNvramPath(const records::Guest& guest) c
   std::string folder = FolderForNvram(guest);
   if (folder.empty() && !options_.image_roots.empty() && VexaCCC::Utils::isUUID(guest.repository_id)) {
     folder = options_.image_roots.front() + "/" + guest.repository_id;
-    if (!disks::MakeRepositoryFolder(folder)) return "";
+    if (!storage::MakeFolder(folder, storage::QemuAccessFor(options_.hypervisor.mode))) return "";
   }
   return folder.empty() ? "" : folder + "/" + guest.records.id + "_VARS.fd";
 }

@@ -19,7 +19,7 @@
 namespace vexa::storage {
 namespace {
 
-constexpr char kQemuAccount[] = "libvirt-qemu";
+constexpr mode_t kPrivateFolderMode = 0700;
 constexpr mode_t kGroupFolderMode = 0750;
 constexpr mode_t kGroupFileMode = 0640;
 constexpr mode_t kPassableFolderMode = 0711;
@@ -53,32 +53,46 @@ Error CannotMake(const std::string& path, int error_number) {
                      error_number);
 }
 
-Status MakeFolder(const std::string& path, const QemuAccess& access) {
+// Older versions made the folders of repositories so that QEMU of another account could not use them.
+bool IsOfOlderVersion(const std::string& path) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode) ? Status() : CannotMake(path, ENOTDIR);
-  if (errno != ENOENT) return CannotMake(path, errno);
-  // Private until it belongs to the right group.
-  if (::mkdir(path.c_str(), S_IRWXU) != 0) return errno == EEXIST ? Status() : CannotMake(path, errno);
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() &&
+         (info.st_mode & ALLPERMS) == kPrivateFolderMode;
+}
+
+Status GiveFolder(const std::string& path, const QemuAccess& access) {
   const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   const bool is_given = folder.get() >= 0 &&
                         (!access.group || ::fchown(folder.get(), static_cast<uid_t>(-1), *access.group) == 0) &&
                         ::fchmod(folder.get(), access.folder_mode) == 0;
-  const int error_number = errno;
-  const Status synced = is_given ? SyncFolderAndParent(path) : CannotMake(path, error_number);
-  if (!synced) (void)::rmdir(path.c_str());
-  return synced;
+  return is_given ? Status() : CannotMake(path, errno);
 }
 
 }  // namespace
 
-QemuAccess QemuAccessFor(const std::string& hypervisor) {
+QemuAccess QemuAccessFor(const std::string& hypervisor, const char* account) {
   const bool is_root = ::geteuid() == 0;
   const bool is_daemon = hypervisor.starts_with("qemu") && hypervisor.ends_with("/system");
   if (!is_daemon && !(is_root && hypervisor == "embed")) return {};
   if (is_root) {
-    if (const std::optional<gid_t> group = GroupOf(kQemuAccount)) return {group, kGroupFolderMode, kGroupFileMode};
+    if (const std::optional<gid_t> group = GroupOf(account)) return {group, kGroupFolderMode, kGroupFileMode};
   }
   return {std::nullopt, kPassableFolderMode};
+}
+
+Status MakeFolder(const std::string& path, const QemuAccess& access) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) == 0) {
+    if (!S_ISDIR(info.st_mode)) return CannotMake(path, ENOTDIR);
+    return IsOfOlderVersion(path) && access.folder_mode != kPrivateFolderMode ? GiveFolder(path, access) : Status();
+  }
+  if (errno != ENOENT) return CannotMake(path, errno);
+  // Private until it belongs to the right group.
+  if (::mkdir(path.c_str(), kPrivateFolderMode) != 0) return errno == EEXIST ? Status() : CannotMake(path, errno);
+  const Status given = GiveFolder(path, access);
+  const Status synced = given ? SyncFolderAndParent(path) : given;
+  if (!synced) (void)::rmdir(path.c_str());
+  return synced;
 }
 
 Status MakeImageFolder(const store::Store& store, const std::string& host_id, const std::string& root,

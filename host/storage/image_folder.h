@@ -22,7 +22,11 @@ struct QemuAccess {
 // and images belong to that account's group. A daemon that is not root cannot give them away: the account may pass
 // through its folders. Otherwise QEMU runs as this process. `hypervisor` is the daemon's setting. Reads the user
 // database.
-QemuAccess QemuAccessFor(const std::string& hypervisor);
+QemuAccess QemuAccessFor(const std::string& hypervisor, const char* account = "libvirt-qemu");
+
+// Makes one folder, durably, unless it exists. One of this process's account that only that account can use, as older
+// versions made it, is made available; other folders stay as they are. Errors: kUnavailable, with the path and the system's reason.
+Status MakeFolder(const std::string& path, const QemuAccess& access);
 
 // Makes the image folder `root` unless it exists, and below it, unless it is empty or exists, the folder `name`.
 // Folders above the root are not made. Nothing is made in place of a folder in which files of a repository of `host_id`

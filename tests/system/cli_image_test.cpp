@@ -237,9 +237,9 @@ TEST_F(ImageCommand, Uploads_ListAndCancel_UseNames) {
   EXPECT_EQ(RunOn(host, {"image", "cancel-upload", "a"}).output, "Cancelled the upload 'a'.\n");
   EXPECT_THAT(host.calls(), ElementsAre("upload_list {}", R"(upload_cancel {"upload_id":"u1"})"));
   EXPECT_EQ(RunOn(host, {"image", "uploads"}).output,
-            "UPLOAD  NAME    HOST  USER   RECEIVED  BYTES\n"
-            "u1      a       h1    alice  4         9\n"
-            "u2      b\\x1b   h2    bob    -         7\n");
+            "UPLOAD  NAME   HOST  USER   RECEIVED  BYTES\n"
+            "u1      a      h1    alice  4         9\n"
+            "u2      b\\x1b  h2    bob    -         7\n");
 }
 
 TEST_F(ImageCommand, Upload_OffsetOfServer_IsUsed) {

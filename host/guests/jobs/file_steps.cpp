@@ -7,7 +7,6 @@
 
 #include "host/base/sanitize_for_log.h"
 #include "host/disks/image_file.h"
-#include "host/disks/repository_folder.h"
 #include "host/guests/jobs/file_job.h"
 
 namespace vexa::guests {
@@ -42,7 +41,7 @@ Result<void, Refusal> FileJob::Make(const std::vector<NewFile>& files) {
 Status FileJob::CreateFile(const NewFile& file) const {
   // Creates only the repository's own folder: its parent is created by the administrator.
   const std::string folder(FolderOf(file.path));
-  if (Status made = disks::MakeRepositoryFolder(folder); !made) return made;
+  if (Status made = storage::MakeFolder(folder, options_.folder_access); !made) return made;
   // Needed for an existing folder as well: its creator may have ended before the sync.
   if (Status synced = disk_files_.Sync(folder); !synced) return synced;
   const disks::EmptyImage image = disks::MakeEmptyImage(file.format, file.size_mib << 20);

@@ -10,6 +10,7 @@
 
 #include "host/base/refusal.h"
 #include "host/disks/disk_files.h"
+#include "host/storage/image_folder.h"
 #include "host/storage/storage_watch.h"
 #include "host/store/store.h"
 
@@ -21,6 +22,7 @@ struct JobOptions {
   // Folders that contain the files of guests' disks. Only regular files below them are created, changed and removed,
   // except files of other records (file_referrers.h).
   std::vector<std::string> image_roots;
+  storage::QemuAccess folder_access;  // of a repository's folder that is made with its first disk
   // Checks that the folders of files are still the same. Null: they always are.
   std::shared_ptr<storage::StorageWatch> storage;
   // Checks with the hypervisor that the guest does not run: 910 when it does, 949 when that is unknown. Not set: guests

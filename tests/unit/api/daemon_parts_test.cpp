@@ -196,6 +196,21 @@ TEST(Config, RepositoryLimits_Read_WarnBeforeFull) {
   EXPECT_EQ(Parse({"--repository-full", "101"}).action, vexa::daemon::CommandLine::Action::kExit);
 }
 
+TEST(Config, Uploads_LimitsAreRead) {
+  const vexa::daemon::Config defaults = Parse({}).config;
+  EXPECT_EQ(defaults.upload_count, 8u);
+  EXPECT_EQ(defaults.upload_size, 64u);
+  EXPECT_EQ(defaults.upload_total, 256u);
+  EXPECT_EQ(defaults.upload_reserve, 1024u);
+  const vexa::daemon::Config config =
+      Parse({"--upload-count", "0", "--upload-size", "1", "--upload-total", "2", "--upload-reserve", "0"}).config;
+  EXPECT_EQ(config.upload_count, 0u);
+  EXPECT_EQ(config.upload_size, 1u);
+  EXPECT_EQ(config.upload_total, 2u);
+  EXPECT_EQ(config.upload_reserve, 0u);
+  EXPECT_EQ(Parse({"--upload-size", "0"}).action, vexa::daemon::CommandLine::Action::kExit);
+}
+
 TEST(Config, NoListener_Configured_IsRefused) {
   vexa::daemon::CommandLine command = Parse({"--listen", "none", "--socket", ""});
   EXPECT_TRUE(command.config.listen.empty());

@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <functional>
+#include <vector>
 
 #include "host/guests/deletion/deletion.h"
 #include "tests/unit/guests/guest_edit_fixture.h"
@@ -143,6 +145,20 @@ TEST_F(DiskEdit, AddDisk_MoreThan64_IsRefused) {
   ExpectUnchanged();
   EXPECT_EQ(Code("{\"vdisks_add\":[" + list + "]}"), 0);
   ExpectWhole();
+}
+
+TEST_F(DiskEdit, AddDisk_RepositoryWithoutFolder_MakesItWithItsRights) {
+  const std::string root = options_.image_roots.front() + "-new";
+  ASSERT_EQ(::mkdir(root.c_str(), 0700), 0);
+  options_.image_roots = {root};
+  options_.folder_access = {std::nullopt, 0711, 0644};
+  ASSERT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
+  std::vector<std::filesystem::path> made;
+  for (const auto& entry : std::filesystem::directory_iterator(root)) made.push_back(entry.path());
+  ASSERT_EQ(made.size(), 1u);
+  struct stat info {};
+  ASSERT_EQ(::stat(made.front().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0711u);
 }
 
 TEST_F(DiskEdit, Edit_RunningGuest_OnlyAddsDisks) {

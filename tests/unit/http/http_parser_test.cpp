@@ -120,7 +120,8 @@ TEST(RequestParser, Header_FillsTheRequest) {
   RequestParser parser(kBodyLimit);
   ASSERT_EQ(parser.ParseHeader(
                 "PUT /a?b HTTP/1.1\r\nHost: nas\r\ncontent-type:  application/json \r\nAuthorization: Bearer t\r\n"
-                "Cookie: id=1\r\nX-VEXA-csrf: c\r\nOrigin: https://nas\r\nContent-Length: 0\r\n\r\n"),
+                "Cookie: id=1\r\nX-VEXA-csrf: c\r\nOrigin: https://nas\r\nContent-Range: bytes 0-0/1\r\n"
+                "Content-Length: 0\r\n\r\n"),
             0);
   const HttpRequest& request = parser.request();
   EXPECT_EQ(request.method, "PUT");
@@ -130,6 +131,7 @@ TEST(RequestParser, Header_FillsTheRequest) {
   EXPECT_EQ(request.cookie, "id=1");
   EXPECT_EQ(request.csrf_token, "c");
   EXPECT_EQ(request.origin, "https://nas");
+  EXPECT_EQ(request.content_range, "bytes 0-0/1");
   EXPECT_FALSE(parser.expects_body());
   EXPECT_TRUE(parser.keep_alive());
 }
