@@ -12,7 +12,7 @@
 namespace vexa::guests {
 
 struct AbandonedJobs {
-  std::set<std::string> removed_guests;  // those that were being created or imported
+  std::set<std::string> removed_guests;  // while they were created or imported
   std::vector<std::string> notes;        // sentences for the log, about files that may be left
 };
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/base/uuid.h"
+#include "host/domain_xml/domain_images.h"
 #include "host/domain_xml/domain_parse.h"
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
@@ -51,6 +52,13 @@ std::string FolderForNvram(const records::Guest& guest) {
     if (path && !path->starts_with("/dev/")) return FolderOf(*path);
   }
   return "";
+}
+
+// The owner's definition with the images of an import that has copied them. A disk that was added since keeps its own.
+Result<std::string> WithOwnImages(const std::string& xml, const std::string& imported_xml) {
+  const auto images = domain_xml::ParseDomainImages(imported_xml);
+  if (!images) return images.error();
+  return domain_xml::ReplaceDomainImages(xml, images->disks);
 }
 
 // Adds to `build` which networks of the guest's interfaces are bridges of this host.
@@ -111,7 +119,12 @@ Status LibvirtGuestControl::SaveOriginalDefinition(const std::string& guest_id) 
     if (!*stored) return transaction;
     const records::DomainRecord& before = (*stored)->domain;
     // A host from which the guest was moved away has switched autostart off there.
-    const records::DomainRecord now{*xml, *autostart || before.autostart};
+    records::DomainRecord now{*xml, *autostart || before.autostart, before.has_own_images};
+    if (before.has_own_images) {
+      Result<std::string> own = WithOwnImages(*xml, before.xml);
+      if (!own) return own.error();
+      now.xml = *std::move(own);
+    }
     if (now.xml == before.xml && now.autostart == before.autostart) return transaction;
     transaction.compares.push_back({records::DomainKey(guest_id), (*stored)->revision});
     transaction.operations.push_back({records::DomainKey(guest_id), records::SerializeDomain(now)});

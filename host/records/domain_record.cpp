@@ -14,6 +14,7 @@ namespace {
 constexpr char kDomain[] = "domain";
 constexpr char kXml[] = "xml";
 constexpr char kAutostart[] = "autostart";
+constexpr char kOwnImages[] = "own_images";  // absent: false
 
 }  // namespace
 
@@ -29,6 +30,7 @@ std::string SerializeDomain(const DomainRecord& domain) {
   Json::Value record(Json::objectValue);
   record[kXml] = domain.xml;
   record[kAutostart] = domain.autostart;
+  if (domain.has_own_images) record[kOwnImages] = true;
   return json::ToText(record);
 }
 
@@ -43,6 +45,7 @@ Result<std::optional<StoredDomain>> ReadDomain(const store::Snapshot& snapshot, 
     const Json::Value& xml = json::Member(*parsed, kXml);
     if (xml.isString()) stored.domain.xml = json::String(xml);
     stored.domain.autostart = json::Bool(json::Member(*parsed, kAutostart));
+    stored.domain.has_own_images = json::Bool(json::Member(*parsed, kOwnImages));
   }
   if (stored.domain.xml.empty()) {
     return Error(ErrorCode::kCorrupt,

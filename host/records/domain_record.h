@@ -1,6 +1,7 @@
 // Records about the guests' domain definitions in libvirt.
 //
-//   /dash/guest/<guest id>/domain      {"xml": libvirt's XML of the inactive domain, "autostart"}: the definition that
+//   /dash/guest/<guest id>/domain      {"xml": libvirt's XML of the inactive domain, "autostart", "own_images"}: the
+//   definition that
 //                                      the guest's owner had before the guest was imported
 //   /undefine/<host id>/<guest id>     true: the host must remove the guest from its libvirt, because the guest was
 //                                      deleted or assigned to another host
@@ -20,7 +21,8 @@ namespace vexa::records {
 
 struct DomainRecord {
   std::string xml;
-  bool autostart = false;  // whether libvirt was set to start it
+  bool autostart = false;       // whether libvirt was set to start it
+  bool has_own_images = false;  // its disks are copies that the import made: the owner's definition names others
 };
 
 std::string DomainKey(const std::string& guest_id);

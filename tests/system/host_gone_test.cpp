@@ -149,7 +149,7 @@ TEST_F(HostGone, Recover_GuestOfKilledHost_StartsElsewhere) {
   EXPECT_THAT(log, HasSubstr("has been removed from the cluster."));
 }
 
-// A guest that a killed host was creating would have its name for ever, and one that it was editing could not start.
+// A guest that a killed host was creating would have its name forever, and one that it was editing could not start.
 TEST_F(HostGone, Forget_HostWithJobs_FreesItsGuests) {
   constexpr char kHalf[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c219";
   const auto job = [&](const std::string& stage) {

@@ -212,8 +212,8 @@ Result<store::Transaction> CopiedImport::PlanCommit(const records::Reader& reade
     refused = Refusal{host_error::kFailed, "The record of the guest's import was changed"};
     return store::Transaction();
   }
-  store::Transaction transaction = MakeImportTransaction(attempt.guest, {attempt.guest.xml, attempt.request.autostart},
-                                                         *stored, {GuestLock::kCreation});
+  store::Transaction transaction = MakeImportTransaction(
+      attempt.guest, {attempt.guest.xml, attempt.request.autostart, true}, *stored, {GuestLock::kCreation});
   transaction.operations.push_back({ProgressKey(guest_id_), std::nullopt});
   job_->AddPurging(transaction);
   return transaction;

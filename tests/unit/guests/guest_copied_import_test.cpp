@@ -121,6 +121,7 @@ TEST_F(CopiedImportTest, Import_EachFormat_IsCopiedAndNamedInTheDefinition) {
   for (const char* gone : {"old.", "index=", "backingStore", "vmdk", "vdi"}) {
     EXPECT_THAT(StoredXml(), Not(HasSubstr(gone)));
   }
+  EXPECT_TRUE(Require(records::ReadDomain(*Require(store_->Read()), kCreated))->domain.has_own_images);
   EXPECT_EQ(Seen("raw", Path("old.raw")), Content());
   EXPECT_TRUE(guests::CheckNoUnfinishedJob(*store_, kCreated).ok());
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kCreated, "progress")));

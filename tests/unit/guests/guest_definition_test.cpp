@@ -38,8 +38,9 @@ std::string UserXml(const std::string& id, const std::string& name) {
 class GuestDefinition : public GuestControlTest {
  protected:
   // As an import does.
-  void PutImported(const std::string& xml, bool autostart = false) {
-    ASSERT_TRUE(host_.store().Commit({{}, {{records::DomainKey(kGuest), records::SerializeDomain({xml, autostart})}}}));
+  void PutImported(const std::string& xml, bool autostart = false, bool has_own_images = false) {
+    ASSERT_TRUE(host_.store().Commit(
+        {{}, {{records::DomainKey(kGuest), records::SerializeDomain({xml, autostart, has_own_images})}}}));
   }
   // A host that looks after its guests often, and a guest that libvirt starts with the machine.
   void StartWithAutostartedGuest(bool is_imported_with_autostart) {
@@ -311,6 +312,29 @@ TEST_F(GuestDefinition, ImportedDefinition_ChangedByUserBeforeFirstStart_IsUsed)
   ASSERT_TRUE(stored);
   EXPECT_THAT(stored->domain.xml, HasSubstr("Changed since!"));
   EXPECT_THAT(stored->domain.xml, Not(HasSubstr(kMark)));
+}
+
+// Otherwise a guest whose image was of another format could not be started.
+TEST_F(GuestDefinition, ImportedDefinition_ImagesWereCopied_NamesTheCopies) {
+  const auto with_disk = [](const std::string& format, const std::string& path) {
+    std::string xml = UserXml(kGuest, "web-1");
+    xml.insert(xml.find("</domain>"), "<devices><disk type='file' device='disk'><driver name='qemu' type='" + format +
+                                          "'/><source file='" + path +
+                                          "'/><target dev='vda' bus='virtio'/></disk></devices>");
+    return xml;
+  };
+  Start();
+  PutImported(with_disk("qcow2", "/images/copy.qcow2"), false, true);
+  std::string changed = with_disk("vmdk", "/old/image.vmdk");
+  changed.replace(changed.find("The owned one"), 13, "Changed since!");
+  ASSERT_TRUE(DefineAsUser(changed));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  const auto stored = test::Require(records::ReadDomain(*test::Require(host_.store().Read()), kGuest));
+  ASSERT_TRUE(stored);
+  EXPECT_TRUE(stored->domain.has_own_images);
+  EXPECT_THAT(stored->domain.xml, HasSubstr("Changed since!"));
+  EXPECT_THAT(stored->domain.xml, HasSubstr("/images/copy.qcow2"));
+  EXPECT_THAT(stored->domain.xml, Not(HasSubstr("vmdk")));
 }
 
 TEST_F(GuestDefinition, Release_ImportedGuest_RestoresDefinitionAndRemovesGuest) {
