@@ -211,6 +211,23 @@ TEST_F(QemuLive, Set_InterfaceAddedAndRemoved_RunningGuestFollows) {
   ExpectNothingPending("an interface was removed");
 }
 
+TEST_F(QemuLive, Set_GuestDoesNotReleaseDevice_WaitsAndIsNotLost) {
+  ASSERT_NO_FATAL_FAILURE(StartGuest());
+  ASSERT_NE(Set(R"({"vnics_add":[{"network_id":"","vnic_type":1,"prefer_sriov":false}]})").find("true"),
+            std::string::npos);
+  ExpectNothingPending("an interface was added");
+  const std::string id = host_->Record("guest", kGuest)["vnics"][1].asString();
+  ASSERT_EQ(host_->Code("VEXA.Virtualization.Guest/suspend", kGuest), 0);
+  EXPECT_NE(Set(R"({"vnics_del":[{"vnic_id":")" + id + R"("}]})").find("true"), std::string::npos);
+  EXPECT_EQ(Pending()[0]["property"], "vnics") << "a guest that stands still has given something back";
+  EXPECT_TRUE(Pending()[0]["recorded"].isNull());
+  EXPECT_NE(host_->Log().find("waits for its next start: The guest has not given the device back yet"),
+            std::string::npos)
+      << host_->Log();
+  ASSERT_EQ(host_->Code("VEXA.Virtualization.Guest/resume", kGuest), 0);
+  EXPECT_TRUE(Await([&] { return Text(Pending()) == "[]"; }, kStateTimeout)) << Text(Pending());
+}
+
 TEST_F(QemuLive, Set_MediumEjectedAndInserted_RunningGuestFollows) {
   ASSERT_NO_FATAL_FAILURE(StartGuest());
   const std::string image = host_->Record("guest", kGuest)["iso_images"][0].asString();
