@@ -160,7 +160,8 @@ TEST_F(RecordsOnDaemon, Add_EightConcurrentWithOneName_OneIsAccepted) {
 TEST_F(RecordsOnDaemon, Repository_AddListAcceptRemove_Works) {
   const std::string id = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
   EXPECT_EQ(RunOn({"repository", "add", "pool-1", "--id", id}).output, id + "\n");
-  EXPECT_EQ(RunOn({"repository", "list"}).output, id + "  " + VexaCCC::DB::DBLocalhostID() + "  repo_online  -  pool-1\n");
+  EXPECT_EQ(RunOn({"repository", "list"}).output,
+            id + "  " + VexaCCC::DB::DBLocalhostID() + "  repo_online  -  pool-1\n");
   EXPECT_EQ(RunOn({"repository", "accept", "pool-1"}).output,
             "Accepted the current storage of the repository '" + id + "'\n");
   PutGuest("g", R"({"name":"shop","repository_id":")" + id + "\"}");

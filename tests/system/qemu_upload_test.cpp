@@ -37,12 +37,11 @@ TEST_F(QemuUpload, UploadedImage_BootsFromDriveAndAsDisk) {
   EXPECT_EQ(path, host_->options().image_root + "/uploaded.iso");
   EXPECT_EQ(Content(path), Content(source));
 
-  ExpectBoots(Vexa({"guest", "create", "from-drive", "--memory", "256MiB", "--net", "none", "--iso", "uploaded",
-                    "--start"}));
-  EXPECT_EQ(Content(path), Content(source));
   ExpectBoots(
-      Vexa({"guest", "create", "from-disk", "--memory", "256MiB", "--net", "none", "--disk", "from=uploaded",
-            "--start"}));
+      Vexa({"guest", "create", "from-drive", "--memory", "256MiB", "--net", "none", "--iso", "uploaded", "--start"}));
+  EXPECT_EQ(Content(path), Content(source));
+  ExpectBoots(Vexa(
+      {"guest", "create", "from-disk", "--memory", "256MiB", "--net", "none", "--disk", "from=uploaded", "--start"}));
 }
 
 }  // namespace
