@@ -71,11 +71,15 @@ Result<std::optional<LibvirtGuestControl::Comparison>, Refusal> LibvirtGuestCont
   const auto running_xml = is_saved ? XmlOfStart(guest_id, true) : hypervisor_->RunningXmlOf(guest_id);
   if (!running_xml) return RefusalOf(running_xml.error());
   records::Guest next = guest;
-  // Processors to dedicate are chosen by the start, and so is the place of new UEFI variables.
-  std::vector<unsigned> pinned_cpus(json::UInt64(json::Member(next.records.guest, keys::cpu_pin_num)));
+  // A start chooses virtual functions, the processors to dedicate, of which only the number is compared, and the place
+  // of new UEFI variables.
+  const auto stored = records::ReadRun(*options_.store, guest_id);
+  if (!stored) return RefusalOf(stored.error());
+  records::Run run = *stored ? (*stored)->run : records::Run();
+  run.pinned_cpus.assign(json::UInt64(json::Member(next.records.guest, keys::cpu_pin_num)), 0);
   if (json::StringMember(next.records.guest, records::kNvramMember).empty())
     next.records.guest[records::kNvramMember] = "/variables";
-  const Result<std::string> recorded_xml = DomainXml(next, pinned_cpus, OwnershipTag::kOurs);
+  const Result<std::string> recorded_xml = DomainXml(next, run, OwnershipTag::kOurs);
   if (!recorded_xml) return Refusal{host_error::kFailed, recorded_xml.error().ToString()};
   Comparison comparison{std::move(guest), *running_xml, *recorded_xml, is_saved, {}};
   const auto differences =

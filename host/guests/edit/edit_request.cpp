@@ -318,7 +318,7 @@ class RequestParser {
     const Json::Value* const value = json::FindMember(edit_, kApply);
     if (!value) return;
     const std::string apply = value->isString() ? json::String(*value) : "";
-    if (apply != kApplyNow && apply != kApplyAtNextStart) RefuseType(kApply, "'now' or 'next_start'");
+    if (apply != kApplyNow && apply != kApplyAtNextStart) RefuseType(kApply, "'now' or 'next_start'", *value);
     request_.must_apply_now = apply == kApplyNow;
   }
 
