@@ -337,7 +337,7 @@ TEST_F(UploadProgramTest, ClientKilled_SameCommandContinues) {
 }
 
 TEST_F(UploadProgramTest, DaemonKilled_ManyTimes_NeitherLosesNorHalvesImages) {
-  constexpr int kKills = 36;
+  constexpr int kKills = VEXA_UPLOAD_KILLS;
   std::mt19937 random(7);
   auto daemon = Start();
   int images = 0;
