@@ -4,6 +4,7 @@
 
 #include "host/base/guest_settings.h"
 #include "host/base/uuid.h"
+#include "host/domain_xml/domain_build.h"
 #include "host/domain_xml/domain_parse_internal.h"
 
 namespace vexa::domain_xml::parse {
@@ -39,6 +40,14 @@ Status ReadPinning(pugi::xml_node cputune, std::uint64_t vcpus, Context& context
   return {};
 }
 
+// Whether a host of this system has made the definition from records alone, by its ownership tag.
+bool IsOwn(pugi::xml_node domain) {
+  for (const pugi::xml_node tag : domain.child("metadata").children()) {
+    if (std::string_view(tag.attribute("xmlns:vexa").value()) == kOwnershipTagNamespace) return !tag.attribute("kept");
+  }
+  return false;
+}
+
 }  // namespace
 
 Status ReadIdentity(pugi::xml_node domain, Context& context) {
@@ -61,12 +70,14 @@ Status ReadIdentity(pugi::xml_node domain, Context& context) {
 Status ReadProcessor(pugi::xml_node domain, Context& context) {
   const pugi::xml_node vcpu = domain.child("vcpu");
   const std::string text = vcpu ? TextOf(vcpu) : "1";  // libvirt's default
-  const auto vcpus = ParseUnsigned(text);
+  const std::string_view current = vcpu.attribute("current").value();
+  // A definition of this system has room for more than the guest has.
+  const bool counts_current = !current.empty() && IsOwn(domain);
+  const auto vcpus = ParseUnsigned(counts_current ? current : text);
   if (!vcpus || !IsInRange(*vcpus, GuestSettingOf("vcpu_num"))) {
     return Invalid("<vcpu> is {}: a guest has 1 to 512 virtual CPUs", Quote(text));
   }
   context.guest()["vcpu_num"] = Int(*vcpus);
-  const std::string_view current = vcpu.attribute("current").value();
   if (!current.empty() && ParseUnsigned(current) != vcpus) {
     context.Note("The guest starts with {} of its {} virtual CPUs: the record counts all of them.", Quote(current),
                  *vcpus);

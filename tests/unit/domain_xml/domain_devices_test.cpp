@@ -84,6 +84,18 @@ TEST(HotPlugLimits, Build_LimitsBelowWhatGuestHas_GivesNoRoom) {
   EXPECT_EQ(MustBuild(SmallGuest(), options), MustBuild(SmallGuest()));
 }
 
+TEST(HotPlugLimits, Import_OwnDefinition_CountsWhatGuestHas) {
+  BuildOptions options;
+  options.hot_plug = {8, 2048, 3};
+  for (const auto& [host_id, vcpus] : {std::pair("", 8), std::pair("host-1", 2)}) {
+    options.host_id = host_id;
+    const auto imported = ParseDomainXml(MustBuild(SmallGuest(), options), ImportOptions());
+    ASSERT_TRUE(imported) << imported.error().ToString();
+    EXPECT_EQ(imported->guest["vcpu_num"], vcpus);
+    EXPECT_EQ(imported->guest["vram_size"], 512);
+  }
+}
+
 TEST(HotPlugLimits, Build_ImportedGuest_KeepsOwnersMachine) {
   BuildOptions options;
   options.base_xml = MustBuild(SmallGuest());
