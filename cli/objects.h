@@ -39,8 +39,8 @@ Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& ki
 // Writes the id of the object with this id or name to `id`. A UUID is an id; the server is asked only for a name.
 ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id);
 
-// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is an id; the server
-// is asked only for a name.
+// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is an id; the
+// server is asked only for a name.
 CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                       const std::string& id_or_name, std::string& id);
 
