@@ -297,7 +297,7 @@ class LibvirtGuestControl final : public GuestControl {
   mutable Mutex node_info_mutex_;
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
-  std::atomic<bool> stop_begun_ = false;  // BeginStop()
+  std::atomic<bool> stop_begun_ = false;                   // BeginStop()
   std::atomic<bool> stopping_ = false;
   std::atomic<int> screenshots_ = 0;  // that are being taken
 
