@@ -15,7 +15,7 @@ struct NetworkSettingOptions {
   std::optional<std::string> subnet;
   std::optional<int> vlan_id;
   std::optional<std::string> uplink;
-  std::vector<std::string> uplinks;  // "HOST=INTERFACE"
+  std::vector<std::string> uplinks;           // "HOST=INTERFACE"
   std::optional<std::string> move_addresses;  // "on" or "off"
 };
 

@@ -49,11 +49,11 @@ struct ForgetRequest {
   std::string user;
 };
 
-// Removes the record of a host that is gone, and ends its unfinished jobs (abandoned_jobs.h). Guests that name it and are off then have no host; its repositories stay
-// inaccessible until they get another host. The host can come back only as a new host, or with an administrator's
-// consent on its own machine.
-// Refusals: 403 (no such host), 971 (it is alive, or it is the host that was asked), 972, 973 (with the guests' names),
-// 901. Guests that were recovered before a refusal stay recovered.
+// Removes the record of a host that is gone, and ends its unfinished jobs (abandoned_jobs.h). Guests that name it and
+// are off then have no host; its repositories stay inaccessible until they get another host. The host can come back
+// only as a new host, or with an administrator's consent on its own machine. Refusals: 403 (no such host), 971 (it is
+// alive, or it is the host that was asked), 972, 973 (with the guests' names), 901. Guests that were recovered before a
+// refusal stay recovered.
 Result<void, Refusal> ForgetHost(store::Store& store, const ForgetRequest& request);
 
 }  // namespace vexa::guests
