@@ -56,7 +56,9 @@ HostFacts ObservedHost::Observe(const std::vector<std::string>& tokens) const {
   const auto add_all = [&](const std::string& method, const std::string& list) {
     const Json::Value data = data_of(method, "{}");
     for (Json::Value entry : json::Elements(json::Member(data, list))) {
-      entry.removeMember("storage");  // a repository learns it in the background
+      // A repository learns these in the background.
+      entry.removeMember("storage");
+      entry.removeMember("space");
       found.facts.push_back(fmt::format("{} {}", list, json::ToText(entry)));
     }
   };

@@ -1,4 +1,5 @@
 // A guest that is created from nothing boots on QEMU, and QEMU's and libvirt's own tools see what `vexa` says.
+#include <filesystem>
 #include <regex>
 
 #include "host/base/json_parse.h"
@@ -31,9 +32,12 @@ class QemuCreate : public LibvirtHostTest {
 };
 
 TEST_F(QemuCreate, Created_FromImage_BootsAndAgreesWithTools) {
-  const Json::Value created = Vexa({"guest", "create", "fresh", "--os", "linux", "--cpus", "2", "--memory", "256MiB",
-                                    "--disk", "2GiB", "--disk", "1GiB,format=raw", "--net", "none", "--iso",
-                                    environment_->Image(GuestImage::kWithAgent), "--start"});
+  // Drives take images from the image folders of the host only.
+  const std::string image = host_->DiskFolder() + "/guest.iso";
+  std::filesystem::copy_file(environment_->Image(GuestImage::kWithAgent), image);
+  const Json::Value created =
+      Vexa({"guest", "create", "fresh", "--os", "linux", "--cpus", "2", "--memory", "256MiB", "--disk", "2GiB",
+            "--disk", "1GiB,format=raw", "--net", "none", "--iso", image, "--start"});
   const std::string id = created["guest_id"].asString();
   ASSERT_TRUE(created["started"].asBool()) << created["start_error"].asString() << host_->Log();
   ASSERT_TRUE(host_->AwaitState(id, "guest_running")) << host_->State(id);
