@@ -54,6 +54,11 @@ void PrintStatus(const Json::Value& guest) {
     PrintRows(disks, kDiskColumns);
   }
   PrintPending(guest);
+  const Json::Value& notes = Member(guest, "notes");
+  if (notes.isArray() && !notes.empty()) {
+    std::cout << "\nNotes\n";
+    for (const Json::Value& note : notes) std::cout << Printable(Text(note)) << '\n';
+  }
   const Json::Value& hosts = Member(ha, "hosts");
   if (!hosts.isArray() || hosts.empty()) return;
   std::cout << "\nHosts of its group\n";

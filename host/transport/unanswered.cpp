@@ -22,10 +22,11 @@ void FailedHostsScope::Add(const std::string& host_id, const Json::Value& reply)
   if (innermost == nullptr) return;
   innermost->hosts_.insert(host_id);
   const Json::Value& error = json::Member(reply, "error");
-  const int code = json::Int(json::Member(error, "code"));
-  if (code != host_error::kBadParameter && code != host_error::kBadNic) return;
   const Json::Value& details = json::Member(error, "details");
-  if (details.isString()) innermost->bad_parameter_ = SanitizeForLog(json::String(details), kMaxReason);
+  innermost->last_reason_ = details.isString() ? SanitizeForLog(json::String(details), kMaxReason) : std::string();
+  const int code = json::Int(json::Member(error, "code"));
+  const bool is_bad_parameter = code == host_error::kBadParameter || code == host_error::kBadNic;
+  if (is_bad_parameter && details.isString()) innermost->bad_parameter_ = innermost->last_reason_;
 }
 
 }  // namespace vexa::transport

@@ -20,6 +20,8 @@ class FailedHostsScope : private NotCopyable {
   const std::set<std::string>& hosts() const { return hosts_; }
   // What the last host that refused a parameter (host_error::kBadParameter, kBadNic) said about it; "": none has.
   const std::string& bad_parameter() const { return bad_parameter_; }
+  // What the last call without a success says about its failure; "": nothing.
+  const std::string& last_reason() const { return last_reason_; }
 
   // Adds the host and its reply to the thread's innermost scope, if there is one. May throw std::bad_alloc.
   static void Add(const std::string& host_id, const Json::Value& reply);
@@ -27,6 +29,7 @@ class FailedHostsScope : private NotCopyable {
  private:
   std::set<std::string> hosts_;
   std::string bad_parameter_;
+  std::string last_reason_;
   FailedHostsScope* const outer_;
 };
 

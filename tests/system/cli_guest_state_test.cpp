@@ -67,6 +67,14 @@ TEST_F(GuestState, Status_SomethingWaits_PrintsBothValuesOrWhyUnknown) {
   EXPECT_THAT(unknown.output, HasSubstr("\nWaiting for the next start\nunknown: no\\x1bbody answers\n"));
 }
 
+TEST_F(GuestState, Status_Notes_ArePrinted) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"guest_id":"g1","guest_name":"web",
+    "host_id":"h1","status":"running","status_type":"healthy","notes":["It has\u001bno function","And no more"]}})")});
+  const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("\nNotes\nIt has\\x1bno function\nAnd no more\n"));
+}
+
 TEST_F(GuestState, Status_Name_RequestsIdOfThatGuest) {
   const ScriptedServer server({HttpReplyOf(200, kGuests), HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"guest", "status", "web"});

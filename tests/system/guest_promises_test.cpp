@@ -95,6 +95,30 @@ TEST_F(GuestPromises, GuestWithoutHost_Started_GetsAHost) {
   EXPECT_EQ(Parsed(Vexa({"--json", "guest", "status", id}).output)["status"], "running");
 }
 
+// Administrators learn what the guest's host says about it. Others do not: it may name files of the host.
+TEST_F(GuestPromises, Start_HostRefuses_AdministratorsGetItsReason) {
+  const Json::Value created =
+      Call("VEXA.Virtualization.Guest", "create", Parsed(R"({"name":"shop","grants":[{"user":"grace"}]})"));
+  const std::string id = json::String(json::Member(json::Member(created, "data"), "guest_id"));
+  ASSERT_FALSE(id.empty()) << json::ToText(created);
+  ExpectDone({"guest", "set", "shop", "vram_size=2000000"});
+  const auto power = [&](const std::string& action) {
+    return Parsed(R"({"guest_id":")" + id + R"(","action":")" + action + "\"}");
+  };
+  const Json::Value refused = Call("VEXA.Virtualization.Guest.Action", "pwr_ctl", power("poweron"));
+  EXPECT_EQ(CodeOf(refused), user_error::kNoMemory) << json::ToText(refused);
+  EXPECT_THAT(ReasonOf(refused), HasSubstr("2000000"));
+  ExpectRefused({"guest", "start", "shop"}, ReasonOf(refused));
+  const Json::Value to_grace = JsonBody(daemon_->TcpAs("grace").PostJson(
+      "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl", json::ToText(power("poweron"))));
+  EXPECT_EQ(CodeOf(to_grace), user_error::kNoMemory);
+  EXPECT_EQ(ReasonOf(to_grace), "");
+  // The host has no part in this refusal.
+  const Json::Value unknown = Call("VEXA.Virtualization.Guest.Action", "pwr_ctl", power("jump"));
+  EXPECT_EQ(CodeOf(unknown), user_error::kBadParameter);
+  EXPECT_EQ(ReasonOf(unknown), "");
+}
+
 TEST_F(GuestPromises, GuestWithoutHost_SelectionOff_IsNotStarted) {
   const std::string id = CreateWithoutHost();
   const auto shown = Vexa({"cluster", "settings", "--auto-select-host", "off"});

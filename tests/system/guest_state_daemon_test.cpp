@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "host/records/environment.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/matchers.h"
@@ -119,6 +120,45 @@ TEST(GuestStates, Status_RunningWithoutLinks_IsWarning) {
   EXPECT_EQ(status["status"], "running");
   EXPECT_EQ(status["status_type"], "warning");
   EXPECT_EQ(status["status_reason"], "network_unconnectable");
+}
+
+void PutRun(const records::Run& run) {
+  const store::Transaction transaction{{}, {{records::RunKey(kOther), records::SerializeRun(run)}}};
+  ASSERT_TRUE(records::CurrentEnvironment()->store->Commit(transaction).ok());
+}
+
+TEST(GuestStates, Status_InterfaceWithoutPreferredFunction_HasNote) {
+  constexpr const char* kNic = "d1b2c3d4-0000-4000-8000-000000000011";
+  constexpr const char* kPlainNic = "d1b2c3d4-0000-4000-8000-000000000012";
+  TestDaemon daemon;
+  PutRepository(states::Repo::online);
+  Json::Value nic(Json::objectValue);
+  nic["network_name"] = "br0";
+  Put("vnic", kPlainNic, nic);
+  nic["prefer_sriov"] = true;
+  Put("vnic", kNic, nic);
+  Json::Value record(Json::objectValue);
+  record["vnics"].append(kNic);
+  record["vnics"].append(kPlainNic);
+  PutGuest(kOther, states::Guest::running, record);
+  const auto notes = [&] { return json::ToText(StatusOf(daemon.TcpAs("admin"), kOther)["notes"]); };
+  EXPECT_EQ(notes(), "null") << "it does not run";
+  records::Run run;
+  run.host_id = "host";
+  PutRun(run);
+  EXPECT_EQ(notes(), R"(["The network interface d1b2c3d4-0000-4000-8000-000000000011 prefers a virtual function )"
+                     R"(('prefer_sriov') and runs without one"])");
+  run.virtual_functions.emplace(kNic, "0000:03:10.1");
+  PutRun(run);
+  EXPECT_EQ(notes(), "null") << "it has one";
+  run.virtual_functions.clear();
+  run.starting = true;
+  PutRun(run);
+  EXPECT_EQ(notes(), "null") << "which functions it gets is not known yet";
+  run.starting = false;
+  run.saved = true;
+  PutRun(run);
+  EXPECT_EQ(notes(), "null") << "it does not run";
 }
 
 TEST(GuestStates, Status_NoRightRecordOrId_IsRefused) {

@@ -189,6 +189,21 @@ TEST(FailedHostsScope, FailedReplies_AreCollectedByTheInnermostScope) {
   EXPECT_EQ(outer.hosts(), std::set<std::string>{"unknown"});
 }
 
+TEST(FailedHostsScope, LastReason_IsThatOfTheLastFailure) {
+  const JsonHost good(R"({"success":true})");
+  const JsonHost full(R"({"success":false,"error":{"code":922,"details":"It has\nno memory"}})");
+  const JsonHost silent(R"({"success":false,"error":{"code":901,"details":{"path":"/secret"}}})");
+  const InstalledTransport transport(
+      {{"good", good.address()}, {"full", full.address()}, {"silent", silent.address()}});
+  const transport::FailedHostsScope failed;
+  EXPECT_EQ(failed.last_reason(), "");
+  (void)Sender("full").process(MakeRequest(5));
+  (void)Sender("good").process(MakeRequest(5));
+  EXPECT_EQ(failed.last_reason(), "It has no memory");
+  (void)Sender("silent").process(MakeRequest(5));
+  EXPECT_EQ(failed.last_reason(), "") << "not the reason of another failure";
+}
+
 TEST(TransportBreaker, Breaker_DeadHost_IsPausedAndRediscovered) {
   const std::uint16_t port = UnusedPort();
   const InstalledTransport transport({{kHost, AddressOf(port)}});

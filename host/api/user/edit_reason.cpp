@@ -38,4 +38,16 @@ Handler WithEditReason(Handler handler) {
   };
 }
 
+Handler WithHostReason(Handler handler) {
+  return [handler = std::move(handler)](const Call& call) {
+    const transport::FailedHostsScope failed;
+    handler(call);
+    if (!call.extra_members || !call.response->IsSet() || call.response->IsSuccess()) return;
+    const int code = call.response->ErrorCode();
+    // These are decided before the guest's host is asked.
+    if (code < user_error::kFirstGuestOperationCode || code == user_error::kNoHostChosen) return;
+    if (!failed.last_reason().empty() && call.request->IsAdmin()) SetReason(call, failed.last_reason());
+  };
+}
+
 }  // namespace vexa::api

@@ -57,7 +57,7 @@ std::vector<ApiRow> GuestRows() {
               {Text("guest_id", "The guest's id, a UUID.")},
               {kBadParameter, kNotFoundOrUnreadable, kIncompatibleHost, kNotPermitted, kActionFailed}),
       UserRow("VEXA.Virtualization.Guest.Action", "pwr_ctl", LaneKind::kLong,
-              WithGoneHostReason(RequestResponseHandler(VexaVirtualization::GuestAction::PwrCtl),
+              WithGoneHostReason(WithHostReason(RequestResponseHandler(VexaVirtualization::GuestAction::PwrCtl)),
                                  NeededHost::kHolderOrAssigned),
               "Power a guest on or off, shut it down or reboot it. \"poweroff_by_ha\" powers it off on several hosts, "
               "and the reply has the result of each.",

@@ -1,7 +1,10 @@
 #include "host/api/user/guest_parts_state.h"
 
+#include <fmt/format.h>
+
 #include "host/records/keys.h"
 #include "host/records/object_members.h"
+#include "host/records/run_record.h"
 #include "host/records/shutdown_reason.h"
 #include "host/storage/storage_disks.h"
 #include "json/readers.h"
@@ -56,6 +59,22 @@ Json::Value ShutdownOf(const records::Reader& reader, const std::string& guest_i
   shutdown["reason"] = std::string(records::ShutdownCauseName((*reason)->cause));
   shutdown["forced"] = (*reason)->is_forced;
   return shutdown;
+}
+
+Json::Value NotesOf(const records::Reader& reader, const std::string& guest_id, const Json::Value& guest) {
+  Json::Value notes(Json::arrayValue);
+  const auto stored = records::ReadRun(reader, guest_id);
+  if (!stored || !*stored || (*stored)->run.starting || (*stored)->run.saved) return notes;
+  const auto& functions = (*stored)->run.virtual_functions;
+  for (const Json::Value& element : json::Elements(json::Member(guest, keys::vnics))) {
+    const std::string id = element.isString() ? json::String(element) : std::string();
+    const auto nic = records::ReadMember(reader, DashCate::vNic, id, keys::object);
+    if (!nic || !*nic || !json::Bool(json::Member(**nic, keys::prefer_sriov))) continue;
+    if (json::StringMember(**nic, "network_name").empty() || functions.contains(id)) continue;
+    notes.append(
+        fmt::format("The network interface {} prefers a virtual function ('prefer_sriov') and runs without one", id));
+  }
+  return notes;
 }
 
 }  // namespace vexa::api

@@ -1,4 +1,4 @@
-// What a guest's status contains beside its state: its disks, and why it is off.
+// What a guest's status contains beside its state: its disks, why it is off, and what it runs without.
 #pragma once
 
 #include <json/value.h>
@@ -16,5 +16,9 @@ Json::Value DiskStatesOf(const records::Reader& reader, const Json::Value& guest
 // {"reason": a name from ShutdownCauseName(), "forced"}; null for a guest that is not off, or when the reason is not
 // stored.
 Json::Value ShutdownOf(const records::Reader& reader, const std::string& guest_id, const Json::Value& guest);
+
+// A sentence for each network interface that prefers a virtual function (`prefer_sriov`) and has none; empty for a
+// guest that does not run. Unreadable interfaces are left out.
+Json::Value NotesOf(const records::Reader& reader, const std::string& guest_id, const Json::Value& guest);
 
 }  // namespace vexa::api

@@ -110,6 +110,7 @@ void GetStatus(GuestStates& states, const Call& call) {
     data["shutdown"] = std::move(shutdown);
   }
   if (Json::Value ha = HaOf(**record); !ha.isNull()) data["ha"] = std::move(ha);
+  if (Json::Value notes = NotesOf(**reader, id.Get(), **record); !notes.empty()) data["notes"] = std::move(notes);
   AddPending(id.Get(), data);
   call.response->SetSuccess(data);
 }
@@ -124,7 +125,7 @@ std::vector<ApiRow> GuestStateRows(GuestStates& states) {
           UserRow("VEXA.Virtualization.Guest", "status", LaneKind::kLong,
                   [&states](const Call& call) { GetStatus(states, call); },
                   "One guest's state now, with severity, reason and age, those of its disks, why it is off, its "
-                  "high availability, and what waits for its next start.",
+                  "high availability, what waits for its next start, and notes about what it runs without.",
                   {Text("guest_id", "The guest's id, a UUID.")},
                   {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kNotPermitted})};
 }
