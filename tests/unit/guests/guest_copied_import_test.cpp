@@ -244,6 +244,30 @@ TEST_F(CopiedImportTest, Import_JobRemovedMeanwhile_IsRefused) {
                     "The record of the guest's import was changed");
 }
 
+// An administrator removes the host that the guest is for, which is another one than the one that copies.
+TEST_F(CopiedImportTest, Import_GuestsHostRemovedMeanwhile_IsUndone) {
+  for (const char* step : {"copy 0", "commit records"}) {
+    SCOPED_TRACE(step);
+    PutRecord(*store_, KeyOf("host", kOtherHost), Parsed(R"({"name":"nas-2"})"));
+    ImportRequest request = RequestOf(DiskXml("vda", Path("old.raw"), "raw"));
+    request.host_id = kOtherHost;
+    At(step, [&] {
+      Json::Value guest = Guest();
+      guest.removeMember("host_id");
+      PutRecord(*store_, KeyOf("guest", kCreated), guest);
+      RemoveKey(*store_, KeyOf("host", kOtherHost));
+    });
+    ExpectNotImported(request, 403, std::string("There is no host '") + kOtherHost + "'");
+  }
+}
+
+TEST_F(CopiedImportTest, Import_TargetWithLineFeed_IsQuotedInOneLine) {
+  const auto done = Import(RequestOf(DiskXml("v&#10;da", Path("old.raw"), "qcow2")));
+  ASSERT_FALSE(done.ok());
+  EXPECT_THAT(done.error().reason, HasSubstr("has the format 'qcow2' in its definition"));
+  for (const char c : done.error().reason) EXPECT_GE(static_cast<unsigned char>(c), 0x20);
+}
+
 TEST_F(CopiedImportTest, Import_WithoutDisks_IsOneCommit) {
   ASSERT_TRUE(Import(RequestOf("")).ok());
   EXPECT_EQ(Guest()["state"], "guest_shutdown");
