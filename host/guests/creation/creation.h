@@ -82,8 +82,8 @@ class Creations {
 };
 
 // The outcome of a numbered request that was made before, also to another host; waits at most `timeout` while it is in
-// progress, and then refuses with 915, and the guest's id in the reason; with 949 when `is_stopping`. Not set: there was
-// no such request. Errors of the store become refusals.
+// progress, and then refuses with 915, and the guest's id in the reason; with 949 when `is_stopping`. Not set: there
+// was no such request. Errors of the store become refusals.
 FirstOutcome AwaitFirstOutcome(const store::Store& store, const NumberedRequest& request,
                                std::chrono::milliseconds timeout, const std::function<bool()>& is_stopping = {});
 

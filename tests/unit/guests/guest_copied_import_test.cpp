@@ -261,6 +261,23 @@ TEST_F(CopiedImportTest, Import_GuestsHostRemovedMeanwhile_IsUndone) {
   }
 }
 
+// The guest was imported again, by another host, after an administrator had removed this one from the cluster.
+TEST_F(CopiedImportTest, Import_JobOfAnotherHostMeanwhile_LeavesItsRecords) {
+  const std::string job = "/creation/" + std::string(kCreated);
+  At("copy 0", [&] {
+    Json::Value others = Parsed(*TextOf(*store_, job));
+    others["host_id"] = kOtherHost;
+    PutRecord(*store_, job, others);
+    PutRecord(*store_, KeyOf("guest", kCreated), Parsed(R"({"name":"theirs","state":"guest_importing"})"));
+  });
+  const auto done = Import(RequestOf(DiskXml("vda", Path("old.raw"), "raw")));
+  ASSERT_FALSE(done.ok());
+  EXPECT_THAT(done.error().reason, HasSubstr("The record of the guest's import was changed"));
+  EXPECT_EQ(Guest()["name"], "theirs");
+  EXPECT_EQ(Parsed(*TextOf(*store_, job))["host_id"], kOtherHost);
+  EXPECT_EQ(environment_.Images(), images_);
+}
+
 TEST_F(CopiedImportTest, Import_TargetWithLineFeed_IsQuotedInOneLine) {
   const auto done = Import(RequestOf(DiskXml("v&#10;da", Path("old.raw"), "qcow2")));
   ASSERT_FALSE(done.ok());
