@@ -13,7 +13,15 @@ namespace vexa::guests {
 namespace {
 
 // What the job may have done to files. "": nothing that somebody has to look at.
-std::string NoteOf(const JobKind& kind, const std::string& guest_id, const FileIntent& files) {
+std::string NoteOf(const JobKind& kind, const std::string& guest_id, const JobRecord& job) {
+  FileIntent files = job.files;
+  std::string outcome = "was given up with its host";
+  if (job.stage == JobStage::kPurging) {
+    // Its other files are those that the guest's records name by now.
+    files.made.clear();
+    files.grown.clear();
+    outcome = "was completed, but files that it removes may be left on its host";
+  }
   std::string paths;
   for (const auto& [path, hidden] : files.hidden) {
     paths += fmt::format("{}[{}], maybe named [{}]", paths.empty() ? "" : ", ", SanitizePathForLog(path), hidden);
@@ -25,15 +33,15 @@ std::string NoteOf(const JobKind& kind, const std::string& guest_id, const FileI
     paths += fmt::format("{}[{}], maybe grown", paths.empty() ? "" : ", ", SanitizePathForLog(growth.path));
   }
   if (paths.empty()) return "";
-  return fmt::format("The {} of guest[{}] was given up with its host. If the host's storage still exists, look at {}",
-                     kind.noun, SanitizeForLog(guest_id, kMaxLoggedIdBytes), paths);
+  return fmt::format("The {} of guest[{}] {}. If the host's storage still exists, look at {}", kind.noun,
+                     SanitizeForLog(guest_id, kMaxLoggedIdBytes), outcome, paths);
 }
 
 Status Add(const store::Snapshot& snapshot, const JobKind& kind, const std::string& guest_id, const StoredJob& job,
            std::chrono::system_clock::time_point now, store::Transaction& transaction, AbandonedJobs& abandoned) {
   transaction.compares.push_back({kind.key(guest_id), job.revision});
   transaction.operations.push_back({kind.key(guest_id), std::nullopt});
-  if (std::string note = NoteOf(kind, guest_id, job.record->files); !note.empty()) {
+  if (std::string note = NoteOf(kind, guest_id, *job.record); !note.empty()) {
     abandoned.notes.push_back(std::move(note));
   }
   if (&kind != &kCreationKind || job.record->stage != JobStage::kChanging) return {};
