@@ -17,7 +17,7 @@ std::string NoteOf(const JobKind& kind, const std::string& guest_id, const JobRe
   FileIntent files = job.files;
   std::string outcome = "was given up with its host";
   if (job.stage == JobStage::kPurging) {
-    // Its other files are those that the guest's records name by now.
+    // The guest's records name its other files by now.
     files.made.clear();
     files.grown.clear();
     outcome = "was completed, but files that it removes may be left on its host";

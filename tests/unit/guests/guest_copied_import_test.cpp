@@ -244,7 +244,7 @@ TEST_F(CopiedImportTest, Import_JobRemovedMeanwhile_IsRefused) {
                     "The record of the guest's import was changed");
 }
 
-// An administrator removes the host that the guest is for, which is another one than the one that copies.
+// An administrator removes the host that the guest is for. Another one copies.
 TEST_F(CopiedImportTest, Import_GuestsHostRemovedMeanwhile_IsUndone) {
   for (const char* step : {"copy 0", "commit records"}) {
     SCOPED_TRACE(step);
