@@ -310,14 +310,7 @@ TEST(CopiedImportKill, Import_KilledAtAnyStep_IsUndoneOrDone) {
     });
     ASSERT_NE(end, End::kFailed);
     if (end == End::kCompleted) ++completed;
-    for (int undo_step = 0;; ++undo_step) {
-      const End undone = RunUntil(environment, undo_step, [](guests::CreationOptions options) {
-        Creations(std::move(options)).FinishAll();
-        return true;
-      });
-      if (undone == End::kCompleted) break;
-      ASSERT_LT(undo_step, 100);
-    }
+    FinishKilledAtEachStep(environment);
     const auto store = environment.OpenStore();
     const Json::Value guest = RecordOf(*store, "guest", kCreated);
     EXPECT_EQ(environment.Images().size(), guest.isNull() ? images : images + 2);
