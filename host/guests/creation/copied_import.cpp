@@ -47,9 +47,16 @@ Json::Value RecordOf(const ImportAttempt& attempt) {
   return record;
 }
 
-Result<std::optional<Refusal>> FindMissingPlaceOf(const store::Snapshot& snapshot, const ImportAttempt& attempt) {
-  return FindMissingPlace(snapshot, json::StringMember(attempt.guest.guest, keys::repository_id),
-                          json::StringMember(attempt.guest.guest, keys::host_id));
+Result<std::optional<Refusal>> FindMissingPlaceOf(const store::Snapshot& snapshot, const ImportRequest& request) {
+  return FindMissingPlace(snapshot, request.repository_id, request.host_id);
+}
+
+Result<void, Refusal> CheckPlaces(const store::Store& store, const ImportRequest& request) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return RefusalFor(snapshot.error());
+  auto missing = FindMissingPlaceOf(**snapshot, request);
+  if (!missing) return RefusalFor(missing.error());
+  return OkUnless(*std::move(missing));
 }
 
 // The disk's format cannot be taken from the image alone: a guest can write anything into a raw one.
@@ -71,6 +78,8 @@ CopiedImport::CopiedImport(const CreationOptions& options, GuestImport::Options 
 
 Result<void, Refusal> CopiedImport::Import(const ImportRequest& request, const Requester& requester,
                                            ImportedGuest& imported) {
+  // Also for a check, and without disks: neither gets to Begin().
+  if (const auto placed = CheckPlaces(*options_.store, request); !placed.ok()) return placed;
   ImportRequest copied = request;
   if (const auto prepared = PrepareCopies(copied); !prepared.ok()) return prepared;
   if (importing_.mode == ImportMode::kCheck || made_.empty()) {
@@ -161,7 +170,7 @@ Result<store::Transaction> CopiedImport::PlanBegin(const records::Reader& reader
   if (!conflict) return conflict.error();
   if (*conflict) refused = ForHosts(**std::move(conflict));
   if (!refused) {
-    auto missing = FindMissingPlaceOf(reader, attempt);
+    auto missing = FindMissingPlaceOf(reader, attempt.request);
     if (!missing) return missing.error();
     refused = *std::move(missing);
   }
@@ -212,7 +221,7 @@ Result<store::Transaction> CopiedImport::PlanCommit(const records::Reader& reade
     refused = Refusal{host_error::kFailed, "The record of the guest's import was changed"};
     return store::Transaction();
   }
-  auto missing = FindMissingPlaceOf(reader, attempt);
+  auto missing = FindMissingPlaceOf(reader, attempt.request);
   if (!missing) return missing.error();
   refused = *std::move(missing);
   if (refused) return store::Transaction();

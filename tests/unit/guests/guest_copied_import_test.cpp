@@ -213,6 +213,17 @@ TEST_F(CopiedImportTest, Import_DryRun_ChangesNothing) {
   ExpectUnchanged();
 }
 
+TEST_F(CopiedImportTest, Import_DryRunOrNoDisks_ChecksHostAndRepository) {
+  ImportRequest request = RequestOf(DiskXml("vda", Path("old.raw"), "raw"));
+  request.host_id = kUnknownId;
+  const auto checked = Import(request, {.mode = guests::ImportMode::kCheck});
+  ASSERT_FALSE(checked.ok());
+  EXPECT_EQ(checked.error().code, 403);
+  request = RequestOf("");
+  request.repository_id = kUnknownId;
+  ExpectNotImported(request, 403, std::string("There is no repository '") + kUnknownId + "'");
+}
+
 TEST_F(CopiedImportTest, Import_CopyFails_LeavesNothing) {
   CopyWith("echo 'qemu-img: error while writing: No space left on device' >&2; exit 1");
   const ImportRequest request = RequestOf(DiskXml("vda", Path("old.raw"), "raw"));
