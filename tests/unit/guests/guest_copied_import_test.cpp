@@ -233,6 +233,21 @@ TEST_F(CopiedImportTest, Import_CopyFails_LeavesNothing) {
   ExpectNotImported(request, 949, "the host is stopping");
 }
 
+// qemu-io opens images as a machine does.
+TEST_F(CopiedImportTest, Import_MachineUsesImage_IsRefused) {
+  if (::access("/usr/bin/qemu-io", X_OK) != 0) GTEST_SKIP() << "qemu-io is not installed";
+  const Process machine({.argv = {"/usr/bin/qemu-io", "-f", "raw", "-c", "sleep 600000", Path("old.raw")}});
+  const auto is_free = [&] {
+    return RunProcess({.argv = {kQemuImg, "info", "-f", "raw", Path("old.raw")}}).exit_code == 0;
+  };
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (is_free() && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ExpectNotImported(RequestOf(DiskXml("vda", Path("old.raw"), "raw")), 901,
+                    "could not be copied: a machine uses it. Shut that machine down first");
+}
+
 TEST_F(CopiedImportTest, Import_StoreFailsAtAnyCommit_IsUndoneAtTheNextStart) {
   for (const char* step : {"commit making", "make 0", "copy 0", "sync done 0", "commit records"}) {
     SCOPED_TRACE(step);
