@@ -51,9 +51,11 @@ void AddConsoleCommands(const Command& app) {
   type.AddOption("GUEST", type_options->guest, kGuestHelp).Required();
   type.AddOption("TEXT", type_options->text, "Up to 1024 characters that a US keyboard has").Required();
   type.AddFlag("--enter", type_options->enter, "Press Enter at the end");
-  type.Footer(std::string("\nThe guest must expect a US keyboard. The text is in no log of the cluster, but in the "
-                          "history of your shell.\n") +
-              kRightFooter);
+  type.Footer(
+      std::string("\nThe guest must expect a US keyboard. The text is in no log of the cluster, but in the "
+                  "history of your shell.\nCtrl-C ends the command, and not the typing: a long text takes up to "
+                  "45 s.\n") +
+      kRightFooter);
   type.OnRun(type_options, RunType);
 }
 

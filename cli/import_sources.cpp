@@ -137,7 +137,6 @@ Result<Json::Value> ImportSources::Prepare(const ImportSource& guest) const {
     xml = std::move(*text);
   }
   Json::Value request = RequestOf(guest.options);
-  domain_xml::ImportOptions options = guest.options;
   if (!are_copied_) {
     if (Status converted = AddImageSizes(guest, xml, request); !converted) return converted.error();
   }

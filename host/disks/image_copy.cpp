@@ -65,6 +65,9 @@ std::string SaidIn(std::string_view output) {
   return SanitizeForLog(std::string(begin == std::string_view::npos ? output : output.substr(begin)), kMaxSaidBytes);
 }
 
+// The program does not wait for the lock of a machine that has the image open.
+bool IsInUse(std::string_view output) { return output.find("Is another process using the image") != output.npos; }
+
 struct Child {
   pid_t pid = 0;
   Descriptor output;
@@ -162,6 +165,9 @@ Status CopyImage(const SourceImage& source, int target, domain_xml::ImageFormat 
   }
   if (WEXITSTATUS(status) == 127) {
     return fail(ErrorCode::kInternal, fmt::format("the program '{}' could not be run", options.program));
+  }
+  if (WEXITSTATUS(status) != 0 && IsInUse(output)) {
+    return fail(ErrorCode::kInternal, "a machine uses it. Shut that machine down first");
   }
   if (WEXITSTATUS(status) != 0) return fail(ErrorCode::kInternal, SaidIn(output));
   if (::fsync(target) != 0) {

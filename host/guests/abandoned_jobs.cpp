@@ -12,30 +12,28 @@
 namespace vexa::guests {
 namespace {
 
-// What the job may have done to files. "": nothing that somebody has to look at.
-std::string NoteOf(const JobKind& kind, const std::string& guest_id, const FileIntent& files) {
-  std::string paths;
-  for (const auto& [path, hidden] : files.hidden) {
-    paths += fmt::format("{}[{}], maybe named [{}]", paths.empty() ? "" : ", ", SanitizePathForLog(path), hidden);
-  }
-  for (const std::string& path : files.made) {
-    paths += fmt::format("{}[{}], new", paths.empty() ? "" : ", ", SanitizePathForLog(path));
-  }
-  for (const disks::Growth& growth : files.grown) {
-    paths += fmt::format("{}[{}], maybe grown", paths.empty() ? "" : ", ", SanitizePathForLog(growth.path));
-  }
-  if (paths.empty()) return "";
-  return fmt::format("The {} of guest[{}] was given up with its host. If the host's storage still exists, look at {}",
-                     kind.noun, SanitizeForLog(guest_id, kMaxLoggedIdBytes), paths);
+// Adds a sentence for each file that the job may have changed and that somebody has to look at: the log cuts longer
+// ones.
+void AddNotes(const JobKind& kind, const std::string& guest_id, const JobRecord& job, std::vector<std::string>& notes) {
+  const bool is_completed = job.stage == JobStage::kPurging;
+  const auto add = [&](const std::string& path, const std::string& state) {
+    notes.push_back(fmt::format("The {} of guest[{}] {}. If the host's storage still exists, look at [{}], {}",
+                                kind.noun, SanitizeForLog(guest_id, kMaxLoggedIdBytes),
+                                is_completed ? "was completed, but files that it removes may be left on its host"
+                                             : "was given up with its host",
+                                SanitizePathForLog(path), state));
+  };
+  for (const auto& [path, hidden] : job.files.hidden) add(path, fmt::format("maybe named [{}]", hidden));
+  if (is_completed) return;  // the guest's records name its other files by now
+  for (const std::string& path : job.files.made) add(path, "new");
+  for (const disks::Growth& growth : job.files.grown) add(growth.path, "maybe grown");
 }
 
 Status Add(const store::Snapshot& snapshot, const JobKind& kind, const std::string& guest_id, const StoredJob& job,
            std::chrono::system_clock::time_point now, store::Transaction& transaction, AbandonedJobs& abandoned) {
   transaction.compares.push_back({kind.key(guest_id), job.revision});
   transaction.operations.push_back({kind.key(guest_id), std::nullopt});
-  if (std::string note = NoteOf(kind, guest_id, job.record->files); !note.empty()) {
-    abandoned.notes.push_back(std::move(note));
-  }
+  AddNotes(kind, guest_id, *job.record, abandoned.notes);
   if (&kind != &kCreationKind || job.record->stage != JobStage::kChanging) return {};
   const Refusal refusal{host_error::kFailed, "The host that created the guest was removed from the cluster"};
   const Result<bool> is_found = AddCreationUndo(snapshot, guest_id, refusal, now, transaction);

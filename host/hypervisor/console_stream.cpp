@@ -42,21 +42,25 @@ class StreamPump : public std::enable_shared_from_this<StreamPump> {
 
   bool Start() {
     const MutexLock lock(mutex_);
-    watch_ = virEventAddHandle(socket_.get(), VIR_EVENT_HANDLE_READABLE, &StreamPump::OnSocket, NewReference(),
+    // libvirt drops a reference only if it has taken the callback.
+    auto for_socket = std::make_unique<Reference>(shared_from_this());
+    auto for_stream = std::make_unique<Reference>(shared_from_this());
+    watch_ = virEventAddHandle(socket_.get(), VIR_EVENT_HANDLE_READABLE, &StreamPump::OnSocket, for_socket.get(),
                                &StreamPump::DropReference);
     if (watch_ < 0) return false;
-    if (virStreamEventAddCallback(stream_.get(), VIR_STREAM_EVENT_READABLE, &StreamPump::OnStream, NewReference(),
+    (void)for_socket.release();
+    if (virStreamEventAddCallback(stream_.get(), VIR_STREAM_EVENT_READABLE, &StreamPump::OnStream, for_stream.get(),
                                   &StreamPump::DropReference) < 0) {
       virEventRemoveHandle(std::exchange(watch_, -1));
       return false;
     }
+    (void)for_stream.release();
     return true;
   }
 
  private:
   using Reference = std::shared_ptr<StreamPump>;
 
-  void* NewReference() { return new Reference(shared_from_this()); }
   static void DropReference(void* reference) { delete static_cast<Reference*>(reference); }
 
   static void OnSocket(int /*watch*/, int /*fd*/, int events, void* reference) {

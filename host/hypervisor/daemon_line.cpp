@@ -36,14 +36,19 @@ class DaemonLine : public std::enable_shared_from_this<DaemonLine> {
   // False: nothing will call the object.
   bool Start() {
     const MutexLock lock(mutex_);
-    watch_ = virEventAddHandle(socket_.get(), VIR_EVENT_HANDLE_HANGUP, &DaemonLine::OnSocket, NewReference(),
+    // libvirt drops a reference only if it has taken the callback.
+    auto for_socket = std::make_unique<Reference>(shared_from_this());
+    auto for_stream = std::make_unique<Reference>(shared_from_this());
+    watch_ = virEventAddHandle(socket_.get(), VIR_EVENT_HANDLE_HANGUP, &DaemonLine::OnSocket, for_socket.get(),
                                &DaemonLine::DropReference);
     if (watch_ < 0) return false;
-    if (virStreamEventAddCallback(stream_, VIR_STREAM_EVENT_READABLE, &DaemonLine::OnStream, NewReference(),
+    (void)for_socket.release();
+    if (virStreamEventAddCallback(stream_, VIR_STREAM_EVENT_READABLE, &DaemonLine::OnStream, for_stream.get(),
                                   &DaemonLine::DropReference) < 0) {
       virEventRemoveHandle(std::exchange(watch_, -1));
       return false;
     }
+    (void)for_stream.release();
     return true;
   }
 
@@ -63,7 +68,6 @@ class DaemonLine : public std::enable_shared_from_this<DaemonLine> {
  private:
   using Reference = std::shared_ptr<DaemonLine>;
 
-  void* NewReference() { return new Reference(shared_from_this()); }
   static void DropReference(void* reference) { delete static_cast<Reference*>(reference); }
 
   static void OnSocket(int /*watch*/, int /*fd*/, int events, void* reference) {

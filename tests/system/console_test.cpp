@@ -612,6 +612,20 @@ TEST_F(TypeTest, Stop_EndsItAndAnswersHowFarItCame) {
               ::testing::ElementsAre("alice: Failed to type a text on the keyboard of the virtual machine [vm-1]."));
 }
 
+TEST_F(TypeTest, RightRevokedMeanwhile_TypesNoMore) {
+  const Json::Value reply = Type(std::string(128, 'a'), [this](std::size_t call) {
+    const bool is_revoked = call != 2 || cluster::RevokeConsoles(host_.store(), Principal("alice"), {kGuest}).ok();
+    EXPECT_TRUE(is_revoked);
+    return kTyped32;
+  });
+  EXPECT_EQ(reply["error"]["code"], user_error::kNotPermitted);
+  EXPECT_EQ(reply["error"]["reason"],
+            "The console of this guest is no longer granted to you. Typed the first 64 of 128 characters.");
+  EXPECT_EQ(texts_.size(), 2U);
+  EXPECT_THAT(ClusterLog(),
+              ::testing::ElementsAre("alice: Failed to type a text on the keyboard of the virtual machine [vm-1]."));
+}
+
 TEST_F(TypeTest, Failure_AnswersHowFarItCame) {
   Json::Value reply = Type(std::string(50, 'a'), [](std::size_t call) {
     return call == 1 ? kTyped32 : R"({"success":false,"error":{"code":911,"details":"It does not run"}})";

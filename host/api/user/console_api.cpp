@@ -28,6 +28,13 @@ namespace {
 
 constexpr int kTimeoutS = 60;
 
+bool MayOpen(const store::Store& store, const Call& call, const std::string& guest_id) {
+  const auto snapshot = store.Read();
+  const auto allowed =
+      snapshot ? cluster::MayOpenConsole(**snapshot, call.caller.user, guest_id) : Result<bool>(snapshot.error());
+  return allowed && *allowed;
+}
+
 // The guest whose console the caller may use. Not set: the call has been answered.
 std::optional<std::string> ReadGuest(const store::Store& store, const Call& call) {
   const auto guest_id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
@@ -36,10 +43,7 @@ std::optional<std::string> ReadGuest(const store::Store& store, const Call& call
     return std::nullopt;
   }
   const std::string id = NormalizeUuid(guest_id.Get());
-  const auto snapshot = store.Read();
-  const auto allowed =
-      snapshot ? cluster::MayOpenConsole(**snapshot, call.caller.user, id) : Result<bool>(snapshot.error());
-  if (allowed && *allowed) return id;
+  if (MayOpen(store, call, id)) return id;
   Fail(call, user_error::kNotPermitted, "The console of this guest was not granted to you.");
   return std::nullopt;
 }
@@ -148,6 +152,11 @@ void TypeText(const store::Store& store, const std::function<bool()>& is_stoppin
   while (!failure && typed < text.Get().size()) {
     if (is_stopping()) {
       failure = Failure{user_error::kUnavailable, "This host is stopping"};
+      break;
+    }
+    // It may have been revoked meanwhile.
+    if (typed > 0 && !MayOpen(store, call, *guest_id)) {
+      failure = Failure{user_error::kNotPermitted, "The console of this guest is no longer granted to you"};
       break;
     }
     const auto step = TypeBeginning(*host_id, *guest_id, text.Get().substr(typed));

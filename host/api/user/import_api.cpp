@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "host/api/import_parameters.h"
@@ -95,6 +96,9 @@ struct ImportCall {
 };
 
 constexpr int kCopyTimeoutS = 3600;
+// After no answer, for instance because the copies take longer than that.
+constexpr std::string_view kMayGoOn =
+    ". If it has begun, it goes on: look whether the guest exists before you import it again";
 // A call between hosts has at most kDefaultBodyBytes, and each byte of a definition may be escaped.
 constexpr std::size_t kMaxCopiedXmlBytes = kDefaultBodyBytes / 4;
 
@@ -107,6 +111,8 @@ int ToUserCode(int host_code) {
       return user_error::kRecordExists;
     case host_error::kUnknownApi:
       return user_error::kIncompatibleHost;
+    case host_error::kUnreachable:
+      return user_error::kUnavailable;
     case host_error::kBadParameter:
     case host_error::kNotFoundOrUnreadable:
     case host_error::kAlreadyRunning:
@@ -153,6 +159,7 @@ Result<void, Refusal> ImportWithCopies(ImportCall& import, Json::Value guest, co
   if (!reply.isSuccess()) {
     std::string reason = data.isString() ? json::String(data) : json::StringMember(data, "reason");
     if (reason.empty()) reason = fmt::format("The repository's host answered with the error {}", reply.getErrCode());
+    if (reply.getErrCode() == host_error::kUnreachable) reason += kMayGoOn;
     return Refusal{ToUserCode(reply.getErrCode()), std::move(reason)};
   }
   imported.records = json::Member(data, "records");

@@ -8,6 +8,7 @@
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_images.h"
 #include "host/guests/creation/creation_undo.h"
+#include "host/guests/creation/places.h"
 #include "host/guests/import/import_records.h"
 #include "host/guests/jobs/creation_record.h"
 #include "host/guests/jobs/repository_folder.h"
@@ -15,13 +16,10 @@
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
 #include "json/readers.h"
-#include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
 namespace vexa::guests {
 namespace {
-
-using VexaCCC::DB::DashCate;
 
 constexpr std::uint64_t kMib = std::uint64_t{1} << 20;
 constexpr std::size_t kMaxQuotedBytes = 128;
@@ -49,16 +47,28 @@ Json::Value RecordOf(const ImportAttempt& attempt) {
   return record;
 }
 
+Result<std::optional<Refusal>> FindMissingPlaceOf(const store::Snapshot& snapshot, const ImportRequest& request) {
+  return FindMissingPlace(snapshot, request.repository_id, request.host_id);
+}
+
+Result<void, Refusal> CheckPlaces(const store::Store& store, const ImportRequest& request) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return RefusalFor(snapshot.error());
+  auto missing = FindMissingPlaceOf(**snapshot, request);
+  if (!missing) return RefusalFor(missing.error());
+  return OkUnless(*std::move(missing));
+}
+
 // The disk's format cannot be taken from the image alone: a guest can write anything into a raw one.
 Result<void, Refusal> CheckFormat(const std::string& target, const domain_xml::DiskImage& image,
                                   const disks::SourceImage& source) {
   const std::string found = disks::SourceFormatName(source.format);
   if (image.format == found) return {};
-  return Refusal{
-      host_error::kBadParameter,
-      fmt::format("The disk '{}' has the format '{}' in its definition, and its image '{}' has the format "
-                  "'{}'. Correct the definition",
-                  target, SanitizeForLog(image.format, kMaxQuotedBytes), SanitizePathForLog(image.path), found)};
+  return Refusal{host_error::kBadParameter,
+                 fmt::format("The disk '{}' has the format '{}' in its definition, and its image '{}' has the format "
+                             "'{}'. Correct the definition",
+                             SanitizeForLog(target, kMaxQuotedBytes), SanitizeForLog(image.format, kMaxQuotedBytes),
+                             SanitizePathForLog(image.path), found)};
 }
 
 }  // namespace
@@ -68,6 +78,8 @@ CopiedImport::CopiedImport(const CreationOptions& options, GuestImport::Options 
 
 Result<void, Refusal> CopiedImport::Import(const ImportRequest& request, const Requester& requester,
                                            ImportedGuest& imported) {
+  // Also for a check, and without disks: neither gets to Begin().
+  if (const auto placed = CheckPlaces(*options_.store, request); !placed.ok()) return placed;
   ImportRequest copied = request;
   if (const auto prepared = PrepareCopies(copied); !prepared.ok()) return prepared;
   if (importing_.mode == ImportMode::kCheck || made_.empty()) {
@@ -111,7 +123,8 @@ Result<void, Refusal> CopiedImport::AddCopy(const std::string& target, const dom
   if (const auto checked = CheckFormat(target, image, *source); !checked.ok()) return checked;
   const std::uint64_t size_mib = source->size / kMib + (source->size % kMib == 0 ? 0 : 1);
   if (size_mib > domain_xml::kMaxDiskMib) {
-    return Refusal{host_error::kBadParameter, fmt::format("The image of the disk '{}' is too large", target)};
+    return Refusal{host_error::kBadParameter,
+                   fmt::format("The image of the disk '{}' is too large", SanitizeForLog(target, kMaxQuotedBytes))};
   }
   const Result<std::string> id = RandomUuid();
   if (!id) return RefusalFor(id.error());
@@ -156,14 +169,10 @@ Result<store::Transaction> CopiedImport::PlanBegin(const records::Reader& reader
   auto conflict = importer_.FindConflict(reader, attempt);
   if (!conflict) return conflict.error();
   if (*conflict) refused = ForHosts(**std::move(conflict));
-  for (const auto& [category, id] :
-       {std::pair{DashCate::Repository.name(), keys::repository_id}, std::pair{DashCate::Host.name(), keys::host_id}}) {
-    const std::string place_id = json::StringMember(attempt.guest.guest, id);
-    const auto place = reader.Get(records::ObjectKey(category, place_id));
-    if (!place) return place.error();
-    if (*place || refused) continue;
-    refused = Refusal{host_error::kNotFoundOrUnreadable,
-                      fmt::format("There is no {} '{}'", category, SanitizeForLog(place_id, kMaxQuotedBytes))};
+  if (!refused) {
+    auto missing = FindMissingPlaceOf(reader, attempt.request);
+    if (!missing) return missing.error();
+    refused = *std::move(missing);
   }
   if (refused) return transaction;
   transaction.compares.push_back({records::GuestObjectKey(guest_id_), 0});
@@ -212,6 +221,10 @@ Result<store::Transaction> CopiedImport::PlanCommit(const records::Reader& reade
     refused = Refusal{host_error::kFailed, "The record of the guest's import was changed"};
     return store::Transaction();
   }
+  auto missing = FindMissingPlaceOf(reader, attempt.request);
+  if (!missing) return missing.error();
+  refused = *std::move(missing);
+  if (refused) return store::Transaction();
   store::Transaction transaction = MakeImportTransaction(
       attempt.guest, {attempt.guest.xml, attempt.request.autostart, true}, *stored, {GuestLock::kCreation});
   transaction.operations.push_back({ProgressKey(guest_id_), std::nullopt});

@@ -6,6 +6,7 @@
 
 #include "host/guests/creation/creation_undo.h"
 #include "host/guests/creation/image_copies.h"
+#include "host/guests/creation/places.h"
 #include "host/guests/jobs/creation_record.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
@@ -14,8 +15,6 @@
 
 namespace vexa::guests {
 namespace {
-
-using VexaCCC::DB::DashCate;
 
 constexpr char kMethod[] = "create";
 
@@ -49,7 +48,7 @@ Json::Value CreationJob::Answer() const {
 }
 
 EditJob::MaybeRefused CreationJob::AddToIntent(const records::Reader& reader, store::Transaction& transaction) {
-  MaybeRefused refused = CheckPlaces(reader);
+  MaybeRefused refused = FindMissingPlace(reader, request_->repository_id, request_->host_id);
   if (!refused || *refused) return refused;
   refused = AddRequest(reader, RequestState::kDoing, transaction);
   if (!refused || *refused) return refused;
@@ -61,27 +60,12 @@ EditJob::MaybeRefused CreationJob::AddToIntent(const records::Reader& reader, st
 }
 
 EditJob::MaybeRefused CreationJob::AddToRecords(const records::Reader& reader, store::Transaction& transaction) {
-  MaybeRefused refused = CheckPlaces(reader);
+  MaybeRefused refused = FindMissingPlace(reader, request_->repository_id, request_->host_id);
   if (!refused || *refused) return refused;
   refused = AddGrants(reader, transaction);
   if (!refused || *refused) return refused;
   transaction.operations.push_back({ProgressKey(guest_id()), std::nullopt});
   return AddRequest(reader, RequestState::kDone, transaction);
-}
-
-// The guest's record names the repository and the host, so neither can be removed once it is committed.
-EditJob::MaybeRefused CreationJob::CheckPlaces(const records::Reader& reader) const {
-  const std::pair<const DashCate&, const std::string&> places[] = {{DashCate::Repository, request_->repository_id},
-                                                                   {DashCate::Host, request_->host_id}};
-  for (const auto& [category, id] : places) {
-    if (id.empty()) continue;
-    const auto place = reader.Get(records::ObjectKey(category.name(), id));
-    if (!place) return place.error();
-    if (place->has_value()) continue;
-    return std::optional(Refusal{host_error::kNotFoundOrUnreadable,
-                                 fmt::format("There is no {} {}", category.name(), QuoteForMessage(id))});
-  }
-  return std::optional<Refusal>();
 }
 
 EditJob::MaybeRefused CreationJob::AddRequest(const records::Reader& reader, RequestState state,

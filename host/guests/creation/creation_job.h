@@ -28,7 +28,6 @@ class CreationJob final : public EditJob {
   MaybeRefused AddToRecords(const records::Reader& reader, store::Transaction& transaction) override;
   Status UndoRecords() override;
 
-  MaybeRefused CheckPlaces(const records::Reader& reader) const;
   MaybeRefused AddRequest(const records::Reader& reader, RequestState state, store::Transaction& transaction);
   MaybeRefused AddGrants(const records::Reader& reader, store::Transaction& transaction) const;
   Json::Value Answer() const;

@@ -53,6 +53,9 @@ Status UndoCreation(const FileJob& job, const JobOptions& options, const std::st
                     const Refusal& refusal) {
   return records::CommitWithRetry(*options.store, [&](const records::Reader& reader) -> Result<store::Transaction> {
     store::Transaction transaction;
+    const Result<bool> is_ours = job.IsOurs(reader);
+    if (!is_ours) return is_ours.error();
+    if (!*is_ours) return transaction;
     const Result<bool> is_found = AddCreationUndo(reader, guest_id, refusal, options.now(), transaction);
     if (!is_found) return is_found.error();
     if (*is_found) job.BeforeStep("commit removal");

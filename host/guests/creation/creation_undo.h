@@ -18,7 +18,8 @@ namespace vexa::guests {
 Result<bool> AddCreationUndo(const store::Snapshot& snapshot, const std::string& guest_id, const Refusal& refusal,
                              std::chrono::system_clock::time_point now, store::Transaction& transaction);
 
-// Commits it, as a step of `job`. Can be repeated.
+// Commits it, as a step of `job`; does nothing when the job's record was removed or replaced elsewhere: then the
+// guest's record is not of this job. Can be repeated.
 Status UndoCreation(const FileJob& job, const JobOptions& options, const std::string& guest_id, const Refusal& refusal);
 
 }  // namespace vexa::guests

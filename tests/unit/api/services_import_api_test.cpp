@@ -315,6 +315,17 @@ TEST_F(ImportApi, Import_CopiesAndReplaces_IsRefused) {
               HasSubstr("bytes: with 'copy_disks', it has at most 262144"));
 }
 
+TEST_F(ImportApi, Import_CopyingHostDoesNotAnswer_SaysThatItMayGoOn) {
+  Json::Value guest = GuestOf(Domain(kSecond, "two"));
+  guest["host_id"] = kFirst;  // no transport leads there
+  Json::Value parameters = CallOf({guest});
+  parameters["copy_disks"] = true;
+  const Json::Value error = Import(parameters).data["results"][0]["error"];
+  EXPECT_EQ(error["code"], 949);
+  EXPECT_THAT(error["reason"].asString(),
+              HasSubstr(". If it has begun, it goes on: look whether the guest exists before you import it again"));
+}
+
 TEST_F(ImportApi, Import_StoreUnreadable_FailsEachGuest) {
   host_.store().FailSnapshots();
   const Answer answer = Import(CallOf({GuestOf(Domain(kFirst, "one")), GuestOf(Domain(kSecond, "two"))}));

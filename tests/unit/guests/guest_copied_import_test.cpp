@@ -213,6 +213,17 @@ TEST_F(CopiedImportTest, Import_DryRun_ChangesNothing) {
   ExpectUnchanged();
 }
 
+TEST_F(CopiedImportTest, Import_DryRunOrNoDisks_ChecksHostAndRepository) {
+  ImportRequest request = RequestOf(DiskXml("vda", Path("old.raw"), "raw"));
+  request.host_id = kUnknownId;
+  const auto checked = Import(request, {.mode = guests::ImportMode::kCheck});
+  ASSERT_FALSE(checked.ok());
+  EXPECT_EQ(checked.error().code, 403);
+  request = RequestOf("");
+  request.repository_id = kUnknownId;
+  ExpectNotImported(request, 403, std::string("There is no repository '") + kUnknownId + "'");
+}
+
 TEST_F(CopiedImportTest, Import_CopyFails_LeavesNothing) {
   CopyWith("echo 'qemu-img: error while writing: No space left on device' >&2; exit 1");
   const ImportRequest request = RequestOf(DiskXml("vda", Path("old.raw"), "raw"));
@@ -220,6 +231,21 @@ TEST_F(CopiedImportTest, Import_CopyFails_LeavesNothing) {
   CopyWith("exec sleep 600");
   options_.is_stopping = [] { return true; };
   ExpectNotImported(request, 949, "the host is stopping");
+}
+
+// qemu-io opens images as a machine does.
+TEST_F(CopiedImportTest, Import_MachineUsesImage_IsRefused) {
+  if (::access("/usr/bin/qemu-io", X_OK) != 0) GTEST_SKIP() << "qemu-io is not installed";
+  const Process machine({.argv = {"/usr/bin/qemu-io", "-f", "raw", "-c", "sleep 600000", Path("old.raw")}});
+  const auto is_free = [&] {
+    return RunProcess({.argv = {kQemuImg, "info", "-f", "raw", Path("old.raw")}}).exit_code == 0;
+  };
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (is_free() && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ExpectNotImported(RequestOf(DiskXml("vda", Path("old.raw"), "raw")), 901,
+                    "could not be copied: a machine uses it. Shut that machine down first");
 }
 
 TEST_F(CopiedImportTest, Import_StoreFailsAtAnyCommit_IsUndoneAtTheNextStart) {
@@ -242,6 +268,47 @@ TEST_F(CopiedImportTest, Import_JobRemovedMeanwhile_IsRefused) {
   });
   ExpectNotImported(RequestOf(DiskXml("vda", Path("old.raw"), "raw")), 901,
                     "The record of the guest's import was changed");
+}
+
+// An administrator removes the host that the guest is for. Another one copies.
+TEST_F(CopiedImportTest, Import_GuestsHostRemovedMeanwhile_IsUndone) {
+  for (const char* step : {"copy 0", "commit records"}) {
+    SCOPED_TRACE(step);
+    PutRecord(*store_, KeyOf("host", kOtherHost), Parsed(R"({"name":"nas-2"})"));
+    ImportRequest request = RequestOf(DiskXml("vda", Path("old.raw"), "raw"));
+    request.host_id = kOtherHost;
+    At(step, [&] {
+      Json::Value guest = Guest();
+      guest.removeMember("host_id");
+      PutRecord(*store_, KeyOf("guest", kCreated), guest);
+      RemoveKey(*store_, KeyOf("host", kOtherHost));
+    });
+    ExpectNotImported(request, 403, std::string("There is no host '") + kOtherHost + "'");
+  }
+}
+
+// The guest was imported again, by another host, after an administrator had removed this one from the cluster.
+TEST_F(CopiedImportTest, Import_JobOfAnotherHostMeanwhile_LeavesItsRecords) {
+  const std::string job = "/creation/" + std::string(kCreated);
+  At("copy 0", [&] {
+    Json::Value others = Parsed(*TextOf(*store_, job));
+    others["host_id"] = kOtherHost;
+    PutRecord(*store_, job, others);
+    PutRecord(*store_, KeyOf("guest", kCreated), Parsed(R"({"name":"theirs","state":"guest_importing"})"));
+  });
+  const auto done = Import(RequestOf(DiskXml("vda", Path("old.raw"), "raw")));
+  ASSERT_FALSE(done.ok());
+  EXPECT_THAT(done.error().reason, HasSubstr("The record of the guest's import was changed"));
+  EXPECT_EQ(Guest()["name"], "theirs");
+  EXPECT_EQ(Parsed(*TextOf(*store_, job))["host_id"], kOtherHost);
+  EXPECT_EQ(environment_.Images(), images_);
+}
+
+TEST_F(CopiedImportTest, Import_TargetWithLineFeed_IsQuotedInOneLine) {
+  const auto done = Import(RequestOf(DiskXml("v&#10;da", Path("old.raw"), "qcow2")));
+  ASSERT_FALSE(done.ok());
+  EXPECT_THAT(done.error().reason, HasSubstr("has the format 'qcow2' in its definition"));
+  for (const char c : done.error().reason) EXPECT_GE(static_cast<unsigned char>(c), 0x20);
 }
 
 TEST_F(CopiedImportTest, Import_WithoutDisks_IsOneCommit) {
@@ -269,14 +336,7 @@ TEST(CopiedImportKill, Import_KilledAtAnyStep_IsUndoneOrDone) {
     });
     ASSERT_NE(end, End::kFailed);
     if (end == End::kCompleted) ++completed;
-    for (int undo_step = 0;; ++undo_step) {
-      const End undone = RunUntil(environment, undo_step, [](guests::CreationOptions options) {
-        Creations(std::move(options)).FinishAll();
-        return true;
-      });
-      if (undone == End::kCompleted) break;
-      ASSERT_LT(undo_step, 100);
-    }
+    FinishKilledAtEachStep(environment);
     const auto store = environment.OpenStore();
     const Json::Value guest = RecordOf(*store, "guest", kCreated);
     EXPECT_EQ(environment.Images().size(), guest.isNull() ? images : images + 2);

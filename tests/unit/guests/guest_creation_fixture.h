@@ -32,6 +32,19 @@ class CreationEnvironment : public EditEnvironment {
   }
 };
 
+// As a host does at its start with what a killed one has left. It is killed at each of its own steps, too. This process
+// must not have the store open.
+inline void FinishKilledAtEachStep(const CreationEnvironment& environment) {
+  for (int step = 0;; ++step) {
+    const End end = RunUntil(environment, step, [](CreationOptions options) {
+      Creations(std::move(options)).FinishAll();
+      return true;
+    });
+    if (end == End::kCompleted) return;
+    ASSERT_LT(step, 100);
+  }
+}
+
 // The parameters of a guest in kRepository on this host; `more` has the other members: ",\"os\":\"linux\"".
 inline std::string Named(const std::string& name, const std::string& more = "") {
   return R"({"name":")" + name + R"(","repository_id":")" + kRepository + R"(","host_id":")" + kThisHost + "\"" + more +

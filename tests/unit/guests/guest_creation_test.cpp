@@ -355,15 +355,7 @@ TEST(CreationKill, Create_KilledAtAnyStep_IsUndoneOrDone) {
     });
     ASSERT_NE(end, End::kFailed);
     if (end == End::kCompleted) ++completed;
-    // The undo, and what is left after the commit, are killed at each of their steps, too.
-    for (int undo_step = 0;; ++undo_step) {
-      const End undone = RunUntil(environment, undo_step, [](guests::CreationOptions options) {
-        Creations(std::move(options)).FinishAll();
-        return true;
-      });
-      if (undone == End::kCompleted) break;
-      ASSERT_LT(undo_step, 100);
-    }
+    FinishKilledAtEachStep(environment);
     const auto store = environment.OpenStore();
     const Json::Value guest = RecordOf(*store, "guest", kCreated);
     const Json::Value request = Parsed(TextOf(*store, guests::RequestKey("1000", "number-1")).value_or("{}"));

@@ -329,6 +329,45 @@ TEST_F(HostRemoval, Remove_HostHasJobs_EndsThem) {
                                    kOff + "-0]"));
 }
 
+TEST_F(HostRemoval, Remove_JobHasManyFiles_NamesEach) {
+  Delete(records::RunKey(kGuest));
+  PutGuest(kOff, "off");
+  std::string made;
+  constexpr int kFiles = 20;
+  for (int i = 10; i < 10 + kFiles; ++i) {
+    made += std::string(made.empty() ? "" : ",") + "\"/i/" + std::string(100, 'r') +
+            "/0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c2" + std::to_string(i) + ".qcow2\"";
+  }
+  Put(records::EditKey(kOff), R"({"host_id":")" + std::string(kGone) +
+                                  R"(","user":"bob","request_id":"r","since":1,"stage":"doing","grown":[],)" +
+                                  R"("hidden":[],"made":[)" + made + "]}");
+  test::ClearCapturedSyslog();
+  const auto forgotten = ForgetHost(host_.store(), Forgetting());
+  ASSERT_TRUE(forgotten.ok()) << forgotten.error().reason;
+  for (int i = 10; i < 10 + kFiles; ++i) {
+    EXPECT_TRUE(test::SyslogContains("93d5a7f0c2" + std::to_string(i) + ".qcow2], new"));
+  }
+}
+
+// The new files are the guest's by then: nobody must look at them as if they were left over.
+TEST_F(HostRemoval, Remove_JobBeyondItsLastCommit_NamesOnlyWhatItRemoves) {
+  Delete(records::RunKey(kGuest));
+  PutGuest(kOff, "off");
+  Put(records::EditKey(kOff),
+      R"({"host_id":")" + std::string(kGone) + R"(","user":"bob","request_id":"r","since":1,"stage":"purging",)" +
+          R"("made":["/i/r/0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c219.qcow2"],"grown":[],"hidden":[{"path":"/i/r/a","hidden":".vexa-deleted-)" +
+          kOff + "-0\"}]}");
+  test::ClearCapturedSyslog();
+  const auto forgotten = ForgetHost(host_.store(), Forgetting());
+  ASSERT_TRUE(forgotten.ok()) << forgotten.error().reason;
+  EXPECT_TRUE(Get(records::EditKey(kOff)).isNull());
+  EXPECT_TRUE(test::SyslogContains("The edit of guest[" + std::string(kOff) +
+                                   "] was completed, but files that it removes may be left on its host. If the host's "
+                                   "storage still exists, look at [/i/r/a], maybe named [.vexa-deleted-" +
+                                   kOff + "-0]"));
+  EXPECT_FALSE(test::SyslogContains("0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c219"));
+}
+
 TEST_F(HostRemoval, Remove_InvalidRequest_IsRefused) {
   ForgetRequest request = Forgetting();
   request.machine = MachineState::kUnknown;
