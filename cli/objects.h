@@ -39,8 +39,8 @@ Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& ki
 // Writes the id of the object with this id or name to `id`. A UUID is an id; the server is asked only for a name.
 ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id);
 
-// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is an id; the server
-// is asked only for a name.
+// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is an id; the
+// server is asked only for a name.
 CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                       const std::string& id_or_name, std::string& id);
 
@@ -60,6 +60,10 @@ ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, cons
 // The same with more parameters.
 ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                        const std::string& id_or_name, const Json::Value& parameters);
+
+// The same, and returns the reply's data.
+CallOutcome CallForListedObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                                const std::string& id_or_name);
 
 // Calls the method at `path`, which gives the object with this id or name another name.
 ExitCode RenameObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,

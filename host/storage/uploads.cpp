@@ -23,6 +23,7 @@
 #include "host/records/object_edit.h"
 #include "host/records/request_scope.h"
 #include "host/storage/upload_file.h"
+#include "host/storage/uploads_turn.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -104,30 +105,6 @@ bool IsSame(const Upload& upload, const NewUpload& other) {
 }
 
 }  // namespace
-
-// The right to work on an upload, for as long as the object lives.
-class Uploads::Turn {
- public:
-  Turn(Uploads& uploads, const std::string& id) : uploads_(uploads), id_(id) {
-    const MutexLock lock(uploads_.mutex_);
-    is_taken_ = uploads_.busy_.insert(id_).second;
-  }
-  ~Turn() {
-    if (!is_taken_) return;
-    const MutexLock lock(uploads_.mutex_);
-    uploads_.busy_.erase(id_);
-  }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-
-  // Whether nothing else works on it.
-  bool is_taken() const { return is_taken_; }
-
- private:
-  Uploads& uploads_;
-  const std::string id_;
-  bool is_taken_ = false;
-};
 
 Uploads::Uploads(UploadOptions options)
     : options_([&options] {
@@ -451,7 +428,8 @@ Result<void, Refusal> Uploads::Rename(Upload& upload, int root) {
 
 Result<void, Refusal> Uploads::AddImage(Upload& upload, int root) {
   BeforeStep("add");
-  const disks::NewImage image{upload.name, upload.Path(), upload.id};
+  disks::NewImage image{upload.name, upload.Path(), upload.id};
+  if (const auto file = Describe(upload, root)) image.uploaded = UploadedFileJson(*file);
   auto added =
       records::CommitRecord(*options_.store, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
         Result<store::Transaction> transaction = disks::PlanImageAddition(reader, image, upload.id, refused);

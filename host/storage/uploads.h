@@ -18,6 +18,7 @@
 #include "host/disks/disk_files.h"
 #include "host/storage/image_folder.h"
 #include "host/storage/upload_record.h"
+#include "host/storage/uploaded_file.h"
 #include "host/store/store.h"
 
 namespace vexa::storage {
@@ -77,6 +78,13 @@ struct PieceRefusal : Refusal {
   std::optional<std::uint64_t> received;
 };
 
+// What becomes of the file of an image that was removed.
+struct RemovedImage {
+  enum class File { kRemoved, kStays, kLater };
+  File file = File::kStays;
+  std::string reason;  // a clause; "" for kRemoved, and for the file of an image that was not uploaded
+};
+
 // Codes of refusals: kBadParameter (401), kNotFoundOrUnreadable (there is no such upload on this host), kRecordExists,
 // kRecordFailed, kUploadOffset, kUploadDamaged, kNoRoom, kUploadLimit, kHostBusy (another call works on the upload),
 // kUnavailable (the storage is not mounted, or its files cannot be read or written).
@@ -100,8 +108,13 @@ class Uploads {
   // Removes the upload and what has arrived.
   Result<void, Refusal> Cancel(const std::string& id, std::string& name);
 
-  // Finishes uploads whose end was interrupted, and removes those without a byte for too long, and those of hosts that
-  // the cluster has no more. Logs what it does. `on_added` is called for each image that was added.
+  // Removes the record of an image, and its file when an upload made it and it is still that file. Another host's file
+  // is removed by that host. `name` and refusals: see disks::RemoveImage; when it refuses, the file stays.
+  Result<RemovedImage, Refusal> RemoveImage(const std::string& id, std::string& name);
+
+  // Removes files of removed images, finishes uploads whose end was interrupted, and removes those without a byte for
+  // too long, and those of hosts that the cluster has no more. Logs what it does. `on_added` is called for each image
+  // that was added.
   void CleanUp(const std::function<void(const Upload& upload)>& on_added);
 
  private:
@@ -122,6 +135,10 @@ class Uploads {
   Result<void, Refusal> Remove(const Upload& upload, int root);
   void CleanUp(const std::string& id, const std::function<void(const Upload& upload)>& on_added);
   void ForgetForeign(const Upload& upload);
+  RemovedImage RemoveFileOf(const std::string& image_id);
+  RemovedImage RemoveFile(const UploadedFile& file) const;
+  void CleanUpFiles();
+  std::optional<UploadedFile> Describe(const Upload& upload, int root) const;
   void BeforeStep(const char* step) const;
 
   const UploadOptions options_;

@@ -44,6 +44,7 @@ void Uploads::CleanUp(const std::function<void(const Upload& upload)>& on_added)
       if (host && !host->has_value()) foreign.push_back(upload);
     }
   }
+  CleanUpFiles();
   for (const Upload& upload : foreign) ForgetForeign(upload);
   for (const Upload& upload : own) CleanUp(upload.id, on_added);
 }

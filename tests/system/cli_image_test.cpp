@@ -82,6 +82,18 @@ TEST_F(ImageCommand, List_HostileTexts_AreSafeForTerminal) {
   EXPECT_EQ(Parse(RunOn(host, {"image", "list", "--json"}).output), Parse(kImages)["images"]);
 }
 
+TEST_F(ImageCommand, Remove_FileRemovedLater_SaysWhy) {
+  const std::pair<const char*, const char*> rows[] = {
+      {R"({"file":"removed"})", "Removed the image 'debian-12' and its file.\n"},
+      {R"({"file":"stays"})", "Removed the image 'debian-12'. Its file stays.\n"},
+      {R"({"file":"later","reason":"go\u001b"})",
+       "Removed the image 'debian-12'. Its file will be removed later: go\\x1b.\n"}};
+  for (const auto& [data, output] : rows) {
+    const ApiHost host(With(kImages, data));
+    EXPECT_EQ(RunOn(host, {"image", "remove", "debian-12"}).output, output);
+  }
+}
+
 TEST_F(ImageCommand, Remove_ByIdAndByName_SendsTheId) {
   const ApiHost host(With(kImages));
   EXPECT_EQ(RunOn(host, {"image", "remove", "debian-12"}).output, "Removed the image 'debian-12'. Its file stays.\n");
