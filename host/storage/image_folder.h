@@ -25,7 +25,8 @@ struct QemuAccess {
 QemuAccess QemuAccessFor(const std::string& hypervisor, const char* account = "libvirt-qemu");
 
 // Makes one folder, durably, unless it exists. One of this process's account that only that account can use, as older
-// versions made it, is made available; other folders stay as they are. Errors: kUnavailable, with the path and the system's reason.
+// versions made it, is made available; other folders stay as they are. Errors: kUnavailable, with the path and the
+// system's reason.
 Status MakeFolder(const std::string& path, const QemuAccess& access);
 
 // Makes the image folder `root` unless it exists, and below it, unless it is empty or exists, the folder `name`.
