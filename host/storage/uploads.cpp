@@ -84,17 +84,31 @@ Result<void, Refusal> CheckForm(const NewUpload& upload, const std::vector<std::
   return BadParameter(fmt::format("The folder {} is not one of the image folders {}", QuotedPath(upload.root), all));
 }
 
-// Why the name cannot be given to an upload; not set when it can. Errors: those of the store.
-Result<std::optional<Refusal>> FindNameConflict(const store::Snapshot& snapshot, const std::string& name) {
+// Why the upload cannot have its name, or its file's; not set when it can. The files of images have different paths
+// even when they are on different hosts. Errors: those of the store.
+Result<std::optional<Refusal>> FindNameConflict(const store::Snapshot& snapshot, const NewUpload& given) {
+  Upload upload;
+  upload.name = given.name;
+  upload.root = given.root;
+  const std::string path = upload.Path();
+  const auto conflict = [&](bool has_name, const std::string& by) {
+    return std::optional(
+        has_name ? NameTaken(given.name, by)
+                 : Refusal{records::kRecordExists, fmt::format("The file {} is that of {}", QuotedPath(path), by)});
+  };
   const auto images = records::ReadNamedRecords(snapshot, records::kImageCategory);
   if (!images) return images.error();
   for (const records::NamedRecord& image : *images) {
-    if (image.name == name) return std::optional(NameTaken(name, "the image " + Quoted(image.id)));
+    const bool has_name = image.name == given.name;
+    if (has_name || json::StringMember(image.record, records::kImagePath) == path) {
+      return conflict(has_name, "the image " + Quoted(image.id));
+    }
   }
   const auto uploads = ReadUploads(snapshot);
   if (!uploads) return uploads.error();
-  for (const Upload& upload : *uploads) {
-    if (upload.name == name) return std::optional(NameTaken(name, "the upload " + Quoted(upload.id)));
+  for (const Upload& other : *uploads) {
+    const bool has_name = other.name == given.name;
+    if (has_name || other.Path() == path) return conflict(has_name, "the upload " + Quoted(other.id));
   }
   return std::optional<Refusal>();
 }
@@ -198,7 +212,7 @@ Result<UploadProgress, Refusal> Uploads::Begin(const NewUpload& given) {
     auto all = ReadUploads(**snapshot);
     if (!all) return StoreFailed(all.error());
     uploads = std::move(*all);
-    auto found = FindNameConflict(**snapshot, upload.name);
+    auto found = FindNameConflict(**snapshot, upload);
     if (!found) return StoreFailed(found.error());
     conflict = std::move(*found);
   }
@@ -244,7 +258,7 @@ Result<std::string, Refusal> Uploads::Register(const NewUpload& given) {
   upload.folders = std::move(*folders);
   const auto plan = [&](const records::Reader& reader, std::optional<Refusal>& refused) -> Result<store::Transaction> {
     store::Transaction transaction;
-    auto conflict = FindNameConflict(reader, upload.name);
+    auto conflict = FindNameConflict(reader, given);
     if (!conflict) return conflict.error();
     refused = std::move(*conflict);
     if (refused) return transaction;
@@ -481,6 +495,7 @@ Result<void, Refusal> Uploads::Remove(const Upload& upload, int root) {
   BeforeStep("remove");
   const int error_number = options_.calls.unlink(root, upload.PartialName().c_str());
   if (error_number != 0 && error_number != ENOENT) return FileFailed(upload, "removed", error_number);
+  if (const int failed = options_.calls.sync(root)) return FileFailed(upload, "removed", failed);
   BeforeStep("forget");
   const auto committed =
       options_.store->Commit({{{UploadKey(upload.id), upload.revision}}, {{UploadKey(upload.id), std::nullopt}}});

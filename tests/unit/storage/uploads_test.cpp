@@ -128,6 +128,29 @@ TEST_F(UploadsTest, Begin_NameOfImageOrFile_IsRefused) {
   ExpectCode(uploads.Begin(Of("b")), 990, "The name 'b' is taken by the file '" + Path("b.iso") + "'");
 }
 
+TEST_F(UploadsTest, Begin_FileOfOtherUploadOrImage_IsRefusedBeforeItIsSent) {
+  Uploads uploads(Options());
+  const std::string id = Require(uploads.Begin(Of("a"))).id;
+  ExpectCode(uploads.Begin(Of("a.iso")), 990, "The file '" + Path("a.iso") + "' is that of the upload '" + id + "'");
+  // Another host has an image of this path, under another name.
+  host_.PutText("image", kHost, R"({"name":"other","path":")" + Path("b.iso") + "\"}");
+  ExpectCode(uploads.Begin(Of("b")), 990, "The file '" + Path("b.iso") + "' is that of the image '" + kHost + "'");
+}
+
+TEST_F(UploadsTest, Cancel_FolderCannotBeSynced_CanBeRepeated) {
+  UploadOptions options = Options();
+  bool fails = false;
+  options.calls.sync = [&](int folder) { return fails ? EIO : disks::SyncFolder(folder); };
+  Uploads uploads(options);
+  const std::string id = Send(uploads, "a");
+  fails = true;
+  ExpectCode(uploads.Cancel(id, name_), 949, "cannot be removed in '" + Root() + "': Input/output error");
+  EXPECT_EQ(Unfinished().size(), 1u);
+  fails = false;
+  EXPECT_TRUE(uploads.Cancel(id, name_).ok());
+  EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
+}
+
 TEST_F(UploadsTest, Begin_ConcurrentWithOneName_OneIsAccepted) {
   constexpr int kClients = 8;
   Uploads here(Options());
