@@ -62,6 +62,12 @@ std::optional<std::uint64_t> FreeBytes(int folder) {
   return std::uint64_t{space.f_bavail} * space.f_frsize;
 }
 
+// Asks the server of a network file system too, unlike stat(2).
+void Probe(const std::string& folder) {
+  struct statvfs space {};
+  (void)::statvfs(folder.c_str(), &space);
+}
+
 Refusal NameTaken(const std::string& name, const std::string& by) {
   return {records::kRecordExists, fmt::format("The name {} is taken by {}", Quoted(name), by)};
 }
@@ -124,8 +130,10 @@ Uploads::Uploads(UploadOptions options)
     : options_([&options] {
         for (std::string& root : options.roots) root = NormalRoot(root);
         if (!options.free_bytes) options.free_bytes = FreeBytes;
+        if (!options.probe) options.probe = Probe;
         return std::move(options);
-      }()) {}
+      }()),
+      calls_(options_.timeout) {}
 
 void Uploads::BeforeStep(const char* step) const {
   if (options_.before_step) options_.before_step(step);
@@ -183,13 +191,25 @@ Result<void, Refusal> Uploads::CheckRoom(int root, std::uint64_t bytes, std::uin
                                                   ByteText(bytes), ByteText(*free_bytes), others, ByteText(reserve))};
 }
 
+Result<void, Refusal> Uploads::CheckResponds(const std::string& folder) const {
+  BoundedCalls::Call call = calls_.Begin(folder, [probe = options_.probe, folder] { probe(folder); });
+  if (call.Wait()) return {};
+  return Refusal{user_error::kUnavailable,
+                 fmt::format("The file system of {} does not answer. Try again once it does", QuotedPath(folder))};
+}
+
+Result<Descriptor, Refusal> Uploads::OpenRoot(const Upload& upload) const {
+  if (auto checked = CheckResponds(upload.root); !checked.ok()) return checked.error();
+  return OpenUploadRoot(upload);
+}
+
 std::uint64_t Uploads::PromisedBytes(const std::vector<Upload>& uploads, int root) const {
   struct stat here {};
   if (::fstat(root, &here) != 0) return 0;
   std::uint64_t bytes = 0;
   for (const Upload& other : uploads) {
     if (other.host_id != options_.host_id) continue;
-    const Result<Descriptor, Refusal> folder = OpenUploadRoot(other);
+    const Result<Descriptor, Refusal> folder = OpenRoot(other);
     struct stat there {};
     if (!folder.ok() || ::fstat(folder->get(), &there) != 0 || there.st_dev != here.st_dev) continue;
     const auto received = ReceivedBytes(other, folder->get());
@@ -221,12 +241,13 @@ Result<UploadProgress, Refusal> Uploads::Begin(const NewUpload& given) {
   }
   if (conflict) return *std::move(conflict);
   if (const auto checked = CheckLimits(uploads, upload); !checked.ok()) return checked.error();
+  if (const auto checked = CheckResponds(upload.root); !checked.ok()) return checked.error();
   const Status made = MakeImageFolder(*options_.store, options_.host_id, upload.root, "", options_.access);
   if (!made) return Refusal{user_error::kUnavailable, made.error().ToString()};
   Upload begun;
   begun.name = upload.name;
   begun.root = upload.root;
-  const auto root = OpenUploadRoot(begun);
+  const auto root = OpenRoot(begun);
   if (!root.ok()) return root.error();
   if (const auto checked = CheckRoom(root->get(), upload.size, PromisedBytes(uploads, root->get())); !checked.ok()) {
     return checked.error();
@@ -278,7 +299,7 @@ Result<UploadProgress, Refusal> Uploads::ProgressOf(const std::string& id) const
   const RequestPause pause;
   const auto upload = Read(id);
   if (!upload.ok()) return upload.error();
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return root.error();
   const auto received = ReceivedBytes(*upload, root->get());
   if (!received.ok()) return received.error();
@@ -297,7 +318,7 @@ Result<std::vector<ListedUpload>> Uploads::List() const {
   }
   for (ListedUpload& each : listed) {
     if (each.upload.host_id != options_.host_id) continue;
-    const auto root = OpenUploadRoot(each.upload);
+    const auto root = OpenRoot(each.upload);
     if (!root.ok()) continue;
     const auto received = ReceivedBytes(each.upload, root->get());
     if (received.ok()) each.received = *received;
@@ -315,7 +336,7 @@ Result<std::uint64_t, PieceRefusal> Uploads::Append(const std::string& id, const
   if (piece.total != upload->size) {
     return refuse(BadParameter(fmt::format("The upload has {} bytes, not {}", upload->size, piece.total)));
   }
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return refuse(root.error());
   const auto received = ReceivedBytes(*upload, root->get());
   if (!received.ok()) return refuse(received.error());
@@ -482,7 +503,7 @@ Result<void, Refusal> Uploads::End(const std::string& id, std::string& name) {
     return {};
   }
   name = upload->name;
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return root.error();
   if (!upload->inode) {
     if (auto sealed = Seal(*upload, root->get()); !sealed.ok()) return sealed;
@@ -511,7 +532,7 @@ Result<void, Refusal> Uploads::Cancel(const std::string& id, std::string& name) 
   auto upload = Read(id);
   if (!upload.ok()) return upload.error();
   name = upload->name;
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return root.error();
   if (upload->inode) {
     return Refusal{user_error::kHostBusy, "The upload is being finished. End it, and remove the image instead"};

@@ -12,10 +12,12 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/descriptor.h"
 #include "host/base/mutex.h"
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/disks/disk_files.h"
+#include "host/storage/bounded_calls.h"
 #include "host/storage/image_folder.h"
 #include "host/storage/upload_record.h"
 #include "host/storage/uploaded_file.h"
@@ -40,11 +42,13 @@ struct UploadOptions {
   std::vector<std::string> roots;  // the image folders; new images are in the first one unless another is named
   UploadLimits limits;
   QemuAccess access;
-  std::function<bool()> is_stopping;  // asked while a long file is read; not set: never
+  std::chrono::milliseconds timeout = std::chrono::seconds(5);  // for the first response of a file system
+  std::function<bool()> is_stopping;                            // asked while a long file is read; not set: never
   // For tests.
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
   disks::FileSystemCalls calls;
   std::function<std::optional<std::uint64_t>(int folder)> free_bytes;  // not set: by the system
+  std::function<void(const std::string& folder)> probe;                // the same; on threads that may outlive Uploads
   std::function<void(const char* step)> before_step;                   // may throw, as if the process had ended
 };
 
@@ -89,7 +93,8 @@ struct RemovedImage {
 // kRecordFailed, kUploadOffset, kUploadDamaged, kNoRoom, kUploadLimit, kHostBusy (another call works on the upload),
 // kUnavailable (the storage is not mounted, or its files cannot be read or written).
 //
-// One per host. Threads: any, at the same time. Waits for the file system, but never while a snapshot is open.
+// One per host. Threads: any, at the same time. Waits for the file system, but never while a snapshot is open. A folder
+// that does not respond when a call begins delays it for the timeout at most; few threads hang, however many calls.
 class Uploads {
  public:
   explicit Uploads(UploadOptions options);
@@ -122,6 +127,8 @@ class Uploads {
   Result<Upload, Refusal> Read(const std::string& id) const;
   Result<void, Refusal> CheckLimits(const std::vector<Upload>& uploads, const NewUpload& upload) const;
   Result<void, Refusal> CheckRoom(int root, std::uint64_t bytes, std::uint64_t promised) const;
+  Result<void, Refusal> CheckResponds(const std::string& folder) const;
+  Result<Descriptor, Refusal> OpenRoot(const Upload& upload) const;
   std::uint64_t PromisedBytes(const std::vector<Upload>& uploads, int root) const;
   Result<std::string, Refusal> Register(const NewUpload& upload);
   Result<std::uint64_t, PieceRefusal> Write(const Upload& upload, int root, const UploadPiece& piece) const;
@@ -142,6 +149,7 @@ class Uploads {
   void BeforeStep(const char* step) const;
 
   const UploadOptions options_;
+  mutable BoundedCalls calls_;
   Mutex beginning_;  // locked while an upload is begun
   Mutex mutex_;
   std::set<std::string> busy_ VEXA_GUARDED_BY(mutex_);  // ids of uploads that a call works on

@@ -61,7 +61,7 @@ void Uploads::CleanUp(const std::string& id, const std::function<void(const Uplo
     if (on_added) on_added(*progress);
     return;
   }
-  const auto root = OpenUploadRoot(*progress);
+  const auto root = OpenRoot(*progress);
   if (!root.ok() || options_.now() - LastByte(*progress, root->get()) < options_.limits.idle) return;
   const auto cancelled = Cancel(id, name);
   if (cancelled.ok()) {

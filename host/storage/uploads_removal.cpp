@@ -92,6 +92,11 @@ RemovedImage Uploads::RemoveFileOf(const std::string& image_id) {
 }
 
 RemovedImage Uploads::RemoveFile(const UploadedFile& file) const {
+  const std::size_t slash = file.path.rfind('/');
+  const std::string parent = file.path.substr(0, slash);
+  if (const auto checked = CheckResponds(parent); !checked.ok()) {
+    return Later(fmt::format("the file system of {} does not answer", QuotedPath(parent)));
+  }
   const FolderChainCheck folders = CheckFolderChain(file.folders);
   if (folders.finding != FolderChainCheck::Finding::kSame) {
     return Later(fmt::format("its folder is not mounted: {}", folders.reason));
@@ -101,8 +106,7 @@ RemovedImage Uploads::RemoveFile(const UploadedFile& file) const {
   if (!examined) return Later(examined.error());
   if (examined->kind == disks::DiskFiles::Kind::kMissing) return {RemovedImage::File::kRemoved, ""};
   if (examined->kind == disks::DiskFiles::Kind::kUntouchable) return Stays(examined->reason);
-  const std::size_t slash = file.path.rfind('/');
-  const Descriptor folder(::open(file.path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor folder(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!IsSameFolder(IdentityOfFile(folder.get(), file.path.substr(slash + 1)), file.identity)) {
     return Stays("it is not the file that was uploaded");
   }

@@ -292,6 +292,45 @@ TEST_F(UploadsTest, Folder_NotMounted_RefusesInsteadOfBeginningAgain) {
   EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
 }
 
+TEST_F(UploadsTest, Folder_DoesNotAnswer_DelaysNobodyForLong) {
+  Uploads healthy(Options());
+  NewUpload second = Of("b");
+  second.root = host_.folder().File("second");
+  const std::string other = Require(healthy.Begin(second)).id;
+  const std::string image = Send(healthy, "c");
+  ASSERT_TRUE(healthy.End(image, name_).ok());
+  const auto release = std::make_shared<std::latch>(1);
+  UploadOptions options = Options();
+  options.timeout = std::chrono::seconds(2);
+  const auto hanging = std::make_shared<std::string>(second.root);
+  options.probe = [release, hanging](const std::string& folder) {
+    if (folder == *hanging) release->wait();
+  };
+  {
+    Uploads uploads(options);
+    const std::string reason = "The file system of '" + second.root + "' does not answer. Try again once it does";
+    ExpectCode(uploads.ProgressOf(other), 949, reason);
+    ExpectCode(uploads.Append(other, Piece(content_, 0, 1000)), 949, reason);
+    ExpectCode(uploads.End(other, name_), 949, reason);
+    ExpectCode(uploads.Cancel(other, name_), 949, reason);
+    NewUpload another = second;
+    another.name = "d";
+    ExpectCode(uploads.Begin(another), 949, reason);
+    uploads.CleanUp({});
+    // The other folder is used meanwhile.
+    const std::string id = Send(uploads, "a");
+    for (const ListedUpload& listed : Require(uploads.List())) {
+      EXPECT_EQ(listed.received.has_value(), listed.upload.id == id);
+    }
+  }
+  *hanging = Root();
+  Uploads uploads(options);
+  const RemovedImage removed = Require(uploads.RemoveImage(image, name_));
+  EXPECT_EQ(removed.file, RemovedImage::File::kLater);
+  EXPECT_EQ(removed.reason, "the file system of '" + Root() + "' does not answer");
+  release->count_down();
+}
+
 TEST_F(UploadsTest, End_Incomplete_IsRefused) {
   Uploads uploads(Options());
   const std::string id = Require(uploads.Begin(Of("a"))).id;
