@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -34,6 +35,8 @@ struct UploadLimits {
   std::uint64_t total = 256 * kGib;      // of all uploads that are not finished
   std::uint64_t reserve = kGib;          // stays free on the file system
   std::chrono::seconds idle{24 * 3600};  // after so long without a byte an upload is removed
+  // The last part of that must pass while this process runs, because the clock can be set forward.
+  std::chrono::seconds observed_idle{3600};
 };
 
 struct UploadOptions {
@@ -46,6 +49,7 @@ struct UploadOptions {
   std::function<bool()> is_stopping;                            // asked while a long file is read; not set: never
   // For tests.
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
+  std::function<std::chrono::steady_clock::time_point()> steady_now = std::chrono::steady_clock::now;
   disks::FileSystemCalls calls;
   std::function<std::optional<std::uint64_t>(int folder)> free_bytes;  // not set: by the system
   std::function<void(const std::string& folder)> probe;                // the same; on threads that may outlive Uploads
@@ -141,6 +145,8 @@ class Uploads {
   Status Store(Upload& upload);
   Result<void, Refusal> Remove(const Upload& upload, int root);
   void CleanUp(const std::string& id, const std::function<void(const Upload& upload)>& on_added);
+  void RemoveIfAbandoned(const std::string& id);
+  bool HasBeenIdle(const Upload& upload, int root);
   void ForgetForeign(const Upload& upload);
   RemovedImage RemoveFileOf(const std::string& image_id);
   RemovedImage RemoveFile(const UploadedFile& file) const;
@@ -153,6 +159,11 @@ class Uploads {
   Mutex beginning_;  // locked while an upload is begun
   Mutex mutex_;
   std::set<std::string> busy_ VEXA_GUARDED_BY(mutex_);  // ids of uploads that a call works on
+  struct Idle {
+    std::uint64_t received = 0;
+    std::chrono::steady_clock::time_point since;
+  };
+  std::map<std::string, Idle> idle_ VEXA_GUARDED_BY(mutex_);  // uploads without a byte for long, by id
 };
 
 }  // namespace vexa::storage

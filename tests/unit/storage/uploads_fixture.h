@@ -54,6 +54,7 @@ class UploadsTest : public test::RecordTest {
     options.host_id = kHost;
     options.roots = {Root(), host_.folder().File("second")};
     options.now = [this] { return now_; };
+    options.steady_now = [this] { return steady_now_; };
     options.free_bytes = [this](int) { return std::optional(free_bytes_); };
     options.calls.write = [this](int file, std::string_view bytes, std::uint64_t offset) {
       if (write_error_ == 0) return disks::WriteToFile(file, bytes, offset);
@@ -67,6 +68,14 @@ class UploadsTest : public test::RecordTest {
       if (step == kill_before_ || (kill_at_ > 0 && --kill_at_ == 0)) throw Killed();
     };
     return options;
+  }
+
+  // Both clocks go on, with a clean-up at the beginning and the end.
+  void Wait(Uploads& uploads, std::chrono::hours hours) {
+    uploads.CleanUp({});
+    now_ += hours;
+    steady_now_ += hours;
+    uploads.CleanUp({});
   }
 
   NewUpload Of(const std::string& name) const { return {name, "admin", "", content_.size(), DigestOf(content_)}; }
@@ -104,6 +113,7 @@ class UploadsTest : public test::RecordTest {
 
   const std::string content_ = std::string(300'000, 'a') + std::string(300'000, 'b') + "c";
   std::chrono::system_clock::time_point now_ = std::chrono::system_clock::now();
+  std::chrono::steady_clock::time_point steady_now_;
   std::uint64_t free_bytes_ = kMuch;
   int write_error_ = 0;
   int sync_error_ = 0;

@@ -537,15 +537,51 @@ TEST_F(UploadsTest, CleanUp_DayWithoutByte_RemovesUpload) {
   Uploads uploads(Options());
   const std::string id = Require(uploads.Begin(Of("a"))).id;
   (void)Require(uploads.Append(id, Piece(content_, 0, 1000)));
-  now_ += std::chrono::hours(23);
-  uploads.CleanUp({});
+  Wait(uploads, std::chrono::hours(23));
   EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
-  now_ += std::chrono::hours(2);
+  Wait(uploads, std::chrono::hours(1));
+  EXPECT_EQ(Unfinished().size(), 1u);
   test::ClearCapturedSyslog();
-  uploads.CleanUp({});
+  Wait(uploads, std::chrono::hours(1));
   EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
   EXPECT_THAT(Files(), ::testing::IsEmpty());
   EXPECT_TRUE(test::SyslogContains("The upload of the image 'a' has been removed: nothing has arrived for 24 hours."));
+}
+
+TEST_F(UploadsTest, CleanUp_ClockSetForward_KeepsUploadThatGoesOn) {
+  Uploads uploads(Options());
+  const std::string id = Require(uploads.Begin(Of("a"))).id;
+  (void)Require(uploads.Append(id, Piece(content_, 0, 1000)));
+  now_ += std::chrono::hours(24 * 365);
+  uploads.CleanUp({});
+  steady_now_ += std::chrono::minutes(50);
+  uploads.CleanUp({});
+  (void)Require(uploads.Append(id, Piece(content_, 1000, 1000)));
+  steady_now_ += std::chrono::minutes(50);
+  uploads.CleanUp({});
+  EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 2000u);
+  // Another process begins to observe anew.
+  Uploads next(Options());
+  next.CleanUp({});
+  EXPECT_EQ(Unfinished().size(), 1u);
+  steady_now_ += std::chrono::hours(1);
+  next.CleanUp({});
+  EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
+}
+
+TEST_F(UploadsTest, CleanUp_WhilePieceIsWritten_KeepsUpload) {
+  UploadOptions options = Options();
+  Uploads* self = nullptr;
+  options.before_step = [&](const char* step) {
+    if (std::string_view(step) != "write") return;
+    std::thread([&] { Wait(*self, std::chrono::hours(25)); }).join();
+    std::thread([&] { Wait(*self, std::chrono::hours(2)); }).join();
+  };
+  Uploads uploads(options);
+  self = &uploads;
+  const std::string id = Require(uploads.Begin(Of("a"))).id;
+  EXPECT_EQ(Require(uploads.Append(id, Piece(content_, 0, 1000))), 1000u);
+  EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
 }
 
 TEST_F(UploadsTest, CleanUp_FileCannotBeRemoved_IsLogged) {
@@ -553,9 +589,9 @@ TEST_F(UploadsTest, CleanUp_FileCannotBeRemoved_IsLogged) {
   options.calls.unlink = [](int, const char*) { return EROFS; };
   Uploads uploads(options);
   const std::string id = Send(uploads, "a");
-  now_ += std::chrono::hours(25);
+  Wait(uploads, std::chrono::hours(25));
   test::ClearCapturedSyslog();
-  uploads.CleanUp({});
+  Wait(uploads, std::chrono::hours(1));
   EXPECT_TRUE(
       test::SyslogContains("The upload of the image 'a', of which nothing arrives, cannot be removed: The "
                            "upload of the image 'a' cannot be removed in '" +
