@@ -54,7 +54,9 @@ void AddImageCommands(const Command& app) {
   rename.OnRun(renamed, RunImageRename);
 
   const Command remove = image.AddCommand("remove", "Remove an image that is not in a guest's drive (administrators)");
-  remove.Footer("\nThe file stays. When drives of guests have the image, the error names these guests.");
+  remove.Footer(
+      "\nThe file of an uploaded image is removed too; other files stay. When drives of guests have the image, the "
+      "error names these guests.");
   const auto removed = std::make_shared<std::string>();
   remove.AddOption("IMAGE", *removed, "Its id or name").Required();
   remove.OnRun(removed, RunImageRemove);

@@ -64,10 +64,15 @@ ExitCode RunImageRename(const GlobalOptions& global, const ImageRenameOptions& o
 }
 
 ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image) {
-  std::string id;
-  const ExitCode removed = CallForObject(global, kImages, kRemoveImage, image, id);
-  if (removed != ExitCode::kOk) return removed;
-  return PrintConfirmation(global, fmt::format("Removed the image '{}'. Its file stays.", Printable(image)));
+  const CallOutcome removed = CallForListedObject(global, kImages, kRemoveImage, image);
+  if (removed.exit_code != ExitCode::kOk) return removed.exit_code;
+  const std::string file = Text(Member(removed.data, "file"));
+  const std::string name = Printable(image);
+  if (file == "removed") return PrintConfirmation(global, fmt::format("Removed the image '{}' and its file.", name));
+  std::string reason = Printable(Text(Member(removed.data, "reason")));
+  if (!reason.empty()) reason.insert(0, ": ");
+  const char* const what = file == "later" ? "will be removed later" : "stays";
+  return PrintConfirmation(global, fmt::format("Removed the image '{}'. Its file {}{}.", name, what, reason));
 }
 
 }  // namespace vexa::cli

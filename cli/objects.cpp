@@ -112,37 +112,44 @@ ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const ch
 
 namespace {
 
-ExitCode CallWithParameters(const GlobalOptions& global, const ObjectKind& kind, const char* path,
-                            const std::string& id_or_name, Json::Value parameters, std::string& id) {
-  if (!IsIdOrName(kind, id_or_name)) return ExitCode::kUsage;
-  return CallWithClient(global,
-                        [&](HttpClient& client) {
-                          CallOutcome outcome = ListObjects(client, kind);
-                          if (outcome.exit_code != ExitCode::kOk) return outcome;
-                          const Result<std::string> found =
-                              FindByIdOrName(Member(outcome.data, kind.plural), kind, id_or_name);
-                          if (!found) {
-                            outcome.exit_code = Report(found.error());
-                            return outcome;
-                          }
-                          id = *found;
-                          parameters[kind.id] = id;
-                          return CallApi(client, path, RenderJson(parameters, JsonLayout::kOneLine));
-                        })
-      .exit_code;
+CallOutcome CallWithParameters(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                               const std::string& id_or_name, Json::Value parameters, std::string& id) {
+  if (!IsIdOrName(kind, id_or_name)) {
+    CallOutcome refused;
+    refused.exit_code = ExitCode::kUsage;
+    return refused;
+  }
+  return CallWithClient(global, [&](HttpClient& client) {
+    CallOutcome outcome = ListObjects(client, kind);
+    if (outcome.exit_code != ExitCode::kOk) return outcome;
+    const Result<std::string> found = FindByIdOrName(Member(outcome.data, kind.plural), kind, id_or_name);
+    if (!found) {
+      outcome.exit_code = Report(found.error());
+      return outcome;
+    }
+    id = *found;
+    parameters[kind.id] = id;
+    return CallApi(client, path, RenderJson(parameters, JsonLayout::kOneLine));
+  });
 }
 
 }  // namespace
 
+CallOutcome CallForListedObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                                const std::string& id_or_name) {
+  std::string id;
+  return CallWithParameters(global, kind, path, id_or_name, Json::Value(Json::objectValue), id);
+}
+
 ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                        const std::string& id_or_name, std::string& id) {
-  return CallWithParameters(global, kind, path, id_or_name, Json::Value(Json::objectValue), id);
+  return CallWithParameters(global, kind, path, id_or_name, Json::Value(Json::objectValue), id).exit_code;
 }
 
 ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                        const std::string& id_or_name, const Json::Value& parameters) {
   std::string id;
-  return CallWithParameters(global, kind, path, id_or_name, parameters, id);
+  return CallWithParameters(global, kind, path, id_or_name, parameters, id).exit_code;
 }
 
 ExitCode RenameObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,

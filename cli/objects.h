@@ -61,6 +61,10 @@ ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, cons
 ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                        const std::string& id_or_name, const Json::Value& parameters);
 
+// The same, and returns the reply's data.
+CallOutcome CallForListedObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                                const std::string& id_or_name);
+
 // Calls the method at `path`, which gives the object with this id or name another name.
 ExitCode RenameObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                       const std::string& id_or_name, const std::string& name);

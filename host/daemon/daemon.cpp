@@ -447,7 +447,7 @@ class Daemon::Impl {
           api::ConsoleRows(store_, &console_tickets_, [stopping = is_stopping_] { return stopping->load(); }),
           api::CreationRows(MakeAccountServices(), [stopping = is_stopping_] { return stopping->load(); }),
           api::RecoveryRows(store_),
-          api::ImageRows(store_, config.image_roots),
+          api::ImageRows(store_, config.image_roots, uploads_),
           api::RepositoryRows(store_, {host_id_, config.image_roots, storage::QemuAccessFor(config.hypervisor)}),
           api::GuestNetworkRows(store_),
           api::ClusterSettingsRows(store_),

@@ -118,7 +118,7 @@ class DriveSearch {
 };
 
 Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const std::string& id, std::string& name,
-                                       std::optional<Refusal>& refused) {
+                                       const AlsoWhenRemoved& also, std::optional<Refusal>& refused) {
   store::Transaction transaction;
   name.clear();
   const auto image = records::ReadNamedRecord(snapshot, kImageCategory, id);
@@ -140,6 +140,7 @@ Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const st
   if (Status compared = CompareFileReferencesRevision(snapshot, transaction); !compared) return compared.error();
   const Status removed = records::RemoveNamedRecord(snapshot, kImageCategory, **image, transaction);
   if (!removed) return removed.error();
+  if (also) also(**image, transaction);
   return transaction;
 }
 
@@ -174,6 +175,7 @@ Result<store::Transaction> PlanImageAddition(const store::Snapshot& snapshot, co
   added.name = image.name;
   added.record[keys::name] = image.name;
   added.record[records::kImagePath] = image.path;
+  if (!image.uploaded.isNull()) added.record[records::kImageUploaded] = image.uploaded;
   const Status put = records::AddNamedRecord(snapshot, kImageCategory, *all, added, transaction);
   if (!put) return put.error();
   if (Status compared = CompareFileReferencesRevision(snapshot, transaction); !compared) return compared.error();
@@ -214,9 +216,10 @@ Result<std::vector<ListedImage>> ListImages(const store::Store& store) {
   return images;
 }
 
-Result<void, Refusal> RemoveImage(store::Store& store, const std::string& id, std::string& name) {
+Result<void, Refusal> RemoveImage(store::Store& store, const std::string& id, std::string& name,
+                                  const AlsoWhenRemoved& also) {
   return records::CommitRecord(store, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
-    return PlanRemoval(reader, id, name, refused);
+    return PlanRemoval(reader, id, name, also, refused);
   });
 }
 

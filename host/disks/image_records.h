@@ -7,13 +7,17 @@
 // Threads: any, at the same time; hosts as well.
 #pragma once
 
+#include <json/value.h>
+
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "host/base/refusal.h"
 #include "host/base/result.h"
+#include "host/records/named_record.h"
 #include "host/store/store.h"
 #include "webapi/error_codes.h"
 
@@ -23,9 +27,10 @@ inline constexpr int kNotAnImage =
     user_error::kImageUnusable;  // the path does not lead to a file below an image folder
 
 struct NewImage {
-  std::string name;  // see records::IsRecordName
-  std::string path;  // absolute, at most records::kMaxImagePathBytes of UTF-8 without control characters
-  std::string id;    // a UUID; empty: a random one
+  std::string name;        // see records::IsRecordName
+  std::string path;        // absolute, at most records::kMaxImagePathBytes of UTF-8 without control characters
+  std::string id;          // a UUID; empty: a random one
+  Json::Value uploaded{};  // of its file, see host/storage/uploaded_file.h; null: this system did not make it
 };
 
 // Checks the form of the members. Errors: kInvalid with a sentence. Reads nothing from the store or the disk.
@@ -53,10 +58,15 @@ struct ListedImage {
 // store.
 Result<std::vector<ListedImage>> ListImages(const store::Store& store);
 
-// Removes the record of an image. Its file stays. Sets `name` to the name of the image, also when it refuses, or to ""
-// when there is no such image.
-// Refusals: kNotFoundOrUnreadable (there is no such image); records::kRecordInUse (drives of guests have it, by its id
-// or its path; the sentence names up to ten of the guests); kRecordFailed.
-Result<void, Refusal> RemoveImage(store::Store& store, const std::string& id, std::string& name);
+// Adds operations to the commit that removes the record of an image.
+using AlsoWhenRemoved = std::function<void(const records::NamedRecord& image, store::Transaction& transaction)>;
+
+// Removes the record of an image. Its file stays. `also` is called for every attempt to commit, so the last call
+// counts. Sets `name` to the name of the image, also when it
+// refuses, or to "" when there is no such image. Refusals: kNotFoundOrUnreadable (there is no such image);
+// records::kRecordInUse (drives of guests have it, by its id or its path; the sentence names up to ten of the guests);
+// kRecordFailed.
+Result<void, Refusal> RemoveImage(store::Store& store, const std::string& id, std::string& name,
+                                  const AlsoWhenRemoved& also = {});
 
 }  // namespace vexa::disks

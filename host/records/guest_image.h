@@ -1,8 +1,8 @@
 // The images that a guest's drives can contain.
 //
 // The images of the cluster are records of the dashboard category "image", each under a UUID: {"name": what users see,
-// "path": the file's absolute path}. Instead of an image's id, a drive may also have the path of a file in a shared
-// folder.
+// "path": the file's absolute path}, and "uploaded" when this system made the file (host/storage/uploaded_file.h).
+// Instead of an image's id, a drive may also have the path of a file in a shared folder.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,7 @@ namespace vexa::records {
 
 inline constexpr char kImageCategory[] = "image";
 inline constexpr char kImagePath[] = "path";
+inline constexpr char kImageUploaded[] = "uploaded";
 
 // What an empty drive has instead of an image.
 inline constexpr std::string_view kEmptyDrive = "unmounted";

@@ -35,26 +35,6 @@ Descriptor OpenFolder(const Descriptor& folder, const std::string& name) {
   return Descriptor(::openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Not set: errno(3) has the reason.
-std::optional<FolderIdentity> Identify(const Descriptor& folder) {
-  struct statx info {};
-  const int flags = AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT;
-  if (::statx(folder.get(), "", flags, STATX_INO | STATX_BTIME, &info) != 0) return std::nullopt;
-  struct statfs file_system {};
-  if (::fstatfs(folder.get(), &file_system) != 0) return std::nullopt;
-  FolderIdentity identity;
-  identity.inode = info.stx_ino;
-  static_assert(sizeof file_system.f_fsid == sizeof identity.file_system);
-  std::memcpy(&identity.file_system, &file_system.f_fsid, sizeof identity.file_system);
-  // A file system that supports the birth time but did not store it returns 1970.
-  const bool has_birth_time =
-      (info.stx_mask & STATX_BTIME) != 0 && (info.stx_btime.tv_sec != 0 || info.stx_btime.tv_nsec != 0);
-  if (has_birth_time) {
-    identity.birth_time = fmt::format("{}.{:0{}}", info.stx_btime.tv_sec, info.stx_btime.tv_nsec, kNanosecondDigits);
-  }
-  return identity;
-}
-
 // Parses the number at the start of `text` and removes it.
 bool ParseNumberPrefix(std::string_view& text, int base, std::uint64_t& number) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
@@ -146,12 +126,31 @@ FolderState ReadFolder(const std::string& folder, const PathInChain& path) {
     }
   }
   if (at.get() < 0) return FailedState(folder, errno);
-  const std::optional<FolderIdentity> identity = Identify(at);
+  const std::optional<FolderIdentity> identity = ReadIdentity(at);
   if (!identity) return FailedState(folder, errno);
   return {Existence::kExists, IdentityString(*identity), "", 0};
 }
 
 }  // namespace
+
+std::optional<FolderIdentity> ReadIdentity(const Descriptor& opened) {
+  struct statx info {};
+  const int flags = AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT;
+  if (::statx(opened.get(), "", flags, STATX_INO | STATX_BTIME, &info) != 0) return std::nullopt;
+  struct statfs file_system {};
+  if (::fstatfs(opened.get(), &file_system) != 0) return std::nullopt;
+  FolderIdentity identity;
+  identity.inode = info.stx_ino;
+  static_assert(sizeof file_system.f_fsid == sizeof identity.file_system);
+  std::memcpy(&identity.file_system, &file_system.f_fsid, sizeof identity.file_system);
+  // A file system that supports the birth time but did not store it returns 1970.
+  const bool has_birth_time =
+      (info.stx_mask & STATX_BTIME) != 0 && (info.stx_btime.tv_sec != 0 || info.stx_btime.tv_nsec != 0);
+  if (has_birth_time) {
+    identity.birth_time = fmt::format("{}.{:0{}}", info.stx_btime.tv_sec, info.stx_btime.tv_nsec, kNanosecondDigits);
+  }
+  return identity;
+}
 
 std::string IdentityString(const FolderIdentity& identity) {
   std::string text = fmt::format("{}{}{}{:x}", kInode, identity.inode, kFileSystem, identity.file_system);
@@ -230,7 +229,7 @@ Result<FolderChainState> ReadFolderChainState(const std::vector<std::string>& ro
   Descriptor at(-1);
   for (const std::string& folder : folders) {
     at = IsRoot(folder) ? OpenRoot(folder) : OpenFolder(at, folder.substr(folder.rfind('/') + 1));
-    const std::optional<FolderIdentity> identity = at.get() >= 0 ? Identify(at) : std::nullopt;
+    const std::optional<FolderIdentity> identity = at.get() >= 0 ? ReadIdentity(at) : std::nullopt;
     if (identity) {
       state.folders.emplace(folder, IdentityString(*identity));
       continue;

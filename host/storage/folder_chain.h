@@ -19,6 +19,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/descriptor.h"
 #include "host/base/result.h"
 
 namespace vexa::storage {
@@ -34,6 +35,9 @@ struct FolderIdentity {
 std::string IdentityString(const FolderIdentity& identity);
 // Not set for any other string.
 std::optional<FolderIdentity> ParseIdentity(std::string_view text);
+
+// The identity of an open folder or file; O_PATH is enough. Not set: errno(3) has the reason.
+std::optional<FolderIdentity> ReadIdentity(const Descriptor& opened);
 
 // Whether both identify the same folder. The file system's id is compared only when one has no birth time, because the
 // id may depend on the device number.

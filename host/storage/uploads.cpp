@@ -23,6 +23,7 @@
 #include "host/records/object_edit.h"
 #include "host/records/request_scope.h"
 #include "host/storage/upload_file.h"
+#include "host/storage/uploads_turn.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -61,6 +62,12 @@ std::optional<std::uint64_t> FreeBytes(int folder) {
   return std::uint64_t{space.f_bavail} * space.f_frsize;
 }
 
+// Asks the server of a network file system too, unlike stat(2).
+void Probe(const std::string& folder) {
+  struct statvfs space {};
+  (void)::statvfs(folder.c_str(), &space);
+}
+
 Refusal NameTaken(const std::string& name, const std::string& by) {
   return {records::kRecordExists, fmt::format("The name {} is taken by {}", Quoted(name), by)};
 }
@@ -83,17 +90,31 @@ Result<void, Refusal> CheckForm(const NewUpload& upload, const std::vector<std::
   return BadParameter(fmt::format("The folder {} is not one of the image folders {}", QuotedPath(upload.root), all));
 }
 
-// Why the name cannot be given to an upload; not set when it can. Errors: those of the store.
-Result<std::optional<Refusal>> FindNameConflict(const store::Snapshot& snapshot, const std::string& name) {
+// Why the upload cannot have its name, or its file's; not set when it can. The files of images have different paths
+// even when they are on different hosts. Errors: those of the store.
+Result<std::optional<Refusal>> FindNameConflict(const store::Snapshot& snapshot, const NewUpload& given) {
+  Upload upload;
+  upload.name = given.name;
+  upload.root = given.root;
+  const std::string path = upload.Path();
+  const auto conflict = [&](bool has_name, const std::string& by) {
+    return std::optional(
+        has_name ? NameTaken(given.name, by)
+                 : Refusal{records::kRecordExists, fmt::format("The file {} is that of {}", QuotedPath(path), by)});
+  };
   const auto images = records::ReadNamedRecords(snapshot, records::kImageCategory);
   if (!images) return images.error();
   for (const records::NamedRecord& image : *images) {
-    if (image.name == name) return std::optional(NameTaken(name, "the image " + Quoted(image.id)));
+    const bool has_name = image.name == given.name;
+    if (has_name || json::StringMember(image.record, records::kImagePath) == path) {
+      return conflict(has_name, "the image " + Quoted(image.id));
+    }
   }
   const auto uploads = ReadUploads(snapshot);
   if (!uploads) return uploads.error();
-  for (const Upload& upload : *uploads) {
-    if (upload.name == name) return std::optional(NameTaken(name, "the upload " + Quoted(upload.id)));
+  for (const Upload& other : *uploads) {
+    const bool has_name = other.name == given.name;
+    if (has_name || other.Path() == path) return conflict(has_name, "the upload " + Quoted(other.id));
   }
   return std::optional<Refusal>();
 }
@@ -105,36 +126,14 @@ bool IsSame(const Upload& upload, const NewUpload& other) {
 
 }  // namespace
 
-// The right to work on an upload, for as long as the object lives.
-class Uploads::Turn {
- public:
-  Turn(Uploads& uploads, const std::string& id) : uploads_(uploads), id_(id) {
-    const MutexLock lock(uploads_.mutex_);
-    is_taken_ = uploads_.busy_.insert(id_).second;
-  }
-  ~Turn() {
-    if (!is_taken_) return;
-    const MutexLock lock(uploads_.mutex_);
-    uploads_.busy_.erase(id_);
-  }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-
-  // Whether nothing else works on it.
-  bool is_taken() const { return is_taken_; }
-
- private:
-  Uploads& uploads_;
-  const std::string id_;
-  bool is_taken_ = false;
-};
-
 Uploads::Uploads(UploadOptions options)
     : options_([&options] {
         for (std::string& root : options.roots) root = NormalRoot(root);
         if (!options.free_bytes) options.free_bytes = FreeBytes;
+        if (!options.probe) options.probe = Probe;
         return std::move(options);
-      }()) {}
+      }()),
+      calls_(options_.timeout) {}
 
 void Uploads::BeforeStep(const char* step) const {
   if (options_.before_step) options_.before_step(step);
@@ -192,13 +191,25 @@ Result<void, Refusal> Uploads::CheckRoom(int root, std::uint64_t bytes, std::uin
                                                   ByteText(bytes), ByteText(*free_bytes), others, ByteText(reserve))};
 }
 
+Result<void, Refusal> Uploads::CheckResponds(const std::string& folder) const {
+  BoundedCalls::Call call = calls_.Begin(folder, [probe = options_.probe, folder] { probe(folder); });
+  if (call.Wait()) return {};
+  return Refusal{user_error::kUnavailable,
+                 fmt::format("The file system of {} does not answer. Try again once it does", QuotedPath(folder))};
+}
+
+Result<Descriptor, Refusal> Uploads::OpenRoot(const Upload& upload) const {
+  if (auto checked = CheckResponds(upload.root); !checked.ok()) return checked.error();
+  return OpenUploadRoot(upload);
+}
+
 std::uint64_t Uploads::PromisedBytes(const std::vector<Upload>& uploads, int root) const {
   struct stat here {};
   if (::fstat(root, &here) != 0) return 0;
   std::uint64_t bytes = 0;
   for (const Upload& other : uploads) {
     if (other.host_id != options_.host_id) continue;
-    const Result<Descriptor, Refusal> folder = OpenUploadRoot(other);
+    const Result<Descriptor, Refusal> folder = OpenRoot(other);
     struct stat there {};
     if (!folder.ok() || ::fstat(folder->get(), &there) != 0 || there.st_dev != here.st_dev) continue;
     const auto received = ReceivedBytes(other, folder->get());
@@ -221,7 +232,7 @@ Result<UploadProgress, Refusal> Uploads::Begin(const NewUpload& given) {
     auto all = ReadUploads(**snapshot);
     if (!all) return StoreFailed(all.error());
     uploads = std::move(*all);
-    auto found = FindNameConflict(**snapshot, upload.name);
+    auto found = FindNameConflict(**snapshot, upload);
     if (!found) return StoreFailed(found.error());
     conflict = std::move(*found);
   }
@@ -230,12 +241,13 @@ Result<UploadProgress, Refusal> Uploads::Begin(const NewUpload& given) {
   }
   if (conflict) return *std::move(conflict);
   if (const auto checked = CheckLimits(uploads, upload); !checked.ok()) return checked.error();
+  if (const auto checked = CheckResponds(upload.root); !checked.ok()) return checked.error();
   const Status made = MakeImageFolder(*options_.store, options_.host_id, upload.root, "", options_.access);
   if (!made) return Refusal{user_error::kUnavailable, made.error().ToString()};
   Upload begun;
   begun.name = upload.name;
   begun.root = upload.root;
-  const auto root = OpenUploadRoot(begun);
+  const auto root = OpenRoot(begun);
   if (!root.ok()) return root.error();
   if (const auto checked = CheckRoom(root->get(), upload.size, PromisedBytes(uploads, root->get())); !checked.ok()) {
     return checked.error();
@@ -267,7 +279,7 @@ Result<std::string, Refusal> Uploads::Register(const NewUpload& given) {
   upload.folders = std::move(*folders);
   const auto plan = [&](const records::Reader& reader, std::optional<Refusal>& refused) -> Result<store::Transaction> {
     store::Transaction transaction;
-    auto conflict = FindNameConflict(reader, upload.name);
+    auto conflict = FindNameConflict(reader, given);
     if (!conflict) return conflict.error();
     refused = std::move(*conflict);
     if (refused) return transaction;
@@ -287,7 +299,7 @@ Result<UploadProgress, Refusal> Uploads::ProgressOf(const std::string& id) const
   const RequestPause pause;
   const auto upload = Read(id);
   if (!upload.ok()) return upload.error();
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return root.error();
   const auto received = ReceivedBytes(*upload, root->get());
   if (!received.ok()) return received.error();
@@ -306,7 +318,7 @@ Result<std::vector<ListedUpload>> Uploads::List() const {
   }
   for (ListedUpload& each : listed) {
     if (each.upload.host_id != options_.host_id) continue;
-    const auto root = OpenUploadRoot(each.upload);
+    const auto root = OpenRoot(each.upload);
     if (!root.ok()) continue;
     const auto received = ReceivedBytes(each.upload, root->get());
     if (received.ok()) each.received = *received;
@@ -324,7 +336,7 @@ Result<std::uint64_t, PieceRefusal> Uploads::Append(const std::string& id, const
   if (piece.total != upload->size) {
     return refuse(BadParameter(fmt::format("The upload has {} bytes, not {}", upload->size, piece.total)));
   }
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return refuse(root.error());
   const auto received = ReceivedBytes(*upload, root->get());
   if (!received.ok()) return refuse(received.error());
@@ -451,7 +463,8 @@ Result<void, Refusal> Uploads::Rename(Upload& upload, int root) {
 
 Result<void, Refusal> Uploads::AddImage(Upload& upload, int root) {
   BeforeStep("add");
-  const disks::NewImage image{upload.name, upload.Path(), upload.id};
+  disks::NewImage image{upload.name, upload.Path(), upload.id};
+  if (const auto file = Describe(upload, root)) image.uploaded = UploadedFileJson(*file);
   auto added =
       records::CommitRecord(*options_.store, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
         Result<store::Transaction> transaction = disks::PlanImageAddition(reader, image, upload.id, refused);
@@ -490,7 +503,7 @@ Result<void, Refusal> Uploads::End(const std::string& id, std::string& name) {
     return {};
   }
   name = upload->name;
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return root.error();
   if (!upload->inode) {
     if (auto sealed = Seal(*upload, root->get()); !sealed.ok()) return sealed;
@@ -503,6 +516,7 @@ Result<void, Refusal> Uploads::Remove(const Upload& upload, int root) {
   BeforeStep("remove");
   const int error_number = options_.calls.unlink(root, upload.PartialName().c_str());
   if (error_number != 0 && error_number != ENOENT) return FileFailed(upload, "removed", error_number);
+  if (const int failed = options_.calls.sync(root)) return FileFailed(upload, "removed", failed);
   BeforeStep("forget");
   const auto committed =
       options_.store->Commit({{{UploadKey(upload.id), upload.revision}}, {{UploadKey(upload.id), std::nullopt}}});
@@ -518,7 +532,7 @@ Result<void, Refusal> Uploads::Cancel(const std::string& id, std::string& name) 
   auto upload = Read(id);
   if (!upload.ok()) return upload.error();
   name = upload->name;
-  const auto root = OpenUploadRoot(*upload);
+  const auto root = OpenRoot(*upload);
   if (!root.ok()) return root.error();
   if (upload->inode) {
     return Refusal{user_error::kHostBusy, "The upload is being finished. End it, and remove the image instead"};

@@ -9,6 +9,7 @@
 #include "host/records/keys.h"
 #include "host/storage/upload_file.h"
 #include "host/storage/uploads.h"
+#include "host/storage/uploads_turn.h"
 #include "webapi/platform/ccc.h"
 
 namespace vexa::storage {
@@ -44,6 +45,11 @@ void Uploads::CleanUp(const std::function<void(const Upload& upload)>& on_added)
       if (host && !host->has_value()) foreign.push_back(upload);
     }
   }
+  {
+    const MutexLock lock(mutex_);
+    std::erase_if(idle_, [&](const auto& one) { return std::ranges::find(own, one.first, &Upload::id) == own.end(); });
+  }
+  CleanUpFiles();
   for (const Upload& upload : foreign) ForgetForeign(upload);
   for (const Upload& upload : own) CleanUp(upload.id, on_added);
 }
@@ -60,15 +66,40 @@ void Uploads::CleanUp(const std::string& id, const std::function<void(const Uplo
     if (on_added) on_added(*progress);
     return;
   }
-  const auto root = OpenUploadRoot(*progress);
-  if (!root.ok() || options_.now() - LastByte(*progress, root->get()) < options_.limits.idle) return;
-  const auto cancelled = Cancel(id, name);
-  if (cancelled.ok()) {
+  RemoveIfAbandoned(id);
+}
+
+// Whether no byte has arrived for too long: by the clock, which counts while this process does not run, and by what
+// this process has seen.
+bool Uploads::HasBeenIdle(const Upload& upload, int root) {
+  const auto received = ReceivedBytes(upload, root);
+  const bool is_old = options_.now() - LastByte(upload, root) >= options_.limits.idle;
+  const auto now = options_.steady_now();
+  const MutexLock lock(mutex_);
+  if (!is_old || !received.ok()) {
+    idle_.erase(upload.id);
+    return false;
+  }
+  const auto [entry, is_new] = idle_.try_emplace(upload.id, Idle{*received, now});
+  if (entry->second.received != *received) entry->second = {*received, now};
+  return !is_new && now - entry->second.since >= options_.limits.observed_idle;
+}
+
+void Uploads::RemoveIfAbandoned(const std::string& id) {
+  const Turn turn(*this, id);
+  if (!turn.is_taken()) return;
+  const auto upload = Read(id);
+  if (!upload.ok() || upload->inode) return;
+  const auto root = OpenRoot(*upload);
+  if (!root.ok() || !HasBeenIdle(*upload, root->get())) return;
+  const std::string displayed = SanitizeForLog(upload->name, kMaxDisplayed);
+  const auto removed = Remove(*upload, root->get());
+  if (removed.ok()) {
     ::syslog(LOG_NOTICE, "The upload of the image '%s' has been removed: nothing has arrived for %ld hours.",
              displayed.c_str(), static_cast<long>(options_.limits.idle.count() / 3600));
   } else {
     ::syslog(LOG_ERR, "The upload of the image '%s', of which nothing arrives, cannot be removed: %s.",
-             displayed.c_str(), cancelled.error().reason.c_str());
+             displayed.c_str(), removed.error().reason.c_str());
   }
 }
 

@@ -253,6 +253,21 @@ TEST_F(UploadTest, Cancel_RemovesFile) {
   EXPECT_EQ(ErrorCode(Call(admin, "upload_cancel", IdParameter("7"))), 401);
 }
 
+TEST_F(UploadTest, Remove_UploadedImage_FreesSpaceAndName) {
+  HttpClient admin = daemon_.TcpAs("admin");
+  for (int round = 0; round < 2; ++round) {
+    const std::string id = Begin(admin, "debian", content_);
+    EXPECT_EQ(ErrorCode(Put(admin, id, Range(0, 99'999, 100'000), content_)), 0);
+    ASSERT_EQ(ErrorCode(Call(admin, "upload_end", IdParameter(id))), 0);
+    EXPECT_EQ(ReadAll(Images() + "/debian.iso"), content_);
+    const HttpReply removed = Call(admin, "remove", R"({"image_id":")" + id + "\"}");
+    ASSERT_EQ(ErrorCode(removed), 0) << removed.body;
+    EXPECT_EQ(json::StringMember(DataOf(removed), "file"), "removed");
+    EXPECT_TRUE(fs::is_empty(Images()));
+    EXPECT_EQ(ErrorCode(Call(admin, "remove", R"({"image_id":")" + id + "\"}")), 403);
+  }
+}
+
 // A daemon as a program, and the command.
 class UploadProgramTest : public ::testing::Test {
  protected:
@@ -301,6 +316,29 @@ TEST_F(UploadProgramTest, Command_UploadsFileAndPrintsId) {
   EXPECT_EQ(again.exit_code, 1);
   EXPECT_THAT(again.errors, HasSubstr("The name 'debian-12' is taken by the image"));
   EXPECT_THAT(again.output, IsEmpty());
+}
+
+TEST_F(UploadProgramTest, Command_Remove_SaysWhatBecomesOfTheFile) {
+  const auto daemon = Start();
+  const auto remove = [&] {
+    ProcessOptions options = Upload("debian");
+    options.argv.resize(3);
+    options.argv.insert(options.argv.end(), {"image", "remove", "debian"});
+    const ProcessResult result = RunProcess(options, 60s);
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    return result.output;
+  };
+  for (int round = 0; round < 2; ++round) {
+    const ProcessResult added = RunProcess(Upload("debian"), 300s);
+    ASSERT_EQ(added.exit_code, 0) << added.errors;
+    EXPECT_EQ(remove(), "Removed the image 'debian' and its file.\n");
+    EXPECT_EQ(BytesThere(), 0u);
+  }
+  ASSERT_EQ(RunProcess(Upload("debian"), 300s).exit_code, 0);
+  fs::rename(Images() + "/debian.iso", Images() + "/moved.iso");
+  std::ofstream(Images() + "/debian.iso") << "other";
+  EXPECT_EQ(remove(), "Removed the image 'debian'. Its file stays: it is not the file that was uploaded.\n");
+  EXPECT_EQ(ReadAll(Images() + "/debian.iso"), "other");
 }
 
 TEST_F(UploadProgramTest, Command_WrongArguments_AreRefused) {

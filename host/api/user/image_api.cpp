@@ -58,8 +58,23 @@ void LogRemoval(const Call& call, Outcome outcome, const std::string& name) {
              fmt::format("Failed to remove the image [{}].", name));
 }
 
-void Remove(store::Store& store, const Call& call) {
-  ChangeRecord(store, call, "image_id", disks::RemoveImage, LogRemoval);
+// "removed", "stays" or "later".
+const char* NameOf(storage::RemovedImage::File file) {
+  constexpr const char* kNames[] = {"removed", "stays", "later"};
+  return kNames[static_cast<std::size_t>(file)];
+}
+
+void Remove(storage::Uploads& uploads, const Call& call) {
+  const auto id = call.request->GetAndCheckString("image_id", kRequired, IsId);
+  if (id.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  std::string name;
+  const auto removed = uploads.RemoveImage(id.Get(), name);
+  LogRemoval(call, removed.ok() ? Outcome::kDone : Outcome::kFailed, name.empty() ? id.Get() : name);
+  if (!removed.ok()) return Fail(call, removed.error().code, removed.error().reason);
+  Json::Value data(Json::objectValue);
+  data["file"] = NameOf(removed->file);
+  if (!removed->reason.empty()) data["reason"] = removed->reason;
+  call.response->SetSuccess(data);
 }
 
 void Rename(store::Store& store, const Call& call) {
@@ -68,7 +83,8 @@ void Rename(store::Store& store, const Call& call) {
 
 }  // namespace
 
-std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::vector<std::string> image_roots) {
+std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::vector<std::string> image_roots,
+                              const std::shared_ptr<storage::Uploads>& uploads) {
   const auto sizes = std::make_shared<storage::ImageSizes>(image_roots);
   return {UserRow("VEXA.Virtualization.Image", "list", LaneKind::kLong,
                   [store, sizes](const Call& call) { List(*store, *sizes, call); },
@@ -86,8 +102,9 @@ std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::v
               {user_error::kBadParameter, user_error::kImageUnusable, user_error::kRecordExists,
                user_error::kRecordFailed}),
           AdministratorRow("VEXA.Virtualization.Image", "remove", LaneKind::kLong,
-                           [store](const Call& call) { Remove(*store, call); },
-                           "Remove an image that is not in a guest's drive. Its file stays.",
+                           [uploads](const Call& call) { Remove(*uploads, call); },
+                           "Remove an image that is not in a guest's drive, and its file if it was uploaded. The reply "
+                           "has file: removed, stays or later (when its host can remove it), and the reason.",
                            {Text("image_id", "The image's id.")},
                            {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kRecordInUse,
                             user_error::kRecordFailed}),

@@ -64,19 +64,18 @@ class ImageApi : public ::testing::Test {
  private:
   std::vector<ApiRow> Rows() {
     const auto& store = records::CurrentEnvironment()->store;
-    std::vector<ApiRow> rows = ImageRows(store, {Root()});
     RepositoryPlaces places;
     places.host_id = VexaCCC::DB::DBLocalhostID();
     places.image_roots = {Root()};
+    storage::UploadOptions options;
+    options.store = store;
+    options.host_id = places.host_id;
+    options.roots = places.image_roots;
+    options.limits.reserve = 0;
+    const auto uploads = std::make_shared<storage::Uploads>(std::move(options));
+    std::vector<ApiRow> rows = ImageRows(store, {Root()}, uploads);
     for (ApiRow& row : RepositoryRows(store, places)) rows.push_back(std::move(row));
-    storage::UploadOptions uploads;
-    uploads.store = store;
-    uploads.host_id = places.host_id;
-    uploads.roots = places.image_roots;
-    uploads.limits.reserve = 0;
-    for (ApiRow& row : UploadRows(std::make_shared<storage::Uploads>(std::move(uploads)))) {
-      rows.push_back(std::move(row));
-    }
+    for (ApiRow& row : UploadRows(uploads)) rows.push_back(std::move(row));
     return rows;
   }
 };
@@ -99,7 +98,9 @@ TEST_F(ImageApi, Image_AddListRemove_Works) {
   const Answer seen_by_user = Call(kImageApi, "list", "{}", kOrdinary);
   EXPECT_EQ(seen_by_user.data,
             Parsed(R"({"images":[{"image_id":")" + std::string(kId) + R"(","name":"Debian","present":false}]})"));
-  EXPECT_EQ(Image("remove", R"({"image_id":")" + std::string(kId) + "\"}").code, 0);
+  const Answer removed = Image("remove", R"({"image_id":")" + std::string(kId) + "\"}");
+  EXPECT_EQ(removed.code, 0);
+  EXPECT_EQ(removed.data, Parsed(R"({"file":"stays"})"));
   EXPECT_EQ(Image("list").data, Parsed(R"({"images":[]})"));
   EXPECT_THAT(ClusterLogLines(),
               ElementsAre("root 3 The image [Debian] has been added.", "root 3 The image [Debian] has been removed."));

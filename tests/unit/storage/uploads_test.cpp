@@ -22,103 +22,12 @@
 #include "tests/support/record_test.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/storage/mount_point.h"
+#include "tests/unit/storage/uploads_fixture.h"
 
 namespace vexa::storage {
 namespace {
 
-namespace fs = std::filesystem;
-using test::Require;
 using ::testing::HasSubstr;
-
-constexpr char kHost[] = "11111111-1111-4111-8111-111111111111";
-constexpr std::uint64_t kMuch = std::uint64_t{1} << 40;
-
-struct Killed {};
-
-// The value; the test program ends when the call was refused.
-template <class T, class Refused>
-T Require(Result<T, Refused> result) requires std::derived_from<Refused, Refusal> {
-  if (!result.ok()) return test::Require(Result<T>(Error(ErrorCode::kInternal, result.error().reason)));
-  return *std::move(result);
-}
-
-std::string DigestOf(const std::string& bytes) {
-  Sha256 sha256;
-  sha256.Add(bytes);
-  return sha256.Digest().value_or("");
-}
-
-class UploadsTest : public test::RecordTest {
- protected:
-  UploadsTest() { fs::create_directory(Root()); }
-
-  std::string Root() const { return host_.folder().File("images"); }
-  std::string Path(const std::string& name) const { return Root() + "/" + name; }
-
-  UploadOptions Options() {
-    UploadOptions options;
-    options.store = std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {});
-    options.host_id = kHost;
-    options.roots = {Root(), host_.folder().File("second")};
-    options.now = [this] { return now_; };
-    options.free_bytes = [this](int) { return std::optional(free_bytes_); };
-    options.calls.write = [this](int file, std::string_view bytes, std::uint64_t offset) {
-      if (write_error_ == 0) return disks::WriteToFile(file, bytes, offset);
-      // As on a full disk: a part is written.
-      (void)disks::WriteToFile(file, bytes.substr(0, bytes.size() / 2), offset);
-      return write_error_;
-    };
-    options.calls.sync_file = [this](int file) { return sync_error_ != 0 ? sync_error_ : disks::SyncFile(file); };
-    options.before_step = [this](const char* step) {
-      steps_.emplace_back(step);
-      if (step == kill_before_ || (kill_at_ > 0 && --kill_at_ == 0)) throw Killed();
-    };
-    return options;
-  }
-
-  NewUpload Of(const std::string& name) const { return {name, "admin", "", content_.size(), DigestOf(content_)}; }
-  static UploadPiece Piece(const std::string& content, std::uint64_t offset, std::size_t count) {
-    return {offset, content.size(), std::string_view(content).substr(offset, count)};
-  }
-  // Begins an upload and sends all of it.
-  std::string Send(Uploads& uploads, const std::string& name) {
-    const std::string id = Require(uploads.Begin(Of(name))).id;
-    EXPECT_EQ(Require(uploads.Append(id, Piece(content_, 0, content_.size()))), content_.size());
-    return id;
-  }
-  static std::string Read(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-  }
-  std::vector<std::string> Files() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(Root())) names.push_back(entry.path().filename());
-    return names;
-  }
-  std::vector<std::string> ImageNames() {
-    std::vector<std::string> names;
-    for (const auto& image : Require(disks::ListImages(host_.store()))) names.push_back(image.name);
-    return names;
-  }
-  std::vector<Upload> Unfinished() { return Require(ReadUploads(*Require(host_.store().Read()))); }
-  template <class Value, class Refused>
-  static void ExpectCode(const Result<Value, Refused>& result, int code, const std::string& reason) {
-    ASSERT_FALSE(result.ok());
-    EXPECT_EQ(result.error().code, code);
-    EXPECT_THAT(result.error().reason, HasSubstr(reason));
-  }
-
-  const std::string content_ = std::string(300'000, 'a') + std::string(300'000, 'b') + "c";
-  std::chrono::system_clock::time_point now_ = std::chrono::system_clock::now();
-  std::uint64_t free_bytes_ = kMuch;
-  int write_error_ = 0;
-  int sync_error_ = 0;
-  std::string kill_before_;
-  int kill_at_ = 0;  // the step, counted from 1; 0: none
-  std::vector<std::string> steps_;
-  std::string name_;
-};
 
 TEST_F(UploadsTest, Pieces_InOrder_BecomeAnImageThatQemuCanRead) {
   Uploads uploads(Options());
@@ -136,8 +45,10 @@ TEST_F(UploadsTest, Pieces_InOrder_BecomeAnImageThatQemuCanRead) {
   EXPECT_EQ(Read(Path("debian 12.iso")), content_);
   ASSERT_EQ(::stat(Path("debian 12.iso").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0644u);
-  EXPECT_EQ(TextOf(records::ObjectKey("image", begun.id)),
-            R"({"name":"debian 12","path":")" + Path("debian 12.iso") + "\"}");
+  Json::Value record = Parsed(TextOf(records::ObjectKey("image", begun.id)));
+  EXPECT_EQ(record["name"], "debian 12");
+  EXPECT_EQ(record["path"], Path("debian 12.iso"));
+  EXPECT_EQ(record["uploaded"]["host_id"], kHost);
   EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
   EXPECT_EQ(Files(), std::vector<std::string>{"debian 12.iso"});
 }
@@ -215,6 +126,29 @@ TEST_F(UploadsTest, Begin_NameOfImageOrFile_IsRefused) {
   fs::rename(Path("a.iso"), Path("b.iso"));
   ExpectCode(uploads.Begin(Of("a")), 990, "The name 'a' is taken by the image '" + id + "'");
   ExpectCode(uploads.Begin(Of("b")), 990, "The name 'b' is taken by the file '" + Path("b.iso") + "'");
+}
+
+TEST_F(UploadsTest, Begin_FileOfOtherUploadOrImage_IsRefusedBeforeItIsSent) {
+  Uploads uploads(Options());
+  const std::string id = Require(uploads.Begin(Of("a"))).id;
+  ExpectCode(uploads.Begin(Of("a.iso")), 990, "The file '" + Path("a.iso") + "' is that of the upload '" + id + "'");
+  // Another host has an image of this path, under another name.
+  host_.PutText("image", kHost, R"({"name":"other","path":")" + Path("b.iso") + "\"}");
+  ExpectCode(uploads.Begin(Of("b")), 990, "The file '" + Path("b.iso") + "' is that of the image '" + kHost + "'");
+}
+
+TEST_F(UploadsTest, Cancel_FolderCannotBeSynced_CanBeRepeated) {
+  UploadOptions options = Options();
+  bool fails = false;
+  options.calls.sync = [&](int folder) { return fails ? EIO : disks::SyncFolder(folder); };
+  Uploads uploads(options);
+  const std::string id = Send(uploads, "a");
+  fails = true;
+  ExpectCode(uploads.Cancel(id, name_), 949, "cannot be removed in '" + Root() + "': Input/output error");
+  EXPECT_EQ(Unfinished().size(), 1u);
+  fails = false;
+  EXPECT_TRUE(uploads.Cancel(id, name_).ok());
+  EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
 }
 
 TEST_F(UploadsTest, Begin_ConcurrentWithOneName_OneIsAccepted) {
@@ -356,6 +290,45 @@ TEST_F(UploadsTest, Folder_NotMounted_RefusesInsteadOfBeginningAgain) {
   uploads.CleanUp({});
   ASSERT_TRUE(mount.Bind(real));
   EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
+}
+
+TEST_F(UploadsTest, Folder_DoesNotAnswer_DelaysNobodyForLong) {
+  Uploads healthy(Options());
+  NewUpload second = Of("b");
+  second.root = host_.folder().File("second");
+  const std::string other = Require(healthy.Begin(second)).id;
+  const std::string image = Send(healthy, "c");
+  ASSERT_TRUE(healthy.End(image, name_).ok());
+  const auto release = std::make_shared<std::latch>(1);
+  UploadOptions options = Options();
+  options.timeout = std::chrono::seconds(2);
+  const auto hanging = std::make_shared<std::string>(second.root);
+  options.probe = [release, hanging](const std::string& folder) {
+    if (folder == *hanging) release->wait();
+  };
+  {
+    Uploads uploads(options);
+    const std::string reason = "The file system of '" + second.root + "' does not answer. Try again once it does";
+    ExpectCode(uploads.ProgressOf(other), 949, reason);
+    ExpectCode(uploads.Append(other, Piece(content_, 0, 1000)), 949, reason);
+    ExpectCode(uploads.End(other, name_), 949, reason);
+    ExpectCode(uploads.Cancel(other, name_), 949, reason);
+    NewUpload another = second;
+    another.name = "d";
+    ExpectCode(uploads.Begin(another), 949, reason);
+    uploads.CleanUp({});
+    // The other folder is used meanwhile.
+    const std::string id = Send(uploads, "a");
+    for (const ListedUpload& listed : Require(uploads.List())) {
+      EXPECT_EQ(listed.received.has_value(), listed.upload.id == id);
+    }
+  }
+  *hanging = Root();
+  Uploads uploads(options);
+  const RemovedImage removed = Require(uploads.RemoveImage(image, name_));
+  EXPECT_EQ(removed.file, RemovedImage::File::kLater);
+  EXPECT_EQ(removed.reason, "the file system of '" + Root() + "' does not answer");
+  release->count_down();
 }
 
 TEST_F(UploadsTest, End_Incomplete_IsRefused) {
@@ -564,15 +537,51 @@ TEST_F(UploadsTest, CleanUp_DayWithoutByte_RemovesUpload) {
   Uploads uploads(Options());
   const std::string id = Require(uploads.Begin(Of("a"))).id;
   (void)Require(uploads.Append(id, Piece(content_, 0, 1000)));
-  now_ += std::chrono::hours(23);
-  uploads.CleanUp({});
+  Wait(uploads, std::chrono::hours(23));
   EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
-  now_ += std::chrono::hours(2);
+  Wait(uploads, std::chrono::hours(1));
+  EXPECT_EQ(Unfinished().size(), 1u);
   test::ClearCapturedSyslog();
-  uploads.CleanUp({});
+  Wait(uploads, std::chrono::hours(1));
   EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
   EXPECT_THAT(Files(), ::testing::IsEmpty());
   EXPECT_TRUE(test::SyslogContains("The upload of the image 'a' has been removed: nothing has arrived for 24 hours."));
+}
+
+TEST_F(UploadsTest, CleanUp_ClockSetForward_KeepsUploadThatGoesOn) {
+  Uploads uploads(Options());
+  const std::string id = Require(uploads.Begin(Of("a"))).id;
+  (void)Require(uploads.Append(id, Piece(content_, 0, 1000)));
+  now_ += std::chrono::hours(24 * 365);
+  uploads.CleanUp({});
+  steady_now_ += std::chrono::minutes(50);
+  uploads.CleanUp({});
+  (void)Require(uploads.Append(id, Piece(content_, 1000, 1000)));
+  steady_now_ += std::chrono::minutes(50);
+  uploads.CleanUp({});
+  EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 2000u);
+  // Another process begins to observe anew.
+  Uploads next(Options());
+  next.CleanUp({});
+  EXPECT_EQ(Unfinished().size(), 1u);
+  steady_now_ += std::chrono::hours(1);
+  next.CleanUp({});
+  EXPECT_THAT(Unfinished(), ::testing::IsEmpty());
+}
+
+TEST_F(UploadsTest, CleanUp_WhilePieceIsWritten_KeepsUpload) {
+  UploadOptions options = Options();
+  Uploads* self = nullptr;
+  options.before_step = [&](const char* step) {
+    if (std::string_view(step) != "write") return;
+    std::thread([&] { Wait(*self, std::chrono::hours(25)); }).join();
+    std::thread([&] { Wait(*self, std::chrono::hours(2)); }).join();
+  };
+  Uploads uploads(options);
+  self = &uploads;
+  const std::string id = Require(uploads.Begin(Of("a"))).id;
+  EXPECT_EQ(Require(uploads.Append(id, Piece(content_, 0, 1000))), 1000u);
+  EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
 }
 
 TEST_F(UploadsTest, CleanUp_FileCannotBeRemoved_IsLogged) {
@@ -580,9 +589,9 @@ TEST_F(UploadsTest, CleanUp_FileCannotBeRemoved_IsLogged) {
   options.calls.unlink = [](int, const char*) { return EROFS; };
   Uploads uploads(options);
   const std::string id = Send(uploads, "a");
-  now_ += std::chrono::hours(25);
+  Wait(uploads, std::chrono::hours(25));
   test::ClearCapturedSyslog();
-  uploads.CleanUp({});
+  Wait(uploads, std::chrono::hours(1));
   EXPECT_TRUE(
       test::SyslogContains("The upload of the image 'a', of which nothing arrives, cannot be removed: The "
                            "upload of the image 'a' cannot be removed in '" +
