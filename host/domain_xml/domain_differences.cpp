@@ -234,14 +234,15 @@ void CompareNics(const Machine& running, const Machine& recorded, const GuestRec
 }  // namespace
 
 Result<std::vector<Difference>> FindDifferences(std::string_view running_xml, std::string_view recorded_xml,
-                                                const GuestRecords& records, const DiskSizes& running_sizes) {
-  const Result<Machine> running = ReadMachine(running_xml);
+                                                const GuestRecords& records, const RunningFacts& facts) {
+  Result<Machine> running = ReadMachine(running_xml);
   if (!running) return running.error();
   const Result<Machine> recorded = ReadMachine(recorded_xml);
   if (!recorded) return recorded.error();
+  if (facts.pinned_vcpus) running->settings["cpu_pin_num"] = static_cast<Json::Int>(*facts.pinned_vcpus);
   std::vector<Difference> found;
   CompareSettings(*running, *recorded, found);
-  CompareDisks(*running, *recorded, records, running_sizes, found);
+  CompareDisks(*running, *recorded, records, facts.sizes, found);
   const Json::Value order_now = BootOrder(*running, *recorded, records);
   const Json::Value order_next = BootOrder(*recorded, *running, records);
   if (order_now != order_next) found.push_back({"vdisks_order", "", order_now, order_next});

@@ -235,7 +235,7 @@ Result<std::optional<records::Run>> LibvirtGuestControl::RunToAdopt(const std::s
   run.since = std::chrono::system_clock::now();
   run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
-  run.pinned_cpus = PinsToAdopt(guest_id);
+  run.pinned_cpus = PinsToAdopt(guest_id, json::UInt64(json::Member(**record, keys::cpu_pin_num)));
   // The definition of a user says where his guest runs, as long as no processors are dedicated.
   if (!run.pinned_cpus.empty()) run.kept_off.reset();
   return std::optional(std::move(run));

@@ -43,7 +43,7 @@ struct Run {
   std::uint64_t memory_mib = 0;
   std::vector<unsigned> pinned_cpus;  // the host's processors dedicated to it
   // Processors dedicated to other guests, which the threads of this one have been kept off. Not set: unknown, because
-  // the guest did not get the definition of this run.
+  // the guest did not get the definition of this run, or got more virtual CPUs while it ran.
   std::optional<std::set<unsigned>> kept_off = std::set<unsigned>();
   // The virtual functions of the host's network cards that its interfaces have, by the ids of the interfaces.
   std::map<std::string, std::string> virtual_functions;

@@ -35,7 +35,7 @@ std::string Text(const std::vector<Difference>& differences) {
 std::string Compare(const GuestRecords& running, const GuestRecords& recorded, const DiskSizes& sizes = {}) {
   BuildOptions options;
   options.pinned_cpus = {0, 1};
-  const auto found = FindDifferences(MustBuild(running, options), MustBuild(recorded, options), recorded, sizes);
+  const auto found = FindDifferences(MustBuild(running, options), MustBuild(recorded, options), recorded, {sizes, {}});
   EXPECT_TRUE(found) << (found ? "" : found.error().ToString());
   return found ? Text(*found) : "";
 }
