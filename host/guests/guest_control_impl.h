@@ -180,7 +180,7 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<std::set<std::string>> Keymaps() const;
   // Whether QEMU has the layout.
   Result<void, Refusal> CheckLayout(const std::string& layout) const;
-  void AddKeymaps(const records::Guest& guest, domain_xml::BuildOptions& build) const;
+  void ReportLayout(const records::Guest& guest) const;
 
   // guest_suspend.cpp
   // The run of a guest that runs here, after it was reconciled.

@@ -149,7 +149,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest, 
   if (!shared) return shared.error();
   build.shared_cpus = *std::move(shared);
   build.max_cpu_weight = hypervisor_->MaxCpuWeight();
-  AddKeymaps(guest, build);
+  build.keymaps = Keymaps();
   build.domain_type = hypervisor_->DomainType();
   build.cpu_shares = hypervisor_->CpuSharesSupport();
   build.pinned_cpus = run.pinned_cpus;
