@@ -176,11 +176,13 @@ void LibvirtGuestControl::ApplyDifferences(const Comparison& comparison, const s
   const std::string& guest_id = comparison.guest.records.id;
   const auto limits = domain_xml::ParseMachineLimits(comparison.running_xml);
   if (differences.empty() || !limits) return;
-  LiveChanges changes(*hypervisor_, {guest_id, comparison.running_xml, comparison.recorded_xml, eject,
-                                     options_.release_wait, [this](std::string_view step) { BeforeStep(step); }});
+  LiveChanges changes(
+      *hypervisor_, {guest_id, comparison.running_xml, comparison.recorded_xml, eject, options_.release_wait,
+                     [this] { return stop_begun_ || stopping_; }, [this](std::string_view step) { BeforeStep(step); }});
   bool has_files = false;
   for (const Difference& difference : differences) {
-    const std::string obstacle = ObstacleTo(difference, *limits);
+    std::string obstacle = ObstacleTo(difference, *limits);
+    if (stop_begun_ || stopping_) obstacle = "this host is stopping";
     if (!obstacle.empty()) {
       LogWaiting(guest_id, difference, obstacle);
       continue;
