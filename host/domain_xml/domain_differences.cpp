@@ -178,14 +178,20 @@ void CompareSize(const MachineDisk& disk, const GuestRecords& records, const Dis
     if (json::StringMember(record, "path") != disk.path || recorded_mib == size->second) continue;
     Difference difference{"vdisks", id, Json::Value(Json::objectValue), Json::Value(Json::objectValue)};
     difference.running["path"] = difference.recorded["path"] = disk.path;
-    difference.running["size"] = static_cast<Json::UInt64>(size->second);
-    difference.recorded["size"] = static_cast<Json::UInt64>(recorded_mib);
+    // Of the type that a reader of the text gets.
+    difference.running["size"] = static_cast<Json::Int64>(size->second);
+    difference.recorded["size"] = static_cast<Json::Int64>(recorded_mib);
     found.push_back(std::move(difference));
   }
 }
 
 void CompareDisks(const Machine& running, const Machine& recorded, const GuestRecords& records, const DiskSizes& sizes,
                   std::vector<Difference>& found) {
+  // First, because a new disk may have the target name of one that goes.
+  for (const MachineDisk& disk : running.disks) {
+    if (!FindDisk(recorded.disks, disk.path))
+      found.push_back({"vdisks", DiskIdOf(disk.path, records), disk.value, Json::Value()});
+  }
   for (const MachineDisk& disk : recorded.disks) {
     const MachineDisk* const now = FindDisk(running.disks, disk.path);
     const std::string id = DiskIdOf(disk.path, records);
@@ -193,10 +199,6 @@ void CompareDisks(const Machine& running, const Machine& recorded, const GuestRe
       found.push_back({"vdisks", id, now ? now->value : Json::Value(), disk.value});
     }
     if (now) CompareSize(*now, records, sizes, found);
-  }
-  for (const MachineDisk& disk : running.disks) {
-    if (!FindDisk(recorded.disks, disk.path))
-      found.push_back({"vdisks", DiskIdOf(disk.path, records), disk.value, Json::Value()});
   }
 }
 

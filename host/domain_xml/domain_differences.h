@@ -47,8 +47,8 @@ struct RunningFacts {
 };
 
 // `running_xml` is that of libvirt for the running machine, `recorded_xml` what BuildDomainXml made of `records`. Only
-// what the records cover is compared. The order is that of the table, and of the settings in it. Errors: kInvalid when
-// one of the two is not a <domain>, or has a value that no guest of this system can have. Pure.
+// what the records cover is compared. Ordered like the table, and the settings in it; disks that go are first of disks.
+// Errors: kInvalid when one is not a <domain>, or has a value that no guest of this system can have. Pure.
 Result<std::vector<Difference>> FindDifferences(std::string_view running_xml, std::string_view recorded_xml,
                                                 const GuestRecords& records, const RunningFacts& facts);
 
