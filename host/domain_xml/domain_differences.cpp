@@ -87,10 +87,15 @@ Json::Value NicTypeOf(const std::string& model) {
 void ReadNic(pugi::xml_node nic, Machine& machine) {
   MachineNic found{parse::NormalizeMac(Attribute(nic.child("mac"), "address")), Json::Value(Json::objectValue)};
   if (found.mac.empty()) return;
+  found.value["mac"] = found.mac;
+  if (const std::string function = parse::VirtualFunctionOf(nic); !function.empty()) {
+    found.value["virtual_function"] = function;
+    machine.nics.push_back(std::move(found));
+    return;
+  }
   const pugi::xml_node source = nic.child("source");
   // A running interface in a network that leads to a bridge has both.
   const std::string network = Attribute(source, "network");
-  found.value["mac"] = found.mac;
   found.value["network"] = network.empty() ? Attribute(source, "bridge") : network;
   found.value["vnic_type"] = NicTypeOf(Attribute(nic.child("model"), "type"));
   machine.nics.push_back(std::move(found));

@@ -23,7 +23,8 @@ namespace vexa::domain_xml {
 //                       record is gone                                guest does not have the disk; {"path", "size"} in
 //                       MiB
 //   "vdisks_order"      ""                                            [ids], as the guest boots from them
-//   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null
+//   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null; {"mac",
+//                                                                     "virtual_function"} (a PCI address)
 //   "iso_images"        ""                                            [paths, "unmounted"]
 //   "usbs"              ""                                            [devices], without empty ports
 struct Difference {

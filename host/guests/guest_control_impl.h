@@ -240,6 +240,8 @@ class LibvirtGuestControl final : public GuestControl {
   // Adds functions to the attempt's run that no other guest has. Errors: those of the store.
   Status ReserveVirtualFunctions(StartAttempt& attempt) const;
   void ReportVirtualFunctions(const StartAttempt& attempt);
+  static void DropUnwantedFunctions(const records::Guest& guest, const std::string& running_xml, records::Run& run);
+  Status FreeVirtualFunctions(const std::string& guest_id);
 
   // guest_files.cpp
   // The XML of the machine that a start makes.

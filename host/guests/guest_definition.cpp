@@ -13,13 +13,13 @@
 #include "host/domain_xml/domain_parse.h"
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
-#include "host/storage/image_folder.h"
 #include "host/guests/host_networks.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/guest_admin.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/reader.h"
+#include "host/storage/image_folder.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -153,7 +153,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest, 
   build.domain_type = hypervisor_->DomainType();
   build.cpu_shares = hypervisor_->CpuSharesSupport();
   build.pinned_cpus = run.pinned_cpus;
-  build.virtual_functions = run.virtual_functions;
+  for (const auto& [nic, function] : run.virtual_functions) build.virtual_functions.emplace(nic, function.address);
   build.image_path = [this](const std::string& image) { return ImagePath(*options_.store, image); };
   std::error_code error;
   if (!IsTestMode() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = domain_xml::UsbBus::kAbsent;

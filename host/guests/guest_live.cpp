@@ -82,6 +82,7 @@ Result<std::optional<LibvirtGuestControl::Comparison>, Refusal> LibvirtGuestCont
   // A restore dedicates processors anew.
   facts.pinned_vcpus = is_saved ? pins : PinnedVcpus(guest_id, run);
   run.pinned_cpus.assign(pins, 0);
+  DropUnwantedFunctions(next, *running_xml, run);
   if (json::StringMember(next.records.guest, records::kNvramMember).empty())
     next.records.guest[records::kNvramMember] = "/variables";
   const Result<std::string> recorded_xml = DomainXml(next, run, OwnershipTag::kOurs);

@@ -109,6 +109,7 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
                                                                                                : states::running;
       if (Status observed = Observe(guest_id, live_state, sequence); !observed) return observed;
       if (Status moved = KeepOffDedicatedCpus(guest_id); !moved) return moved;
+      if (Status freed = FreeVirtualFunctions(guest_id); !freed) return freed;
       return DiscardOutdatedSaved(guest_id);
     }
     shut_downs_->End(guest_id);
