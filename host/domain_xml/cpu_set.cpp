@@ -78,6 +78,16 @@ OwnCpuSets OwnCpuSetsOf(const std::string& xml) {
   return own;
 }
 
+std::size_t PinnedVcpusOf(const std::string& xml) {
+  pugi::xml_document document;
+  std::set<std::string> vcpus;
+  if (!document.load_string(xml.c_str())) return 0;
+  for (const pugi::xml_node pin : document.document_element().child("cputune").children("vcpupin")) {
+    vcpus.insert(pin.attribute("vcpu").value());
+  }
+  return vcpus.size();
+}
+
 std::vector<unsigned> SingleCpusOf(const std::string& xml) {
   pugi::xml_document document;
   std::vector<unsigned> cpus;

@@ -2,6 +2,7 @@
 // Threads: any, at the same time.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <set>
 #include <string>
@@ -29,6 +30,9 @@ struct OwnCpuSets {
   std::string emulator;
 };
 OwnCpuSets OwnCpuSetsOf(const std::string& xml);
+
+// How many virtual CPUs have a <vcpupin> in a definition.
+std::size_t PinnedVcpusOf(const std::string& xml);
 
 // The processors to which a definition pins the virtual CPUs 0, 1, … one each, up to the first virtual CPU that may use
 // several.

@@ -73,6 +73,17 @@ std::string DriveElement(std::string_view xml, std::size_t index, const std::str
   });
 }
 
+std::map<std::string, std::string> VirtualFunctionsIn(std::string_view xml) {
+  std::map<std::string, std::string> functions;
+  pugi::xml_document document;
+  if (!parse::Load(xml, document)) return functions;
+  for (const pugi::xml_node nic : document.document_element().child("devices").children("interface")) {
+    const std::string function = parse::VirtualFunctionOf(nic);
+    if (!function.empty()) functions[parse::NormalizeMac(Attribute(nic.child("mac"), "address"))] = function;
+  }
+  return functions;
+}
+
 std::string MemoryElement(std::uint64_t size_mib) {
   return fmt::format("<memory model='dimm'><target><size unit='MiB'>{}</size><node>0</node></target></memory>",
                      size_mib);

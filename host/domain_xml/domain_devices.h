@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,10 @@ std::string NicElement(std::string_view xml, const std::string& mac);     // in 
 std::string UsbElement(std::string_view xml, const std::string& device);  // "1234:00ab" or "3.14"
 // The CD-ROM drive `index` with another medium; `path` is "" for none.
 std::string DriveElement(std::string_view xml, std::size_t index, const std::string& path);
+
+// The PCI addresses ("0000:3b:02.1") of the virtual functions of network cards that interfaces have, by their MAC
+// addresses. Empty when the XML is not a <domain>.
+std::map<std::string, std::string> VirtualFunctionsIn(std::string_view xml);
 
 // A module of memory for the machine's only NUMA cell.
 std::string MemoryElement(std::uint64_t size_mib);

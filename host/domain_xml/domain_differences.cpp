@@ -87,10 +87,15 @@ Json::Value NicTypeOf(const std::string& model) {
 void ReadNic(pugi::xml_node nic, Machine& machine) {
   MachineNic found{parse::NormalizeMac(Attribute(nic.child("mac"), "address")), Json::Value(Json::objectValue)};
   if (found.mac.empty()) return;
+  found.value["mac"] = found.mac;
+  if (const std::string function = parse::VirtualFunctionOf(nic); !function.empty()) {
+    found.value["virtual_function"] = function;
+    machine.nics.push_back(std::move(found));
+    return;
+  }
   const pugi::xml_node source = nic.child("source");
   // A running interface in a network that leads to a bridge has both.
   const std::string network = Attribute(source, "network");
-  found.value["mac"] = found.mac;
   found.value["network"] = network.empty() ? Attribute(source, "bridge") : network;
   found.value["vnic_type"] = NicTypeOf(Attribute(nic.child("model"), "type"));
   machine.nics.push_back(std::move(found));
@@ -178,14 +183,20 @@ void CompareSize(const MachineDisk& disk, const GuestRecords& records, const Dis
     if (json::StringMember(record, "path") != disk.path || recorded_mib == size->second) continue;
     Difference difference{"vdisks", id, Json::Value(Json::objectValue), Json::Value(Json::objectValue)};
     difference.running["path"] = difference.recorded["path"] = disk.path;
-    difference.running["size"] = static_cast<Json::UInt64>(size->second);
-    difference.recorded["size"] = static_cast<Json::UInt64>(recorded_mib);
+    // Of the type that a reader of the text gets.
+    difference.running["size"] = static_cast<Json::Int64>(size->second);
+    difference.recorded["size"] = static_cast<Json::Int64>(recorded_mib);
     found.push_back(std::move(difference));
   }
 }
 
 void CompareDisks(const Machine& running, const Machine& recorded, const GuestRecords& records, const DiskSizes& sizes,
                   std::vector<Difference>& found) {
+  // First, because a new disk may have the target name of one that goes.
+  for (const MachineDisk& disk : running.disks) {
+    if (!FindDisk(recorded.disks, disk.path))
+      found.push_back({"vdisks", DiskIdOf(disk.path, records), disk.value, Json::Value()});
+  }
   for (const MachineDisk& disk : recorded.disks) {
     const MachineDisk* const now = FindDisk(running.disks, disk.path);
     const std::string id = DiskIdOf(disk.path, records);
@@ -193,10 +204,6 @@ void CompareDisks(const Machine& running, const Machine& recorded, const GuestRe
       found.push_back({"vdisks", id, now ? now->value : Json::Value(), disk.value});
     }
     if (now) CompareSize(*now, records, sizes, found);
-  }
-  for (const MachineDisk& disk : running.disks) {
-    if (!FindDisk(recorded.disks, disk.path))
-      found.push_back({"vdisks", DiskIdOf(disk.path, records), disk.value, Json::Value()});
   }
 }
 
@@ -234,14 +241,15 @@ void CompareNics(const Machine& running, const Machine& recorded, const GuestRec
 }  // namespace
 
 Result<std::vector<Difference>> FindDifferences(std::string_view running_xml, std::string_view recorded_xml,
-                                                const GuestRecords& records, const DiskSizes& running_sizes) {
-  const Result<Machine> running = ReadMachine(running_xml);
+                                                const GuestRecords& records, const RunningFacts& facts) {
+  Result<Machine> running = ReadMachine(running_xml);
   if (!running) return running.error();
   const Result<Machine> recorded = ReadMachine(recorded_xml);
   if (!recorded) return recorded.error();
+  if (facts.pinned_vcpus) running->settings["cpu_pin_num"] = static_cast<Json::Int>(*facts.pinned_vcpus);
   std::vector<Difference> found;
   CompareSettings(*running, *recorded, found);
-  CompareDisks(*running, *recorded, records, running_sizes, found);
+  CompareDisks(*running, *recorded, records, facts.sizes, found);
   const Json::Value order_now = BootOrder(*running, *recorded, records);
   const Json::Value order_next = BootOrder(*recorded, *running, records);
   if (order_now != order_next) found.push_back({"vdisks_order", "", order_now, order_next});

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +23,8 @@ namespace vexa::domain_xml {
 //                       record is gone                                guest does not have the disk; {"path", "size"} in
 //                       MiB
 //   "vdisks_order"      ""                                            [ids], as the guest boots from them
-//   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null
+//   "vnics"             the interface's; the MAC address likewise     {"mac", "network", "vnic_type"} or null; {"mac",
+//                                                                     "virtual_function"} (a PCI address)
 //   "iso_images"        ""                                            [paths, "unmounted"]
 //   "usbs"              ""                                            [devices], without empty ports
 struct Difference {
@@ -37,11 +39,19 @@ struct Difference {
 // compared.
 using DiskSizes = std::map<std::string, std::uint64_t>;
 
+// What its XML does not say about a running machine.
+struct RunningFacts {
+  DiskSizes sizes;
+  // How many virtual CPUs have processors of their own. <vcpupin> does not count them: a guest that was moved has it
+  // for all of its virtual CPUs. Not set: <vcpupin> counts them.
+  std::optional<std::uint64_t> pinned_vcpus;
+};
+
 // `running_xml` is that of libvirt for the running machine, `recorded_xml` what BuildDomainXml made of `records`. Only
-// what the records cover is compared. The order is that of the table, and of the settings in it. Errors: kInvalid when
-// one of the two is not a <domain>, or has a value that no guest of this system can have. Pure.
+// what the records cover is compared. Ordered like the table, and the settings in it; disks that go are first of disks.
+// Errors: kInvalid when one is not a <domain>, or has a value that no guest of this system can have. Pure.
 Result<std::vector<Difference>> FindDifferences(std::string_view running_xml, std::string_view recorded_xml,
-                                                const GuestRecords& records, const DiskSizes& running_sizes);
+                                                const GuestRecords& records, const RunningFacts& facts);
 
 // [{"property", "id" unless it is "", "running", "recorded"}], and back; other elements are left out.
 Json::Value ToJson(const std::vector<Difference>& differences);

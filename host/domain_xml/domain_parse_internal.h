@@ -47,6 +47,8 @@ std::string NvramPath(pugi::xml_node nvram);
 
 // "aa:bb:cc:dd:ee:ff" in lower case; empty when `text` is not a unicast address.
 std::string NormalizeMac(std::string_view text);
+// The PCI address ("0000:3b:02.1") of an <interface>'s virtual function; "" for an interface of another type.
+std::string VirtualFunctionOf(pugi::xml_node nic);
 
 // Whether `text` has control characters (C0, DEL, C1). `text` is valid UTF-8.
 bool HasControlCharacters(std::string_view text);

@@ -1,4 +1,6 @@
 // The small values inside domain XML: numbers, units, identifiers, addresses.
+#include <fmt/format.h>
+
 #include <array>
 #include <charconv>
 
@@ -135,6 +137,13 @@ std::string NormalizeMac(std::string_view text) {
   // The lowest bit of the first byte marks a group address.
   const bool group = !mac.empty() && std::string_view("13579bdf").find(mac[1]) != std::string_view::npos;
   return group || ConsistsOf(mac, "0:") ? "" : mac;
+}
+
+std::string VirtualFunctionOf(pugi::xml_node nic) {
+  if (std::string_view(nic.attribute("type").value()) != "hostdev") return "";
+  const pugi::xml_node address = nic.child("source").child("address");
+  const auto part = [&](const char* name) { return ParseHex16(address.attribute(name).value()).value_or(0); };
+  return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", part("domain"), part("bus"), part("slot"), part("function"));
 }
 
 bool HasControlCharacters(std::string_view text) {

@@ -46,7 +46,7 @@ struct GuestControlOptions {
   std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
   // How long an edit waits for another one of the same guest; its caller waits for 30 seconds or more.
   std::chrono::milliseconds edit_wait = std::chrono::seconds(10);
-  // How long a running guest may take to give a device back.
+  // How long a running guest may take to give devices back, all of one edit together.
   std::chrono::milliseconds release_wait = std::chrono::seconds(10);
   // Whether the host has a network or bridge. Not set: in test mode it has all, otherwise libvirt and the kernel
   // decide.

@@ -162,7 +162,13 @@ class LibvirtGuestControl final : public GuestControl {
   Result<domain_xml::CpuSet> DedicatedToOthers(const std::string& guest_id) const;
   // Moves the threads of a running guest when processors were dedicated to others, or freed.
   Status KeepOffDedicatedCpus(const std::string& guest_id);
-  std::vector<unsigned> PinsToAdopt(const std::string& guest_id);
+  // Not more than `wanted`, the record's number.
+  std::vector<unsigned> PinsToAdopt(const std::string& guest_id, std::uint64_t wanted);
+  // The definition that a running guest was imported with, while it still runs with it. Not set: this host made another
+  // one.
+  std::optional<std::string> OwnersXmlInUse(const std::string& guest_id);
+  // How many virtual CPUs of a running guest have processors of their own.
+  std::uint64_t PinnedVcpus(const std::string& guest_id, const records::Run& run);
   // Makes the maintenance reconcile all guests now.
   void WakeMaintenance();
   // Waits until the next maintenance is due. False: Stop() was called.
@@ -174,7 +180,7 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<std::set<std::string>> Keymaps() const;
   // Whether QEMU has the layout.
   Result<void, Refusal> CheckLayout(const std::string& layout) const;
-  void AddKeymaps(const records::Guest& guest, domain_xml::BuildOptions& build) const;
+  void ReportLayout(const records::Guest& guest) const;
 
   // guest_suspend.cpp
   // The run of a guest that runs here, after it was reconciled.
@@ -234,6 +240,8 @@ class LibvirtGuestControl final : public GuestControl {
   // Adds functions to the attempt's run that no other guest has. Errors: those of the store.
   Status ReserveVirtualFunctions(StartAttempt& attempt) const;
   void ReportVirtualFunctions(const StartAttempt& attempt);
+  static void DropUnwantedFunctions(const records::Guest& guest, const std::string& running_xml, records::Run& run);
+  Status FreeVirtualFunctions(const std::string& guest_id);
 
   // guest_files.cpp
   // The XML of the machine that a start makes.

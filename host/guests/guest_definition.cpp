@@ -149,11 +149,11 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest, 
   if (!shared) return shared.error();
   build.shared_cpus = *std::move(shared);
   build.max_cpu_weight = hypervisor_->MaxCpuWeight();
-  AddKeymaps(guest, build);
+  build.keymaps = Keymaps();
   build.domain_type = hypervisor_->DomainType();
   build.cpu_shares = hypervisor_->CpuSharesSupport();
   build.pinned_cpus = run.pinned_cpus;
-  build.virtual_functions = run.virtual_functions;
+  for (const auto& [nic, function] : run.virtual_functions) build.virtual_functions.emplace(nic, function.address);
   build.image_path = [this](const std::string& image) { return ImagePath(*options_.store, image); };
   std::error_code error;
   if (!IsTestMode() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = domain_xml::UsbBus::kAbsent;

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/base/guest_setting.h"
+#include "host/base/guest_settings.h"
 #include "host/base/mutex.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/disks/file_referrers.h"
@@ -76,15 +76,21 @@ Result<std::optional<LibvirtGuestControl::Comparison>, Refusal> LibvirtGuestCont
   const auto stored = records::ReadRun(*options_.store, guest_id);
   if (!stored) return RefusalOf(stored.error());
   records::Run run = *stored ? (*stored)->run : records::Run();
-  run.pinned_cpus.assign(json::UInt64(json::Member(next.records.guest, keys::cpu_pin_num)), 0);
+  const std::uint64_t pins = std::min<std::uint64_t>(json::UInt64(json::Member(next.records.guest, keys::cpu_pin_num)),
+                                                     GuestSettingOf("vcpu_num").max);
+  domain_xml::RunningFacts facts;
+  // A restore dedicates processors anew.
+  facts.pinned_vcpus = is_saved ? pins : PinnedVcpus(guest_id, run);
+  run.pinned_cpus.assign(pins, 0);
+  DropUnwantedFunctions(next, *running_xml, run);
   if (json::StringMember(next.records.guest, records::kNvramMember).empty())
     next.records.guest[records::kNvramMember] = "/variables";
   const Result<std::string> recorded_xml = DomainXml(next, run, OwnershipTag::kOurs);
   if (!recorded_xml) return Refusal{host_error::kFailed, recorded_xml.error().ToString()};
   Comparison comparison{std::move(guest), *running_xml, *recorded_xml, is_saved, {}};
+  if (!is_saved) facts.sizes = RunningSizes(comparison.guest);
   const auto differences =
-      domain_xml::FindDifferences(comparison.running_xml, comparison.recorded_xml, comparison.guest.records,
-                                  is_saved ? domain_xml::DiskSizes() : RunningSizes(comparison.guest));
+      domain_xml::FindDifferences(comparison.running_xml, comparison.recorded_xml, comparison.guest.records, facts);
   if (!differences) return Refusal{host_error::kFailed, differences.error().ToString()};
   comparison.differences = *differences;
   return std::optional(std::move(comparison));
@@ -171,11 +177,13 @@ void LibvirtGuestControl::ApplyDifferences(const Comparison& comparison, const s
   const std::string& guest_id = comparison.guest.records.id;
   const auto limits = domain_xml::ParseMachineLimits(comparison.running_xml);
   if (differences.empty() || !limits) return;
-  LiveChanges changes(*hypervisor_, {guest_id, comparison.running_xml, comparison.recorded_xml, eject,
-                                     options_.release_wait, [this](std::string_view step) { BeforeStep(step); }});
+  LiveChanges changes(
+      *hypervisor_, {guest_id, comparison.running_xml, comparison.recorded_xml, eject, options_.release_wait,
+                     [this] { return stop_begun_ || stopping_; }, [this](std::string_view step) { BeforeStep(step); }});
   bool has_files = false;
   for (const Difference& difference : differences) {
-    const std::string obstacle = ObstacleTo(difference, *limits);
+    std::string obstacle = ObstacleTo(difference, *limits);
+    if (stop_begun_ || stopping_) obstacle = "this host is stopping";
     if (!obstacle.empty()) {
       LogWaiting(guest_id, difference, obstacle);
       continue;
@@ -242,6 +250,7 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(const std::string& guest_id, 
   Result<records::Guest> guest = ReadGuestNow(guest_id);
   if (!guest) return RefusalOf(guest.error());
   ResourceFacts facts = GatherFacts(*guest);
+  const bool is_as_owner_defined = OwnersXmlInUse(guest_id).has_value();
   const MutexLock lock(allocation_mutex_);
   const auto stored = records::ReadRun(*options_.store, guest_id);
   if (!stored) return RefusalOf(stored.error());
@@ -257,6 +266,9 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(const std::string& guest_id, 
           host_error::kTooManyVcpus,
           fmt::format("The host has room for {} virtual CPUs, and other guests have {}", room, host.vcpus_taken)};
     run.vcpus = amount;
+    // libvirt lets new virtual CPUs run where the guest could when it was started. The reconciliation moves them.
+    const bool was_moved = !run.pinned_cpus.empty() || (run.kept_off && !run.kept_off->empty());
+    if (was_moved || !is_as_owner_defined) run.kept_off.reset();
   } else {
     const std::uint64_t more_mib = amount > run.memory_mib ? amount - run.memory_mib : 0;
     if (more_mib > host.free_memory_mib)

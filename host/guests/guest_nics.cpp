@@ -85,13 +85,13 @@ std::map<std::string, std::string> NetworksOfFunctions(const store::Store& store
   if (run.virtual_functions.empty()) return networks;
   const auto reader = records::Reader::Open(store);
   if (!reader) return networks;
-  for (const auto& [nic, address] : run.virtual_functions) {
+  for (const auto& [nic, function] : run.virtual_functions) {
     const auto record = reader->ReadObject(DashCate::vNic.name(), nic);
     if (!record) continue;
     std::string mac = json::StringMember(**record, keys::mac_address);
     std::ranges::transform(mac, mac.begin(),
                            [](char c) { return c >= 'A' && c <= 'F' ? static_cast<char>(c | 32) : c; });
-    networks[mac] = json::StringMember(**record, "network_name");
+    networks[mac] = function.network;
   }
   return networks;
 }

@@ -144,14 +144,30 @@ Status LibvirtGuestControl::KeepOffDedicatedCpus(const std::string& guest_id) {
   return PutRun(guest_id, *stored, run);
 }
 
+std::optional<std::string> LibvirtGuestControl::OwnersXmlInUse(const std::string& guest_id) {
+  auto imported = ImportedDomain(guest_id);
+  if (!imported || !*imported) return std::nullopt;
+  const auto definition = hypervisor_->DefinitionOf(guest_id);
+  if (!definition || definition->owner != hypervisor::Owner::kUser) return std::nullopt;
+  return std::move((*imported)->xml);
+}
+
+std::uint64_t LibvirtGuestControl::PinnedVcpus(const std::string& guest_id, const records::Run& run) {
+  if (!run.pinned_cpus.empty()) return run.pinned_cpus.size();
+  const std::optional<std::string> owners_xml = OwnersXmlInUse(guest_id);
+  return owners_xml ? domain_xml::PinnedVcpusOf(*owners_xml) : 0;
+}
+
 // After a run record was lost: the processors that this system had dedicated to the guest are in its definition.
-std::vector<unsigned> LibvirtGuestControl::PinsToAdopt(const std::string& guest_id) {
+std::vector<unsigned> LibvirtGuestControl::PinsToAdopt(const std::string& guest_id, std::uint64_t wanted) {
   const auto definition = hypervisor_->DefinitionOf(guest_id);
   if (!definition || definition->owner == hypervisor::Owner::kUser) return {};
   const auto xml = hypervisor_->RunningXmlOf(guest_id);
   const Result<CpuSet> others = DedicatedToOthers(guest_id);
   if (!xml || !others) return {};
   std::vector<unsigned> pinned = domain_xml::SingleCpusOf(*xml);
+  // A virtual CPU that was moved may have a single processor as well.
+  if (pinned.size() > wanted) pinned.resize(wanted);
   const bool is_shared = std::ranges::any_of(pinned, [&](unsigned cpu) { return others->contains(cpu); });
   return is_shared ? std::vector<unsigned>() : pinned;
 }

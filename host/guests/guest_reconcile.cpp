@@ -109,6 +109,7 @@ void LibvirtGuestControl::Reconcile(const std::string& guest_id) {
                                                                                                : states::running;
       if (Status observed = Observe(guest_id, live_state, sequence); !observed) return observed;
       if (Status moved = KeepOffDedicatedCpus(guest_id); !moved) return moved;
+      if (Status freed = FreeVirtualFunctions(guest_id); !freed) return freed;
       return DiscardOutdatedSaved(guest_id);
     }
     shut_downs_->End(guest_id);
@@ -235,7 +236,7 @@ Result<std::optional<records::Run>> LibvirtGuestControl::RunToAdopt(const std::s
   run.since = std::chrono::system_clock::now();
   run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
-  run.pinned_cpus = PinsToAdopt(guest_id);
+  run.pinned_cpus = PinsToAdopt(guest_id, json::UInt64(json::Member(**record, keys::cpu_pin_num)));
   // The definition of a user says where his guest runs, as long as no processors are dedicated.
   if (!run.pinned_cpus.empty()) run.kept_off.reset();
   return std::optional(std::move(run));

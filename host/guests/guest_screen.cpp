@@ -39,10 +39,10 @@ Result<void, Refusal> LibvirtGuestControl::CheckLayout(const std::string& layout
 }
 
 // A layout that is missing here does not keep the guest from starting.
-void LibvirtGuestControl::AddKeymaps(const records::Guest& guest, domain_xml::BuildOptions& build) const {
-  build.keymaps = Keymaps();
+void LibvirtGuestControl::ReportLayout(const records::Guest& guest) const {
+  const auto keymaps = Keymaps();
   const std::string layout = json::StringMember(guest.records.guest, keys::kb_layout);
-  if (!build.keymaps || HasKeymap(*build.keymaps, layout) || !IsKeyboardLayout(layout)) return;
+  if (!keymaps || HasKeymap(*keymaps, layout) || !IsKeyboardLayout(layout)) return;
   ::syslog(
       LOG_WARNING,
       "The guest %s has the keyboard layout '%s', which QEMU on this host does not have. It gets QEMU's own layout",

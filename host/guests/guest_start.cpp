@@ -229,6 +229,7 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   // If this fails, the reconciliation that follows releases the reservation. Saved memory keeps the definition that it
   // was saved with.
   if (!attempt.IsSaved()) {
+    ReportLayout(attempt.guest);
     if (const auto allowed = DefineGuest(attempt.guest, attempt.run, OwnershipTag::kOurs); !allowed.ok())
       return allowed;
   }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "host/domain_xml/domain_devices.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
 #include "host/machine/virtual_functions.h"
@@ -81,20 +82,61 @@ Status LibvirtGuestControl::ReserveVirtualFunctions(StartAttempt& attempt) const
   std::set<std::string> taken;
   for (const auto& [id, stored] : *runs) {
     if (id == attempt.guest.records.id) continue;
-    for (const auto& [nic, address] : stored.run.virtual_functions) taken.insert(address);
+    for (const auto& [nic, function] : stored.run.virtual_functions) taken.insert(function.address);
   }
   for (StartAttempt::WantedFunction& wanted : attempt.wanted_functions) {
     const auto free =
         std::ranges::find_if(wanted.addresses, [&](const std::string& address) { return !taken.contains(address); });
     if (free != wanted.addresses.end()) {
       taken.insert(*free);
-      attempt.run.virtual_functions.emplace(wanted.nic, *free);
+      attempt.run.virtual_functions.emplace(wanted.nic, records::VirtualFunction{*free, wanted.network});
     } else if (wanted.why_none.empty()) {
       wanted.why_none = fmt::format("other guests have all {} virtual functions of the bridge '{}'",
                                     wanted.addresses.size(), wanted.network);
     }
   }
   return {};
+}
+
+// A running guest keeps the function of an interface for as long as its record asks for it in the same network.
+void LibvirtGuestControl::DropUnwantedFunctions(const records::Guest& guest, const std::string& running_xml,
+                                                records::Run& run) {
+  const std::map<std::string, std::string> in_use = domain_xml::VirtualFunctionsIn(running_xml);
+  const auto is_wanted = [&](const auto& item) {
+    const records::VirtualFunction& function = item.second;
+    const auto nic = std::ranges::find(guest.records.nics, item.first, [](const auto& part) { return part.first; });
+    if (nic == guest.records.nics.end()) return false;
+    std::string mac = json::StringMember(nic->second, keys::mac_address);
+    std::ranges::transform(mac, mac.begin(),
+                           [](char c) { return c >= 'A' && c <= 'F' ? static_cast<char>(c | 32) : c; });
+    const auto used = in_use.find(mac);
+    return used != in_use.end() && used->second == function.address &&
+           json::Bool(json::Member(nic->second, keys::prefer_sriov)) &&
+           json::StringMember(nic->second, "network_name") == function.network;
+  };
+  std::erase_if(run.virtual_functions, [&](const auto& item) { return !is_wanted(item); });
+}
+
+// Frees the functions that a running guest has given back.
+Status LibvirtGuestControl::FreeVirtualFunctions(const std::string& guest_id) {
+  const auto stored = records::ReadRun(*options_.store, guest_id);
+  if (!stored) return stored.error();
+  if (!*stored || (*stored)->run.host_id != options_.host_id || (*stored)->run.virtual_functions.empty()) return {};
+  const auto xml = hypervisor_->RunningXmlOf(guest_id);
+  if (!xml) {
+    const hypervisor::FailureKind kind = xml.error().kind();
+    // The guest has just ended, which the hypervisor reports by an event.
+    const bool has_ended =
+        kind == hypervisor::FailureKind::kNotRunning || kind == hypervisor::FailureKind::kNoSuchGuest;
+    return has_ended ? Status() : Status(xml.error());
+  }
+  std::set<std::string> in_use;
+  for (const auto& [mac, address] : domain_xml::VirtualFunctionsIn(*xml)) in_use.insert(address);
+  records::Run run = (*stored)->run;
+  std::erase_if(run.virtual_functions, [&](const auto& item) { return !in_use.contains(item.second.address); });
+  if (run.virtual_functions.size() == (*stored)->run.virtual_functions.size()) return {};
+  BeforeStep("reconcile: functions freed");
+  return PutRun(guest_id, *stored, run);
 }
 
 void LibvirtGuestControl::ReportVirtualFunctions(const StartAttempt& attempt) {

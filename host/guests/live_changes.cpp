@@ -81,6 +81,19 @@ std::vector<Difference> NewDifferences(const std::vector<Difference>& before, co
   return added;
 }
 
+Status ReleaseTimer::AwaitRelease(const std::function<Result<bool>()>& is_there) {
+  if (!end_) end_ = std::chrono::steady_clock::now() + time_;
+  for (;;) {
+    const Result<bool> found = is_there();
+    if (!found) return found.error();
+    if (!*found) return {};
+    if (is_stopping_ && is_stopping_()) return Error(ErrorCode::kBusy, "This host is stopping");
+    if (std::chrono::steady_clock::now() >= *end_)
+      return Error(ErrorCode::kBusy, "The guest has not given the device back yet");
+    std::this_thread::sleep_for(kPollInterval);
+  }
+}
+
 Status LiveChanges::Apply(const Difference& difference) {
   if (options_.before_step) options_.before_step("live " + difference.property);
   const std::string& property = difference.property;
@@ -112,8 +125,10 @@ Status LiveChanges::ApplyDisk(const Difference& difference) {
   const bool is_added = difference.running.isNull();
   const std::string path = json::StringMember(is_added ? difference.recorded : difference.running, "path");
   if (is_added) return Attach(domain_xml::DiskElement(options_.recorded_xml, path));
-  return Detach(domain_xml::DiskElement(options_.running_xml, path),
-                [&](const std::string& xml) { return !domain_xml::DiskElement(xml, path).empty(); });
+  std::string element = domain_xml::DiskElement(options_.running_xml, path);
+  // One that was added by these changes, and is taken out again.
+  if (element.empty()) element = domain_xml::DiskElement(options_.recorded_xml, path);
+  return Detach(element, [&](const std::string& xml) { return !domain_xml::DiskElement(xml, path).empty(); });
 }
 
 // libvirt moves an interface between networks of one kind. Any other change replaces it.
@@ -171,15 +186,11 @@ Status LiveChanges::Detach(const std::string& element, const std::function<bool(
   if (element.empty()) return {};
   const auto asked = hypervisor_.DetachDevice(options_.guest_id, element);
   if (!asked) return asked.error();
-  const auto end = std::chrono::steady_clock::now() + options_.release_wait;
-  for (;;) {
+  return release_timer_.AwaitRelease([&]() -> Result<bool> {
     const auto xml = hypervisor_.RunningXmlOf(options_.guest_id);
-    if (!xml) return xml.error();
-    if (!find(*xml)) return {};
-    if (std::chrono::steady_clock::now() >= end)
-      return Error(ErrorCode::kBusy, "The guest has not given the device back yet");
-    std::this_thread::sleep_for(kPollInterval);
-  }
+    if (!xml) return Error(xml.error());
+    return find(*xml);
+  });
 }
 
 }  // namespace vexa::guests

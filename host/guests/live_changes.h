@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,22 @@ std::string ObstacleTo(const domain_xml::Difference& difference, const domain_xm
 std::vector<domain_xml::Difference> NewDifferences(const std::vector<domain_xml::Difference>& before,
                                                    const std::vector<domain_xml::Difference>& after);
 
+// The time that a guest has to give devices back: for all of them together, from the first on. Threads: one at a time.
+class ReleaseTimer {
+ public:
+  ReleaseTimer(std::chrono::milliseconds time, std::function<bool()> is_stopping)
+      : time_(time), is_stopping_(std::move(is_stopping)) {}
+
+  // Waits until `is_there` returns false, and calls it at least once. Errors: its own; kBusy when the time is over or
+  // the host stops.
+  Status AwaitRelease(const std::function<Result<bool>()>& is_there);
+
+ private:
+  const std::chrono::milliseconds time_;
+  const std::function<bool()> is_stopping_;
+  std::optional<std::chrono::steady_clock::time_point> end_;
+};
+
 // Threads: one at a time.
 class LiveChanges {
  public:
@@ -32,11 +49,14 @@ class LiveChanges {
     std::string running_xml;   // as libvirt shows it before the first change
     std::string recorded_xml;  // as the next start would define it
     hypervisor::Eject eject = hypervisor::Eject::kIfUnlocked;
-    std::chrono::milliseconds release_wait{0};  // for a guest to give a device back
+    std::chrono::milliseconds release_wait{0};  // for a guest to give devices back, all together
+    std::function<bool()> is_stopping;
     std::function<void(std::string_view step)> before_step;
   };
   LiveChanges(hypervisor::Hypervisor& hypervisor, Options options)
-      : hypervisor_(hypervisor), options_(std::move(options)) {}
+      : hypervisor_(hypervisor),
+        options_(std::move(options)),
+        release_timer_(options_.release_wait, options_.is_stopping) {}
 
   // Makes the running guest as recorded in this respect. When it fails, the guest has what it had, except for an
   // interface that could neither be replaced nor be given back. Errors: those of the hypervisor; kBusy when the guest
@@ -55,6 +75,7 @@ class LiveChanges {
 
   hypervisor::Hypervisor& hypervisor_;
   const Options options_;
+  ReleaseTimer release_timer_;
 };
 
 }  // namespace vexa::guests

@@ -25,6 +25,8 @@ constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
 constexpr char kKeptOff[] = "kept_off";
 constexpr char kFunctions[] = "virtual_functions";
+constexpr char kAddress[] = "address";
+constexpr char kNetwork[] = "network";
 
 // The latest second that the clock, which counts nanoseconds, can represent.
 constexpr Json::Int64 kMaxSeconds = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
@@ -63,8 +65,9 @@ Run ParseRun(std::string_view text) {
   }
   const Json::Value& functions = json::Member(*parsed, kFunctions);
   for (const std::string& nic : json::MemberNames(functions)) {
-    const Json::Value& address = json::Member(functions, nic);
-    if (address.isString()) run.virtual_functions.emplace(nic, json::String(address));
+    const Json::Value& function = json::Member(functions, nic);
+    VirtualFunction read{json::StringMember(function, kAddress), json::StringMember(function, kNetwork)};
+    if (!read.address.empty()) run.virtual_functions.emplace(nic, std::move(read));
   }
   return run;
 }
@@ -131,7 +134,11 @@ std::string SerializeRun(const Run& run) {
   if (run.kept_off && !run.kept_off->empty()) {
     for (const unsigned cpu : *run.kept_off) record[kKeptOff].append(cpu);
   }
-  for (const auto& [nic, address] : run.virtual_functions) record[kFunctions][nic] = address;
+  for (const auto& [nic, function] : run.virtual_functions) {
+    Json::Value& member = record[kFunctions][nic];
+    member[kAddress] = function.address;
+    member[kNetwork] = function.network;
+  }
   return json::ToText(record);
 }
 

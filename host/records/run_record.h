@@ -2,7 +2,8 @@
 //
 //   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "restoring" and
 //                         "state_before" (while starting), "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …],
-//                         "kept_off": [1, …] or null, "virtual_functions": {"<interface id>": PCI address}}
+//                         "kept_off": [1, …] or null, "virtual_functions": {"<interface id>": {"address",
+//                         "network"}}}
 //                         from before the guest is defined in its host's hypervisor until it is off and has no saved
 //                         memory: a guest that libvirt saved still belongs to the host that has its memory
 //   /deletion/<guest id>  see deletion.h; from before the first file is touched until it is finished or undone
@@ -31,6 +32,13 @@
 
 namespace vexa::records {
 
+// A virtual function of a network card that an interface of a guest has.
+struct VirtualFunction {
+  std::string address;  // PCI, "0000:3b:02.1"
+  std::string network;  // the bridge for which it was chosen
+  bool operator==(const VirtualFunction&) const = default;
+};
+
 struct Run {
   std::string host_id;
   std::uint64_t incarnation = 0;                // of the host's daemon that wrote it; see cluster/host_claim.h
@@ -43,10 +51,10 @@ struct Run {
   std::uint64_t memory_mib = 0;
   std::vector<unsigned> pinned_cpus;  // the host's processors dedicated to it
   // Processors dedicated to other guests, which the threads of this one have been kept off. Not set: unknown, because
-  // the guest did not get the definition of this run.
+  // the guest did not get the definition of this run, or got more virtual CPUs while it ran.
   std::optional<std::set<unsigned>> kept_off = std::set<unsigned>();
-  // The virtual functions of the host's network cards that its interfaces have, by the ids of the interfaces.
-  std::map<std::string, std::string> virtual_functions;
+  // By the ids of the interfaces.
+  std::map<std::string, VirtualFunction> virtual_functions;
 };
 
 // The time for a number of Unix seconds in a record, limited to the clock's range; anything that is not a number reads

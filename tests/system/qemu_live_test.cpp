@@ -161,6 +161,23 @@ TEST_F(QemuLive, Set_DiskAddedGrownRemoved_RunningGuestFollowsAndFileGoesLast) {
   EXPECT_EQ(host_->Qemus(kGuest), 1);
 }
 
+// The new disk has the target name of the old one.
+TEST_F(QemuLive, Set_DiskReplacedInOneEdit_RunningGuestFollows) {
+  ASSERT_NO_FATAL_FAILURE(StartGuest());
+  constexpr char kAdd[] = R"("vdisks_add":[{"vdisk_size":1,"vdisk_mode":1}])";
+  ASSERT_NE(Set(std::string("{") + kAdd + "}").find("true"), std::string::npos) << host_->Log();
+  const std::string old = Disks().at(1);
+  const std::string old_name = host_->Record("vdisk", old)["name"].asString();
+  ASSERT_NE(Set(std::string("{") + kAdd + R"(,"vdisks_del":[{"vdisk_id":")" + old + R"("}]})").find("true"),
+            std::string::npos)
+      << host_->Log();
+  ASSERT_EQ(Disks().size(), 2U);
+  const Json::Value disk = host_->Record("vdisk", Disks().at(1));
+  EXPECT_EQ(disk["name"].asString(), old_name);
+  EXPECT_EQ(Running("/domain/devices/disk[target/@dev='" + old_name + "']/source/@file"), disk["path"].asString());
+  ExpectNothingPending("a disk was replaced");
+}
+
 TEST_F(QemuLive, Set_DiskRemovedAtNextStart_KeepsFileUntilGuestIsOff) {
   ASSERT_NO_FATAL_FAILURE(StartGuest());
   const std::string file = host_->DiskFile(kGuest, 0);

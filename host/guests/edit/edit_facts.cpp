@@ -70,6 +70,14 @@ std::optional<Result<void, Refusal>> FileFacts::AppliesNow(const records::Guest&
   return std::nullopt;
 }
 
+std::optional<Result<void, Refusal>> FileFacts::Room(const std::string& repository_id,
+                                                     const std::map<std::string, std::uint64_t>& bytes_by_path) {
+  const auto found = rooms_.find({repository_id, bytes_by_path});
+  if (found != rooms_.end()) return found->second;
+  room_wanted_ = RoomQuery(repository_id, bytes_by_path);
+  return std::nullopt;
+}
+
 std::optional<Result<void, Refusal>> FileFacts::NotRunning() {
   not_running_wanted_ = !not_running_;
   return not_running_;
@@ -89,6 +97,10 @@ Status FileFacts::Gather(const EditOptions& options, const std::string& guest_id
     applies_[KeyOf(*guest)] = options.check_applies_now
                                   ? options.check_applies_now(*guest)
                                   : Refusal{host_error::kFailed, "The guest cannot be changed while it runs"};
+  }
+  if (const std::optional<RoomQuery> query = std::exchange(room_wanted_, std::nullopt)) {
+    rooms_[*query] =
+        options.storage ? options.storage->CheckRoom(query->first, query->second) : Result<void, Refusal>();
   }
   return GatherImages(options);
 }

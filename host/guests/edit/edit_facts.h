@@ -5,10 +5,12 @@
 // facts are recorded, the plan is abandoned, the facts are gathered, and the plan is made again.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "host/base/refusal.h"
 #include "host/base/result.h"
@@ -30,10 +32,13 @@ class FileFacts {
   std::optional<Result<void, Refusal>> Pins(const records::Guest& edited);
   std::optional<Result<void, Refusal>> NotRunning();
   std::optional<Result<void, Refusal>> AppliesNow(const records::Guest& edited);
+  // Whether the repository has room for that many more bytes in the files.
+  std::optional<Result<void, Refusal>> Room(const std::string& repository_id,
+                                            const std::map<std::string, std::uint64_t>& bytes_by_path);
 
   bool HasMissingFacts() const {
     return !images_wanted_.empty() || !folders_wanted_.empty() || pins_wanted_ || not_running_wanted_ ||
-           applies_wanted_;
+           applies_wanted_ || room_wanted_;
   }
   // Gathers what is missing. May take long: no snapshot may be held. Errors: those of the store.
   Status Gather(const EditOptions& options, const std::string& guest_id);
@@ -51,6 +56,9 @@ class FileFacts {
   std::optional<records::Guest> pins_wanted_;
   std::map<std::string, Result<void, Refusal>> applies_;  // likewise
   std::optional<records::Guest> applies_wanted_;
+  using RoomQuery = std::pair<std::string, std::map<std::string, std::uint64_t>>;
+  std::map<RoomQuery, Result<void, Refusal>> rooms_;
+  std::optional<RoomQuery> room_wanted_;
   std::optional<Result<void, Refusal>> not_running_;
   bool not_running_wanted_ = false;
 };

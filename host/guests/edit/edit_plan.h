@@ -1,6 +1,8 @@
 // Plans an edit of a guest, based on one state of the store. For host/guests/edit/edit*.cpp only.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -78,6 +80,8 @@ struct EditedGuest {
   std::vector<std::string> taken_macs{};  // addresses that the edit assigns to interfaces
   bool names_network = false;             // an interface is put into a network with a record
   std::vector<std::string> left_files{};  // of disks that the running guest still has
+  // Of disks that the running guest's machine makes larger: bytes that are added, by path.
+  std::map<std::string, std::uint64_t> growing_files{};
   std::string repository_id{};
   std::string repository_host_id{};
   bool is_running = false;    // a host holds the guest

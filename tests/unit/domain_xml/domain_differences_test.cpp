@@ -5,7 +5,9 @@
 
 #include <functional>
 
+#include "host/base/json_parse.h"
 #include "json/readers.h"
+#include "tests/support/require.h"
 #include "tests/unit/domain_xml/domain_build_fixture.h"
 
 namespace vexa::domain_xml {
@@ -35,7 +37,7 @@ std::string Text(const std::vector<Difference>& differences) {
 std::string Compare(const GuestRecords& running, const GuestRecords& recorded, const DiskSizes& sizes = {}) {
   BuildOptions options;
   options.pinned_cpus = {0, 1};
-  const auto found = FindDifferences(MustBuild(running, options), MustBuild(recorded, options), recorded, sizes);
+  const auto found = FindDifferences(MustBuild(running, options), MustBuild(recorded, options), recorded, {sizes, {}});
   EXPECT_TRUE(found) << (found ? "" : found.error().ToString());
   return found ? Text(*found) : "";
 }
@@ -84,6 +86,11 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"disk_removed", [](GuestRecords& records) { records.disks.pop_back(); },
             R"([{"id":"vdb.qcow2","property":"vdisks","recorded":null,)"
             R"("running":{"path":"/images/vdb.qcow2","unmap":false,"vdisk_mode":1}}])"},
+        Row{"disk_replaced", [](GuestRecords& records) { records.disks[1].second["path"] = "/images/other.qcow2"; },
+            R"([{"id":"vdb.qcow2","property":"vdisks","recorded":null,)"
+            R"("running":{"path":"/images/vdb.qcow2","unmap":false,"vdisk_mode":1}},)"
+            R"({"id":"11111111-2222-4333-8444-0000000000d2","property":"vdisks",)"
+            R"("recorded":{"path":"/images/other.qcow2","unmap":false,"vdisk_mode":1},"running":null}])"},
         Row{"disk_mode",
             [](GuestRecords& records) {
               records.disks[1].second["vdisk_mode"] = 4;
@@ -125,6 +132,20 @@ TEST(PendingDifferences, Compare_DiskHasOtherSizeThanRecord_ListsBothSizes) {
   EXPECT_EQ(Compare(FullGuest(), FullGuest(), {{"/images/vda.qcow2", 50}, {"/images/vdb.qcow2", 100}}),
             R"([{"id":"11111111-2222-4333-8444-0000000000d1","property":"vdisks","recorded":)"
             R"({"path":"/images/vda.qcow2","size":100},"running":{"path":"/images/vda.qcow2","size":50}}])");
+}
+
+// Hosts send each other what waits, and leave it out when they apply an edit.
+TEST(PendingDifferences, Json_ReadBack_AreTheSameDifferences) {
+  GuestRecords edited = FullGuest();
+  edited.guest["vcpu_num"] = 3;
+  edited.guest["iso_images"][0] = "unmounted";
+  edited.disks[1].second["vdisk_mode"] = 4;
+  edited.nics.clear();
+  const auto found =
+      FindDifferences(MustBuild(FullGuest()), MustBuild(edited), edited, {{{"/images/vda.qcow2", 50}}, {}});
+  ASSERT_TRUE(found);
+  EXPECT_GE(found->size(), 5U);
+  EXPECT_EQ(DifferencesFromJson(test::Require(ParseJson(Text(*found)))), *found);
 }
 
 TEST(PendingDifferences, Compare_RunningXmlNamesMoreThanRecords_FindsNone) {

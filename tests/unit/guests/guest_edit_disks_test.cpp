@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/guests/deletion/deletion.h"
+#include "host/storage/storage_watch.h"
 #include "tests/unit/guests/guest_edit_fixture.h"
 
 namespace vexa::test {
@@ -200,6 +201,30 @@ TEST_F(DiskEdit, Edit_GuestRunsHere_LeavesFilesToMachine) {
   RemoveKey(*store_, records::RunKey(kEdited));
   EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":128,)" + Id(kDisk0) + "}]}"), 0);
   EXPECT_FALSE(RecordOf(*store_, "vdisk", kDisk0).isMember("image_is_smaller"));
+}
+
+TEST_F(DiskEdit, Edit_GuestRunsHere_DisksGrowOnlyIntoRoom) {
+  options_.can_change_running = true;
+  storage::StorageOptions storage;
+  storage.store = store_;
+  storage.host_id = options_.host_id;
+  storage.roots = options_.image_roots;
+  storage.limits = {50, 100, 0};
+  options_.storage = std::make_shared<storage::StorageWatch>(storage);
+  records::Run run;
+  run.host_id = options_.host_id;
+  PutText(*store_, records::RunKey(kEdited), records::SerializeRun(run));
+  records_ = Everything(*store_);
+  const auto grow = [&](std::uint64_t mib) {
+    return Edit(R"({"vdisks_edit":[{"vdisk_size":)" + std::to_string(mib) + "," + Id(kDisk0) + "}]}");
+  };
+  const auto refused = grow(domain_xml::kMaxDiskMib);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 949);
+  EXPECT_THAT(refused.error().reason, testing::HasSubstr(" more would make the file system of the folder '"));
+  ExpectUnchanged();
+  EXPECT_TRUE(grow(64).ok());
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["size"], 64);
 }
 
 TEST_F(DiskEdit, Edit_SuspendedGuest_IsRefused) {

@@ -89,6 +89,28 @@ TEST(LiveDifferences, New_WhatWaitedBefore_IsLeftOut) {
   EXPECT_TRUE(NewDifferences({waits}, {waits}).empty());
 }
 
+TEST(LiveRelease, DevicesThatStay_TakeTheTimeOnce) {
+  ReleaseTimer timer(50ms, [] { return false; });
+  int looks = 0;
+  const auto stays = [&]() -> Result<bool> {
+    ++looks;
+    return true;
+  };
+  const Status first = timer.AwaitRelease(stays);
+  EXPECT_EQ(first.error().ToString(), "The guest has not given the device back yet");
+  looks = 0;
+  EXPECT_FALSE(timer.AwaitRelease(stays));
+  EXPECT_EQ(looks, 1) << "the time begins again for each device";
+  EXPECT_TRUE(timer.AwaitRelease([]() -> Result<bool> { return false; }));
+}
+
+TEST(LiveRelease, HostStops_EndsTheWait) {
+  ReleaseTimer timer(1h, [] { return true; });
+  const Status waited = timer.AwaitRelease([]() -> Result<bool> { return true; });
+  ASSERT_FALSE(waited);
+  EXPECT_EQ(waited.error().ToString(), "This host is stopping");
+}
+
 class GuestLive : public GuestControlTest {
  protected:
   void StartRunning() {
@@ -185,6 +207,15 @@ TEST_F(GuestLive, Edit_ApplyAtNextStart_LeavesMachineUntilApplied) {
   EXPECT_EQ(RunOf()->vcpus, 1U) << "all that waits is excepted";
   EXPECT_DONE(control_->Apply(kGuest, {}, hypervisor::Eject::kIfUnlocked, kAlice));
   EXPECT_EQ(RunOf()->vcpus, 2U);
+}
+
+TEST_F(GuestLive, Edit_HostStops_WaitsForNextStart) {
+  ASSERT_NO_FATAL_FAILURE(StartRunning());
+  test::ClearCapturedSyslog();
+  control_->BeginStop();
+  EXPECT_DONE(Edit(R"({"vcpu_num":2})"));
+  EXPECT_EQ(Pending(), R"([{"property":"vcpu_num","recorded":2,"running":1}])");
+  EXPECT_TRUE(test::SyslogContains("waits for its next start: this host is stopping"));
 }
 
 TEST_F(GuestLive, Apply_GuestOff_Is911) {

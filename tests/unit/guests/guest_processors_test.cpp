@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "host/domain_xml/cpu_set.h"
+#include "json/readers.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
@@ -44,6 +45,11 @@ class GuestProcessors : public GuestControlTest {
     const auto end = std::chrono::steady_clock::now() + 20s;
     while (Affinity(id) != expected && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
     EXPECT_EQ(Affinity(id), expected);
+  }
+  std::string Pending(const std::string& id) const {
+    const auto pending = control_->Pending(id);
+    if (!pending.ok()) return std::to_string(pending.error().code) + " " + pending.error().reason;
+    return VexaVirtualization::json::ToText(domain_xml::ToJson(*pending));
   }
   // Of a guest with this many virtual CPUs that has all these processors.
   static std::string All(int vcpus, const std::string& cpus) {
@@ -136,6 +142,21 @@ TEST_F(GuestProcessors, RunRecordLost_DedicatedProcessors_AreFoundInDefinition) 
   EXPECT_EQ(RunOf()->pinned_cpus, std::vector<unsigned>{cpus_ - 1});
 }
 
+// With two processors, the guest's other virtual CPU has a single one as well, which is not dedicated to it.
+TEST_F(GuestProcessors, RunRecordLost_VirtualCpuWasMoved_IsNotTakenForDedicated) {
+  PutGuest(kGuest, "web-1", Parsed(R"({"cpu_pin_num":1,"vcpu_num":2})"));
+  Start(Slow());
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vcpu_num":3})"), kAlice));
+  EXPECT_EQ(Affinity(kGuest), last_ + " " + shared_ + " " + shared_ + " emulator " + shared_);
+  ASSERT_TRUE(host_.store().Commit({{}, {{records::RunKey(kGuest), std::nullopt}}}));
+  PutGuest(kGuest, "web-1", Parsed(R"({"cpu_pin_num":1,"vcpu_num":3,"desc":"changed"})"));
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  while (!RunOf() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+  ASSERT_TRUE(RunOf());
+  EXPECT_EQ(RunOf()->pinned_cpus, std::vector<unsigned>{cpus_ - 1});
+}
+
 TEST_F(GuestProcessors, Move_Refused_IsRetriedAndLogged) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
@@ -153,6 +174,48 @@ TEST_F(GuestProcessors, Move_Refused_IsRetriedAndLogged) {
     EXPECT_EQ(RunOf(kOther)->kept_off, CpuSet());
   }
   ExpectAffinity(kOther, All(2, shared_));
+}
+
+// libvirt shows a guest that was moved with <vcpupin> for each of its virtual CPUs.
+TEST_F(GuestProcessors, Pending_GuestWasMoved_IsEmpty) {
+  Start(Slow());
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  ExpectAffinity(kOther, All(2, shared_));
+  EXPECT_EQ(Pending(kOther), "[]");
+  EXPECT_EQ(Pending(kGuest), "[]");
+  EXPECT_DONE(control_->Edit(kOther, Parsed(R"({"apply":"now","desc":"moved"})"), kAlice));
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":0})"), kAlice));
+  EXPECT_EQ(Pending(kGuest), R"([{"property":"cpu_pin_num","recorded":0,"running":1}])");
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  ExpectAffinity(kOther, All(2, all_));
+  EXPECT_EQ(Pending(kOther), "[]");
+}
+
+// A restore dedicates processors as the record says then.
+TEST_F(GuestProcessors, Pending_GuestSaved_IsEmpty) {
+  Start(Slow());
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  ExpectAffinity(kOther, All(2, shared_));
+  EXPECT_DONE(control_->Save(kGuest, kAlice));
+  EXPECT_EQ(Pending(kGuest), "[]");
+  EXPECT_DONE(control_->Save(kOther, kAlice));
+  EXPECT_EQ(Pending(kOther), "[]");
+}
+
+TEST_F(GuestProcessors, Edit_MoreProcessorsWhileRunning_AreKeptOffDedicatedOnes) {
+  Start(Slow());
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  ExpectAffinity(kOther, All(2, shared_));
+  EXPECT_DONE(control_->Edit(kOther, Parsed(R"({"vcpu_num":3})"), kAlice));
+  EXPECT_EQ(Affinity(kOther), All(3, shared_));
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vcpu_num":2})"), kAlice));
+  EXPECT_EQ(Affinity(kGuest), last_ + " " + shared_ + " emulator " + shared_);
+  EXPECT_EQ(RunOf(kOther)->kept_off, CpuSet{cpus_ - 1});
+  EXPECT_EQ(Pending(kGuest), "[]");
+  EXPECT_EQ(Pending(kOther), "[]");
 }
 
 TEST_F(GuestProcessors, RunRecord_KeptOff_IsKept) {
@@ -191,6 +254,14 @@ TEST(CpuSets, Confined_KeepsWhatIsInBoth) {
   EXPECT_EQ(domain_xml::ConfineCpus("", shared), shared);
   EXPECT_EQ(domain_xml::ConfineCpus("4", shared), shared) << "it must run somewhere";
   EXPECT_EQ(domain_xml::ConfineCpus("x", shared), shared);
+}
+
+TEST(CpuSets, PinnedVcpus_AreCountedOnce) {
+  EXPECT_EQ(domain_xml::PinnedVcpusOf("<domain><cputune><vcpupin vcpu='0' cpuset='1'/><vcpupin vcpu='2' cpuset='0-3'/>"
+                                      "<vcpupin vcpu='0' cpuset='2'/><emulatorpin cpuset='1'/></cputune></domain>"),
+            2U);
+  EXPECT_EQ(domain_xml::PinnedVcpusOf("<domain/>"), 0U);
+  EXPECT_EQ(domain_xml::PinnedVcpusOf("no XML"), 0U);
 }
 
 TEST(CpuSets, Definition_SaysWhereGuestsRun) {

@@ -64,6 +64,12 @@ TEST_F(GuestScreen, Record_UnknownLayout_StartsWithoutItAndCanBeEdited) {
   EXPECT_TRUE(test::SyslogContains(
       "The guest " + std::string(kGuest) +
       " has the keyboard layout 'xx', which QEMU on this host does not have. It gets QEMU's own layout"));
+  // Once for each start, and not whenever somebody looks.
+  test::ClearCapturedSyslog();
+  const auto pending = control_->Pending(kGuest);
+  ASSERT_TRUE(pending.ok());
+  EXPECT_TRUE(pending->empty());
+  EXPECT_FALSE(test::SyslogContains("keyboard layout"));
 }
 
 TEST_F(GuestScreen, Record_KnownLayout_IsWritten) {

@@ -1,6 +1,7 @@
 // Virtual functions of network cards for guests with "prefer_sriov": on libvirt's test driver, with a folder in place
 // of /sys. A real card is not needed, and not tested.
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
@@ -43,6 +44,11 @@ class GuestVirtualFunctions : public GuestControlTest {
     return xml.find("<interface type='hostdev' managed='yes'>") != std::string::npos &&
            xml.find(source) != std::string::npos;
   }
+  std::string Pending() const {
+    const auto pending = control_->Pending(kGuest);
+    if (!pending.ok()) return std::to_string(pending.error().code) + " " + pending.error().reason;
+    return VexaVirtualization::json::ToText(domain_xml::ToJson(*pending));
+  }
   void ExpectReported(const std::string& reason) {
     EXPECT_TRUE(test::SyslogContains("The network interface " + std::string(kNic) + " of the guest " + kGuest +
                                      " got no virtual function: " + reason))
@@ -70,14 +76,14 @@ TEST_F(GuestVirtualFunctions, Preferred_FreeFunction_IsUsedByOneGuestAtATime) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_TRUE(HasFunction(kGuest, "<address type='pci' domain='0x0000' bus='0x3b' slot='0x02' function='0x0'/>"))
       << test::XmlAsUser(kGuest);
-  EXPECT_EQ(RunOf()->virtual_functions.at(kNic), "0000:3b:02.0");
+  EXPECT_EQ(RunOf()->virtual_functions.at(kNic).address, "0000:3b:02.0");
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
-  EXPECT_EQ(RunOf(kOther)->virtual_functions.at(kOtherNic), "0000:3b:02.1");
+  EXPECT_EQ(RunOf(kOther)->virtual_functions.at(kOtherNic).address, "0000:3b:02.1");
   EXPECT_FALSE(test::SyslogContains("virtual function"));
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
   EXPECT_DONE(control_->PowerOff(kOther, kAlice));
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
-  EXPECT_EQ(RunOf(kOther)->virtual_functions.at(kOtherNic), "0000:3b:02.0") << "free again";
+  EXPECT_EQ(RunOf(kOther)->virtual_functions.at(kOtherNic).address, "0000:3b:02.0") << "free again";
 }
 
 TEST_F(GuestVirtualFunctions, Preferred_OthersHaveAll_IsOnTheBridgeAndReported) {
@@ -130,10 +136,45 @@ TEST_F(GuestVirtualFunctions, HostRestarted_GuestKeepsItsFunction) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   Kill();
   ASSERT_NO_FATAL_FAILURE(StartWithCard());
-  EXPECT_EQ(RunOf()->virtual_functions.at(kNic), "0000:3b:02.0");
+  EXPECT_EQ(RunOf()->virtual_functions.at(kNic).address, "0000:3b:02.0");
   EXPECT_TRUE(HasFunction(kGuest, "bus='0x3b'")) << test::XmlAsUser(kGuest);
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
   EXPECT_TRUE(RunOf(kOther)->virtual_functions.empty());
+}
+
+// A guest that runs has its function for as long as its record asks for one in the same network.
+TEST_F(GuestVirtualFunctions, Pending_RecordNoLongerAsksForFunction_ListsBridge) {
+  card_.AddFunction();
+  ASSERT_NO_FATAL_FAILURE(StartWithCard());
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_EQ(Pending(), "[]");
+  const auto expected = [](const std::string& recorded) {
+    return R"([{"id":")" + std::string(kNic) + R"(","property":"vnics","recorded":)" + recorded +
+           R"(,"running":{"mac":"02:00:00:00:00:11","virtual_function":"0000:3b:02.0"}}])";
+  };
+  PutGuestWithNic(kGuest, "web-1", kNic, "br0", false);
+  EXPECT_EQ(Pending(), expected(R"({"mac":"02:00:00:00:00:11","network":"br0","vnic_type":1})"));
+  PutGuestWithNic(kGuest, "web-1", kNic, "br1");
+  EXPECT_EQ(Pending(), expected(R"({"mac":"02:00:00:00:00:11","network":"br1","vnic_type":1})"))
+      << "it is in the old network";
+  PutGuestWithNic(kGuest, "web-1", kNic, "br0");
+  EXPECT_EQ(Pending(), "[]");
+}
+
+// As after an interface was removed from a running guest, also when the host ended in between.
+TEST_F(GuestVirtualFunctions, FunctionGivenBack_IsFreeForOthers) {
+  card_.AddFunction();
+  card_.AddFunction();
+  ASSERT_NO_FATAL_FAILURE(StartWithCard());
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  RunRecord run = *RunOf();
+  const records::VirtualFunction kept = run.virtual_functions.at(kNic);
+  run.virtual_functions["d1b2c3d4-0000-4000-8000-000000000013"] = {"0000:3b:02.1", "br0"};
+  PutRun(run);
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"desc":"it is reconciled"})"), kAlice));
+  EXPECT_EQ(RunOf()->virtual_functions, (std::map<std::string, records::VirtualFunction>{{kNic, kept}}));
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_EQ(RunOf(kOther)->virtual_functions.at(kOtherNic).address, "0000:3b:02.1");
 }
 
 TEST_F(GuestVirtualFunctions, Edit_NetworkOfAKindWithoutCards_IsRefused) {
