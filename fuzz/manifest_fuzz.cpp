@@ -19,8 +19,10 @@ void CheckUuid(const std::string& id) { Check(!id.empty() && NormalizeUuid(id) =
 void CheckSource(const vexa::cli::ImportSource& source) {
   Check(!source.label.empty() && !source.file.empty() && !source.xml, "a guest has a file");
   if (!source.expected_id.empty()) CheckUuid(source.expected_id);
-  CheckUuid(source.options.repository_id);
-  CheckUuid(source.options.host_id);
+  // Without one, the server takes its own.
+  for (const std::string& id : {source.options.repository_id, source.options.host_id}) {
+    if (!id.empty()) CheckUuid(id);
+  }
   for (const auto& [name, id] : source.options.networks) CheckUuid(id);
   for (const auto& [name, size_mib] : source.options.disk_sizes_mib) {
     Check(size_mib >= 1024 && size_mib <= vexa::domain_xml::kMaxDiskMib, "a disk has an allowed size");

@@ -79,7 +79,7 @@ Result<std::optional<LibvirtGuestControl::Comparison>, Refusal> LibvirtGuestCont
   const std::uint64_t pins = std::min<std::uint64_t>(json::UInt64(json::Member(next.records.guest, keys::cpu_pin_num)),
                                                      GuestSettingOf("vcpu_num").max);
   domain_xml::RunningFacts facts;
-  // A restore dedicates processors anew.
+  // A restore dedicates processors again.
   facts.pinned_vcpus = is_saved ? pins : PinnedVcpus(guest_id, run);
   run.pinned_cpus.assign(pins, 0);
   DropUnwantedFunctions(next, *running_xml, run);
@@ -326,7 +326,9 @@ Result<void, Refusal> LibvirtGuestControl::ClearImageIsSmaller(const std::string
 void LibvirtGuestControl::GrowImages(const records::Guest& guest) {
   if (guest.repository_host_id != options_.host_id) return;
   const disks::DiskFiles files(options_.image_roots, disks::FileSystemCalls());
-  for (const auto& [id, disk] : guest.records.disks) {
+  for (const auto& part : guest.records.disks) {
+    const std::string& id = part.first;
+    const Json::Value& disk = part.second;
     if (!json::Bool(json::Member(disk, kImageIsSmaller))) continue;
     const auto path = disks::NormalPath(json::StringMember(disk, disks::kDiskPath));
     const std::uint64_t size_mib = json::UInt64(json::Member(disk, keys::size));

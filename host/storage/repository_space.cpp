@@ -160,18 +160,15 @@ Result<void, Refusal> SetLimits(store::Store& store, const std::string& id, cons
       });
 }
 
-std::optional<std::string> WhyTooFull(const FolderCondition& condition, const SpaceLimits& limits,
-                                      std::uint64_t bytes) {
+std::optional<std::string> WhyFull(const FolderCondition& condition, const SpaceLimits& limits) {
   if (condition.error_number != 0 || limits.full_percent == 0) return std::nullopt;
   const auto used = static_cast<double>(condition.used);
   const auto available = static_cast<double>(condition.available);
-  const auto added = static_cast<double>(bytes);
-  const bool has_headroom =
-      limits.headroom_gib != 0 && available - added > static_cast<double>(limits.headroom_gib * kGib);
-  if (has_headroom || (used + added) * kMaxPercent < (used + available) * limits.full_percent) return std::nullopt;
-  return fmt::format("{} more would make the file system of the folder {} at least {} % full: {} of {} are used",
-                     ByteText(bytes), QuotedPath(condition.folder), limits.full_percent, ByteText(condition.used),
-                     ByteText(condition.used + condition.available));
+  const bool has_headroom = limits.headroom_gib != 0 && available > static_cast<double>(limits.headroom_gib * kGib);
+  if (has_headroom || used * kMaxPercent < (used + available) * limits.full_percent) return std::nullopt;
+  return fmt::format("{} of {} are used in the file system of the folder {}, and its limit is {} %",
+                     ByteText(condition.used), ByteText(condition.used + condition.available),
+                     QuotedPath(condition.folder), limits.full_percent);
 }
 
 }  // namespace vexa::storage

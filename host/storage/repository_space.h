@@ -57,8 +57,7 @@ struct NewLimits {
 // Refusals: kBadParameter (above 100, or the soft one is above the hard one), kNotFoundOrUnreadable, kRecordFailed.
 Result<void, Refusal> SetLimits(store::Store& store, const std::string& id, const NewLimits& limits, std::string& name);
 
-// Why `bytes` more would make a file system in this condition full, with the figures as a clause; not set when they
-// would not.
-std::optional<std::string> WhyTooFull(const FolderCondition& condition, const SpaceLimits& limits, std::uint64_t bytes);
+// Why a file system in this condition is full, with the figures as a clause; not set if it is not.
+std::optional<std::string> WhyFull(const FolderCondition& condition, const SpaceLimits& limits);
 
 }  // namespace vexa::storage

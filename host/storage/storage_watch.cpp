@@ -296,8 +296,7 @@ Result<void, Refusal> StorageWatch::CheckFolders(const std::string& repository_i
   return CheckWithTimeout(repository_id, part, use);
 }
 
-Result<void, Refusal> StorageWatch::CheckRoom(const std::string& repository_id,
-                                              const std::map<std::string, std::uint64_t>& bytes_by_path) {
+Result<void, Refusal> StorageWatch::CheckRoom(const std::string& repository_id, const std::set<std::string>& paths) {
   SpaceLimits limits;
   {
     const auto snapshot = options_.store->Read();
@@ -307,20 +306,20 @@ Result<void, Refusal> StorageWatch::CheckRoom(const std::string& repository_id,
     limits = *own;
   }
   if (limits.full_percent == 0 || repository_id.empty()) return {};
-  std::map<std::string, std::uint64_t> bytes_by_folder;
-  for (const auto& [path, bytes] : bytes_by_path) bytes_by_folder[path.substr(0, path.rfind('/'))] += bytes;
-  for (const auto& [folder, bytes] : bytes_by_folder) {
+  std::set<std::string> folders;
+  for (const std::string& path : paths) folders.insert(path.substr(0, path.rfind('/')));
+  for (const std::string& folder : folders) {
     const auto conditions = std::make_shared<std::vector<FolderCondition>>();
-    BoundedCalls::Call call = calls_.Begin(repository_id + "/room", [conditions, folder = folder] {
+    BoundedCalls::Call call = calls_.Begin(repository_id + "/room", [conditions, folder] {
       *conditions = ProbeFolders({folder});
       // A new repository's folder is made with its first file.
       if (conditions->empty()) *conditions = ProbeFolders({folder.substr(0, folder.rfind('/'))});
     });
     if (!call.Wait()) return NotRespondingRefusal(repository_id);
     for (const FolderCondition& condition : *conditions) {
-      const std::optional<std::string> why = WhyTooFull(condition, limits, bytes);
+      const std::optional<std::string> why = WhyFull(condition, limits);
       if (!why) continue;
-      return Refusal{host_error::kUnavailable, "The repository " + Quoted(repository_id) + " lacks room: " + *why +
+      return Refusal{host_error::kUnavailable, "The repository " + Quoted(repository_id) + " is full: " + *why +
                                                    ". Make room in it, or use another repository"};
     }
   }

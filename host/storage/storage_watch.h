@@ -100,10 +100,9 @@ class StorageWatch {
   // The same as CheckFolders, for the folder chain that a job's journal has stored of its files.
   Result<void, Refusal> CheckStoredFolders(const std::string& repository_id, const FolderChain& stored, StorageUse use);
 
-  // Refuses when files that a job is going to create or grow would make a file system of the repository full, because
-  // guests may write all of them: 949, with the figures. `bytes_by_path` has the bytes that each file may get.
-  Result<void, Refusal> CheckRoom(const std::string& repository_id,
-                                  const std::map<std::string, std::uint64_t>& bytes_by_path);
+  // Refuses when a file system of the repository is full now that has one of the files, which a job is going to create
+  // or grow: 949, with the figures. Images are sparse: their sizes do not count, only what is used already.
+  Result<void, Refusal> CheckRoom(const std::string& repository_id, const std::set<std::string>& paths);
 
   // Releases waiting callers. Do not use the watch afterwards: all storage counts as not responding, and Refresh writes
   // nothing.

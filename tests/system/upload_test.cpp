@@ -466,8 +466,8 @@ TEST_F(RepositoryProgramTest, HardLimit_RefusesNewAndLargerDisks) {
   ASSERT_EQ(Vexa({"repository", "limits", "pool", "--soft", "0", "--hard", "1"}).exit_code, 0);
   const ProcessResult refused = Vexa(create);
   EXPECT_EQ(refused.exit_code, 1);
-  EXPECT_THAT(refused.errors, HasSubstr("lacks room: 1.0 GiB more would make the file system of the folder '"));
-  EXPECT_THAT(refused.errors, HasSubstr("at least 1 % full: "));
+  EXPECT_THAT(refused.errors, HasSubstr(" are used in the file system of the folder '"));
+  EXPECT_THAT(refused.errors, HasSubstr("', and its limit is 1 %. Make room in it"));
   ASSERT_EQ(Vexa({"repository", "limits", "pool", "--hard", "0"}).exit_code, 0);
   const ProcessResult created = Vexa(create);
   ASSERT_EQ(created.exit_code, 0) << created.errors;
@@ -480,7 +480,7 @@ TEST_F(RepositoryProgramTest, HardLimit_RefusesNewAndLargerDisks) {
   ASSERT_EQ(Vexa({"repository", "limits", "pool", "--soft", "0", "--hard", "1"}).exit_code, 0);
   const std::string id = json::StringMember(disk, "vdisk_id");
   EXPECT_NE(Vexa({"guest", "set", "web", "--grow-disk", id + "=3"}).exit_code, 0);
-  EXPECT_TRUE(daemon_->WaitForText("lacks room: 2.0 GiB more", 30s)) << daemon_->errors();
+  EXPECT_TRUE(daemon_->WaitForText("and its limit is 1 %", 30s)) << daemon_->errors();
   ASSERT_EQ(Vexa({"repository", "limits", "pool"}).exit_code, 0);
   // The next check has the space, by the settings of the host.
   EXPECT_TRUE(Eventually([&] {

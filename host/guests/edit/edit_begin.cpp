@@ -99,14 +99,13 @@ Result<void, Refusal> EditJob::CheckStorage(const FileChanges& files) const {
   return job_.CheckStorage(files.repository_id, paths, storage::StorageUse::kNew);
 }
 
-// Disks that are made, or become larger, must fit into the repository when their guests write all of them.
 Result<void, Refusal> EditJob::CheckRoom(const FileChanges& files) const {
   if (!options_.storage) return {};
-  std::map<std::string, std::uint64_t> bytes;
-  for (const NewFile& file : files.made) bytes[file.path] = file.size_mib << 20;
-  for (const GrownFile& file : files.grown) bytes[file.path] = file.added_mib << 20;
-  if (bytes.empty()) return {};
-  return options_.storage->CheckRoom(files.repository_id, bytes);
+  std::set<std::string> paths;
+  for (const NewFile& file : files.made) paths.insert(file.path);
+  for (const GrownFile& file : files.grown) paths.insert(file.path);
+  if (paths.empty()) return {};
+  return options_.storage->CheckRoom(files.repository_id, paths);
 }
 
 // A commit that reported a failure may still have taken effect, and would block every operation on the guest.

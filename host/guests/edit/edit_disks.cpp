@@ -21,7 +21,6 @@ namespace keys = VexaCCC::DB::_k;
 using domain_xml::ImageFormat;
 
 constexpr char kDriver[] = "driver";
-constexpr unsigned kBitsOfMib = 20;
 constexpr int kTypeRaw = 1;
 constexpr int kTypeQcow2 = 2;
 constexpr int kUserDiskFormat = 2;  // "format" in the record of every disk that users see
@@ -89,9 +88,9 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
     return edited.Refuse(host_error::kBadDisk, fmt::format("The disk {} has no file that could grow", quoted_id));
   if (edited.runs_here) {
     disk.stored.record[kImageIsSmaller] = true;
-    edited.growing_files[*path] = (size_mib - now_mib) << kBitsOfMib;
+    edited.growing_files.insert(*path);
   } else {
-    edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib, size_mib - now_mib});
+    edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
     disk.stored.record.removeMember(kImageIsSmaller);
   }
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
@@ -161,9 +160,9 @@ void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
 // For disks that a running guest's machine makes larger, with those that are made. The job checks its own files.
 void CheckRoom(EditedGuest& edited) {
   if (edited.growing_files.empty() || edited.MustStop()) return;
-  std::map<std::string, std::uint64_t> bytes = edited.growing_files;
-  for (const NewFile& file : edited.plan.files.made) bytes[file.path] = file.size_mib << kBitsOfMib;
-  const auto room = edited.facts.Room(edited.repository_id, bytes);
+  std::set<std::string> paths = edited.growing_files;
+  for (const NewFile& file : edited.plan.files.made) paths.insert(file.path);
+  const auto room = edited.facts.Room(edited.repository_id, paths);
   if (room && !room->ok()) edited.Refuse(room->error().code, room->error().reason);
 }
 

@@ -71,10 +71,10 @@ std::optional<Result<void, Refusal>> FileFacts::AppliesNow(const records::Guest&
 }
 
 std::optional<Result<void, Refusal>> FileFacts::Room(const std::string& repository_id,
-                                                     const std::map<std::string, std::uint64_t>& bytes_by_path) {
-  const auto found = rooms_.find({repository_id, bytes_by_path});
+                                                     const std::set<std::string>& paths) {
+  const auto found = rooms_.find({repository_id, paths});
   if (found != rooms_.end()) return found->second;
-  room_wanted_ = RoomQuery(repository_id, bytes_by_path);
+  room_wanted_ = RoomQuery(repository_id, paths);
   return std::nullopt;
 }
 

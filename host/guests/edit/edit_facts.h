@@ -32,9 +32,8 @@ class FileFacts {
   std::optional<Result<void, Refusal>> Pins(const records::Guest& edited);
   std::optional<Result<void, Refusal>> NotRunning();
   std::optional<Result<void, Refusal>> AppliesNow(const records::Guest& edited);
-  // Whether the repository has room for that many more bytes in the files.
-  std::optional<Result<void, Refusal>> Room(const std::string& repository_id,
-                                            const std::map<std::string, std::uint64_t>& bytes_by_path);
+  // Whether the file systems of the repository that have the files have room.
+  std::optional<Result<void, Refusal>> Room(const std::string& repository_id, const std::set<std::string>& paths);
 
   bool HasMissingFacts() const {
     return !images_wanted_.empty() || !folders_wanted_.empty() || pins_wanted_ || not_running_wanted_ ||
@@ -56,7 +55,7 @@ class FileFacts {
   std::optional<records::Guest> pins_wanted_;
   std::map<std::string, Result<void, Refusal>> applies_;  // likewise
   std::optional<records::Guest> applies_wanted_;
-  using RoomQuery = std::pair<std::string, std::map<std::string, std::uint64_t>>;
+  using RoomQuery = std::pair<std::string, std::set<std::string>>;
   std::map<RoomQuery, Result<void, Refusal>> rooms_;
   std::optional<RoomQuery> room_wanted_;
   std::optional<Result<void, Refusal>> not_running_;

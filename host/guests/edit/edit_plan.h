@@ -33,7 +33,6 @@ struct GrownFile {
   std::string path;
   domain_xml::ImageFormat format = domain_xml::ImageFormat::kQcow2;
   std::uint64_t size_mib = 0;
-  std::uint64_t added_mib = 0;
   bool operator==(const GrownFile&) const = default;
 };
 
@@ -80,8 +79,7 @@ struct EditedGuest {
   std::vector<std::string> taken_macs{};  // addresses that the edit assigns to interfaces
   bool names_network = false;             // an interface is put into a network with a record
   std::vector<std::string> left_files{};  // of disks that the running guest still has
-  // Of disks that the running guest's machine makes larger: bytes that are added, by path.
-  std::map<std::string, std::uint64_t> growing_files{};
+  std::set<std::string> growing_files{};  // of disks that the running guest's machine makes larger
   std::string repository_id{};
   std::string repository_host_id{};
   bool is_running = false;    // a host holds the guest

@@ -82,13 +82,14 @@ TEST_F(Services, Rows_Each_IsForHostsAndVersionOne) {
           "VEXA.CCC.Cluster.Member certificate_sign", "VEXA.CCC.Cluster.Member utilization_get",
           "VEXA.CCC.Guest check_repo_cap", "VEXA.CCC.Guest create", "VEXA.CCC.Guest check_resource",
           "VEXA.CCC.Guest apply", "VEXA.CCC.Guest pending", "VEXA.CCC.Guest delete", "VEXA.CCC.Guest discard_saved",
-          "VEXA.CCC.Guest get_info", "VEXA.CCC.Guest hostset", "VEXA.CCC.Guest poweroff", "VEXA.CCC.Guest poweron",
-          "VEXA.CCC.Guest reboot", "VEXA.CCC.Guest release", "VEXA.CCC.Guest restore", "VEXA.CCC.Guest resume",
-          "VEXA.CCC.Guest save", "VEXA.CCC.Guest suspend", "VEXA.CCC.Guest screenshot", "VEXA.CCC.Guest set",
-          "VEXA.CCC.Guest shutdown", "VEXA.CCC.Guest type", "VEXA.CCC.VDisk list", "VEXA.Core.Network.Bond get",
-          "VEXA.Core.Network.Ethernet get", "VEXA.Core.Network.Interface list", "VEXA.Core.Storage.Volume get",
-          "VEXA.Core.System info", "VEXA.Core.System.Utilization get", "VEXA.Core.Web.Orla get",
-          "VEXA.Virtualization.Cluster clear_poll_task", "VEXA.Virtualization.Guest.Action check_host_resource"));
+          "VEXA.CCC.Guest get_info", "VEXA.CCC.Guest hostset", "VEXA.CCC.Guest import", "VEXA.CCC.Guest poweroff",
+          "VEXA.CCC.Guest poweron", "VEXA.CCC.Guest reboot", "VEXA.CCC.Guest release", "VEXA.CCC.Guest restore",
+          "VEXA.CCC.Guest resume", "VEXA.CCC.Guest save", "VEXA.CCC.Guest suspend", "VEXA.CCC.Guest screenshot",
+          "VEXA.CCC.Guest set", "VEXA.CCC.Guest shutdown", "VEXA.CCC.Guest type", "VEXA.CCC.VDisk list",
+          "VEXA.Core.Network.Bond get", "VEXA.Core.Network.Ethernet get", "VEXA.Core.Network.Interface list",
+          "VEXA.Core.Storage.Volume get", "VEXA.Core.System info", "VEXA.Core.System.Utilization get",
+          "VEXA.Core.Web.Orla get", "VEXA.Virtualization.Cluster clear_poll_task",
+          "VEXA.Virtualization.Guest.Action check_host_resource"));
 }
 
 // Every declared parameter with every type that it does not have, and without it when it is required.

@@ -276,11 +276,13 @@ TEST_F(GuestEdit, Edit_RecordOfOlderVersionWithPending_RemovesItWithNextChange) 
 }
 
 TEST_F(GuestEdit, Edit_ApplyIsNeitherNowNorNextStart_IsRefused) {
-  for (const char* value : {R"("later")", "true", R"("")"}) {
+  for (const auto& [value, shown] :
+       {std::pair(R"("later")", "'later'"), std::pair("true", "true"), std::pair(R"("")", "''")}) {
     const auto refused = Edit(std::string(R"({"vcpu_num":2,"apply":)") + value + "}");
     ASSERT_FALSE(refused.ok()) << value;
     EXPECT_EQ(refused.error().code, 401);
-    EXPECT_EQ(refused.error().reason, "The parameter 'apply' is not 'now' or 'next_start'");
+    EXPECT_EQ(refused.error().reason,
+              std::string("The parameter 'apply' is not 'now' or 'next_start': it is ") + shown);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "tests/support/matchers.h"
 #include "tests/support/require.h"
@@ -16,20 +17,17 @@ using ::testing::HasSubstr;
 
 constexpr std::uint64_t kGib = std::uint64_t{1} << 30;
 
-TEST(WhyTooFull, Bytes_AreAddedToWhatIsUsed) {
-  const FolderCondition condition{"/srv/a", 0, false, 80 * kGib, 20 * kGib};
-  const SpaceLimits limits{80, 95, 0};
-  EXPECT_FALSE(WhyTooFull(condition, limits, 14 * kGib));
-  EXPECT_EQ(WhyTooFull(condition, limits, 15 * kGib),
-            "15.0 GiB more would make the file system of the folder '/srv/a' at least 95 % full: 80.0 GiB of 100.0 GiB "
-            "are used");
-  EXPECT_FALSE(WhyTooFull(condition, {80, 0, 0}, 15 * kGib)) << "never full";
-  EXPECT_FALSE(WhyTooFull(condition, {80, 95, 4}, 15 * kGib)) << "5 GiB stay free";
-  EXPECT_TRUE(WhyTooFull(condition, {80, 95, 5}, 15 * kGib));
-  EXPECT_TRUE(WhyTooFull(condition, limits, UINT64_MAX));
+TEST(WhyFull, UsedSpace_IsComparedWithLimits) {
+  const FolderCondition condition{"/srv/a", 0, false, 95 * kGib, 5 * kGib};
+  EXPECT_FALSE(WhyFull(condition, {80, 96, 0}));
+  EXPECT_EQ(WhyFull(condition, {80, 95, 0}),
+            "95.0 GiB of 100.0 GiB are used in the file system of the folder '/srv/a', and its limit is 95 %");
+  EXPECT_FALSE(WhyFull(condition, {80, 0, 0})) << "never full";
+  EXPECT_FALSE(WhyFull(condition, {80, 95, 4})) << "more than 4 GiB are free";
+  EXPECT_TRUE(WhyFull(condition, {80, 95, 5}));
   FolderCondition failing = condition;
   failing.error_number = 5;
-  EXPECT_FALSE(WhyTooFull(failing, limits, 15 * kGib));
+  EXPECT_FALSE(WhyFull(failing, {80, 95, 0}));
 }
 
 class RepositorySpaceTest : public WatchedStorage {
@@ -81,30 +79,30 @@ TEST_F(RepositorySpaceTest, Refresh_StoresSpaceAndLimits) {
   EXPECT_EQ(storage.problem->state, VexaCCC::State::Repo::full);
 }
 
-TEST_F(RepositorySpaceTest, CheckRoom_TooLarge_IsRefusedWithFigures) {
+TEST_F(RepositorySpaceTest, CheckRoom_Full_IsRefusedWithFigures) {
   if (!test::CanMount()) GTEST_SKIP() << test::kCannotMount;
   ASSERT_TRUE(mount_.MountTmpfs());
   StorageOptions options = Options();
   options.limits = {50, 75, 0};
   StorageWatch watch(options);
   const std::string folder = mount_.File(kPool);
-  const auto check = [&](std::uint64_t kib) {
-    return watch.CheckRoom(kPool, {{folder + "/a", kib << 10}, {folder + "/b", kib << 10}});
-  };
-  EXPECT_TRUE(check(300).ok());
-  const auto refused = check(400);
+  const auto check = [&] { return watch.CheckRoom(kPool, {folder + "/a", folder + "/b"}); };
+  EXPECT_TRUE(check().ok());
+  std::ofstream(mount_.File("filled")) << std::string(800 << 10, 'x');
+  const auto refused = check();
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.error().code, 949);
+  EXPECT_THAT(refused.error().reason, HasSubstr(" is full: 8"));
   EXPECT_THAT(refused.error().reason,
-              HasSubstr("lacks room: 800.0 KiB more would make the file system of the folder '" + mount_.path()));
-  EXPECT_THAT(refused.error().reason, HasSubstr("at least 75 % full: "));
-  EXPECT_THAT(refused.error().reason, HasSubstr(" of 1.0 MiB are used. Make room in it, or use another repository"));
+              HasSubstr(" KiB of 1.0 MiB are used in the file system of the folder '" + mount_.path()));
+  EXPECT_THAT(refused.error().reason,
+              HasSubstr("', and its limit is 75 %. Make room in it, or use another repository"));
   // Its own folder counts once it exists.
   std::filesystem::create_directory(folder);
-  EXPECT_THAT(check(400).error().reason, HasSubstr("'" + folder + "'"));
+  EXPECT_THAT(check().error().reason, HasSubstr("'" + folder + "'"));
   std::string name;
   ASSERT_TRUE(SetLimits(host_.store(), kPool, {0, 0}, name).ok());
-  EXPECT_TRUE(check(400).ok());
+  EXPECT_TRUE(check().ok());
 }
 
 }  // namespace
