@@ -104,8 +104,13 @@ TEST_F(Reply, GuestByName_IsLookedUp) {
   const auto result = Run({"guest", "get", "web"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output, StartsWith(std::string("Guest              ") + kGuest + "\n"));
-  ASSERT_THAT(server.requests(), SizeIs(2));
-  EXPECT_THAT(server.requests()[1], HasSubstr(std::string("{\"guest_id\":\"") + kGuest + "\"}"));
+  // The last one is for what waits for its next start.
+  ASSERT_THAT(server.requests(), SizeIs(3));
+  for (const auto& [request, method] : {std::pair(1, "get"), std::pair(2, "status")}) {
+    EXPECT_THAT(server.requests()[request],
+                AllOf(StartsWith(std::string("POST /webapi/VEXA.Virtualization.Guest/") + method + " "),
+                      HasSubstr(std::string("{\"guest_id\":\"") + kGuest + "\"}")));
+  }
 }
 
 TEST_F(Reply, GuestByName_Unknown_IsReportedWithTheCommandThatListsThem) {
