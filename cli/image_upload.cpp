@@ -35,7 +35,8 @@ constexpr const char* kEnd = "/webapi/VEXA.Virtualization.Image/upload_end";
 constexpr const char* kCancel = "/webapi/VEXA.Virtualization.Image/upload_cancel";
 constexpr const char* kPut = "/upload/";
 
-constexpr std::size_t kLargestPiece = std::size_t{8} << 20;
+// The server takes larger ones, but at most 8 MiB of one user at a time: other uploads and calls of the user have room.
+constexpr std::size_t kLargestPiece = std::size_t{2} << 20;
 constexpr std::size_t kFirstPiece = std::size_t{1} << 20;
 constexpr std::size_t kSmallestPiece = std::size_t{64} << 10;
 // A piece that takes longer is not followed by a larger one: the server waits half a minute for a piece.

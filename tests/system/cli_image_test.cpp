@@ -270,6 +270,25 @@ TEST_F(ImageCommand, Upload_OffsetOfServer_IsUsed) {
               ElementsAre(HasSubstr(R"("size":7)"), "u1 1234567", "u1 67", R"(upload_end {"upload_id":"u1"})"));
 }
 
+TEST_F(ImageCommand, Upload_LargeFile_LeavesRoomForOtherUploadsOfItsUser) {
+  constexpr std::size_t kMib = std::size_t{1} << 20;
+  WriteFile(folder_.File("a.iso"), std::string(9 * kMib, 'x'));
+  std::size_t received = 0;
+  const ApiHost host([&](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    if (method == "upload_begin") return ApiHost::Success(R"({"upload_id":"u1","image_id":"u1","received":0})");
+    if (method == "upload_end") return ApiHost::Success(R"({"image_id":"u1"})");
+    received += received == 0 ? kMib : 2 * kMib;
+    return ApiHost::Success(R"({"received":)" + std::to_string(received) + "}");
+  });
+  const auto result = RunOn(host, {"image", "add", "a", folder_.File("a.iso"), "--upload"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  std::vector<std::size_t> sizes;
+  for (const std::string& call : host.calls()) {
+    if (call.starts_with("u1 ")) sizes.push_back(call.size() - std::string("u1 ").size());
+  }
+  EXPECT_THAT(sizes, ElementsAre(kMib, 2 * kMib, 2 * kMib, 2 * kMib, 2 * kMib));
+}
+
 TEST_F(ImageCommand, RepositoryAcceptAndRemove_Name_SendItsId) {
   const ApiHost host(With(kRepositories));
   EXPECT_EQ(RunOn(host, {"repository", "accept", "pool-1"}).output,
