@@ -6,6 +6,8 @@
 #include <set>
 
 #include "host/api/console.h"
+#include "host/api/upload.h"
+#include "host/base/byte_text.h"
 #include "host/base/error_table.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
@@ -140,6 +142,46 @@ Json::Value ConsoleOperation() {
   return operation;
 }
 
+// PUT /upload/<upload id>.
+Json::Value UploadOperation() {
+  using namespace user_error;
+  Json::Value operation(Json::objectValue);
+  operation["operationId"] = "upload";
+  operation["tags"].append("VEXA.Virtualization.Image");
+  operation["summary"] = fmt::format(
+      "Send a piece of at most {} of an image whose upload was begun with upload_begin. For administrators.",
+      ByteText(kMaxPieceBytes));
+  operation["x-vexa-access"] = std::string(AccessName(Access::kAdministrator));
+  operation["x-vexa-lane"] = std::string(LaneName(LaneKind::kLong));
+  Json::Value id = TextParameter("upload_id", "path", "The upload's id, a UUID.");
+  id["required"] = true;
+  id["schema"]["format"] = "uuid";
+  Json::Value range = TextParameter(
+      "Content-Range", "header",
+      "Which bytes of the file the body has, both included, and the size of the file: \"bytes FIRST-LAST/TOTAL\".");
+  range["required"] = true;
+  range["schema"]["pattern"] = "^bytes [0-9]+-[0-9]+/[0-9]+$";
+  operation["parameters"].append(id);
+  operation["parameters"].append(range);
+  operation["parameters"].append(
+      TextParameter("X-Vexa-CSRF", "header", "The session's CSRF token, which a cookie needs."));
+  Json::Value& body = operation["requestBody"];
+  body["required"] = true;
+  body["content"]["application/octet-stream"]["schema"]["type"] = "string";
+  body["content"]["application/octet-stream"]["schema"]["format"] = "binary";
+  Json::Value& success = operation["responses"]["200"];
+  success["description"] = "The piece is on disk; \"received\" in \"data\" says how many bytes there are now.";
+  success["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
+  AddFailures(operation["responses"],
+              {kInternal, kMalformed, kNotLoggedIn, kDenied, kBadCsrfToken, kHttpMethodNotAllowed, kHostBusy,
+               kRequestTimeout, kNoSuchAddress, kBodyTooLarge, kBadParameter, kNotFoundOrUnreadable, kUnavailable,
+               kRecordFailed, kUploadOffset, kNoRoom},
+              Audience::kUsers);
+  operation["responses"]["409"]["description"] = operation["responses"]["409"]["description"].asString() +
+                                                 " The error's details say in \"received\" where the upload continues.";
+  return operation;
+}
+
 Json::Value Schemas() {
   Json::Value schemas(Json::objectValue);
   Json::Value& success = schemas["Success"];
@@ -194,6 +236,7 @@ std::string MakeOpenApi(const ApiTable& table) {
     document["paths"][fmt::format("/webapi/{}/{}", row.api, row.method)]["post"] = Operation(row);
   }
   document["paths"][std::string(kConsolePath) + "{guest_id}"]["get"] = ConsoleOperation();
+  document["paths"][std::string(kUploadPath) + "{upload_id}"]["put"] = UploadOperation();
   return VexaVirtualization::json::ToText(document);
 }
 

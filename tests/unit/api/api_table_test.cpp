@@ -265,4 +265,37 @@ TEST(OpenApi, Console_HasParametersAnswersAndWaysToIdentify) {
   EXPECT_TRUE(operation["security"][2].empty()) << "a ticket";
 }
 
+TEST(OpenApi, Upload_HasParametersBodyAndAnswers) {
+  const Json::Value document = vexa::test::Parsed(vexa::api::MakeOpenApi(ApiTable({})));
+  const Json::Value& operation = document["paths"]["/upload/{upload_id}"]["put"];
+  std::map<std::string, std::string> places;
+  for (const Json::Value& parameter : operation["parameters"]) {
+    places[parameter["name"].asString()] = parameter["in"].asString();
+    EXPECT_EQ(parameter["required"].asBool(), parameter["name"] != "X-Vexa-CSRF") << parameter["name"].asString();
+  }
+  const std::map<std::string, std::string> expected = {
+      {"upload_id", "path"}, {"Content-Range", "header"}, {"X-Vexa-CSRF", "header"}};
+  EXPECT_EQ(places, expected);
+  EXPECT_EQ(operation["x-vexa-access"], "admin");
+  EXPECT_EQ(operation["summary"].asString().find("Send a piece of at most 8.0 MiB of an image"), 0U);
+  EXPECT_EQ(operation["requestBody"]["content"]["application/octet-stream"]["schema"]["format"], "binary");
+  const Json::Value& responses = operation["responses"];
+  const std::map<std::string, std::vector<std::string>> codes = {{"200", {"received"}},
+                                                                 {"400", {"401: "}},
+                                                                 {"401", {"103: "}},
+                                                                 {"403", {"104: ", "105: "}},
+                                                                 {"404", {"109: ", "403: "}},
+                                                                 {"405", {"110: "}},
+                                                                 {"409", {"993: ", "received"}},
+                                                                 {"413", {"112: "}},
+                                                                 {"503", {"108: ", "949: "}},
+                                                                 {"507", {"995: "}}};
+  for (const auto& [status, texts] : codes) {
+    for (const std::string& text : texts) {
+      EXPECT_NE(responses[status]["description"].asString().find(text), std::string::npos) << status << " " << text;
+    }
+  }
+  EXPECT_FALSE(operation.isMember("security")) << "that of the document: a token or a cookie";
+}
+
 }  // namespace
