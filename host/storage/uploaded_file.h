@@ -4,7 +4,7 @@
 //   /image_file/<host id>/<image id>   the same, from the removal of the image until that of its file
 //
 // The identity is a FolderIdentity of the file: like that of a folder, it stays the same over a restart, which a device
-// number does not. Its time of birth distinguishes the file from a later one with the same inode.
+// number does not. A later file with the same inode has another time of birth.
 // Threads: any.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Removes images, and the files of uploaded ones.
+// Removes images, with the files of uploaded ones.
 //
 // The commit that removes the record of an uploaded image also records that its file is to be removed. Then the host
 // that has the file removes it, and that record last. A daemon that ends in between, or a file that is in use, leaves

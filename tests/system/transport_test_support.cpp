@@ -115,6 +115,7 @@ InstalledTransport::~InstalledTransport() { transport::RemoveTransport(); }
 JsonHost::JsonHost(Answer answer, http::ListenerOptions listener) {
   http::ServerOptions options;
   options.listeners = {std::move(listener)};
+  options.limits.body_bytes = std::size_t{16} << 20;
   options.io_threads = 1;
   options.on_request = [count = requests_, answer = std::move(answer)](http::HttpRequest&& request,
                                                                        http::Responder responder) {

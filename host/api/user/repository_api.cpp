@@ -7,6 +7,8 @@
 
 #include "host/api/rows.h"
 #include "host/api/user/record_calls.h"
+#include "host/base/json_parse.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/base/uuid.h"
 #include "host/records/request_scope.h"
 #include "host/storage/repository_contents.h"
@@ -82,7 +84,8 @@ void Get(store::Store& store, storage::RepositoryReader& reader, const Call& cal
     Json::Value& files = data["files"] = Json::Value(Json::arrayValue);
     for (const storage::ContainedFile& file : *contents->files) {
       Json::Value& described = files.append(Json::Value(Json::objectValue));
-      described["path"] = file.path;
+      // A file's name may be of any bytes, and a reply is UTF-8.
+      described["path"] = IsValidUtf8(file.path) ? file.path : SanitizePathForLog(file.path);
       described["size"] = Json::UInt64{file.size};
       described["allocated"] = Json::UInt64{file.allocated};
     }

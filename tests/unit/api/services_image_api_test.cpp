@@ -230,6 +230,15 @@ TEST_F(ImageApi, RepositoryGet_ShowsSpaceGuestsAndOtherFiles) {
   EXPECT_EQ(Repository("get").code, 401);
 }
 
+TEST_F(ImageApi, RepositoryGet_FileNameThatIsNotUtf8_IsShownAsText) {
+  const std::string id = kId;
+  ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + id + "\"}").code, 0);
+  std::ofstream(Root() + "/" + id + "/a\xffz") << "x";
+  const Answer got = Repository("get", R"({"repository_id":")" + id + "\"}");
+  ASSERT_EQ(got.data["files"].size(), 1u);
+  EXPECT_EQ(got.data["files"][0]["path"], Root() + "/" + id + "/a\xef\xbf\xbdz");
+}
+
 TEST_F(ImageApi, Rename_ChangesNameAndLogs) {
   ASSERT_EQ(Image("add", Addition("a")).code, 0);
   const std::string image = R"({"image_id":")" + std::string(kId) + R"(","name":)";

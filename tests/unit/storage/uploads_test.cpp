@@ -560,7 +560,7 @@ TEST_F(UploadsTest, CleanUp_ClockSetForward_KeepsUploadThatGoesOn) {
   steady_now_ += std::chrono::minutes(50);
   uploads.CleanUp({});
   EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 2000u);
-  // Another process begins to observe again.
+  // Another process begins to observe by itself.
   Uploads next(Options());
   next.CleanUp({});
   EXPECT_EQ(Unfinished().size(), 1u);
