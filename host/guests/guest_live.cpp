@@ -79,7 +79,7 @@ Result<std::optional<LibvirtGuestControl::Comparison>, Refusal> LibvirtGuestCont
   const std::uint64_t pins = std::min<std::uint64_t>(json::UInt64(json::Member(next.records.guest, keys::cpu_pin_num)),
                                                      GuestSettingOf("vcpu_num").max);
   domain_xml::RunningFacts facts;
-  // A restore dedicates processors again.
+  // A restore dedicates processors as the record says then.
   facts.pinned_vcpus = is_saved ? pins : PinnedVcpus(guest_id, run);
   run.pinned_cpus.assign(pins, 0);
   DropUnwantedFunctions(next, *running_xml, run);

@@ -107,6 +107,13 @@ TEST_F(QemuProcessors, DedicatedProcessor_IsTheGuestsOnly) {
   ASSERT_EQ(host_->Power(kPinned, "poweron"), 0) << host_->Log();
   ExpectCpus(kPinned, last_, shared_);
   ExpectCpus(kOther, shared_, shared_);
+  EXPECT_EQ(json::ToText(host_->Ask("VEXA.Virtualization.Guest/status", kOther)["data"]["pending"]), "[]");
+  // libvirt starts the thread of a new virtual CPU where the guest was started.
+  Json::Value edit(Json::objectValue);
+  edit["vcpu_num"] = 3;
+  ASSERT_EQ(host_->Set(kOther, edit), 0) << host_->Log();
+  ExpectCpus(kOther, shared_, shared_);
+  EXPECT_EQ(json::ToText(host_->Ask("VEXA.Virtualization.Guest/status", kOther)["data"]["pending"]), "[]");
 
   // What runs is found again, and what is started then is kept off.
   host_->Restart();

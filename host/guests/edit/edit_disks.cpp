@@ -157,7 +157,7 @@ void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
   edited.disks.push_back(std::move(disk));
 }
 
-// For disks that a running guest's machine makes larger, with those that are made. The job checks its own files.
+// For disks that a running guest's machine makes larger, together with new ones. The job checks its own files.
 void CheckRoom(EditedGuest& edited) {
   if (edited.growing_files.empty() || edited.MustStop()) return;
   std::set<std::string> paths = edited.growing_files;
