@@ -78,7 +78,7 @@ class ApiHost {
     const std::string method = request.target.substr(request.target.rfind('/') + 1);
     const std::lock_guard lock(mutex_);
     calls_.push_back(method + " " + request.body);
-    // An upload has a body that is not JSON.
+    // A piece of an upload is not JSON.
     std::optional<Reply> reply = answer_(method, request.method == "PUT" ? Json::Value() : Parse(request.body));
     if (reply) return Send(responder, *std::move(reply));
     held_.push_back(std::move(responder));

@@ -119,6 +119,26 @@ TEST_F(GuestPromises, Start_HostRefuses_AdministratorsGetItsReason) {
   EXPECT_EQ(ReasonOf(unknown), "");
 }
 
+TEST_F(GuestPromises, Pending_ForOthersThanAdministrators_HasNoFolders) {
+  const std::string image = environment_.File("images") + "/setup.iso";
+  std::ofstream(image) << "an image";
+  const Json::Value created = Call("VEXA.Virtualization.Guest", "create",
+                                   Parsed(R"({"name":"shop","start":true,"grants":[{"user":"grace"}]})"));
+  const std::string id = json::String(json::Member(json::Member(created, "data"), "guest_id"));
+  ASSERT_FALSE(id.empty()) << json::ToText(created);
+  ExpectDone({"guest", "set", "shop", "--iso", image, "--next-start"});
+  const std::string status = R"({"guest_id":")" + id + "\"}";
+  const auto pending_in = [](const Json::Value& reply) {
+    const Json::Value& pending = json::Member(json::Member(reply, "data"), "pending");
+    return json::ToText(json::Member(json::Element(pending, 0), "recorded"));
+  };
+  EXPECT_THAT(pending_in(Call("VEXA.Virtualization.Guest", "status", Parsed(status))), HasSubstr(image));
+  const Json::Value to_grace =
+      JsonBody(daemon_->TcpAs("grace").PostJson("/webapi/VEXA.Virtualization.Guest/status", status));
+  EXPECT_THAT(pending_in(to_grace), HasSubstr("\"setup.iso\""));
+  EXPECT_THAT(json::ToText(to_grace), testing::Not(HasSubstr(environment_.File("images"))));
+}
+
 TEST_F(GuestPromises, GuestWithoutHost_SelectionOff_IsNotStarted) {
   const std::string id = CreateWithoutHost();
   const auto shown = Vexa({"cluster", "settings", "--auto-select-host", "off"});

@@ -58,6 +58,22 @@ std::string HolderOf(const std::string& guest_id) {
   return run && *run ? (*run)->run.host_id : std::string();
 }
 
+// Only administrators see where files are: others get their names.
+void HideFolders(Json::Value& value) {
+  if (value.isString()) {
+    const std::string text = json::String(value);
+    if (text.starts_with('/')) value = text.substr(text.rfind('/') + 1);
+  } else if (value.isArray() || value.isObject()) {
+    for (Json::Value& element : value) HideFolders(element);
+  }
+}
+
+Json::Value PendingFor(const Call& call, const Json::Value& reply) {
+  Json::Value pending = json::Elements(json::Member(reply, kPending));
+  if (!call.request->IsAdmin()) HideFolders(pending);
+  return pending;
+}
+
 void Apply(const Call& call) {
   const auto guest_id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (guest_id.IsInvalid()) return Fail(call, user_error::kBadParameter);
@@ -74,25 +90,32 @@ void Apply(const Call& call) {
   LogOutcome(call, reply.isSuccess() ? Outcome::kDone : Outcome::kFailed,
              fmt::format("The settings of the virtual machine [{}] have been applied while it runs.", name),
              fmt::format("Failed to apply the settings of the virtual machine [{}].", name));
-  if (!reply.isSuccess()) return call.response->SetError(ToUserCode(reply.getErrCode()), reply.getErrMsg());
+  if (!reply.isSuccess()) {
+    const Json::Value details = call.request->IsAdmin() ? reply.getErrMsg() : Json::Value();
+    return call.response->SetError(ToUserCode(reply.getErrCode()), details);
+  }
   Json::Value data(Json::objectValue);
-  data[kPending] = json::Elements(json::Member(reply.getData(), kPending));
+  data[kPending] = PendingFor(call, reply.getData());
   call.response->SetSuccess(data);
 }
 
 }  // namespace
 
-void AddPending(const std::string& guest_id, Json::Value& status) {
+void AddPending(const Call& call, const std::string& guest_id, Json::Value& status) {
   const std::string host_id = HolderOf(guest_id);
   if (host_id.empty()) return;
   const VexaDRCore::Response reply =
       VexaCCC::Sender(host_id).process(NewRequest("pending", guest_id, kPendingTimeoutS));
   if (reply.isSuccess()) {
-    status[kPending] = json::Elements(json::Member(reply.getData(), kPending));
+    status[kPending] = PendingFor(call, reply.getData());
     return;
   }
   const std::string reason = json::String(reply.getErrMsg());
-  status["pending_reason"] = reason.empty() ? std::string("The guest's host does not answer") : reason;
+  if (reason.empty()) {
+    status["pending_reason"] = "The guest's host does not answer";
+  } else {
+    status["pending_reason"] = call.request->IsAdmin() ? reason : "The guest's host could not find out";
+  }
 }
 
 Handler WithApply(Handler handler) {

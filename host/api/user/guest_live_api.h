@@ -15,8 +15,9 @@ std::vector<ApiRow> GuestLiveRows();
 // Asks the host that has the guest, for at most 3 s. Adds to `status`:
 //   pending         [{"property", "id", "running", "recorded"}], see docs/guests.md
 //   pending_reason  instead, a sentence: what waits is unknown
-// Adds neither when no host has the guest. The reader of the request is closed meanwhile.
-void AddPending(const std::string& guest_id, Json::Value& status);
+// Adds neither when no host has the guest. Callers who are not administrators get the names of files without their
+// folders, and no reason that could have one. The reader of the request is closed meanwhile.
+void AddPending(const Call& call, const std::string& guest_id, Json::Value& status);
 
 // The handler of "set" with the parameter "apply", which goes to the guest's host unread.
 Handler WithApply(Handler handler);

@@ -111,7 +111,7 @@ void GetStatus(GuestStates& states, const Call& call) {
   }
   if (Json::Value ha = HaOf(**record); !ha.isNull()) data["ha"] = std::move(ha);
   if (Json::Value notes = NotesOf(**reader, id.Get(), **record); !notes.empty()) data["notes"] = std::move(notes);
-  AddPending(id.Get(), data);
+  AddPending(call, id.Get(), data);
   call.response->SetSuccess(data);
 }
 
