@@ -37,6 +37,7 @@
 #include "host/records/shutdown_reason.h"
 #include "host/storage/repository_files.h"
 #include "host/storage/storage_record.h"
+#include "host/storage/uploads.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/syslog_capture.h"
@@ -59,7 +60,12 @@ struct Fixture {
         vexa::records::CurrentEnvironment()->store,
         std::make_shared<vexa::cluster::AccountStore>(vexa::records::CurrentEnvironment()->store), &limiter};
     const auto& store = services.store;
-    for (auto&& part : {vexa::api::GuestRows(), vexa::api::HostListRows(), vexa::api::ImageRows(store, {"/images"}),
+    vexa::storage::UploadOptions uploads;
+    uploads.store = store;
+    uploads.host_id = host_id;
+    uploads.roots = {"/images"};
+    for (auto&& part : {vexa::api::GuestRows(), vexa::api::HostListRows(),
+                        vexa::api::ImageRows(store, {"/images"}, std::make_shared<vexa::storage::Uploads>(uploads)),
                         vexa::api::RepositoryRows(store), vexa::api::LogRows(), vexa::api::AccountRows(services),
                         vexa::api::GrantRows(services)}) {
       rows.insert(rows.end(), part.begin(), part.end());
