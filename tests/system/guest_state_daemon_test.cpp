@@ -148,7 +148,7 @@ TEST(GuestStates, Status_InterfaceWithoutPreferredFunction_HasNote) {
   PutRun(run);
   EXPECT_EQ(notes(), R"(["The network interface d1b2c3d4-0000-4000-8000-000000000011 prefers a virtual function )"
                      R"(('prefer_sriov') and runs without one"])");
-  run.virtual_functions.emplace(kNic, "0000:03:10.1");
+  run.virtual_functions[kNic] = {"0000:03:10.1", ""};
   PutRun(run);
   EXPECT_EQ(notes(), "null") << "it has one";
   run.virtual_functions.clear();
