@@ -525,7 +525,9 @@ TEST_F(ConsoleTest, TwoHundredThatReadNothing_TakeNoThreadsAndLittleMemory) {
   }
   EXPECT_EQ(consoles_->size(), 200U);
   EXPECT_LT(test::ProcessThreads(), threads + 10);  // the lane may have started some
+#ifndef VEXA_THREAD_SANITIZER                       // which has memory of its own for each byte
   EXPECT_LT(MemoryMib(), memory + 100);             // 200 times two buffers of 64 KiB, and what connections take
+#endif
   // Another viewer of the same guest is served.
   WebSocketClient other = WebSocketClient::Unix(folder_ + "/socket");
   ASSERT_EQ(other.Upgrade(Target()), 101) << other.body();

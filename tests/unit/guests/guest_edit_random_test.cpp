@@ -393,6 +393,16 @@ class RandomEdits : public GuestControlTest {
     return texts;
   }
 
+  // Without what the host's storage watch writes every 10 s.
+  static Texts WithoutStorage(Texts texts) {
+    std::erase_if(texts, [](const auto& one) {
+      const std::string& key = one.first;
+      return (key.starts_with("/dash/vdisk/") && key.ends_with("/state")) ||
+             (key.starts_with("/dash/repository/") && !key.ends_with("/object"));
+    });
+    return texts;
+  }
+
   static std::string MacKey(const std::string& mac) { return store::MakeKey({"mac", mac.substr(15), mac}); }
 
   // All records of guests and parts as the model has them.
@@ -616,7 +626,7 @@ class RandomEdits : public GuestControlTest {
       Texts kept = after;
       std::erase_if(kept,
                     [&](const auto& one) { return one.first.starts_with("/mac/") && !before.contains(one.first); });
-      ASSERT_EQ(kept, before);
+      ASSERT_EQ(WithoutStorage(kept), WithoutStorage(before));
       if (refused.error().code == host_error::kBusy && guest.is_edited && !guest.is_deleted) {
         ASSERT_THAT(refused.error().reason, HasSubstr("by 'bob' at 1970-01-01T00:00:00Z"));
       }
