@@ -525,9 +525,14 @@ TEST_F(ConsoleTest, TwoHundredThatReadNothing_TakeNoThreadsAndLittleMemory) {
   }
   EXPECT_EQ(consoles_->size(), 200U);
   EXPECT_LT(test::ProcessThreads(), threads + 10);  // the lane may have started some
-#ifndef VEXA_THREAD_SANITIZER                       // which has memory of its own for each byte
-  EXPECT_LT(MemoryMib(), memory + 100);             // 200 times two buffers of 64 KiB, and what connections take
+  // 200 times two buffers of 64 KiB, and what connections take. The thread sanitizer has memory of its own for each
+  // byte.
+#ifdef VEXA_THREAD_SANITIZER
+  constexpr std::size_t kMostMib = 1000;
+#else
+  constexpr std::size_t kMostMib = 100;
 #endif
+  EXPECT_LT(MemoryMib(), memory + kMostMib);
   // Another viewer of the same guest is served.
   WebSocketClient other = WebSocketClient::Unix(folder_ + "/socket");
   ASSERT_EQ(other.Upgrade(Target()), 101) << other.body();

@@ -302,10 +302,12 @@ TEST_F(UploadsTest, Folder_DoesNotAnswer_DelaysNobodyForLong) {
   const auto release = std::make_shared<std::latch>(1);
   UploadOptions options = Options();
   options.timeout = std::chrono::seconds(2);
-  const auto hanging = std::make_shared<std::string>(second.root);
-  options.probe = [release, hanging](const std::string& folder) {
-    if (folder == *hanging) release->wait();
+  const auto hang_in = [release](const std::string& hanging) {
+    return [release, hanging](const std::string& folder) {
+      if (folder == hanging) release->wait();
+    };
   };
+  options.probe = hang_in(second.root);
   {
     Uploads uploads(options);
     const std::string reason = "The file system of '" + second.root + "' does not answer. Try again once it does";
@@ -323,7 +325,7 @@ TEST_F(UploadsTest, Folder_DoesNotAnswer_DelaysNobodyForLong) {
       EXPECT_EQ(listed.received.has_value(), listed.upload.id == id);
     }
   }
-  *hanging = Root();
+  options.probe = hang_in(Root());
   Uploads uploads(options);
   const RemovedImage removed = Require(uploads.RemoveImage(image, name_));
   EXPECT_EQ(removed.file, RemovedImage::File::kLater);
