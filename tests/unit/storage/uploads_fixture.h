@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -64,6 +65,7 @@ class UploadsTest : public test::RecordTest {
     };
     options.calls.sync_file = [this](int file) { return sync_error_ != 0 ? sync_error_ : disks::SyncFile(file); };
     options.before_step = [this](const char* step) {
+      const std::lock_guard lock(steps_mutex_);  // some tests have several callers
       steps_.emplace_back(step);
       if (step == kill_before_ || (kill_at_ > 0 && --kill_at_ == 0)) throw Killed();
     };
@@ -119,6 +121,7 @@ class UploadsTest : public test::RecordTest {
   int sync_error_ = 0;
   std::string kill_before_;
   int kill_at_ = 0;  // the step, counted from 1; 0: none
+  std::mutex steps_mutex_;
   std::vector<std::string> steps_;
   std::string name_;
 };
