@@ -56,7 +56,7 @@ TEST_F(Command, Usage_Invalid_IsUsageError) {
   }
 }
 
-TEST_F(Command, Usage_Invalid_NamesWhatIsWrongAndTheHelpThatExplainsIt) {
+TEST_F(Command, Usage_Invalid_ReportsTheErrorAndTheHelpCommand) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
       {{}, "'vexa' needs a command\nTry 'vexa --help'.\n"},
       {{"--json"}, "'vexa' needs a command\nTry 'vexa --help'.\n"},

@@ -82,7 +82,7 @@ TEST_F(ImageCommand, List_HostileTexts_AreSafeForTerminal) {
   EXPECT_EQ(Parse(RunOn(host, {"image", "list", "--json"}).output), Parse(kImages)["images"]);
 }
 
-TEST_F(ImageCommand, Remove_FileRemovedLater_SaysWhy) {
+TEST_F(ImageCommand, Remove_FileCannotBeRemovedNow_ReportsReason) {
   const std::pair<const char*, const char*> rows[] = {
       {R"({"file":"removed"})", "Removed the image 'debian-12' and its file.\n"},
       {R"({"file":"stays"})", "Removed the image 'debian-12'. Its file stays.\n"},
@@ -227,7 +227,7 @@ TEST_F(ImageCommand, RepositoryGet_ShowsSpaceDisksAndFiles) {
             "/i/old\\x1b.img    1 byte  4.0 KiB\n");
 }
 
-TEST_F(ImageCommand, Upload_FailsOnTheWay_SaysThatItContinues) {
+TEST_F(ImageCommand, Upload_Interrupted_ReportsThatItCanBeResumed) {
   WriteFile(folder_.File("a.iso"), "1234567");
   const ApiHost host([](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
     if (method == "upload_begin") return ApiHost::Success(R"({"upload_id":"u1","image_id":"u1","received":2})");

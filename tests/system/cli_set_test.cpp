@@ -109,7 +109,7 @@ TEST_F(GuestApply, Apply_SomethingStillWaits_PrintsBothValues) {
   EXPECT_EQ(host.Last("apply"), R"(apply {"guest_id":"g1"})");
 }
 
-TEST_F(GuestApply, Apply_NothingWaits_SaysSo) {
+TEST_F(GuestApply, Apply_WithoutPendingChanges_ReportsThat) {
   const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Success(R"({"pending":[]})"); }));
   EXPECT_EQ(Apply(host, {"web-1", "--force-eject"}).output, "web-1: runs as it is set\n");
   EXPECT_EQ(host.Last("apply"), R"(apply {"force_eject":true,"guest_id":"g1"})");

@@ -119,7 +119,7 @@ TEST_F(GuestPromises, Start_HostRefuses_AdministratorsGetItsReason) {
   EXPECT_EQ(ReasonOf(unknown), "");
 }
 
-TEST_F(GuestPromises, Pending_ForOthersThanAdministrators_HasNoFolders) {
+TEST_F(GuestPromises, Pending_ForOrdinaryUser_HasNoFolders) {
   const std::string image = environment_.File("images") + "/setup.iso";
   std::ofstream(image) << "an image";
   const Json::Value created = Call("VEXA.Virtualization.Guest", "create",

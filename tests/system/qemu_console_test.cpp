@@ -186,7 +186,7 @@ TEST_F(QemuConsole, ViewerCommand_GivesViewerAPortWithScreen) {
 }
 
 // Connections that have ended stay in the system's table for a minute, and belong to root there.
-TEST_F(QemuConsole, ViewerWhoseLocalPortWasInUseBefore_IsAccepted) {
+TEST_F(QemuConsole, Viewer_OnRecentlyUsedLocalPort_IsAccepted) {
   const std::string seen = environment_->folder() + "/seen";
   const std::string viewer = environment_->folder() + "/viewer";
   std::ofstream(viewer) << R"(#!/usr/bin/python3
@@ -217,7 +217,7 @@ open(")" << seen << R"(", "wb").write(viewer.recv(12))
 }
 
 // A VNC client of Debian's, started as the viewer, sees what `vexa guest screenshot` shows.
-TEST_F(QemuConsole, ForeignVncClient_SeesWhatScreenshotShows) {
+TEST_F(QemuConsole, ForeignVncClient_ReceivesSamePixelsAsScreenshot) {
   for (const char* program : {"vncsnapshot", "djpeg"}) {
     if (!FileExists(std::string("/usr/bin/") + program)) {
       GTEST_SKIP() << SkipNotice(std::string("there is no ") + program + ": install vncsnapshot, libjpeg-turbo-progs");
@@ -272,7 +272,7 @@ TEST_F(QemuConsole, Stop_EndsConsolesAndGuestGoesOn) {
   EXPECT_EQ(host_->Qemus(kGuest), 1);
 }
 
-TEST_F(QemuConsole, Stop_WhileLongTextIsTyped_EndsItAndSaysHowFarItCame) {
+TEST_F(QemuConsole, Stop_WhileLongTextIsTyped_ReportsTypedCharacters) {
   ProcessOptions options;
   options.argv = {environment_->Program("vexa"), "guest",    "type",         "console",
                   std::string(1024, 'w'),        "--socket", host_->Socket()};

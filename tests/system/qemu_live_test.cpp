@@ -264,7 +264,7 @@ TEST_F(QemuLive, Set_MediumEjectedAndInserted_RunningGuestFollows) {
   EXPECT_EQ(host_->Qemus(kGuest), 1);
 }
 
-TEST_F(QemuLive, Set_NowAndNextStart_RefuseWhatCannotBeOrLeaveTheMachine) {
+TEST_F(QemuLive, Set_ApplyNow_RefusesChangesThatNeedRestart) {
   ASSERT_NO_FATAL_FAILURE(StartGuest());
   const Json::Value before = host_->Record("guest", kGuest);
   const std::string refused = Set(R"({"apply":"now","vcpu_num":2,"video_card":"vga"})");
@@ -272,7 +272,10 @@ TEST_F(QemuLive, Set_NowAndNextStart_RefuseWhatCannotBeOrLeaveTheMachine) {
   EXPECT_EQ(host_->Record("guest", kGuest), before) << "the refused edit was stored";
   EXPECT_EQ(Running("/domain/vcpu/@current"), "1");
   EXPECT_NE(host_->Log().find("video_card (it is part of the machine that a start makes)"), std::string::npos);
+}
 
+TEST_F(QemuLive, Set_ApplyNextStart_ChangesRecordsOnly) {
+  ASSERT_NO_FATAL_FAILURE(StartGuest());
   EXPECT_NE(Set(R"({"apply":"next_start","vcpu_num":2})").find("true"), std::string::npos);
   EXPECT_EQ(Running("/domain/vcpu/@current"), "1");
   EXPECT_EQ(Text(Pending()), R"([{"property":"vcpu_num","recorded":2,"running":1}])");
@@ -289,7 +292,7 @@ TEST_F(QemuLive, Set_NowAndNextStart_RefuseWhatCannotBeOrLeaveTheMachine) {
 
 // The host is killed at any moment of an edit that changes the running machine. Then the machine and the records differ
 // only as "pending" says, no file that either of them has is gone, and what waits can be applied.
-TEST_F(QemuLive, Set_HostKilledAtAnyMoment_RunningAndRecordedDifferAsPendingSays) {
+TEST_F(QemuLive, Set_HostKilledAtAnyMoment_PendingListsAllDifferences) {
   constexpr int kKills = 24;
   ASSERT_NO_FATAL_FAILURE(StartGuest());
   const auto begin = std::chrono::steady_clock::now();

@@ -134,7 +134,7 @@ class QemuSerial : public LibvirtHostTest, public testing::WithParamInterface<Dr
   }
 };
 
-TEST_P(QemuSerial, GuestThatTakesNoInput_DelaysNobodyElse) {
+TEST_P(QemuSerial, GuestThatReadsNoInput_DoesNotDelayOtherCalls) {
   StartGuests(SerialOutput::kNone);
   const RawLine echo = OpenEcho();
   const RawLine deaf = OpenFree(kDeaf);

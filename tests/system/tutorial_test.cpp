@@ -63,7 +63,7 @@ TEST(TutorialPage, LineOfItsOwn_StandsForAnyLines) {
   EXPECT_NE(DifferenceFrom(step, {"first", "last", "b"}), "");
 }
 
-TEST(TutorialPage, TypedTexts_FollowWhatIsShownBefore) {
+TEST(TutorialPage, TypedText_IsSentAfterThePrecedingOutput) {
   const TutorialStep step = StepWith({"Connected.", "⌨", "guest:~# ⌨ls /", "bin", "Delete … now? ⌨yes"});
   const auto typed = TypedTexts(step);
   ASSERT_THAT(typed, SizeIs(3));
@@ -76,7 +76,7 @@ TEST(TutorialPage, TypedTexts_FollowWhatIsShownBefore) {
   EXPECT_EQ(DifferenceFrom(step, {"Connected.", "", "guest:~#", "bin", "Delete it now?"}), "");
 }
 
-TEST(TutorialPage, TerminalsBytes_AreTheLinesThatItShows) {
+TEST(TutorialPage, TerminalOutput_IsConvertedToDisplayedLines) {
   EXPECT_THAT(ShownLines("wait 1\rwait 2\rdone\x1b[K\r\n\x1b[1mbold\x1b[0m  \r\n\r\n"), ElementsAre("done", "bold"));
 }
 
@@ -167,7 +167,7 @@ class Tutorial : public testing::Test {
   std::unique_ptr<Process> host_;
 };
 
-TEST_F(Tutorial, EachCommandOfThePage_PrintsWhatThePageSays) {
+TEST_F(Tutorial, Commands_OfTheTutorial_PrintTheDocumentedOutput) {
   const std::vector<TutorialStep> steps = ReadTutorial(Content(kPage));
   ASSERT_GT(steps.size(), 20U) << "The steps of docs/tutorial.md cannot be read";
   // Each one builds on the ones before.

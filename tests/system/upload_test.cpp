@@ -123,7 +123,7 @@ TEST_F(UploadTest, Administrator_SendsPieces_ImageIsListed) {
   EXPECT_EQ(json::StringMember(entry, "user"), "admin");
 }
 
-TEST_F(UploadTest, OthersThanAdministrators_AreRefused) {
+TEST_F(UploadTest, OrdinaryUsers_AreRefused) {
   HttpClient admin = daemon_.TcpAs("admin");
   const std::string id = Begin(admin, "debian", content_);
   const std::string range = Range(0, 99'999, 100'000);
@@ -318,7 +318,7 @@ TEST_F(UploadProgramTest, Command_UploadsFileAndPrintsId) {
   EXPECT_THAT(again.output, IsEmpty());
 }
 
-TEST_F(UploadProgramTest, Command_Remove_SaysWhatBecomesOfTheFile) {
+TEST_F(UploadProgramTest, Remove_UploadedImage_ReportsWhetherTheFileWasRemoved) {
   const auto daemon = Start();
   const auto remove = [&] {
     ProcessOptions options = Upload("debian");

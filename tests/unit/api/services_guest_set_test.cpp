@@ -80,7 +80,7 @@ TEST_F(GuestLiveRowTest, Pending_Differences_HaveBothValues) {
   EXPECT_EQ(Ask("pending", "", false).code, 949);
 }
 
-TEST_F(GuestLiveRowTest, Apply_Done_AnswersWhatStillWaits) {
+TEST_F(GuestLiveRowTest, Apply_Succeeds_ReturnsPendingChanges) {
   guests_.pending = {{"vcpu_num", "", 1, 2}};
   EXPECT_EQ(Ask("apply").data, Parsed(R"({"pending":[{"property":"vcpu_num","running":1,"recorded":2}]})"));
   EXPECT_TRUE(guests_.asked().front().starts_with("apply 8f14e45f"));

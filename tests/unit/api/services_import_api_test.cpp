@@ -315,7 +315,7 @@ TEST_F(ImportApi, Import_CopiesAndReplaces_IsRefused) {
               HasSubstr("bytes: with 'copy_disks', it has at most 262144"));
 }
 
-TEST_F(ImportApi, Import_CopyingHostDoesNotAnswer_SaysThatItMayGoOn) {
+TEST_F(ImportApi, Import_CopyingHostDoesNotAnswer_ReportsThatItMayContinue) {
   Json::Value guest = GuestOf(Domain(kSecond, "two"));
   guest["host_id"] = kFirst;  // no transport leads there
   Json::Value parameters = CallOf({guest});

@@ -23,7 +23,7 @@ constexpr char kRunning[] =
     "<hostdev mode='subsystem' type='usb'><source><address bus='3' device='14'/></source></hostdev>"
     "</devices></domain>";
 
-TEST(DomainDevices, Elements_OfRunningMachine_LackWhatLibvirtAdded) {
+TEST(DomainDevices, Elements_OfRunningMachine_OmitAddressesAndAliases) {
   EXPECT_EQ(DiskElement(kRunning, "/a"),
             R"(<disk type="file" device="disk"><source file="/a" index="2"/><target dev="vda" bus="virtio"/></disk>)");
   EXPECT_EQ(DiskElement(kRunning, "/dev/b"),
@@ -52,7 +52,7 @@ TEST(DomainDevices, Elements_OfNoSuchDevice_AreEmpty) {
   }
 }
 
-TEST(DomainDevices, Limits_OfRunningMachine_AreWhatItHasRoomFor) {
+TEST(DomainDevices, Limits_OfRunningMachine_AreRead) {
   const auto limits = ParseMachineLimits(kRunning);
   ASSERT_TRUE(limits);
   EXPECT_EQ(limits->max_vcpus, 8U);
@@ -78,13 +78,13 @@ TEST(HotPlugLimits, Build_WithLimits_GivesMachineRoom) {
   EXPECT_EQ(CountAt(xml, "//controller[@model='pcie-root-port']"), 8U) << "those of its own devices, and three";
 }
 
-TEST(HotPlugLimits, Build_LimitsBelowWhatGuestHas_GivesNoRoom) {
+TEST(HotPlugLimits, Build_LimitsBelowCurrentSize_AddNoRoom) {
   BuildOptions options;
   options.hot_plug = {1, 512, 0};
   EXPECT_EQ(MustBuild(SmallGuest(), options), MustBuild(SmallGuest()));
 }
 
-TEST(HotPlugLimits, Import_OwnDefinition_CountsWhatGuestHas) {
+TEST(HotPlugLimits, Import_OwnDefinition_ReadsCurrentNumberOfCpus) {
   BuildOptions options;
   options.hot_plug = {8, 2048, 3};
   for (const auto& [host_id, vcpus] : {std::pair("", 8), std::pair("host-1", 2)}) {

@@ -116,7 +116,7 @@ TEST(Elements, Import_WithRecordsOnly_HasNone) {
   EXPECT_EQ(TextOf(MustParse(DomainWith("<vcpu>2</vcpu>", Disk() + Nic() + "<video><model type='vga'/></video>"))), "");
 }
 
-TEST(Elements, Import_TooMany_SaysSo) {
+TEST(Elements, Import_TooManyElements_ReportsThatMoreExist) {
   std::string devices;
   for (int i = 0; i < 200; ++i) devices += "<channel type='unix'/>";
   const ImportedGuest guest = MustParse(DomainWith("", devices));

@@ -113,7 +113,7 @@ TEST_F(CreationTest, Create_DisksAndInterfaces_HaveRecordsAndFiles) {
 }
 
 // Otherwise the guest would be in the wrong network, depending on the ids.
-TEST_F(CreationTest, NetworkId_NameIsAlsoWhatHostsCallAnother_IsThatOfTheName) {
+TEST_F(CreationTest, NetworkId_NameOfNetworkAndHostsName_PrefersTheNetwork) {
   constexpr char kFirst[] = "00000000-0000-4000-8000-00000000000a";
   constexpr char kSecond[] = "00000000-0000-4000-8000-00000000000b";
   PutRecord(*store_, KeyOf("network", kFirst), Parsed(R"({"name":"lan","bridge_name":"br7"})"));

@@ -22,7 +22,7 @@ void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 class Obstacle : public testing::TestWithParam<Row> {};
 
-TEST_P(Obstacle, Of_DifferenceAndMachine_SaysWhyItWaits) {
+TEST_P(Obstacle, OfPendingChange_HasReason) {
   EXPECT_EQ(ObstacleTo(GetParam().difference, GetParam().limits), GetParam().obstacle);
 }
 
@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"pins", Change("cpu_pin_num", "0", "1"), Roomy(), "it is part of the machine that a start makes"}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(LiveDifferences, New_WhatWaitedBefore_IsLeftOut) {
+TEST(LiveDifferences, New_EarlierPendingChanges_AreLeftOut) {
   const Difference waits = Change("video_card", R"("vga")", R"("qxl")");
   const Difference other = Change("video_card", R"("vga")", R"("virtio")");
   EXPECT_EQ(NewDifferences({waits}, {waits, other}), std::vector<Difference>{other});
@@ -225,7 +225,7 @@ TEST_F(GuestLive, Apply_GuestOff_Is911) {
   EXPECT_EQ(Pending(), "[]");
 }
 
-TEST_F(GuestLive, Pending_DefinitionCannotBeMade_SaysWhy) {
+TEST_F(GuestLive, Pending_DefinitionCannotBeMade_ReportsReason) {
   ASSERT_NO_FATAL_FAILURE(StartRunning());
   PutGuest(kGuest, "web-1", Parsed(R"({"video_card":"unheard of"})"));
   EXPECT_THAT(Pending(), HasSubstr("901 The video card 'unheard of' is unknown"));
@@ -233,7 +233,7 @@ TEST_F(GuestLive, Pending_DefinitionCannotBeMade_SaysWhy) {
   EXPECT_DONE(Edit(R"({"vcpu_num":2})"));
 }
 
-TEST_F(GuestLive, Pending_MachineCannotBeRead_SaysWhy) {
+TEST_F(GuestLive, Pending_MachineCannotBeRead_ReportsReason) {
   ASSERT_NO_FATAL_FAILURE(StartRunning());
   test::FakeXml("<network/>");
   const std::string pending = Pending();

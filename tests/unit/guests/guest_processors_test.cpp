@@ -64,7 +64,7 @@ class GuestProcessors : public GuestControlTest {
   const std::string shared_ = cpus_ < 2 ? "" : Cpus(0, cpus_ - 2);
 };
 
-TEST_F(GuestProcessors, DedicatedProcessor_OthersStartedLater_AreKeptOff) {
+TEST_F(GuestProcessors, DedicatedProcessor_GuestsStartedLater_AreKeptOff) {
   Start(Slow());
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   ExpectAffinity(kGuest, last_ + " emulator " + shared_);
@@ -73,7 +73,7 @@ TEST_F(GuestProcessors, DedicatedProcessor_OthersStartedLater_AreKeptOff) {
   EXPECT_EQ(RunOf(kOther)->kept_off, CpuSet{cpus_ - 1});
 }
 
-TEST_F(GuestProcessors, DedicatedProcessor_OthersRun_AreMovedAndGetItBack) {
+TEST_F(GuestProcessors, DedicatedProcessor_RunningGuests_AreMovedAndMovedBack) {
   Start(Slow());
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
   EXPECT_EQ(Affinity(kOther), All(2, all_));
@@ -248,7 +248,7 @@ TEST(CpuSets, Text_IsParsedAndWritten) {
   }
 }
 
-TEST(CpuSets, Confined_KeepsWhatIsInBoth) {
+TEST(CpuSets, Confined_IsIntersection) {
   const CpuSet shared{0, 1, 2};
   EXPECT_EQ(domain_xml::ConfineCpus("1-5", shared), (CpuSet{1, 2}));
   EXPECT_EQ(domain_xml::ConfineCpus("", shared), shared);
@@ -264,7 +264,7 @@ TEST(CpuSets, PinnedVcpus_AreCountedOnce) {
   EXPECT_EQ(domain_xml::PinnedVcpusOf("no XML"), 0U);
 }
 
-TEST(CpuSets, Definition_SaysWhereGuestsRun) {
+TEST(CpuSets, CpuSets_OfDefinition_AreRead) {
   const std::string xml =
       "<domain><vcpu cpuset='0-3'>2</vcpu><cputune><vcpupin vcpu='1' cpuset='5'/><vcpupin vcpu='0' cpuset='4'/>"
       "<vcpupin vcpu='2' cpuset='6-7'/><emulatorpin cpuset='1'/></cputune></domain>";

@@ -350,7 +350,7 @@ TEST_F(HostRemoval, Remove_JobHasManyFiles_NamesEach) {
 }
 
 // The new files are the guest's by then: nobody must look at them as if they were left over.
-TEST_F(HostRemoval, Remove_JobBeyondItsLastCommit_NamesOnlyWhatItRemoves) {
+TEST_F(HostRemoval, Remove_JobBeyondItsLastCommit_LogsOnlyRemovedFiles) {
   Delete(records::RunKey(kGuest));
   PutGuest(kOff, "off");
   Put(records::EditKey(kOff),

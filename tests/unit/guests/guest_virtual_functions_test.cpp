@@ -86,7 +86,7 @@ TEST_F(GuestVirtualFunctions, Preferred_FreeFunction_IsUsedByOneGuestAtATime) {
   EXPECT_EQ(RunOf(kOther)->virtual_functions.at(kOtherNic).address, "0000:3b:02.0") << "free again";
 }
 
-TEST_F(GuestVirtualFunctions, Preferred_OthersHaveAll_IsOnTheBridgeAndReported) {
+TEST_F(GuestVirtualFunctions, Preferred_AllFunctionsTaken_IsOnTheBridgeAndReported) {
   card_.AddFunction();
   ASSERT_NO_FATAL_FAILURE(StartWithCard());
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
@@ -162,7 +162,7 @@ TEST_F(GuestVirtualFunctions, Pending_RecordNoLongerAsksForFunction_ListsBridge)
 }
 
 // As after an interface was removed from a running guest, also when the host ended in between.
-TEST_F(GuestVirtualFunctions, FunctionGivenBack_IsFreeForOthers) {
+TEST_F(GuestVirtualFunctions, FunctionGivenBack_IsFreeForOtherGuests) {
   card_.AddFunction();
   card_.AddFunction();
   ASSERT_NO_FATAL_FAILURE(StartWithCard());

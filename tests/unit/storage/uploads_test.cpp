@@ -200,7 +200,7 @@ TEST_F(UploadsTest, Limits_Exceeded_AreRefusedWithFigures) {
   ExpectCode(uploads.Begin(upload), 996, "There are 2 uploads in progress, and 2 at most. Finish or cancel one");
 }
 
-TEST_F(UploadsTest, Append_WrongOffset_SaysWhereItContinues) {
+TEST_F(UploadsTest, Append_WrongOffset_ReportsTheRightOffset) {
   Uploads uploads(Options());
   const std::string id = Require(uploads.Begin(Of("a"))).id;
   for (const std::uint64_t offset : {1u, 5000u}) {
@@ -292,7 +292,7 @@ TEST_F(UploadsTest, Folder_NotMounted_RefusesInsteadOfBeginningAgain) {
   EXPECT_EQ(Require(uploads.ProgressOf(id)).received, 1000u);
 }
 
-TEST_F(UploadsTest, Folder_DoesNotAnswer_DelaysNobodyForLong) {
+TEST_F(UploadsTest, Folder_DoesNotAnswer_CallsAreRefusedAfterTimeout) {
   Uploads healthy(Options());
   NewUpload second = Of("b");
   second.root = host_.folder().File("second");
