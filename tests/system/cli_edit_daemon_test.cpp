@@ -4,34 +4,17 @@
 #include <fstream>
 #include <set>
 
-#include "host/daemon/host_id.h"
 #include "host/records/guest_admin.h"
 #include "tests/support/setting_values.h"
-#include "tests/support/test_daemon.h"
-#include "tests/system/cli_program.h"
-#include "tests/unit/guests/guest_edit_environment.h"
+#include "tests/system/cli_guest_host.h"
 
 namespace vexa::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string images_of_host;  // for the function that configures it
-
-class EditOnDaemon : public CliTest {
+class EditOnDaemon : public CliGuestHostTest {
  protected:
-  EditOnDaemon() {
-    store::LmdbOptions options;
-    options.directory = daemon_->config().data_directory + "/store";
-    store_ = Require(store::OpenLmdbStore(options));
-    environment_.Fill(*store_, Require(daemon::LoadHostId(daemon_->config().data_directory)));
-  }
-
-  ProcessOptions ProgramOn(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--socket", daemon_->config().socket});
-    return Program(std::move(arguments));
-  }
-  ProcessResult RunOn(std::vector<std::string> arguments) { return RunProcess(ProgramOn(std::move(arguments))); }
   ProcessResult Set(std::vector<std::string> words) {
     words.insert(words.begin(), {"guest", "set", kEdited});
     return RunOn(std::move(words));
@@ -70,26 +53,14 @@ class EditOnDaemon : public CliTest {
     return all;
   }
   std::string MakeImageFile(const std::string& name) const {
-    std::ofstream(images_of_host + "/" + name) << "twelve bytes";
-    return images_of_host + "/" + name;
+    std::ofstream(ImageFolder() + "/" + name) << "twelve bytes";
+    return ImageFolder() + "/" + name;
   }
   std::uint32_t UidOf(const std::string& name) const { return Require(daemon_->Accounts()->FindUser(name)).uid; }
   bool HasGrant(const std::string& user) const {
     const auto text = TextOf(*store_, records::GuestAdminKey(records::GuestAdminIdentifier("users", UidOf(user))));
     return text && Parsed(*text)["guests"].isMember(kEdited);
   }
-
-  static void Configure(daemon::Config& config) {
-    config.hypervisor = "test";
-    config.image_roots = {images_of_host};
-  }
-
-  EditEnvironment environment_;
-  std::unique_ptr<TestDaemon> daemon_ = [&] {
-    images_of_host = environment_.File("images");
-    return std::make_unique<TestDaemon>(Configure);
-  }();
-  std::shared_ptr<store::Store> store_;
 };
 
 TEST_F(EditOnDaemon, Set_EverySetting_IsStored) {
@@ -161,7 +132,7 @@ TEST_F(EditOnDaemon, Edit_DrivesAndPorts_GetNamedContents) {
   ASSERT_EQ(added.exit_code, 0) << added.errors;
   const std::string id = added.output.substr(0, 36);
   ExpectSet({"--iso", id, "--iso", MakeImageFile("b.iso")});
-  EXPECT_EQ(Guest()["iso_images"], Parsed("[\"" + id + "\",\"" + images_of_host + "/b.iso\"]"));
+  EXPECT_EQ(Guest()["iso_images"], Parsed("[\"" + id + "\",\"" + ImageFolder() + "/b.iso\"]"));
   ExpectSet({"--iso", "none", "--iso", id});
   EXPECT_EQ(Guest()["iso_images"], Parsed("[\"unmounted\",\"" + id + "\"]"));
   ExpectSet({"--iso", "none"});
@@ -318,7 +289,7 @@ TEST_F(EditOnDaemon, Images_AreListedWithTheirFiles) {
 }
 
 TEST_F(EditOnDaemon, ImageAdd_Invalid_IsRefusedWithReason) {
-  const std::string root = images_of_host;
+  const std::string root = ImageFolder();
   MakeImageFile("a.iso");
   const std::string outside = environment_.File("outside.iso");
   std::ofstream(outside) << "x";
@@ -362,9 +333,9 @@ TEST_F(EditOnDaemon, ImageRemove_ImageInDrive_IsRefusedUntilEjected) {
   const std::string id = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
   ASSERT_EQ(Image({"add", "a", file, "--id", id}).exit_code, 0);
   ProcessOptions relative = ProgramOn({"image", "add", "b", "b.iso"});
-  relative.working_directory = images_of_host;
+  relative.working_directory = ImageFolder();
   EXPECT_EQ(RunProcess(relative).exit_code, 0);
-  EXPECT_THAT(Image({"list"}).output, HasSubstr(images_of_host + "/b.iso\n"));
+  EXPECT_THAT(Image({"list"}).output, HasSubstr(ImageFolder() + "/b.iso\n"));
   for (const std::string& drive : {id, file}) {
     ExpectSet({"--iso", drive});
     const auto used = Image({"remove", "a"});

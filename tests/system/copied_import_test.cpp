@@ -3,35 +3,20 @@
 
 #include <fstream>
 
-#include "host/daemon/host_id.h"
-#include "tests/support/test_daemon.h"
-#include "tests/system/cli_program.h"
-#include "tests/unit/guests/guest_edit_environment.h"
+#include "tests/system/cli_guest_host.h"
 
 namespace vexa::test {
 namespace {
 
 constexpr char kMoved[] = "5a0c6d1e-7b24-4f83-9d15-c2e8a7b3f604";
 
-std::string images_of_host;  // for the function that configures it
-
-class CopiedImportOnDaemon : public CliTest {
+class CopiedImportOnDaemon : public CliGuestHostTest {
  protected:
-  CopiedImportOnDaemon() {
-    store::LmdbOptions options;
-    options.directory = daemon_->config().data_directory + "/store";
-    store_ = Require(store::OpenLmdbStore(options));
-    environment_.Fill(*store_, Require(daemon::LoadHostId(daemon_->config().data_directory)));
-  }
   void SetUp() override {
     if (::access("/usr/bin/qemu-img", X_OK) != 0) GTEST_SKIP() << "qemu-img is not installed";
     std::ofstream(Old()) << std::string(5 << 20, 'x');
   }
-  std::string Old() const { return images_of_host + "/old.raw"; }
-  ProcessResult RunOn(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--socket", daemon_->config().socket});
-    return RunProcess(Program(std::move(arguments)));
-  }
+  std::string Old() const { return ImageFolder() + "/old.raw"; }
   // The options of an import of a guest with one disk.
   std::vector<std::string> Import(const std::string& image, std::vector<std::string> options = {}) {
     const std::string file = folder_.File("moved.xml");
@@ -42,17 +27,6 @@ class CopiedImportOnDaemon : public CliTest {
     options.insert(options.begin(), {"import", file, "--copy-disks"});
     return options;
   }
-  static void Configure(daemon::Config& config) {
-    config.hypervisor = "test";
-    config.image_roots = {images_of_host};
-  }
-
-  EditEnvironment environment_;
-  std::unique_ptr<TestDaemon> daemon_ = [&] {
-    images_of_host = environment_.File("images");
-    return std::make_unique<TestDaemon>(Configure);
-  }();
-  std::shared_ptr<store::Store> store_;
 };
 
 TEST_F(CopiedImportOnDaemon, Import_Guest_HasCopiesInTheRepositoryAndRuns) {
@@ -82,7 +56,7 @@ TEST_F(CopiedImportOnDaemon, Import_Guest_HasCopiesInTheRepositoryAndRuns) {
 
 TEST_F(CopiedImportOnDaemon, Import_Refused_PrintsTheReasonAndChangesNothing) {
   const std::size_t images = environment_.Images().size();
-  for (const auto& [image, sentence] : {std::pair(images_of_host + "/missing.raw", "there is no such file"),
+  for (const auto& [image, sentence] : {std::pair(ImageFolder() + "/missing.raw", "there is no such file"),
                                         {std::string("/etc/passwd"), "it is outside the image folders"}}) {
     const auto refused = RunOn(Import(image));
     EXPECT_EQ(refused.exit_code, 1);

@@ -4,31 +4,15 @@
 #include <fstream>
 #include <thread>
 
-#include "host/daemon/host_id.h"
 #include "host/guests/creation/request_record.h"
 #include "host/records/guest_admin.h"
-#include "tests/support/test_daemon.h"
-#include "tests/system/cli_program.h"
-#include "tests/unit/guests/guest_edit_environment.h"
+#include "tests/system/cli_guest_host.h"
 
 namespace vexa::test {
 namespace {
 
-std::string images_of_host;  // for the function that configures it
-
-class CreateOnDaemon : public CliTest {
+class CreateOnDaemon : public CliGuestHostTest {
  protected:
-  CreateOnDaemon() {
-    store::LmdbOptions options;
-    options.directory = daemon_->config().data_directory + "/store";
-    store_ = Require(store::OpenLmdbStore(options));
-    host_id_ = Require(daemon::LoadHostId(daemon_->config().data_directory));
-    environment_.Fill(*store_, host_id_);
-  }
-  ProcessResult RunOn(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--socket", daemon_->config().socket});
-    return RunProcess(Program(std::move(arguments)));
-  }
   ProcessResult Create(std::vector<std::string> words) {
     words.insert(words.begin(), {"guest", "create"});
     return RunOn(std::move(words));
@@ -58,24 +42,11 @@ class CreateOnDaemon : public CliTest {
     return Require(Require(store_->Read())->Children(store::MakeKey({"dash", "guest"}))).size();
   }
   Json::Value Guest(const std::string& id) const { return RecordOf(*store_, "guest", id); }
-
-  static void Configure(daemon::Config& config) {
-    config.hypervisor = "test";
-    config.image_roots = {images_of_host};
-  }
-
-  EditEnvironment environment_;
-  std::unique_ptr<TestDaemon> daemon_ = [&] {
-    images_of_host = environment_.File("images");
-    return std::make_unique<TestDaemon>(Configure);
-  }();
-  std::shared_ptr<store::Store> store_;
-  std::string host_id_;
 };
 
 TEST_F(CreateOnDaemon, Create_WithEverything_IsServedAndRuns) {
-  std::ofstream(images_of_host + "/debian.iso") << "twelve bytes";
-  ASSERT_EQ(RunOn({"image", "add", "debian-12", images_of_host + "/debian.iso"}).exit_code, 0);
+  std::ofstream(ImageFolder() + "/debian.iso") << "twelve bytes";
+  ASSERT_EQ(RunOn({"image", "add", "debian-12", ImageFolder() + "/debian.iso"}).exit_code, 0);
   const Json::Value created =
       CreateJson({"web-2", "--cpus", "2", "--memory", "1GiB", "--disk", "20GiB", "--disk", "1GiB,format=raw,mode=3",
                   "--net", "br0,type=2", "--net", "none", "--iso", "debian-12", "--start", "desc=The shop"});
@@ -159,14 +130,14 @@ TEST_F(CreateOnDaemon, Create_WhatIsWrong_IsRefusedWithParameterAndRange) {
 
 // An administrator of the API could read any file of the host.
 TEST_F(CreateOnDaemon, Create_FileThatIsNoImage_IsNotPutIntoTheDrive) {
-  const std::string image = images_of_host + "/debian.iso";
+  const std::string image = ImageFolder() + "/debian.iso";
   std::ofstream(image) << "twelve bytes";
-  std::ofstream(images_of_host + "/secret.txt") << "secret";
+  std::ofstream(ImageFolder() + "/secret.txt") << "secret";
   std::ofstream(environment_.File("outside.iso")) << "secret";
-  ASSERT_EQ(::symlink("/etc/passwd", (images_of_host + "/link.iso").c_str()), 0);
+  ASSERT_EQ(::symlink("/etc/passwd", (ImageFolder() + "/link.iso").c_str()), 0);
   for (const std::string& path :
-       {std::string("/etc/passwd"), images_of_host + "/secret.txt", environment_.File("outside.iso"),
-        images_of_host + "/link.iso", images_of_host + "/../outside.iso", images_of_host + "/missing.iso"}) {
+       {std::string("/etc/passwd"), ImageFolder() + "/secret.txt", environment_.File("outside.iso"),
+        ImageFolder() + "/link.iso", ImageFolder() + "/../outside.iso", ImageFolder() + "/missing.iso"}) {
     ExpectRefused(R"({"name":"x","iso":")" + path + "\"}", 934,
                   "'" + path + "' is not a file '….iso' below an image folder of this host");
   }
@@ -203,7 +174,7 @@ TEST_F(CreateOnDaemon, Create_NetworkByName_IsFound) {
 
 TEST_F(CreateOnDaemon, Create_CopyOfImage_HasItsSize) {
   if (::access("/usr/bin/qemu-img", X_OK) != 0) GTEST_SKIP() << "qemu-img is not installed";
-  const std::string path = images_of_host + "/appliance.raw";
+  const std::string path = ImageFolder() + "/appliance.raw";
   std::ofstream(path) << std::string(5 << 20, 'x');
   ASSERT_EQ(RunOn({"image", "add", "appliance", path}).exit_code, 0);
   for (const std::string& from : {path, std::string("appliance")}) {

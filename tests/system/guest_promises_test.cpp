@@ -2,11 +2,8 @@
 // guests without a host, placement, the mode of upgrades, and the refusal of everything that a setting does not accept.
 #include "host/base/guest_settings.h"
 #include "host/cluster/settings.h"
-#include "host/daemon/host_id.h"
 #include "json/readers.h"
-#include "tests/support/test_daemon.h"
-#include "tests/system/cli_program.h"
-#include "tests/unit/guests/guest_edit_environment.h"
+#include "tests/system/cli_guest_host.h"
 #include "webapi/error_codes.h"
 
 namespace vexa::test {
@@ -16,27 +13,14 @@ namespace json = VexaVirtualization::json;
 
 constexpr int kNotAdministrator = 104;
 
-std::string images_of_host;  // for the function that configures it
-
-class GuestPromises : public CliTest {
+class GuestPromises : public CliGuestHostTest {
  protected:
-  GuestPromises() {
-    store::LmdbOptions options;
-    options.directory = daemon_->config().data_directory + "/store";
-    store_ = Require(store::OpenLmdbStore(options));
-    host_id_ = Require(daemon::LoadHostId(daemon_->config().data_directory));
-    environment_.Fill(*store_, host_id_);
-  }
-  ProcessResult Vexa(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--socket", daemon_->config().socket});
-    return RunProcess(Program(std::move(arguments)));
-  }
   void ExpectDone(std::vector<std::string> arguments) {
-    const auto result = Vexa(std::move(arguments));
+    const auto result = RunOn(std::move(arguments));
     EXPECT_EQ(result.exit_code, 0) << result.errors << result.output;
   }
   void ExpectRefused(std::vector<std::string> arguments, const std::string& words) {
-    const auto result = Vexa(std::move(arguments));
+    const auto result = RunOn(std::move(arguments));
     EXPECT_NE(result.exit_code, 0) << result.output;
     EXPECT_THAT(result.errors, HasSubstr(words));
   }
@@ -60,26 +44,13 @@ class GuestPromises : public CliTest {
     EXPECT_EQ(Guest(id)["host_id"], "");
     return id;
   }
-
-  static void Configure(daemon::Config& config) {
-    config.hypervisor = "test";
-    config.image_roots = {images_of_host};
-  }
-
-  EditEnvironment environment_;
-  std::unique_ptr<TestDaemon> daemon_ = [&] {
-    images_of_host = environment_.File("images");
-    return std::make_unique<TestDaemon>(Configure);
-  }();
-  std::shared_ptr<store::Store> store_;
-  std::string host_id_;
 };
 
 TEST_F(GuestPromises, GuestWithoutHost_IsListedEditedAndDeleted) {
   const std::string id = CreateWithoutHost();
-  EXPECT_THAT(Vexa({"guest", "list"}).output, HasSubstr("homeless"));
-  EXPECT_EQ(Parsed(Vexa({"--json", "guest", "get", id}).output)["name"], "homeless");
-  EXPECT_EQ(Parsed(Vexa({"--json", "guest", "status", id}).output)["status"], "shutdown");
+  EXPECT_THAT(RunOn({"guest", "list"}).output, HasSubstr("homeless"));
+  EXPECT_EQ(Parsed(RunOn({"--json", "guest", "get", id}).output)["name"], "homeless");
+  EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", id}).output)["status"], "shutdown");
   ExpectDone({"guest", "set", "homeless", "vcpu_num=2", "--add-disk", "1"});
   EXPECT_EQ(Guest(id)["vcpu_num"], 2);
   EXPECT_EQ(Guest(id)["host_id"], "");
@@ -92,7 +63,7 @@ TEST_F(GuestPromises, GuestWithoutHost_Started_GetsAHost) {
   const std::string id = CreateWithoutHost();
   ExpectDone({"guest", "start", "homeless"});
   EXPECT_EQ(Guest(id)["host_id"], host_id_);
-  EXPECT_EQ(Parsed(Vexa({"--json", "guest", "status", id}).output)["status"], "running");
+  EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", id}).output)["status"], "running");
 }
 
 // Administrators learn what the guest's host says about it. Others do not: it may name files of the host.
@@ -141,7 +112,7 @@ TEST_F(GuestPromises, Pending_ForOrdinaryUser_HasNoFolders) {
 
 TEST_F(GuestPromises, GuestWithoutHost_SelectionOff_IsNotStarted) {
   const std::string id = CreateWithoutHost();
-  const auto shown = Vexa({"cluster", "settings", "--auto-select-host", "off"});
+  const auto shown = RunOn({"cluster", "settings", "--auto-select-host", "off"});
   EXPECT_EQ(shown.exit_code, 0) << shown.errors;
   EXPECT_THAT(shown.output, testing::ContainsRegex("Select hosts for guests without one +off"));
   Json::Value parameters(Json::objectValue);
@@ -150,18 +121,18 @@ TEST_F(GuestPromises, GuestWithoutHost_SelectionOff_IsNotStarted) {
   EXPECT_EQ(CodeOf(Call("VEXA.Virtualization.Guest.Action", "pwr_ctl", parameters)), 403);
   ExpectDone({"cluster", "settings", "--auto-select-host", "on"});
   ExpectDone({"guest", "start", "homeless"});
-  const std::string log = Vexa({"log"}).output;
+  const std::string log = RunOn({"log"}).output;
   EXPECT_THAT(log, HasSubstr("The automatic selection of hosts has been switched off."));
   EXPECT_THAT(log, HasSubstr("The automatic selection of hosts has been switched on."));
 }
 
 TEST_F(GuestPromises, Host_PlacementOff_IsNotChosenAndStartsItsOwnGuests) {
   const std::string id = CreateWithoutHost();
-  const auto edited = Vexa({"host", "edit", host_id_, "--placement", "off"});
+  const auto edited = RunOn({"host", "edit", host_id_, "--placement", "off"});
   EXPECT_EQ(edited.exit_code, 0) << edited.errors;
   EXPECT_THAT(edited.output, HasSubstr("is not chosen for guests without a host."));
-  EXPECT_EQ(Parsed(Vexa({"--json", "host", "show", host_id_}).output)["placement"], false);
-  EXPECT_THAT(Vexa({"host", "show", host_id_}).output, testing::ContainsRegex("Placement +off"));
+  EXPECT_EQ(Parsed(RunOn({"--json", "host", "show", host_id_}).output)["placement"], false);
+  EXPECT_THAT(RunOn({"host", "show", host_id_}).output, testing::ContainsRegex("Placement +off"));
   Json::Value parameters(Json::objectValue);
   parameters["guest_id"] = id;
   parameters["action"] = "poweron";
@@ -171,16 +142,16 @@ TEST_F(GuestPromises, Host_PlacementOff_IsNotChosenAndStartsItsOwnGuests) {
   ExpectDone({"host", "edit", host_id_, "--placement", "on"});
   ExpectDone({"guest", "start", "homeless"});
   EXPECT_EQ(Guest(id)["host_id"], host_id_);
-  EXPECT_THAT(Vexa({"log"}).output, HasSubstr("The placement of virtual machines on the host ["));
+  EXPECT_THAT(RunOn({"log"}).output, HasSubstr("The placement of virtual machines on the host ["));
 }
 
 TEST_F(GuestPromises, Upgrading_On_GuestsAreShownAsFrozen) {
   ExpectDone({"cluster", "settings", "--upgrading", "on"});
-  EXPECT_EQ(Parsed(Vexa({"--json", "cluster", "settings"}).output)["upgrading"], true);
-  EXPECT_EQ(Parsed(Vexa({"--json", "guest", "status", kEdited}).output)["status"], "freeze");
+  EXPECT_EQ(Parsed(RunOn({"--json", "cluster", "settings"}).output)["upgrading"], true);
+  EXPECT_EQ(Parsed(RunOn({"--json", "guest", "status", kEdited}).output)["status"], "freeze");
   ExpectDone({"cluster", "settings", "--upgrading", "off"});
-  EXPECT_NE(Parsed(Vexa({"--json", "guest", "status", kEdited}).output)["status"], "freeze");
-  EXPECT_THAT(Vexa({"log"}).output, HasSubstr("The upgrade mode of the cluster has been switched on."));
+  EXPECT_NE(Parsed(RunOn({"--json", "guest", "status", kEdited}).output)["status"], "freeze");
+  EXPECT_THAT(RunOn({"log"}).output, HasSubstr("The upgrade mode of the cluster has been switched on."));
 }
 
 TEST_F(GuestPromises, ClusterSettings_BadValues_AreRefusedWithReason) {
@@ -217,7 +188,7 @@ TEST_F(GuestPromises, ClusterSettings_DamagedRecord_IsReported) {
   EXPECT_THAT(ReasonOf(reply), HasSubstr("The setting 'auto_select_host' in "));
   // A change repairs it.
   ExpectDone({"cluster", "settings", "--auto-select-host", "on"});
-  EXPECT_EQ(Parsed(Vexa({"--json", "cluster", "settings"}).output)["auto_select_host"], true);
+  EXPECT_EQ(Parsed(RunOn({"--json", "cluster", "settings"}).output)["auto_select_host"], true);
 }
 
 TEST_F(GuestPromises, Settings_OfOrdinaryUser_AreRefused) {
