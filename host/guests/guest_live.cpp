@@ -363,8 +363,11 @@ bool LibvirtGuestControl::HasFileInMachine(const std::string& guest_id, const st
   if (!IsActive(*state) && !is_saved) return false;
   const auto xml = is_saved ? XmlOfStart(guest_id, true) : hypervisor_->RunningXmlOf(guest_id);
   if (!xml) return true;
-  return std::ranges::any_of(paths,
-                             [&](const std::string& path) { return !domain_xml::DiskElement(*xml, path).empty(); });
+  // A definition may spell the path in another way, or name the file as a backing file: its name anywhere is enough.
+  return std::ranges::any_of(paths, [&](const std::string& path) {
+    return !domain_xml::DiskElement(*xml, path).empty() ||
+           xml->find(path.substr(path.rfind('/') + 1)) != std::string::npos;
+  });
 }
 
 }  // namespace vexa::guests
