@@ -15,6 +15,7 @@
 #include "cli/reply.h"
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
+#include "host/base/nearest_name.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_parse.h"
 #include "host/guests/edit/edit_request.h"
@@ -67,30 +68,6 @@ std::vector<std::string> SplitList(const std::string& text) {
     parts.push_back(text.substr(begin, end == std::string::npos ? end : end - begin));
   }
   return parts;
-}
-
-// The edit distance of two strings.
-std::size_t Distance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  for (std::size_t j = 0; j < row.size(); ++j) row[j] = j;
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i);
-    for (std::size_t j = 1; j < row.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, replaced}));
-    }
-  }
-  return row.back();
-}
-
-// The setting that was probably intended; null when none is close.
-const GuestSetting* NearestSetting(const std::string& name) {
-  constexpr std::size_t kMaxNameSize = 32;
-  if (name.size() > kMaxNameSize) return nullptr;
-  const auto distance = [&](const GuestSetting* setting) { return Distance(name, setting->name); };
-  const GuestSetting* const nearest = *std::ranges::min_element(Settings(), {}, distance);
-  const std::size_t max_distance = std::max<std::size_t>(1, std::string_view(nearest->name).size() / 2);
-  return distance(nearest) <= max_distance ? nearest : nullptr;
 }
 
 Result<Json::Value> ParseValue(const GuestSetting& setting, const std::string& text) {
@@ -278,13 +255,12 @@ const GuestSetting* FindSetting(const std::string& name) {
 }
 
 Error UnknownSetting(const std::string& name) {
-  std::vector<const char*> names;
+  std::vector<std::string_view> names;
   for (const GuestSetting* setting : Settings()) names.push_back(setting->name);
   const std::string all = fmt::format("{}", fmt::join(names, ", "));
-  const GuestSetting* const nearest = NearestSetting(name);
-  if (!nearest) return Invalid(fmt::format("There is no setting '{}'. The settings are {}", name, all));
-  return Invalid(
-      fmt::format("There is no setting '{}'; did you mean '{}'? The settings are {}", name, nearest->name, all));
+  const std::string_view nearest = NearestName(name, names);
+  if (nearest.empty()) return Invalid(fmt::format("There is no setting '{}'. The settings are {}", name, all));
+  return Invalid(fmt::format("There is no setting '{}'; did you mean '{}'? The settings are {}", name, nearest, all));
 }
 
 Result<Json::Value> ParametersOf(const GuestSetArguments& arguments) {

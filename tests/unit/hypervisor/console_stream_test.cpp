@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <semaphore>
 #include <thread>
 
 #include "host/hypervisor/daemon_line.h"
@@ -26,6 +27,7 @@ class UnusableStream : public ::testing::Test {
   void ExpectFailureWithoutLeak(const std::function<Result<Descriptor>(StreamHandle stream)>& open) {
     ASSERT_TRUE(loop_.ok());
     ASSERT_TRUE(connection_);
+    AwaitIteration();
     const std::ptrdiff_t before = OpenDescriptors();
     EXPECT_FALSE(open(StreamHandle(virStreamNew(connection_.get(), VIR_STREAM_NONBLOCK))));
     // The loop drops its references later.
@@ -34,6 +36,17 @@ class UnusableStream : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_EQ(OpenDescriptors(), before);
+  }
+
+  // The event loop opens descriptors of its own in its first iteration, which may begin late.
+  static void AwaitIteration() {
+    std::binary_semaphore done(0);
+    const auto on_timeout = [](int timer, void* semaphore) {
+      virEventRemoveTimeout(timer);
+      static_cast<std::binary_semaphore*>(semaphore)->release();
+    };
+    ASSERT_GE(virEventAddTimeout(0, on_timeout, &done, nullptr), 0);
+    ASSERT_TRUE(done.try_acquire_for(std::chrono::seconds(30)));
   }
 
   const Result<std::unique_ptr<Hypervisor>, Failure> loop_ = Hypervisor::Open({});  // runs libvirt's event loop
