@@ -26,6 +26,11 @@ std::size_t EditDistance(std::string_view a, std::string_view b) {
   return row.back();
 }
 
+// Whether the word is an abbreviation of the name, of at least three characters.
+bool IsBeginning(std::string_view word, std::string_view name) {
+  return word.size() >= 3 && word.size() < name.size() && std::equal(word.begin(), word.end(), name.begin(), AreEqual);
+}
+
 }  // namespace
 
 std::string_view NearestName(std::string_view word, std::span<const std::string_view> known) {
@@ -35,7 +40,7 @@ std::string_view NearestName(std::string_view word, std::span<const std::string_
   std::size_t smallest = 0;
   for (const std::string_view name : known) {
     if (name.empty()) continue;
-    const std::size_t distance = EditDistance(word, name);
+    const std::size_t distance = IsBeginning(word, name) ? 1 : EditDistance(word, name);
     if (distance > std::max<std::size_t>(1, name.size() / 2)) continue;
     if (nearest.empty() || distance < smallest) {
       nearest = name;
