@@ -8,6 +8,7 @@
 #include "host/base/guest_settings.h"
 #include "host/base/mutex.h"
 #include "host/base/sanitize_for_log.h"
+#include "host/base/uuid.h"
 #include "host/disks/file_referrers.h"
 #include "host/disks/image_file.h"
 #include "host/guests/guest_control_impl.h"
@@ -354,11 +355,9 @@ void LibvirtGuestControl::GrowImages(const records::Guest& guest) {
 
 // For files of disks that were removed from a guest: true also when that is unknown.
 bool LibvirtGuestControl::HasFileInMachine(const std::string& guest_id, const std::vector<std::string>& paths) {
+  if (!HasUuidForm(guest_id)) return false;  // libvirt has no guest without one
   const auto state = hypervisor_->StateOf(guest_id);
-  if (!state) {
-    const FailureKind kind = state.error().kind();
-    return kind != FailureKind::kNoSuchGuest && kind != FailureKind::kInvalid;
-  }
+  if (!state) return state.error().kind() != FailureKind::kNoSuchGuest;
   const bool is_saved = *state == hypervisor::GuestState::kSaved;
   if (!IsActive(*state) && !is_saved) return false;
   const auto xml = is_saved ? XmlOfStart(guest_id, true) : hypervisor_->RunningXmlOf(guest_id);

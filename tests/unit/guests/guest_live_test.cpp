@@ -1,5 +1,9 @@
 // Guests that are changed while they run, on libvirt's test driver: it changes processors, and no devices.
+#include <filesystem>
+#include <fstream>
+
 #include "host/domain_xml/domain_devices.h"
+#include "host/guests/jobs/deletion_record.h"
 #include "host/guests/live_changes.h"
 #include "json/readers.h"
 #include "tests/support/libvirt_faults.h"
@@ -223,6 +227,77 @@ TEST_F(GuestLive, Apply_GuestOff_Is911) {
   EXPECT_REFUSED(control_->Apply(kGuest, {}, hypervisor::Eject::kIfUnlocked, kAlice), 911, "The guest does not run");
   EXPECT_REFUSED(control_->Apply(kOther, {}, hypervisor::Eject::kIfUnlocked, kAlice), 403, "");
   EXPECT_EQ(Pending(), "[]");
+}
+
+// The file of a disk that was removed from the guest kOther, which a user runs with `disk`.
+class FileOfRemovedDisk : public GuestLive {
+ protected:
+  void StartWithShortInterval() {
+    GuestControlOptions options = Options();
+    options.maintenance_interval = 20ms;
+    Start(std::move(options));
+  }
+  void LeaveFile() {
+    std::ofstream(path_) << "data";
+    ASSERT_TRUE(host_.store().Commit({{}, {{LeftoverKey(HostId(), kOther), SerializeLeftover({path_}, "")}}}));
+  }
+  void RunWithDisk(const std::string& disk) {
+    StartWithShortInterval();
+    ASSERT_TRUE(test::DefineAsUser("<domain type='test'><name>theirs</name><uuid>" + std::string(kOther) +
+                                   "</uuid><memory>65536</memory><vcpu>1</vcpu><os><type>hvm</type></os><devices>"
+                                   "<disk type='file' device='disk'>" +
+                                   disk + "<target dev='vda' bus='virtio'/></disk></devices></domain>"));
+    ASSERT_TRUE(test::StartAsUser(kOther));
+    LeaveFile();
+  }
+  bool IsRemovedWithin(std::chrono::milliseconds time) const {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::filesystem::exists(path_) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+    return !std::filesystem::exists(path_);
+  }
+  void ExpectKeptUntilOff() {
+    EXPECT_FALSE(IsRemovedWithin(300ms)) << "the machine has it open";
+    ASSERT_TRUE(test::DestroyAsUser(kOther));
+    EXPECT_TRUE(IsRemovedWithin(30s));
+  }
+
+  const std::string folder_ = host_.folder().path();
+  const std::string path_ = folder_ + "/removed.qcow2";
+};
+
+TEST_F(FileOfRemovedDisk, MachineNamesIt_IsKeptUntilOff) {
+  ASSERT_NO_FATAL_FAILURE(RunWithDisk("<source file='" + path_ + "'/>"));
+  ExpectKeptUntilOff();
+}
+
+TEST_F(FileOfRemovedDisk, MachineSpellsPathInAnotherWay_IsKeptUntilOff) {
+  ASSERT_NO_FATAL_FAILURE(RunWithDisk("<source file='" + folder_ + "//./removed.qcow2'/>"));
+  ExpectKeptUntilOff();
+}
+
+TEST_F(FileOfRemovedDisk, MachineNamesItAsBackingFile_IsKeptUntilOff) {
+  ASSERT_NO_FATAL_FAILURE(
+      RunWithDisk("<source file='/srv/top.qcow2'/><backingStore type='file'><format type='qcow2'/>"
+                  "<source file='" +
+                  path_ + "'/></backingStore>"));
+  ExpectKeptUntilOff();
+}
+
+TEST_F(FileOfRemovedDisk, MachineHasOtherFiles_IsRemoved) {
+  ASSERT_NO_FATAL_FAILURE(RunWithDisk("<source file='" + folder_ + "/other.qcow2'/>"));
+  EXPECT_TRUE(IsRemovedWithin(30s));
+}
+
+TEST_F(FileOfRemovedDisk, MachinesCannotBeRead_IsKeptUntilTheyCan) {
+  ASSERT_NO_FATAL_FAILURE(StartWithShortInterval());
+  {
+    // As with an address that libvirt does not understand.
+    const test::FailingConnects failing({VIR_ERR_INVALID_ARG, "unknown driver"});
+    test::CloseLastConnection();
+    LeaveFile();
+    EXPECT_FALSE(IsRemovedWithin(300ms));
+  }
+  EXPECT_TRUE(IsRemovedWithin(30s));
 }
 
 TEST_F(GuestLive, Pending_DefinitionCannotBeMade_ReportsReason) {
