@@ -11,7 +11,7 @@
 #include "tests/support/process.h"
 #include "tests/support/system_libvirtd.h"
 #include "tests/support/temp_dir.h"
-#include "tests/system/cli_terminal.h"
+#include "tests/system/page_shell.h"
 #include "tests/system/tutorial_page.h"
 
 namespace vexa::test {
@@ -131,37 +131,6 @@ class Tutorial : public testing::Test {
     EXPECT_TRUE(host_->Wait(kPatience).has_value());
   }
 
-  // Runs a step in a shell of its own, which continues in the folder and with the variables of the one before.
-  std::string Run(const TutorialStep& step) {
-    const std::string state = folder_.File("state");
-    const std::string script = "trap '{ export -p; printf \"cd %q\\n\" \"$PWD\"; } >" + state + "' EXIT\n" +
-                               (FileExists(state) ? ". " + state + "\n" : "cd " + folder_.path() + "\n") + "set -e\n" +
-                               step.commands;
-    OnTerminal shell({.argv = {"/bin/bash", "-c", script},
-                      .environment = {{"HOME", folder_.path()},
-                                      {"PATH", std::string(std::getenv("PATH"))},
-                                      {"LANG", "C.UTF-8"},
-                                      {"TERM", "dumb"}}},
-                     kPatience);
-    for (const TypedText& typed : TypedTexts(step)) {
-      if (!typed.after.empty() && !shell.WaitFor(typed.after)) {
-        return Describe(step, "does not show '" + typed.after + "'") + shell.shown();
-      }
-      shell.Type(typed.text == "~." ? typed.text : typed.text + "\r");
-    }
-    const int status = shell.Finish();
-    const std::vector<std::string> shown = ShownLines(shell.shown());
-    std::printf("$ %s", step.commands.c_str());
-    for (const std::string& line : shown) std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-    if (status != 0) return Describe(step, "fails") + shell.shown();
-    return DifferenceFrom(step, shown);
-  }
-
-  static std::string Describe(const TutorialStep& step, const std::string& what) {
-    return "Line " + std::to_string(step.line) + " of the page " + what + ": " + step.commands;
-  }
-
   TempDir folder_;
   std::unique_ptr<DebianLibvirtd> libvirtd_;
   std::unique_ptr<Process> host_;
@@ -171,7 +140,8 @@ TEST_F(Tutorial, Commands_OfTheTutorial_PrintTheDocumentedOutput) {
   const std::vector<TutorialStep> steps = ReadTutorial(Content(kPage));
   ASSERT_GT(steps.size(), 20U) << "The steps of docs/tutorial.md cannot be read";
   // Each one builds on the ones before.
-  for (const TutorialStep& step : steps) ASSERT_EQ(Run(step), "");
+  const PageShell shell({}, folder_.path(), kPatience);
+  for (const TutorialStep& step : steps) ASSERT_EQ(shell.Run(step), "");
 }
 
 }  // namespace
