@@ -3,7 +3,7 @@
 include(GNUInstallDirs)
 
 install(TARGETS vexad vexa RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS vexa-network RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS vexa-auth vexa-network RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS vexavirtualization LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 
 # In the same folders as in the source tree, because the headers include each other by these names.

@@ -9,6 +9,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1 -DNDEBUG")
 
 set(VEXA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+option(VEXA_TESTS "Also tests, fuzz targets and measurements; the packages are built without them" ON)
 option(VEXA_FUZZ "Build the fuzz targets with libFuzzer (clang only) in place of a run over their corpus" OFF)
 
 # ccache(1), "Precompiled headers" and "Compiling in different directories". A precompiled header has the path of its

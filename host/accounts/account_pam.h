@@ -10,8 +10,9 @@
 namespace vexa::accounts {
 
 struct PamOptions {
-  std::string service = "vexad";                        // PAM service name
-  std::string config_directory;                         // instead of /etc/pam.d; "": /etc/pam.d
+  std::string service = "vexad";  // PAM service name
+  std::string config_directory;   // instead of /etc/pam.d; "": /etc/pam.d
+  std::string auth_socket;  // of the service that checks passwords; "", or while it does not exist: this process does
   std::string administrators_group = "administrators";  // members are administrators
   std::string shadow_file = "/etc/shadow";              // shadow(5)
 };

@@ -82,6 +82,9 @@ void AddAccountOptions(CLI::App& app, Config& config) {
       "--account-file", config.account_file,
       "An account file of an older version, migrated into the store (default: accounts.json in the data folder)");
   app.add_option("--pam-service", config.pam_service, "The PAM service's name");
+  app.add_option("--auth-socket", config.auth_socket,
+                 "The socket of vexa-auth, which checks passwords (pam); while it does not exist, and with an empty "
+                 "value, the daemon checks them itself");
   app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)");
   AddSeconds(app, "--session-idle", config.sessions.idle, "Seconds without a request after which a login ends");
   AddSeconds(app, "--session-lifetime", config.sessions.absolute, "Seconds after which a login ends in any case");

@@ -31,6 +31,7 @@ struct Config {
   std::string accounts = "store";  // "store" or "pam"; "file" means "store"
   std::string account_file;        // migrated into the store; empty: accounts.json in the data folder
   std::string pam_service = "vexad";
+  std::string auth_socket = "/run/vexa-auth/socket";    // of vexa-auth; empty: this process checks passwords itself
   std::string administrators_group = "administrators";  // "pam" only
   std::string hypervisor = "test";       // "test", "embed", a libvirt URI, or "none": this host does not run guests
   std::string hypervisor_root;           // for embed; empty: "embed" in the data folder

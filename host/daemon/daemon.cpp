@@ -135,6 +135,7 @@ Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& co
   if (source == cluster::AccountSource::kPam) {
     accounts::PamOptions options;
     options.service = config.pam_service;
+    options.auth_socket = config.auth_socket;
     options.administrators_group = config.administrators_group;
     accounts::LocalAccountOptions local;
     local.administrators_group = config.administrators_group;

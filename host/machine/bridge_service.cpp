@@ -2,20 +2,15 @@
 
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <optional>
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/base/packet_socket.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/machine/kernel_bridges.h"
 #include "json/readers.h"
@@ -32,12 +27,6 @@ constexpr ErrorCode kCodes[] = {ErrorCode::kInvalid, ErrorCode::kNotFound, Error
                                 ErrorCode::kDenied,  ErrorCode::kBusy,     ErrorCode::kUnavailable,
                                 ErrorCode::kNoSpace, ErrorCode::kCorrupt,  ErrorCode::kInternal};
 
-void LimitWaits(int socket, int seconds) {
-  const timeval timeout{seconds, 0};
-  (void)::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  (void)::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-}
-
 // Not set: nothing came, or more than a packet may have.
 std::optional<std::string> Receive(int socket) {
   std::array<char, kMaxPacket + 1> buffer{};
@@ -51,28 +40,15 @@ bool Send(int socket, const Json::Value& value) {
   return ::send(socket, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
-std::optional<sockaddr_un> AddressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return std::nullopt;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  return address;
-}
-
 Error Unavailable(const std::string& cause) {
   return Error(ErrorCode::kUnavailable,
                "This host may not make bridges: start the service vexa-network, or make the bridge", cause);
 }
 
 Result<Json::Value> Ask(const std::string& path, int timeout_s, const Json::Value& request) {
-  const auto address = AddressOf(path);
-  if (!address) return Unavailable("The path of its socket is too long");
-  const Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  LimitWaits(socket.get(), timeout_s);
-  if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
-    return Unavailable(std::strerror(errno));
-  }
-  const auto reply = Send(socket.get(), request) ? Receive(socket.get()) : std::nullopt;
+  const Result<Descriptor> socket = ConnectForPackets(path, timeout_s);
+  if (!socket) return Unavailable(socket.error().ToString());
+  const auto reply = Send(socket->get(), request) ? Receive(socket->get()) : std::nullopt;
   if (!reply) return Unavailable("It does not answer");
   return ParseJson(*reply);
 }
@@ -113,15 +89,8 @@ Status Act(const std::string& text, const std::string& folder) {
   return done;
 }
 
-bool IsAllowed(int socket, const std::vector<uid_t>& users) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
-  return peer.uid == 0 || std::ranges::find(users, peer.uid) != users.end();
-}
-
 void Serve(int socket, const BridgeServiceOptions& options) {
-  if (!IsAllowed(socket, options.users)) return;
+  if (!IsPeerAllowed(socket, options.users)) return;
   LimitWaits(socket, kServerTimeoutS);
   const auto request = Receive(socket);
   if (!request) return;
@@ -146,20 +115,6 @@ BridgeMaker BridgeMakerOverSocket(std::string path, int timeout_s) {
 
 BridgeMaker SystemBridgeMaker() {
   return MayChangeInterfaces() ? BridgeMakerInProcess(kNetworkdFolder) : BridgeMakerOverSocket(kBridgeSocket);
-}
-
-Result<Descriptor> ListenForBridgeRequests(const std::string& path) {
-  const auto address = AddressOf(path);
-  if (!address) return Error(ErrorCode::kInternal, "The path of the socket is too long");
-  Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  (void)::unlink(path.c_str());
-  const mode_t before = ::umask(0117);
-  const int bound = ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address);
-  ::umask(before);
-  if (bound != 0 || ::listen(socket.get(), 16) != 0) {
-    return SystemError(ErrorCode::kInternal, fmt::format("Cannot listen on '{}'", path), errno);
-  }
-  return socket;
 }
 
 void ServeBridgeRequests(const BridgeServiceOptions& options) {

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "host/base/descriptor.h"
 #include "host/base/result.h"
 #include "host/machine/bridge_files.h"
 #include "host/machine/bridge_request.h"
@@ -25,9 +24,6 @@ BridgeMaker BridgeMakerInProcess(std::string folder);
 // A call that has no answer after `timeout_s` is kUnavailable. The default is shorter than what a stop of the host
 // takes.
 BridgeMaker BridgeMakerOverSocket(std::string path, int timeout_s = 15);
-
-// Listens on a new socket at `path` with the mode 0660. Errors: kInternal.
-Result<Descriptor> ListenForBridgeRequests(const std::string& path);
 
 struct BridgeServiceOptions {
   int listener = -1;

@@ -1,32 +1,30 @@
 // The program vexa-network: makes bridges and VLANs for a host that has no rights of its own (bridge_service.h).
-// usage: vexa-network [--socket PATH] [--user NAME]
-#include <grp.h>
+// `vexa-network --help` explains its options.
 #include <pwd.h>
-#include <sys/socket.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "host/base/packet_socket.h"
 #include "host/machine/bridge_service.h"
 
 namespace {
 
-constexpr int kFirstPassedDescriptor = 3;  // sd_listen_fds(3)
+constexpr char kHelp[] = R"(vexa-network: makes bridges and VLANs for the virtualization host.
+Usage: vexa-network [--socket PATH] [--user NAME]
 
-// The socket that the service manager has opened; -1 without one.
-int PassedListener() {
-  const char* const pid = std::getenv("LISTEN_PID");
-  const char* const count = std::getenv("LISTEN_FDS");
-  if (pid == nullptr || count == nullptr || std::to_string(::getpid()) != pid || std::string_view(count) != "1") {
-    return -1;
-  }
-  return kFirstPassedDescriptor;
-}
+Options:
+  --help                      Print this help and exit
+  --socket PATH               Where to listen, unless the service manager passes a socket (default:
+                              /run/vexa-network/socket)
+  --user NAME                 The account that may ask, besides root
+
+It serves the daemon, which has no rights of its own: it makes bridges with an uplink and VLANs, and removes the ones
+it has made.
+)";
 
 int Fail(const std::string& sentence) {
   std::fprintf(stderr, "vexa-network: %s\n", sentence.c_str());
@@ -38,6 +36,10 @@ int Fail(const std::string& sentence) {
 int main(int argc, char** argv) {
   std::string path = vexa::machine::kBridgeSocket;
   std::string user;
+  if (argc == 2 && std::string_view(argv[1]) == "--help") {
+    std::fputs(kHelp, stdout);
+    return 0;
+  }
   for (int i = 1; i < argc; i += 2) {
     const std::string_view option = argv[i];
     if (i + 1 == argc || (option != "--socket" && option != "--user")) {
@@ -53,9 +55,9 @@ int main(int argc, char** argv) {
     if (entry == nullptr) return Fail("There is no user '" + user + "'");
     options.users.push_back(entry->pw_uid);
   }
-  vexa::Descriptor listener(PassedListener());
+  vexa::Descriptor listener(vexa::PassedListener());
   if (listener.get() < 0) {
-    auto made = vexa::machine::ListenForBridgeRequests(path);
+    auto made = vexa::ListenForPackets(path);
     if (!made) return Fail(made.error().ToString());
     listener = *std::move(made);
   }

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "host/base/packet_socket.h"
 #include "host/machine/bridge_service.h"
 #include "host/machine/kernel_bridges.h"
 #include "tests/support/network_namespace.h"
@@ -701,7 +702,7 @@ TEST_F(BridgeService, Program_ArgumentsWrong_SaysWhy) {
 
 TEST_F(BridgeService, Service_Hangs_IsReportedInTime) {
   ::unlink("/run/vexa-network-hanging");
-  const auto listener = machine::ListenForBridgeRequests("/run/vexa-network-hanging");
+  const auto listener = ListenForPackets("/run/vexa-network-hanging");
   ASSERT_TRUE(listener);
   const BridgeMaker hanging = machine::BridgeMakerOverSocket("/run/vexa-network-hanging", 1);
   EXPECT_EQ(hanging.make(Plain()).error().ToString(),
