@@ -1,4 +1,4 @@
-// Why a command line or a configuration file is refused: all reasons at once, where the parser stops at the first.
+// Why a command line or a configuration file is refused: all reasons together, where the parser stops at the first.
 // For host/daemon/config*.cpp only.
 #pragma once
 
@@ -17,7 +17,7 @@ namespace vexa::daemon {
 
 struct ConfigRefusal {
   ConfigProblems problems;
-  // The settings that are wrong, and those that their author may have meant: what else is found about them may follow
+  // The settings that are wrong, and the ones that their author may have meant: what else is found about them may follow
   // from the mistake.
   std::set<std::string> doubtful;
   CommandLine usable;  // the other settings

@@ -17,7 +17,7 @@ struct ListeningProcess {
   std::string Text() const;
 };
 
-// The process that listens on this TCP port, on any address. Nothing when there is none.
+// The process that listens on this TCP port, on any address. Not set when the port is free.
 std::optional<ListeningProcess> FindTcpListener(std::uint16_t port);
 
 // The process that listens on the Unix socket `path`, without connecting to it.

@@ -16,7 +16,7 @@ struct StartCheckOptions {
   bool has_service_folders = false;
 };
 
-// Everything at once: folders and files that this process's account cannot use, TLS files, addresses that are in use,
+// All problems together: folders and files that this process's account cannot use, TLS files, addresses that are in use,
 // a hypervisor that cannot be reached. Changes nothing. What a daemon uses that runs on the same data folder is in
 // order. The configuration is that of ParseCommandLine. Call it shortly before the process ends with _exit: a
 // hypervisor that does not answer keeps a thread.

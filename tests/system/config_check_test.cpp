@@ -100,7 +100,7 @@ TEST_F(ConfigCheck, NothingWrong_ChangesNothing) {
   EXPECT_TRUE(fs::is_empty(folder_.path()));
 }
 
-TEST_F(ConfigCheck, ManyMistakes_AreReportedAtOnceByCheckAndStart) {
+TEST_F(ConfigCheck, Mistakes_OfSeveralKinds_AreReportedTogetherByCheckAndStart) {
   const Listening taken;
   const std::string listen = fmt::format("127.0.0.1:{}", taken.port());
   const std::vector<std::string> flags{"--listen",  listen,    "--tls-certificate", "/no/cert",
