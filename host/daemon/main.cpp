@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/base/become_account.h"
 #include "host/base/memory_trim.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/daemon/config.h"
@@ -98,7 +99,8 @@ ConfigProblems FindAllProblems(const CommandLine& command) {
   if (command.action == CommandLine::Action::kCheckConfig) {
     const CheckAccount account = ChooseCheckAccount(command);
     options.has_service_folders = account.is_service;
-    if (const vexa::Status became = account.name.empty() ? vexa::Status() : BecomeAccount(account.name); !became) {
+    if (const vexa::Status became = account.name.empty() ? vexa::Status() : vexa::BecomeAccount(account.name);
+        !became) {
       problems.push_back({"--check-as", account.name, became.error().ToString(),
                           "Run the command as root, with an account of this machine"});
       return problems;

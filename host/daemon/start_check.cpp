@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <grp.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -333,18 +332,6 @@ CheckAccount ChooseCheckAccount(const CommandLine& command) {
   if (!command.check_as.empty()) return {command.check_as, command.check_as == kServiceAccount};
   if (::geteuid() != 0 || !command.is_service_file || !::getpwnam(kServiceAccount)) return {};
   return {kServiceAccount, true};
-}
-
-Status BecomeAccount(const std::string& account) {
-  const passwd* const entry = ::getpwnam(account.c_str());
-  if (!entry) return Error(ErrorCode::kNotFound, fmt::format("There is no account '{}'", account));
-  if (entry->pw_uid == ::geteuid()) return {};
-  const gid_t group = entry->pw_gid;
-  const uid_t user = entry->pw_uid;
-  if (::initgroups(account.c_str(), group) != 0 || ::setgid(group) != 0 || ::setuid(user) != 0) {
-    return SystemError(ErrorCode::kDenied, fmt::format("Only root can check as '{}'", account), errno);
-  }
-  return {};
 }
 
 }  // namespace vexa::daemon

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <string>
 
-#include "host/base/result.h"
 #include "host/daemon/config.h"
 
 namespace vexa::daemon {
@@ -16,14 +15,11 @@ struct StartCheckOptions {
   bool has_service_folders = false;
 };
 
-// All problems together: folders and files that this process's account cannot use, TLS files, addresses that are in use,
-// a hypervisor that cannot be reached. Changes nothing. What a daemon uses that runs on the same data folder is in
+// All problems together: folders and files that this process's account cannot use, TLS files, addresses that are in
+// use, a hypervisor that cannot be reached. Changes nothing. What a daemon uses that runs on the same data folder is in
 // order. The configuration is that of ParseCommandLine. Call it shortly before the process ends with _exit: a
 // hypervisor that does not answer keeps a thread.
 ConfigProblems CheckStart(const Config& config, const StartCheckOptions& options);
-
-// Makes this process run as `account`, with its groups. Errors: kNotFound, kDenied.
-Status BecomeAccount(const std::string& account);
 
 // The account as which to check a configuration: that of --check-as, or that of the service for its own file; "" for
 // the caller's own. Its second member is true for the service.
