@@ -40,9 +40,13 @@ Result<DataLock> LockOutDaemons(const AccountPaths& paths) {
   return lock;
 }
 
-std::string OwnName() {
-  const passwd* const entry = ::getpwuid(::geteuid());
-  return entry && entry->pw_name ? entry->pw_name : fmt::format("#{}", ::geteuid());
+// The account that started this program, which may become another one later.
+const std::string& OwnName() {
+  static const std::string name = [] {
+    const passwd* const entry = ::getpwuid(::geteuid());
+    return entry && entry->pw_name ? std::string(entry->pw_name) : fmt::format("#{}", ::geteuid());
+  }();
+  return name;
 }
 
 // "" before the host's first start.
@@ -61,6 +65,8 @@ cluster::AccountSource AccountSourceOf(const AccountPaths& paths) {
 }
 
 Result<LocalStore> OpenStore(const AccountPaths& paths, MissingStore missing) {
+  (void)OwnName();
+  if (const Status became = BecomeOwner(paths.data_directory); !became) return became.error();
   const Status exists = CheckOwner(paths.store_path() + "/data.mdb");
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
   if (const Status safe = CheckDataFolder(paths.data_directory); !safe) return safe.error();
@@ -109,6 +115,8 @@ Result<LocalAccounts> OpenAccounts(const AccountPaths& paths, MissingStore missi
                     "name them with --system in 'vexa user grant' and the other commands for grants",
                     paths.data_directory));
   }
+  (void)OwnName();
+  if (const Status became = BecomeOwner(paths.data_directory); !became) return became.error();
   const Status file = CheckOwner(paths.accounts_path());
   if (!file && file.error().code() != ErrorCode::kNotFound) return file.error();
   Result<LocalStore> opened = OpenStore(paths, missing);

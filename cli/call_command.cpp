@@ -69,7 +69,9 @@ ExitCode RunHealth(const GlobalOptions& global) {
     Fields fields{{"Server", endpoint->Name()},
                   {"Health", fmt::format("{} (HTTP {})", healthy ? "good" : "bad", reply->status)}};
     if (body && body->isObject()) {
+      if (IsTrue(Member(*body, "simulated"))) fields.emplace_back("Guests", "only simulated here: nothing runs");
       for (const std::string& name : body->getMemberNames()) {
+        if (name == "simulated") continue;
         const Json::Value& value = Member(*body, name.c_str());
         const std::string text = Text(value);
         fields.emplace_back(Printable(name), text.empty() ? RenderJson(value, JsonLayout::kOneLine) : text);

@@ -123,6 +123,7 @@ CallOutcome OutcomeOf(const HttpClient& client, const Result<HttpReply>& reply, 
     outcome.details = std::move(parsed->details);
   } else {
     outcome.data = std::move(parsed->data);
+    outcome.is_simulated = parsed->is_simulated;
   }
   outcome.http_status = reply->status;
   return outcome;
@@ -165,6 +166,8 @@ CallOutcome CallWithClient(const GlobalOptions& global, const std::function<Call
 CallOutcome CallServer(const GlobalOptions& global, const std::string& path, const std::string& body, Secrecy secrecy) {
   return CallWithClient(global, [&](HttpClient& client) { return CallApi(client, path, body, secrecy); });
 }
+
+void PrintSimulationNote() { std::cerr << "vexa: Guests are only simulated here: nothing runs.\n"; }
 
 ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sentence) {
   if (!global.quiet) std::cout << sentence << '\n';

@@ -54,6 +54,7 @@ ExitCode ReportTransport(const Error& error);
 struct CallOutcome {
   ExitCode exit_code = ExitCode::kOk;
   Json::Value data;
+  bool is_simulated = false;  // guests are only simulated on the host that acted
   // On failure:
   std::string failure;               // printable lines without "vexa: " and without the final line end
   std::optional<std::int64_t> code;  // from the server
@@ -85,6 +86,9 @@ CallOutcome CallWithClient(const GlobalOptions& global, const std::function<Call
 // Connects, and calls a method. Failures are printed.
 CallOutcome CallServer(const GlobalOptions& global, const std::string& path, const std::string& body,
                        Secrecy secrecy = Secrecy::kPlain);
+
+// Prints a line on standard error about a host whose guests are only simulated.
+void PrintSimulationNote();
 
 // Prints a sentence about what was done, unless --quiet is set. Returns kOk.
 ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sentence);

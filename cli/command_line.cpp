@@ -66,6 +66,7 @@ void AddCommands(const Command& app) {
   AddRepositoryCommands(app);
   AddImageCommands(app);
   AddNetworkCommands(app);
+  AddSetupCommand(app);
   AddImportCommand(app);
 }
 

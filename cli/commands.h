@@ -26,6 +26,7 @@ void AddClusterCommands(const Command& app);
 void AddRepositoryCommands(const Command& app);
 void AddImageCommands(const Command& app);
 void AddNetworkCommands(const Command& app);
+void AddSetupCommand(const Command& app);
 void AddImportCommand(const Command& app);
 
 // Adds only the options of `vexa import`. The parse stores their values in `arguments`, which must outlive it.

@@ -102,6 +102,7 @@ void GuestActionRunner::PerformAction(std::size_t index) {
     }
     return Fail(index, std::move(failure), outcome.code);
   }
+  if (outcome.is_simulated) MarkSimulated(index);
   Advance(index, Job::Stage::kAnswered, "answered");
   if (parts_.options.waiting == Waiting::kUntilDone && row.state != nullptr) {
     if (std::optional<std::string> failure = WaitForState(index)) return Fail(index, *std::move(failure));
@@ -237,6 +238,7 @@ void GuestActionRunner::PrintJobs() {
     one["guest_id"] = parts_.guests[i].id;
     one["guest_name"] = parts_.guests[i].name;
     one["success"] = !job.failure.has_value();
+    if (job.is_simulated) one["simulated"] = true;
     one["message"] = job.failure.value_or(job.result);
     if (job.code) one["code"] = Json::Int64{*job.code};
     all.append(std::move(one));
@@ -244,10 +246,17 @@ void GuestActionRunner::PrintJobs() {
   PrintJson(all);
 }
 
+void GuestActionRunner::MarkSimulated(std::size_t index) {
+  const MutexLock lock(mutex_);
+  jobs_[index].is_simulated = true;
+}
+
 ExitCode GuestActionRunner::Finish() {
   Show();
   const MutexLock lock(mutex_);
   if (parts_.json) PrintJobs();
+  const bool is_simulated = std::ranges::any_of(jobs_, &Job::is_simulated);
+  if (is_simulated && !parts_.quiet && !parts_.json) PrintSimulationNote();
   const bool all_succeeded = std::ranges::none_of(jobs_, [](const Job& job) { return job.failure.has_value(); });
   return all_succeeded ? ExitCode::kOk : ExitCode::kFailed;
 }

@@ -44,6 +44,7 @@ class GuestActionRunner {
     std::string progress;                // printed until it is done: "asking", "answered" or the guest's state
     std::optional<std::string> failure;  // kDone: why it failed
     std::optional<std::int64_t> code;    // kDone: from the server
+    bool is_simulated = false;           // the guest's host only simulates guests
     std::string result;                  // kDone: what was done
     bool is_shown = false;
   };
@@ -52,6 +53,7 @@ class GuestActionRunner {
   // Waits for the requested state. Returns why the guest did not reach it; nothing when it did.
   std::optional<std::string> WaitForState(std::size_t index);
   std::string SuccessText(const NamedGuest& guest);
+  void MarkSimulated(std::size_t index);
   std::string HostOf(const NamedGuest& guest);
   void Advance(std::size_t index, Job::Stage stage, std::string progress);
   void Succeed(std::size_t index, std::string result);

@@ -177,6 +177,7 @@ ExitCode RunGuestCreate(const GlobalOptions& global, const GuestCreateOptions& o
                                              is_started ? " It runs." : "");
     if (const ExitCode printed = PrintConfirmation(global, sentence); printed != ExitCode::kOk) return printed;
   }
+  if (outcome.is_simulated && !global.quiet) PrintSimulationNote();
   if (options.start == StartAfterwards::kNo || is_started) return ExitCode::kOk;
   std::cerr << "vexa: The guest was created, but it does not run: "
             << Printable(Text(Member(outcome.data, "start_error"))) << '\n';

@@ -57,6 +57,7 @@ Json::Value AsJson(const accounts::User& user) {
 
 ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPaths& paths, const NewUserOptions& options) {
   if (const Status checked = CheckLocalUser(options); !checked) return Report(checked.error());
+  if (const Status made = MakeServiceFolder(paths.data_directory); !made) return Report(made.error());
   if (const Status free = CheckNameIsFree(paths, options.name); !free) return Report(free.error());
   std::string password;
   const ExitCode asked =

@@ -93,6 +93,7 @@ ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const c
       id_or_name ? GetObject(global, kind, path, *id_or_name, id)
                  : CallWithClient(global, [&](HttpClient& client) { return CallApi(client, path, "{}"); });
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (outcome.is_simulated && !global.quiet) PrintSimulationNote();
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(MissingInReply(kind.singular));
   print(outcome.data);

@@ -60,6 +60,7 @@ Result<ApiReply> ReadApiReply(const HttpReply& reply) {
   if (result.success) {
     if (reply.status < 200 || reply.status > 299) return UnknownReply(reply, "it reports success nevertheless");
     result.data = Member(*parsed, "data");
+    result.is_simulated = IsTrue(Member(*parsed, "simulated"));
     return result;
   }
   if (reply.status < 400) return UnknownReply(reply, "it reports failure nevertheless");

@@ -27,6 +27,7 @@ struct ApiReply {
   std::string message;
   Json::Value details;
   std::string reason;  // a sentence; empty without one
+  bool is_simulated = false;  // guests are only simulated on the host
   std::string request_id;
 };
 

@@ -58,8 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } else {
     Check(command.action == vexa::daemon::CommandLine::Action::kRun, "a file cannot ask for a check");
     Check(!command.config.take_host_id, "a file cannot take the host id over");
-    const vexa::Status checked = vexa::daemon::CheckConfig(command.config);
-    if (checked.ok()) CheckUsable(command.config);
+    if (vexa::daemon::CheckConfig(command.config).empty()) CheckUsable(command.config);
   }
   const auto paths = vexa::daemon::ReadConfiguredPaths(path);
   Check(!paths.ok() || !paths->data_directory.empty(), "there is a data folder");

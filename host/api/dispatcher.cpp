@@ -338,6 +338,7 @@ http::HttpResponse Dispatcher::MakePage(const Work& work) const {
       const std::string problem = parts_.health();
       Json::Value body(Json::objectValue);
       body["status"] = problem.empty() ? "ok" : problem;
+      if (parts_.is_simulated) body["simulated"] = true;
       response.status = problem.empty() ? 200 : 503;
       response.body = json::ToText(body);
       break;

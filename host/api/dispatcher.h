@@ -34,6 +34,7 @@ class Dispatcher {
     Lane* quick_hosts = nullptr;                 // likewise, for calls that only read
     std::function<std::string()> metrics_text;   // GET /metrics
     std::function<std::string()> health;         // GET /healthz: the problem, or ""; on I/O threads, must not block
+    bool is_simulated = false;                   // guests are only simulated here: GET /healthz reports it
     session::ConsoleTickets* tickets = nullptr;  // with `open_console`
     ConsoleOpener open_console{};                // GET /console/…, on the lane for long calls; not set: 404
     UploadTaker take_piece{};                    // PUT /upload/…, on the lane for long calls; not set: 404

@@ -49,6 +49,11 @@ void FillHostRecord(Json::Value& record, const HostFacts& facts, system_clock::t
   } else {
     record["package_version"] = facts.package_version;
   }
+  if (facts.is_simulated) {
+    record["simulated"] = true;
+  } else {
+    record.removeMember("simulated");
+  }
   record.removeMember("certificate");
   if (facts.certificate_expires != 0) {
     record["certificate"]["issued"] = static_cast<Json::Int64>(facts.certificate_issued);

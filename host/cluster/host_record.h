@@ -2,7 +2,8 @@
 //
 //   /dash/host/<host id>/object          {"name", "addresses", "cluster_address", "cpu_cores", "cpu_clock_speed" (MHz),
 //                                         "ram_size" (KiB), "state", "started" (Unix seconds), "version",
-//                                         "package_version", "certificate": {"issued", "expires"} (Unix seconds)}
+//                                         "package_version", "certificate": {"issued", "expires"} (Unix seconds),
+//                                         "simulated" (true: guests run nothing here; else absent)}
 //   /dash/host/<host id>/nics/<nic id>   {"name", "mac_address"}
 //   /dash/host/<host id>/seen            {"time" (Unix seconds)}
 //
@@ -45,6 +46,7 @@ struct HostFacts {
   std::uint64_t ram_kib = 0;
   std::string version;
   std::string package_version;  // of the hypervisor; empty: unknown, and the member is removed
+  bool is_simulated = false;    // guests are only simulated here
   // The host's own assessment, a value of VexaCCC::State::Host. Empty: unchanged, or "running" when it was
   // inaccessible.
   std::string state;

@@ -14,12 +14,12 @@
 #include <system_error>
 
 #include "host/base/sanitize_for_log.h"
+#include "host/daemon/config_refusal.h"
 #include "host/daemon/configured_paths.h"
 
 namespace vexa::daemon {
 namespace {
 
-constexpr const char* kDefaultFile = "/etc/vexa/vexad.conf";
 constexpr std::size_t kMaxErrorLine = 4096;
 
 constexpr const char* kFooter = R"(
@@ -184,14 +184,20 @@ void AddWorkOptions(CLI::App& app, Config& config) {
   AddSeconds(app, "--stop-timeout", config.stop_timeout, "Seconds that requests have to finish when the daemon stops");
 }
 
-void AddSettings(CLI::App& app, Config& config, bool& check_config) {
+}  // namespace
+
+void AddSettings(CLI::App& app, CommandLine& command) {
+  Config& config = command.config;
   app.option_defaults()->always_capture_default();
-  app.config_formatter(std::make_shared<FileFormat>());
-  app.set_config("--config", kDefaultFile, "The configuration file")->check([](const std::string& path) {
-    return path == kDefaultFile ? std::string() : CLI::ExistingFile(path);
-  });
-  app.allow_config_extras(CLI::config_extras_mode::error);
-  app.add_flag("--check-config", check_config, "Check the configuration, report errors, and exit")->configurable(false);
+  app.add_flag_callback(
+         "--check-config", [&command] { command.action = CommandLine::Action::kCheckConfig; },
+         "Report everything that would keep the daemon from starting or serving, one line each, and exit: 0 when there "
+         "is nothing, 2 otherwise. Changes nothing, and can run beside the daemon")
+      ->configurable(false);
+  app.add_option("--check-as", command.check_as,
+                 "With --check-config, as root: check what this account can read and write. The default is the account "
+                 "of the service for the service's own configuration file, and root otherwise")
+      ->configurable(false);
   // Each function begins with the group of its settings in the help.
   AddDataOptions(app, config);
   AddAccountOptions(app, config);
@@ -199,6 +205,16 @@ void AddSettings(CLI::App& app, Config& config, bool& check_config) {
   AddClusterOptions(app, config);
   AddGuestOptions(app, config);
   AddWorkOptions(app, config);
+}
+
+namespace {
+
+void AddConfigurationFile(CLI::App& app) {
+  app.config_formatter(std::make_shared<FileFormat>());
+  app.set_config("--config", kServiceConfigFile, "The configuration file")->check([](const std::string& path) {
+    return path == kServiceConfigFile ? std::string() : CLI::ExistingFile(path);
+  });
+  app.allow_config_extras(CLI::config_extras_mode::error);
 }
 
 Error CannotRead(ErrorCode code, const std::string& file, const std::string& why) {
@@ -214,39 +230,72 @@ int PrintParseResult(const CLI::App& app, const CLI::ParseError& error) {
   return status == 0 ? 0 : 2;
 }
 
-}  // namespace
-
-CommandLine ParseCommandLine(int argc, const char* const* argv) {
-  CommandLine result;
-  Config& config = result.config;
-  bool check_config = false;
-  CLI::App app("vexad: makes this machine a host of a virtualization cluster.", "vexad");
-  app.footer(kFooter);
-  app.set_version_flag("--version", VEXA_VERSION);
-  AddSettings(app, config, check_config);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    result.action = CommandLine::Action::kExit;
-    result.exit_status = PrintParseResult(app, error);
-    return result;
-  }
+void CompleteConfig(Config& config, bool has_calls_per_host) {
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
-  if (app.count("--calls-per-host") == 0) {
-    config.calls_per_host = std::clamp(config.long_threads / 2, 1, config.calls_per_host);
-  }
+  if (!has_calls_per_host) config.calls_per_host = std::clamp(config.long_threads / 2, 1, config.calls_per_host);
   if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
   if (config.store_directory.empty()) config.store_directory = config.data_directory + "/store";
   std::error_code ignored;  // an empty path is refused later
   const std::string data = std::filesystem::absolute(config.data_directory, ignored).lexically_normal();
   if (config.hypervisor_root.empty()) config.hypervisor_root = data + "/embed";
   if (config.image_roots.empty()) config.image_roots = {data + "/images"};
-  if (check_config) result.action = CommandLine::Action::kCheckConfig;
+}
+
+// Whether the arguments name neither another file nor other folders.
+bool IsServiceFile(const std::vector<std::string>& arguments) {
+  std::error_code failed;
+  if (!std::filesystem::exists(kServiceConfigFile, failed)) return false;
+  return std::none_of(arguments.begin(), arguments.end(), [](const std::string& argument) {
+    return argument.starts_with("--config") || argument.starts_with("--data") || argument.starts_with("--store");
+  });
+}
+
+// Prints what is wrong with the settings that cannot be read, and what `check` finds in the others.
+CommandLine Refuse(ConfigRefusal refusal, const ConfigCheck& check) {
+  CommandLine& usable = refusal.usable;
+  CompleteConfig(usable.config, refusal.doubtful.contains("calls-per-host") || refusal.has_calls_per_host);
+  ConfigProblems problems = std::move(refusal.problems);
+  for (ConfigProblem& problem : check ? check(usable) : CheckConfig(usable.config)) {
+    if (!refusal.doubtful.contains(problem.setting)) problems.push_back(std::move(problem));
+  }
+  PrintProblems(problems);
+  usable.action = CommandLine::Action::kExit;
+  usable.exit_status = 2;
+  return std::move(usable);
+}
+
+}  // namespace
+
+CommandLine ParseCommandLine(int argc, const char* const* argv, const ConfigCheck& check) {
+  CommandLine result;
+  CLI::App app("vexad: makes this machine a host of a virtualization cluster.", "vexad");
+  app.footer(kFooter);
+  app.set_version_flag("--version", VEXA_VERSION);
+  AddConfigurationFile(app);
+  AddSettings(app, result);
+  const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+  std::optional<ConfigRefusal> refusal = FindUnreadableFile(arguments, kServiceConfigFile);
+  try {
+    if (!refusal) app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0) refusal = ExplainRefusal(arguments, kServiceConfigFile);
+    if (!refusal || refusal->problems.empty()) {
+      result.action = CommandLine::Action::kExit;
+      result.exit_status = PrintParseResult(app, error);
+      return result;
+    }
+  }
+  if (refusal) {
+    refusal->usable.is_service_file = IsServiceFile(arguments);
+    return Refuse(std::move(*refusal), check);
+  }
+  CompleteConfig(result.config, app.count("--calls-per-host") > 0);
+  result.is_service_file = IsServiceFile(arguments);
   return result;
 }
 
 Result<ConfiguredPaths> ReadConfiguredPaths(const std::string& path) {
-  const std::string file = path.empty() ? kDefaultFile : path;
+  const std::string file = path.empty() ? kServiceConfigFile : path;
   std::error_code failed;
   if (path.empty() && !std::filesystem::exists(file, failed) && !failed) {
     return ConfiguredPaths{Config().data_directory, "", "", std::nullopt};
@@ -255,10 +304,11 @@ Result<ConfiguredPaths> ReadConfiguredPaths(const std::string& path) {
     return CannotRead(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied, file,
                       std::generic_category().message(errno));
   }
-  Config config;
-  bool check_config = false;
+  CommandLine command;
+  const Config& config = command.config;
   CLI::App app;
-  AddSettings(app, config, check_config);
+  AddConfigurationFile(app);
+  AddSettings(app, command);
   try {
     app.parse(std::vector<std::string>{file, "--config"});  // CLI11 takes a vector from its end
   } catch (const CLI::ParseError& error) {

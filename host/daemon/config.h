@@ -8,11 +8,15 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/daemon/config_problem.h"
 #include "host/daemon/log_line.h"
 #include "host/http/http_server.h"
 #include "host/session/sessions.h"
 
 namespace vexa::daemon {
+
+// The configuration file of the service.
+inline constexpr const char* kServiceConfigFile = "/etc/vexa/vexad.conf";
 
 struct Config {
   std::string data_directory = "/var/lib/vexa";
@@ -69,14 +73,23 @@ struct CommandLine {
   Action action = Action::kRun;
   int exit_status = 0;  // kExit only: help, version, or a usage error that has been printed
   Config config;
+  std::string check_as;          // the account as which to check; empty: see --check-as
+  bool is_service_file = false;  // the configuration is that of the service, without flags that change folders
 };
 
-// Reads flags and the configuration file that they name. An unknown setting or a value out of range is a usage error.
-CommandLine ParseCommandLine(int argc, const char* const* argv);
+// Everything that a single setting cannot show: unparsable addresses, contradictory TLS settings, a network listener
+// beyond loopback without TLS, a host that may take all threads. Empty: it can be used.
+ConfigProblems CheckConfig(const Config& config);
 
-// Checks what a single flag cannot show: unparsable addresses, contradictory TLS settings, a network listener beyond
-// loopback without TLS, a host that may take all threads.
-Status CheckConfig(const Config& config);
+// What else to check when the command line or the file is refused.
+using ConfigCheck = std::function<ConfigProblems(const CommandLine& usable)>;
+
+// Reads flags and the configuration file that they name. Unknown settings and values out of range are usage errors: all
+// of them are printed, and what `check` finds in the other settings; without it, what CheckConfig finds.
+CommandLine ParseCommandLine(int argc, const char* const* argv, const ConfigCheck& check = nullptr);
+
+// Prints a line for each problem to stderr.
+void PrintProblems(const ConfigProblems& problems);
 
 // The files by which this host and the others recognize each other.
 struct ClusterFiles {

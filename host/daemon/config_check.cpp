@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
+#include <set>
 #include <system_error>
 #include <utility>
 
+#include "host/base/sanitize_for_log.h"
 #include "host/daemon/config.h"
 
 namespace vexa::daemon {
@@ -17,11 +20,11 @@ struct Address {
   std::uint16_t port = 0;
 };
 
+// How an address is written, for sentences.
+constexpr const char* kAddressHelp = "Use a numeric address and a port, such as 127.0.0.1:8642 or [::1]:8642";
+
 Result<Address> ParseAddress(const std::string& text) {
-  const Error refused(ErrorCode::kInvalid,
-                      fmt::format("'{}' is not an address to listen on. Use a numeric address and a port, such as "
-                                  "127.0.0.1:8642 or [::1]:8642",
-                                  text));
+  const Error refused(ErrorCode::kInvalid, fmt::format("'{}' is not an address to listen on", text), kAddressHelp);
   const std::size_t colon = text.rfind(':');
   if (colon == std::string::npos) return refused;
   std::string host = text.substr(0, colon);
@@ -45,9 +48,11 @@ bool IsWildcard(const std::string& host) {
 
 bool IsLoopback(const std::string& host) { return host == "::1" || host.starts_with("127."); }
 
-Status CheckCluster(const Config& config) {
+void CheckCluster(const Config& config, ConfigProblems& problems) {
   if (config.cluster_certificate.empty() != config.cluster_key.empty()) {
-    return Error(ErrorCode::kInvalid, "'cluster-certificate' and 'cluster-key' go together: set both or none");
+    // Reported for the one that is missing: its name may have been mistyped.
+    problems.push_back({config.cluster_key.empty() ? "cluster-key" : "cluster-certificate", "",
+                        "'cluster-certificate' and 'cluster-key' go together", "Set both or none"});
   }
   if (config.cluster_listen.empty()) {
     const std::pair<const char*, const std::string&> rows[] = {{"cluster-address", config.cluster_address},
@@ -55,45 +60,90 @@ Status CheckCluster(const Config& config) {
                                                                {"cluster-authority", config.cluster_authority},
                                                                {"authority-key", config.authority_key}};
     for (const auto& [name, value] : rows) {
-      if (!value.empty()) return Error(ErrorCode::kInvalid, fmt::format("'{}' needs 'cluster-listen'", name));
+      if (value.empty()) continue;
+      problems.push_back({name, value, fmt::format("'{}' needs 'cluster-listen'", name),
+                          "Set 'cluster-listen' to the address and port where other hosts call this one, or remove "
+                          "this setting"});
     }
-    return {};
+    return;
   }
   const ClusterFiles files = ClusterFilesOf(config);
   if (files.certificate.empty() || files.authority.empty()) {
-    return Error(ErrorCode::kInvalid,
-                 "'cluster-listen' needs 'cluster-certificate', 'cluster-key' and 'cluster-authority': hosts know each "
-                 "other by their certificates; see 'vexa cluster --help'");
+    problems.push_back({"cluster-listen", config.cluster_listen,
+                        "'cluster-listen' needs 'cluster-certificate', 'cluster-key' and 'cluster-authority'",
+                        "Hosts know each other by their certificates; see 'vexa cluster --help'"});
   }
   const bool has_own_address = !config.cluster_address.empty();
-  const Result<Address> address = ParseAddress(has_own_address ? config.cluster_address : config.cluster_listen);
-  if (!address) return address.error();
-  if (IsWildcard(address->host) || (has_own_address && address->port == 0)) {
-    return Error(
-        ErrorCode::kInvalid,
-        fmt::format("Other hosts cannot connect to '{}'. Set 'cluster-address' to an address and a port of this host",
-                    has_own_address ? config.cluster_address : config.cluster_listen));
+  const Result<Address> listen = ParseAddress(config.cluster_listen);
+  if (!listen) {
+    problems.push_back({"cluster-listen", config.cluster_listen, listen.error().message(), listen.error().cause()});
+    if (!has_own_address) return;
   }
-  return {};
+  const Result<Address> address = has_own_address ? ParseAddress(config.cluster_address) : listen;
+  if (!address) {
+    problems.push_back({"cluster-address", config.cluster_address, address.error().message(), address.error().cause()});
+    return;
+  }
+  if (IsWildcard(address->host) || (has_own_address && address->port == 0)) {
+    const std::string& text = has_own_address ? config.cluster_address : config.cluster_listen;
+    problems.push_back({has_own_address ? "cluster-address" : "cluster-listen", text,
+                        fmt::format("Other hosts cannot connect to '{}'", text),
+                        "Set 'cluster-address' to an address and a port of this host"});
+  }
 }
 
-Status CheckGuests(const Config& config) {
+void CheckGuests(const Config& config, ConfigProblems& problems) {
   if (config.hypervisor.empty()) {
-    return Error(ErrorCode::kInvalid, "'hypervisor' is empty: set \"test\", \"embed\", \"none\" or a libvirt URI");
+    problems.push_back(
+        {"hypervisor", "", "'hypervisor' is empty", "Set \"test\", \"embed\", \"none\" or a libvirt URI"});
   }
-  std::vector<std::string> folders = config.image_roots;
-  if (config.hypervisor == "embed") folders.push_back(config.hypervisor_root);
   const bool has_both = config.repository_warning != 0 && config.repository_full != 0;
   if (has_both && config.repository_warning > config.repository_full) {
-    return Error(ErrorCode::kInvalid, "'repository-warning' is above 'repository-full': set it to a lower percentage");
+    problems.push_back({"repository-warning", std::to_string(config.repository_warning),
+                        fmt::format("'repository-warning' is above 'repository-full' ({})", config.repository_full),
+                        "Set it to a lower percentage"});
   }
-  for (const std::string& folder : folders) {
-    if (folder.starts_with('/') && folder.find('\0') == std::string::npos) continue;
-    return Error(
-        ErrorCode::kInvalid,
-        fmt::format("'{}' is not an absolute path, which 'image-roots' and 'hypervisor-root' require", folder));
+  const auto check = [&problems](const char* name, const std::string& folder) {
+    if (folder.starts_with('/') && folder.find('\0') == std::string::npos) return;
+    problems.push_back({name, folder, fmt::format("'{}' is not an absolute path", folder), "Begin it with '/'"});
+  };
+  for (const std::string& folder : config.image_roots) check("image-roots", folder);
+  if (config.hypervisor == "embed") check("hypervisor-root", config.hypervisor_root);
+}
+
+void CheckUserTls(const Config& config, ConfigProblems& problems) {
+  if (config.tls_certificate.empty() != config.tls_key.empty()) {
+    problems.push_back({config.tls_key.empty() ? "tls-key" : "tls-certificate", "",
+                        "'tls-certificate' and 'tls-key' go together", "Set both or none"});
   }
-  return {};
+  if (!config.client_authority.empty() && config.tls_certificate.empty()) {
+    problems.push_back({"client-authority", config.client_authority,
+                        "'client-authority' needs 'tls-certificate' and 'tls-key'",
+                        "Set them, or remove this setting"});
+  }
+}
+
+void CheckUserListeners(const Config& config, ConfigProblems& problems) {
+  if (config.socket.empty() && config.listen.empty() && config.cluster_listen.empty()) {
+    problems.push_back({"listen", "none", "There is nothing to listen on", "Set 'socket' or 'listen'"});
+  }
+  std::set<std::string> seen;
+  if (!config.cluster_listen.empty() && !config.cluster_listen.ends_with(":0")) seen.insert(config.cluster_listen);
+  for (const std::string& text : config.listen) {
+    const Result<Address> address = ParseAddress(text);
+    if (!address) {
+      problems.push_back({"listen", text, address.error().message(), address.error().cause()});
+      continue;
+    }
+    if (address->port != 0 && !seen.insert(text).second) {
+      problems.push_back({"listen", text, fmt::format("'{}' is named twice, in 'listen' or 'cluster-listen'", text),
+                          "Give each its own port"});
+    }
+    if (!IsLoopback(address->host) && config.tls_certificate.empty()) {
+      problems.push_back({"listen", text, fmt::format("'{}' can be reached by other machines", address->host),
+                          "Set 'tls-certificate' and 'tls-key', so that passwords are not sent in the clear"});
+    }
+  }
 }
 
 }  // namespace
@@ -158,34 +208,32 @@ std::vector<std::string> OutdatedSettings(const Config& config) {
   return sentences;
 }
 
-Status CheckConfig(const Config& config) {
-  if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' is empty. Set it to a folder");
-  if (Status guests = CheckGuests(config); !guests) return guests;
+ConfigProblems CheckConfig(const Config& config) {
+  ConfigProblems problems;
+  if (config.data_directory.empty()) problems.push_back({"data", "", "'data' is empty", "Set it to a folder"});
+  CheckGuests(config, problems);
   if (config.calls_per_host >= config.long_threads && config.long_threads > 1) {
-    return Error(ErrorCode::kInvalid,
-                 fmt::format("'calls-per-host' ({}) must be less than 'long-threads' ({}), or one host could take all "
-                             "threads from the others",
-                             config.calls_per_host, config.long_threads));
+    problems.push_back({"calls-per-host", std::to_string(config.calls_per_host),
+                        fmt::format("'calls-per-host' ({}) must be less than 'long-threads' ({}), or one host could "
+                                    "take all threads from the others",
+                                    config.calls_per_host, config.long_threads),
+                        "Lower 'calls-per-host', or leave it out"});
   }
-  if (config.tls_certificate.empty() != config.tls_key.empty()) {
-    return Error(ErrorCode::kInvalid, "'tls-certificate' and 'tls-key' go together: set both or none");
-  }
-  if (!config.client_authority.empty() && config.tls_certificate.empty()) {
-    return Error(ErrorCode::kInvalid, "'client-authority' needs 'tls-certificate' and 'tls-key'");
-  }
-  if (Status cluster = CheckCluster(config); !cluster) return cluster;
-  const Result<std::vector<http::ListenerOptions>> listeners = ListenersOf(config);
-  if (!listeners) return listeners.error();
-  if (listeners->empty()) return Error(ErrorCode::kInvalid, "There is nothing to listen on: set 'socket' or 'listen'");
-  for (const http::ListenerOptions& listener : *listeners) {
-    if (listener.kind == http::ListenerOptions::Kind::kTcp && !IsLoopback(listener.address) &&
-        listener.certificate_file.empty()) {
-      return Error(ErrorCode::kInvalid, fmt::format("'{}' can be reached by other machines. Set 'tls-certificate' and "
-                                                    "'tls-key', so that passwords are not sent in the clear",
-                                                    listener.address));
-    }
-  }
-  return {};
+  CheckUserTls(config, problems);
+  CheckCluster(config, problems);
+  CheckUserListeners(config, problems);
+  return problems;
+}
+
+std::string ToLine(const ConfigProblem& problem) {
+  constexpr std::size_t kMaxLine = 4096;
+  return SanitizeForLog(fmt::format("{} = \"{}\": {}. {}{}", problem.setting, problem.value, problem.problem,
+                                    problem.help, problem.help.ends_with('?') ? "" : "."),
+                        kMaxLine);
+}
+
+void PrintProblems(const ConfigProblems& problems) {
+  for (const ConfigProblem& problem : problems) std::fprintf(stderr, "vexad: %s\n", ToLine(problem).c_str());
 }
 
 }  // namespace vexa::daemon

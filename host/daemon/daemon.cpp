@@ -417,6 +417,7 @@ class Daemon::Impl {
     options.is_alive = IsAlive;
     options.claim = claim_;
     options.networks = guests::GuestControlOptions::Networks::kKept;
+    if (config.hypervisor == "test") ::syslog(LOG_WARNING, "Guests are only simulated here: nothing runs.");
     auto guests = guests::GuestControl::Start(std::move(options));
     if (!guests) return guests.error();
     guests_ = std::move(*guests);
@@ -479,6 +480,7 @@ class Daemon::Impl {
                                sessions_->size(),
                                consoles_->stats()});
     };
+    parts.is_simulated = config.hypervisor == "test";
     parts.health = [this] { return health_->Problem(); };
     parts.tickets = &console_tickets_;
     parts.open_console = [this](const api::ConsolePlan& plan) { return consoles_->Open(plan); };
@@ -642,7 +644,8 @@ class Daemon::Impl {
       ::syslog(LOG_CRIT, "This host must stop: %s", reason.c_str());
       if (on_claim_lost) on_claim_lost();
     };
-    const auto gather = [host_id = host_id_, address, guests = guests_.get(), certificate = certificate_.get()] {
+    const auto gather = [host_id = host_id_, address, guests = guests_.get(), certificate = certificate_.get(),
+                         is_simulated = config.hypervisor == "test"] {
       cluster::HostFacts facts = machine::GatherHostFacts(host_id, VEXA_VERSION, machine::Machine());
       facts.cluster_address = address;
       if (certificate) {
@@ -650,6 +653,7 @@ class Daemon::Impl {
         facts.certificate_expires = ToUnixSeconds(certificate->times().not_after);
       }
       facts.state = HostStateFor({guests, [] { return machine::HasBrokenLink(machine::Machine()); }});
+      facts.is_simulated = is_simulated;
       facts.package_version = guests ? guests->HypervisorVersion() : "";
       return facts;
     };

@@ -9,15 +9,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <set>
+#include <string>
 #include <thread>
 #include <utility>
 
+#include "host/base/become_account.h"
 #include "host/base/memory_trim.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/notify.h"
 #include "host/daemon/periodic_call.h"
+#include "host/daemon/start_check.h"
 #include "host/daemon/syslog_hook.h"
 #include "host/daemon/watchdog.h"
 
@@ -40,9 +44,8 @@ sigset_t StopSignals() {
   return signals;
 }
 
-int PrintError(const vexa::Error& error, int status) {
+void PrintError(const vexa::Error& error) {
   std::fprintf(stderr, "vexad: %s\n", vexa::SanitizeForLog(error.ToString(), kMaxErrorLine).c_str());
-  return status;
 }
 
 // A second signal ends the process immediately, even if requests are still running.
@@ -83,12 +86,61 @@ bool RunUntilStopped(Daemon& daemon, const sigset_t& signals, std::chrono::milli
 // Set when this daemon ends because it has lost its host id.
 std::atomic<bool> has_lost_host_id = false;
 
+// A check may leave a thread behind that uses libvirt.
+[[noreturn]] void EndProcess(int status) {
+  std::fflush(nullptr);
+  ::_exit(status);
+}
+
+// What the configuration and the machine show.
+ConfigProblems FindAllProblems(const CommandLine& command) {
+  ConfigProblems problems = CheckConfig(command.config);
+  StartCheckOptions options;
+  if (command.action == CommandLine::Action::kCheckConfig) {
+    const CheckAccount account = ChooseCheckAccount(command);
+    options.has_service_folders = account.is_service;
+    if (const vexa::Status became = account.name.empty() ? vexa::Status() : vexa::BecomeAccount(account.name);
+        !became) {
+      problems.push_back({"--check-as", account.name, became.error().ToString(),
+                          "Run the command as root, with an account of this machine"});
+      return problems;
+    }
+  }
+  std::set<std::pair<std::string, std::string>> found;
+  for (const ConfigProblem& problem : problems) found.emplace(problem.setting, problem.value);
+  for (ConfigProblem& problem : CheckStart(command.config, options)) {
+    if (!found.contains({problem.setting, problem.value})) problems.push_back(std::move(problem));
+  }
+  return problems;
+}
+
+int RunCheck(const CommandLine& command) {
+  const ConfigProblems problems = FindAllProblems(command);
+  PrintProblems(problems);
+  if (!problems.empty()) return kExitUsage;
+  std::puts("The configuration is valid.");
+  return 0;
+}
+
+// The reason of a failed start is one; the check may find others, which the next starts would show one by one.
+void LogOtherProblems(const CommandLine& command) {
+  for (const ConfigProblem& problem : FindAllProblems(command)) {
+    const std::string line = ToLine(problem);
+    ::syslog(LOG_ERR, "%s", line.c_str());
+    if (command.config.log == LogTarget::kSyslog) std::fprintf(stderr, "vexad: %s\n", line.c_str());
+  }
+}
+
 // Starts the daemon, runs it until it is stopped, and returns the exit status.
-int Run(const Config& config, const sigset_t& signals) {
+int Run(const CommandLine& command, const sigset_t& signals) {
+  const Config& config = command.config;
   auto daemon = Daemon::Start(config);
   if (!daemon) {
     ::syslog(LOG_ERR, "The start failed: %s", daemon.error().ToString().c_str());
-    return config.log == LogTarget::kSyslog ? PrintError(daemon.error(), kExitFailed) : kExitFailed;
+    if (config.log == LogTarget::kSyslog) PrintError(daemon.error());
+    LogOtherProblems(command);
+    FlushLog(kFlushTimeout);
+    EndProcess(kExitFailed);
   }
   ::syslog(LOG_INFO, "Ready.");
   NotifyServiceManager("READY=1");
@@ -104,13 +156,12 @@ int Run(const Config& config, const sigset_t& signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const CommandLine command = ParseCommandLine(argc, argv);
-  if (command.action == CommandLine::Action::kExit) return command.exit_status;
-  if (const vexa::Status checked = CheckConfig(command.config); !checked)
-    return PrintError(checked.error(), kExitUsage);
-  if (command.action == CommandLine::Action::kCheckConfig) {
-    std::puts("The configuration is valid.");
-    return 0;
+  const CommandLine command = ParseCommandLine(argc, argv, FindAllProblems);
+  if (command.action == CommandLine::Action::kExit) EndProcess(command.exit_status);
+  if (command.action == CommandLine::Action::kCheckConfig) EndProcess(RunCheck(command));
+  if (!CheckConfig(command.config).empty()) {
+    PrintProblems(FindAllProblems(command));
+    EndProcess(kExitUsage);
   }
   ::openlog("vexad", LOG_PID, LOG_DAEMON);
   SetLogTarget(command.config.log);
@@ -120,12 +171,12 @@ int main(int argc, char** argv) {
   const sigset_t signals = StopSignals();
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  Config config = command.config;
-  config.on_claim_lost = [] {
+  CommandLine started = command;
+  started.config.on_claim_lost = [] {
     has_lost_host_id = true;
     ::kill(::getpid(), SIGTERM);
   };
-  const int status = Run(config, signals);
+  const int status = Run(started, signals);
   // A log whose reader has stopped must not hold up the end.
   FlushLog(kFlushTimeout);
   return status;

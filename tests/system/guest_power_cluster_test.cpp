@@ -8,6 +8,7 @@
 #include <fstream>
 #include <thread>
 
+#include "host/base/json_parse.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/require.h"
@@ -96,6 +97,22 @@ TEST_F(GuestPowerCluster, Actions_GuestOfOtherHost_AreCarriedOutThere) {
   EXPECT_FALSE(std::filesystem::exists(Image()));
   EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), "");
   EXPECT_EQ(State(), "");
+}
+
+// The host that has the guest decides, not the one that is asked.
+TEST_F(GuestPowerCluster, Answer_AboutGuestOfOtherHost_IsMarkedAsSimulatedByThatHost) {
+  const std::string poweron = R"({"guest_id":")" + std::string(kGuest) + R"(","action":"poweron"})";
+  const Json::Value marked = Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl", poweron);
+  EXPECT_EQ(json::Member(marked, "simulated"), Json::Value(true)) << json::ToText(marked);
+  EXPECT_EQ(Power(0, "poweroff"), 0);
+  ExpectState(states::shutdown);
+  Json::Value record = *ParseJson(Stored({"dash", "host", IdOf(1), "object"}));
+  EXPECT_EQ(record["simulated"], Json::Value(true));
+  record["simulated"] = false;
+  Put("host", IdOf(1), json::ToText(record));
+  const Json::Value plain = Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl", poweron);
+  EXPECT_EQ(json::Member(plain, "success"), Json::Value(true)) << json::ToText(plain);
+  EXPECT_FALSE(json::FindMember(plain, "simulated")) << json::ToText(plain);
 }
 
 TEST_F(GuestPowerCluster, GuestInfo_RunningOnOtherHost_ComesFromThatHost) {

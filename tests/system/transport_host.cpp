@@ -141,7 +141,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", error.ToString().c_str());
     return 1;
   };
-  if (const vexa::Status checked = vexa::daemon::CheckConfig(command.config); !checked) return fail(checked.error());
+  if (const auto problems = vexa::daemon::CheckConfig(command.config); !problems.empty()) {
+    vexa::daemon::PrintProblems(problems);
+    return 1;
+  }
   // Only vexad itself sends the lines where the setting says.
   if (command.config.log != vexa::daemon::LogTarget::kSyslog) ::openlog("transport_host", LOG_PERROR, LOG_DAEMON);
   sigset_t signals;

@@ -11,6 +11,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/creation_parameters.h"
 #include "host/api/user/outcome_log.h"
+#include "host/api/user/simulated_guests.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/guests/creation/creation.h"
 #include "host/guests/creation/creation_request.h"
@@ -275,7 +276,8 @@ std::vector<ApiRow> CreationRows(const AccountServices& services, std::function<
   using namespace user_error;
   return {AdministratorRow(
       "VEXA.Virtualization.Guest", "create", LaneKind::kLong,
-      [services, is_stopping = std::move(is_stopping)](const Call& call) { Create(services, is_stopping, call); },
+      WithSimulatedMark(
+          [services, is_stopping = std::move(is_stopping)](const Call& call) { Create(services, is_stopping, call); }),
       "Create a guest with disks and network interfaces, completely or not at all, and start it if asked to. The reply "
       "has its id, name and host, and with \"start\" whether it was started, or why not.",
       CreationParameters(),

@@ -10,6 +10,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/guest_live_api.h"
 #include "host/api/user/outcome_log.h"
+#include "host/api/user/simulated_guests.h"
 #include "host/api/user/unreachable_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
@@ -151,13 +152,14 @@ ApiRow Row(const Action& action) {
                           user_error::kNotRunning,   user_error::kAddressInUseOrGuestRuns,
                           user_error::kGuestBusy,    user_error::kUnavailable};
   errors.insert(errors.end(), action.more_errors.begin(), action.more_errors.end());
+  Handler handler =
+      WithGoneHostReason([action](const Call& call) { Perform(call, action); }, NeededHost::kHolderOrAssigned);
   return {.api = "VEXA.Virtualization.Guest",
           .method = MethodOf(action.kind),
           .version = 1,
           .access = action.access,
           .lane = LaneKind::kLong,
-          .handler =
-              WithGoneHostReason([action](const Call& call) { Perform(call, action); }, NeededHost::kHolderOrAssigned),
+          .handler = action.kind == ActionKind::kRestore ? WithSimulatedMark(std::move(handler)) : std::move(handler),
           .summary = action.summary,
           .parameters = {Text("guest_id", "The guest's id, a UUID.")},
           .errors = std::move(errors)};

@@ -7,6 +7,7 @@
 
 #include "host/api/rows.h"
 #include "host/api/user/host_list_api.h"
+#include "host/api/user/simulated_guests.h"
 #include "host/api/user/unreachable_host.h"
 #include "host/cluster/settings.h"
 #include "host/records/keys.h"
@@ -78,6 +79,7 @@ void HostGet(const Call& call) {
   if (!host) return Fail(call, user_error::kNotFoundOrUnreadable);
   AskHost(host_id, *host);
   call.response->SetSuccess(*host);
+  MarkSimulatedHost(call, host_id);
 }
 
 void GuestInfo(const Call& call) {

@@ -28,14 +28,6 @@ seconds AgeOf(system_clock::time_point last_heartbeat, system_clock::time_point 
   return std::max(std::chrono::duration_cast<seconds>(now - last_heartbeat), seconds(0));
 }
 
-// The host that has the guest; empty when absent, or when that cannot be read.
-std::string HolderOf(const records::Reader& reader, const std::string& guest_id) {
-  const Result<records::Record> run = reader.ReadRecord(records::RunKey(guest_id));
-  if (!run || !*run) return {};
-  const Json::Value& host_id = json::Member(**run, "host_id");
-  return host_id.isString() ? json::String(host_id) : std::string();
-}
-
 std::string Sentence(const records::Reader& reader, const std::string& host_id, const records::HostLiveness& life) {
   std::string name = records::ReadStringOrEmpty(reader, VexaCCC::DB::DashCate::Host, host_id, keys::name);
   if (name.empty()) name = host_id;
@@ -64,6 +56,13 @@ records::HostLiveness LivenessOrAlive(const records::Reader& reader, const std::
   if (host_id.empty()) return {};
   const Result<records::HostLiveness> life = records::LivenessOf(reader, host_id);
   return life ? *life : records::HostLiveness();
+}
+
+std::string HolderOf(const records::Reader& reader, const std::string& guest_id) {
+  const Result<records::Record> run = reader.ReadRecord(records::RunKey(guest_id));
+  if (!run || !*run) return {};
+  const Json::Value& host_id = json::Member(**run, "host_id");
+  return host_id.isString() ? json::String(host_id) : std::string();
 }
 
 std::string GoneHostReason(const std::string& guest_id, NeededHost needed) {

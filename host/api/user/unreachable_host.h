@@ -20,6 +20,9 @@ void AddLiveness(const records::HostLiveness& life, std::chrono::system_clock::t
 // Like LivenessOf, but a host whose liveness cannot be read counts as alive, and so does an empty id.
 records::HostLiveness LivenessOrAlive(const records::Reader& reader, const std::string& host_id);
 
+// The host that has the guest according to its run record; empty when the guest is off, or when that cannot be read.
+std::string HolderOf(const records::Reader& reader, const std::string& guest_id);
+
 // The host without which a method cannot act on a guest.
 enum class NeededHost {
   kHolder,            // the host that has the guest according to its run record; none when the guest is off

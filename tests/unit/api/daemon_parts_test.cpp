@@ -34,10 +34,85 @@ vexa::daemon::CommandLine Parse(std::vector<const char*> arguments) {
   return result;
 }
 
+std::string LinesOf(const ConfigProblems& problems) {
+  std::string lines;
+  for (const ConfigProblem& problem : problems) lines += ToLine(problem) + "\n";
+  return lines;
+}
+
+// What a refused command line prints.
+std::string ErrorsOf(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "vexad");
+  testing::internal::CaptureStderr();
+  const CommandLine command = ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+  std::string errors = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(command.exit_status, 2) << errors;
+  return errors;
+}
+
+TEST(Config, File_WithManyMistakes_ReportsEachOnOneLine) {
+  const vexa::test::TempDir folder;
+  const std::string path = folder.File("vexad.conf");
+  std::ofstream(path)
+      << "lisen = \"127.0.0.1:1\"\nio-threads = 65\nstop-timeout = \"soon\"\naccounts = \"ldap\"\n"
+         "data = \"relative\"\nnew-store = true\nqwertyuiop = 1\nhypervisor = \"\"\n[network]\nsocket = \"\"\n";
+  EXPECT_EQ(
+      ErrorsOf({"--config", path.c_str()}),
+      "vexad: lisen = \"127.0.0.1:1\": There is no setting 'lisen'. Did you mean 'listen'?\n"
+      "vexad: io-threads = \"65\": Value 65 not in range 1 to 64. 'vexad --help' explains 'io-threads'.\n"
+      "vexad: stop-timeout = \"soon\": Value soon not in range 1 to 31536000. 'vexad --help' explains 'stop-timeout'.\n"
+      "vexad: accounts = \"ldap\": ldap not in {store,pam,file}. 'vexad --help' explains 'accounts'.\n"
+      "vexad: data = \"relative\": 'relative' is not an absolute path. Begin it with '/'.\n"
+      "vexad: new-store = \"true\": 'new-store' is a flag for one start. Remove it here, and use 'vexad --new-store' "
+      "once.\n"
+      "vexad: qwertyuiop = \"1\": There is no setting 'qwertyuiop'. 'vexad --help' lists the settings.\n"
+      "vexad: [network] = \"\": The file has no sections. Remove this line and the settings below it that do not "
+      "exist.\n"
+      "vexad: hypervisor = \"\": 'hypervisor' is empty. Set \"test\", \"embed\", \"none\" or a libvirt URI.\n");
+}
+
+TEST(Config, Flags_WithMistakes_ReportEachOnOneLine) {
+  EXPECT_EQ(ErrorsOf({"--lisen", "127.0.0.1:1", "--io-threads=0", "--config", "/no/such/file", "--tls-key", "k"}),
+            "vexad: --lisen = \"127.0.0.1:1\": There is no setting 'lisen'. Did you mean 'listen'?\n"
+            "vexad: --io-threads = \"0\": Value 0 not in range 1 to 64. 'vexad --help' explains 'io-threads'.\n"
+            "vexad: --config = \"/no/such/file\": The file cannot be read: No such file or directory. Name a file that "
+            "exists, and that this account may read.\n"
+            "vexad: tls-certificate = \"\": 'tls-certificate' and 'tls-key' go together. Set both or none.\n");
+}
+
+// A mistyped setting is missing under its right name: what follows from that would only distract.
+TEST(Config, Name_Mistyped_HidesWhatFollowsFromIt) {
+  EXPECT_EQ(
+      ErrorsOf({"--tls-certficate", "c", "--tls-key", "k", "--listen", "8642"}),
+      "vexad: --tls-certficate = \"c\": There is no setting 'tls-certficate'. Did you mean 'tls-certificate'?\n"
+      "vexad: listen = \"8642\": '8642' is not an address to listen on. Use a numeric address and a port, such as "
+      "127.0.0.1:8642 or [::1]:8642.\n");
+}
+
+TEST(Config, Contradictions_AreReportedTogether) {
+  Config config;
+  config.listen = {"0.0.0.0:1", "127.0.0.1:2", "127.0.0.1:2", "x"};
+  config.cluster_key = "k";
+  config.authority_key = "a";
+  config.data_directory = "";
+  EXPECT_EQ(
+      LinesOf(CheckConfig(config)),
+      "data = \"\": 'data' is empty. Set it to a folder.\n"
+      "cluster-certificate = \"\": 'cluster-certificate' and 'cluster-key' go together. Set both or none.\n"
+      "authority-key = \"a\": 'authority-key' needs 'cluster-listen'. Set 'cluster-listen' to the address and port "
+      "where other hosts call this one, or remove this setting.\n"
+      "listen = \"0.0.0.0:1\": '0.0.0.0' can be reached by other machines. Set 'tls-certificate' and 'tls-key', so "
+      "that passwords are not sent in the clear.\n"
+      "listen = \"127.0.0.1:2\": '127.0.0.1:2' is named twice, in 'listen' or 'cluster-listen'. Give each its own "
+      "port.\n"
+      "listen = \"x\": 'x' is not an address to listen on. Use a numeric address and a port, such as "
+      "127.0.0.1:8642 or [::1]:8642.\n");
+}
+
 TEST(Config, NoFlags_ListensOnLoopbackOnly) {
   const vexa::daemon::CommandLine command = Parse({});
   ASSERT_EQ(command.action, vexa::daemon::CommandLine::Action::kRun);
-  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).empty());
   const auto listeners = vexa::daemon::ListenersOf(command.config);
   ASSERT_TRUE(listeners.ok());
   ASSERT_EQ(listeners->size(), 2u);
@@ -62,7 +137,7 @@ TEST(Config, Flags_AreRead) {
   EXPECT_EQ(command.config.stop_timeout.count(), 5);
   EXPECT_EQ(command.config.log, vexa::daemon::LogTarget::kStderr);
   EXPECT_EQ(command.config.io_threads, 3);
-  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).empty());
 }
 
 TEST(Config, File_Read_IsOverriddenByFlags) {
@@ -134,9 +209,8 @@ TEST(Config, Settings_Invalid_AreRefusedWithReason) {
     config.tls_certificate = row.certificate;
     config.tls_key = row.key;
     config.client_authority = row.authority;
-    const vexa::Status checked = vexa::daemon::CheckConfig(config);
-    ASSERT_FALSE(checked.ok()) << row.message;
-    EXPECT_NE(checked.error().message().find(row.message), std::string::npos) << checked.error().message();
+    const std::string lines = LinesOf(vexa::daemon::CheckConfig(config));
+    EXPECT_NE(lines.find(row.message), std::string::npos) << row.message << " is not in: " << lines;
   }
 }
 
@@ -144,17 +218,15 @@ TEST(Config, CallsPerHost_AreLessThanThreads) {
   EXPECT_EQ(Parse({}).config.calls_per_host, 512);
   EXPECT_EQ(Parse({"--long-threads", "300"}).config.calls_per_host, 150) << "unless it is set";
   EXPECT_EQ(Parse({"--long-threads", "1"}).config.calls_per_host, 1);
-  EXPECT_TRUE(vexa::daemon::CheckConfig(Parse({"--long-threads", "1"}).config).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(Parse({"--long-threads", "1"}).config).empty());
   const auto set = [](const char* calls) {
     return vexa::daemon::CheckConfig(Parse({"--long-threads", "300", "--calls-per-host", calls}).config);
   };
-  EXPECT_TRUE(set("299").ok());
-  const vexa::Status refused = set("300");
-  ASSERT_FALSE(refused.ok());
+  EXPECT_TRUE(set("299").empty());
   EXPECT_EQ(
-      refused.error().message(),
-      "'calls-per-host' (300) must be less than 'long-threads' (300), or one host could take all threads from the "
-      "others");
+      LinesOf(set("300")),
+      "calls-per-host = \"300\": 'calls-per-host' (300) must be less than 'long-threads' (300), or one host could "
+      "take all threads from the others. Lower 'calls-per-host', or leave it out.\n");
 }
 
 TEST(Config, GuestsFolders_AreAbsolute) {
@@ -166,12 +238,12 @@ TEST(Config, GuestsFolders_AreAbsolute) {
       Parse({"--image-roots", "/a", "--image-roots", "/b", "--vcpus-per-cpu", "2"}).config;
   EXPECT_EQ(named.image_roots, (std::vector<std::string>{"/a", "/b"}));
   EXPECT_EQ(named.vcpus_per_cpu, 2u);
-  EXPECT_TRUE(vexa::daemon::CheckConfig(named).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(named).empty());
   for (const std::vector<const char*>& flags : {std::vector<const char*>{"--image-roots", "a"},
                                                 {"--hypervisor", "embed", "--hypervisor-root", "a"},
                                                 {"--hypervisor", ""},
                                                 {"--data", ""}}) {
-    EXPECT_FALSE(vexa::daemon::CheckConfig(Parse(flags).config).ok()) << flags[0];
+    EXPECT_FALSE(vexa::daemon::CheckConfig(Parse(flags).config).empty()) << flags[0];
   }
   EXPECT_EQ(Parse({"--vcpus-per-cpu", "0"}).action, vexa::daemon::CommandLine::Action::kExit);
 }
@@ -186,13 +258,13 @@ TEST(Config, RepositoryLimits_Read_WarnBeforeFull) {
   EXPECT_EQ(config.repository_warning, 70u);
   EXPECT_EQ(config.repository_full, 80u);
   EXPECT_EQ(config.repository_headroom, 0u);
-  EXPECT_TRUE(vexa::daemon::CheckConfig(config));
+  EXPECT_TRUE(vexa::daemon::CheckConfig(config).empty());
   config.repository_warning = 81;
-  const auto refused = vexa::daemon::CheckConfig(config);
-  ASSERT_FALSE(refused);
-  EXPECT_NE(refused.error().ToString().find("'repository-warning' is above 'repository-full'"), std::string::npos);
+  EXPECT_EQ(LinesOf(vexa::daemon::CheckConfig(config)),
+            "repository-warning = \"81\": 'repository-warning' is above 'repository-full' (80). Set it to a lower "
+            "percentage.\n");
   config.repository_full = 0;
-  EXPECT_TRUE(vexa::daemon::CheckConfig(config)) << "never full";
+  EXPECT_TRUE(vexa::daemon::CheckConfig(config).empty()) << "never full";
   EXPECT_EQ(Parse({"--repository-full", "101"}).action, vexa::daemon::CommandLine::Action::kExit);
 }
 
@@ -214,9 +286,9 @@ TEST(Config, Uploads_LimitsAreRead) {
 TEST(Config, NoListener_Configured_IsRefused) {
   vexa::daemon::CommandLine command = Parse({"--listen", "none", "--socket", ""});
   EXPECT_TRUE(command.config.listen.empty());
-  EXPECT_FALSE(vexa::daemon::CheckConfig(command.config).ok());
+  EXPECT_FALSE(vexa::daemon::CheckConfig(command.config).empty());
   command = Parse({"--listen", "none"});
-  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).empty());
 }
 
 TEST(FindCookie, Headers_AreSearchedByWholeName) {

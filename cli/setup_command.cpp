@@ -1,0 +1,210 @@
+#include "cli/setup_command.h"
+
+#include <fmt/format.h>
+#include <pwd.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "cli/account_paths.h"
+#include "cli/local_user_command.h"
+#include "cli/owner.h"
+#include "cli/printable.h"
+#include "cli/setup_file.h"
+#include "cli/setup_report.h"
+#include "cli/user_command.h"
+#include "host/base/become_account.h"
+#include "host/base/data_lock.h"
+#include "host/base/files.h"
+#include "host/daemon/config.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kGuestsFolder = "/var/lib/vexa-images";
+constexpr const char* kAdministrators = "administrators";
+constexpr mode_t kDataMode = 0700;
+constexpr mode_t kImagesMode = 0711;  // QEMU's account passes through
+constexpr std::size_t kMaxConfigBytes = 1024 * 1024;
+
+void Say(const GlobalOptions& global, const std::string& sentence) {
+  if (!global.quiet) std::cout << Printable(sentence) << std::endl;
+}
+
+std::string Ask(const std::string& question, const std::string& usual) {
+  std::cout << question << (usual.empty() ? "" : fmt::format(" [{}]", Printable(usual))) << ": " << std::flush;
+  std::string answer;
+  if (!std::getline(std::cin, answer) || answer.empty()) return usual;
+  return answer;
+}
+
+// The options, completed on a terminal with answers. `text` is the configuration file.
+SetupOptions Complete(SetupOptions options, const std::string& text) {
+  const std::string images = SettingIn(text, "image-roots");
+  if (options.assume_yes || ::isatty(STDIN_FILENO) == 0) {
+    if (options.images.empty() && images.empty()) options.images = kGuestsFolder;
+    return options;
+  }
+  const std::string listen = SettingIn(text, "listen");
+  if (options.admin.empty()) options.admin = Ask("First administrator ('-' for none)", "admin");
+  if (options.admin == "-") options.admin.clear();
+  if (options.listen.empty()) {
+    options.listen = Ask("Address and port for users", listen.empty() ? "127.0.0.1:8642" : listen);
+  }
+  if (options.images.empty()) options.images = Ask("Folder for guests", images.empty() ? kGuestsFolder : images);
+  return options;
+}
+
+// The configuration that the daemon reads from the file.
+daemon::Config ReadConfig(const std::string& path) {
+  const char* const arguments[] = {"vexad", "--config", path.c_str()};
+  return daemon::ParseCommandLine(3, arguments).config;
+}
+
+Result<bool> WriteConfig(const SetupOptions& options) {
+  std::vector<FileSetting> settings;
+  if (!options.listen.empty()) settings.push_back({"listen", options.listen});
+  if (!options.images.empty()) settings.push_back({"image-roots", options.images});
+  if (!options.hypervisor.empty()) settings.push_back({"hypervisor", options.hypervisor});
+  const std::string folder = std::filesystem::path(options.config).parent_path();
+  if (Status made = CreateDirectories(folder.empty() ? "." : folder, 0755); !made) return made.error();
+  return ChangeSettings(options.config, settings);
+}
+
+// Runs in a process as the service's account, whose files then belong to it.
+ExitCode InChild(const std::string& account, const std::function<ExitCode()>& body) {
+  std::cout.flush();
+  const pid_t child = ::fork();
+  if (child < 0) return Report(SystemError(ErrorCode::kInternal, "Cannot start a process", errno));
+  if (child == 0) {
+    const Status became = BecomeAccount(account);
+    const ExitCode code = became ? body() : Report(became.error());
+    std::cout.flush();
+    ::_exit(static_cast<int>(code));
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? static_cast<ExitCode>(WEXITSTATUS(status)) : ExitCode::kFailed;
+}
+
+// Adds the administrator unless the user exists: to the store itself, or through the daemon when it runs.
+ExitCode AddAdministrator(const GlobalOptions& global, const SetupOptions& options, const daemon::Config& config) {
+  NewUserOptions user;
+  user.name = options.admin;
+  user.groups = {kAdministrators};
+  user.password = options.password;
+  AccountPaths paths;
+  paths.data_directory = config.data_directory;
+  if (config.store_directory != config.data_directory + "/store") paths.store_folder = config.store_directory;
+  paths.account_file_path = config.account_file;
+  if (config.accounts == "pam") {
+    Say(global, fmt::format("Users come from PAM: put '{}' into the group '{}' of this machine.", options.admin,
+                            config.administrators_group));
+    return ExitCode::kOk;
+  }
+  AccountPaths reading = paths;
+  reading.running_daemon = RunningDaemon::kAllow;
+  const ExitCode exists = InChild(options.account, [&reading, &options] {
+    const Result<LocalAccounts> local = OpenAccounts(reading, MissingStore::kRefuse);
+    return local && local->accounts->FindUser(options.admin) ? ExitCode::kOk : ExitCode::kFailed;
+  });
+  if (exists == ExitCode::kOk) {
+    Say(global, fmt::format("The user '{}' exists already.", options.admin));
+    return ExitCode::kOk;
+  }
+  const Result<DataLock> lock = DataLock::Share(config.data_directory);
+  if (!lock && lock.error().code() == ErrorCode::kBusy) {
+    GlobalOptions local = global;
+    local.socket = config.socket;
+    return RunUserAdd(local, user);
+  }
+  return InChild(options.account, [&global, &paths, &user] { return RunLocalUserAdd(global, paths, user); });
+}
+
+bool RunsSystemd() { return ::access("/run/systemd/system", F_OK) == 0; }
+
+bool RunProgram(std::vector<std::string> words) {
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  pid_t child = 0;
+  if (::posix_spawnp(&child, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0) return false;
+  int status = 0;
+  return ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Returns whether the service runs, as far as is known.
+bool StartService(const GlobalOptions& global, const SetupOptions& options, bool has_changed) {
+  const char* const command = has_changed ? "restart" : "start";
+  const bool is_service = options.config == daemon::kServiceConfigFile;
+  if (options.no_start || !is_service || !RunsSystemd()) {
+    Say(global, is_service ? std::string("Not started. Run: systemctl enable --now vexad")
+                           : fmt::format("Not started. Run: runuser -u {} -- vexad --config '{}'", options.account,
+                                         options.config));
+    return true;
+  }
+  if (RunProgram({"systemctl", "enable", "--quiet", "vexad"}) && RunProgram({"systemctl", command, "vexad"})) {
+    Say(global, "The service vexad runs, and starts with the machine.");
+    return true;
+  }
+  std::cerr
+      << "vexa: The service vexad does not start. 'journalctl -u vexad -n 20' and 'vexad --check-config' say why\n";
+  return false;
+}
+
+Status CheckMachine(const SetupOptions& options) {
+  if (::geteuid() != 0) return Error(ErrorCode::kDenied, "Only root can set a host up. Run: sudo vexa setup");
+  if (::getpwnam(options.account.c_str())) return {};
+  return Error(ErrorCode::kNotFound,
+               fmt::format("There is no account '{0}' for the service. Install the package vexad, or run: useradd "
+                           "--system {0}",
+                           options.account));
+}
+
+Status MakeFolders(const SetupOptions& options, const daemon::Config& config) {
+  if (Status given = GiveFolder(config.data_directory, options.account, kDataMode); !given) return given;
+  for (const std::string& root : config.image_roots) {
+    std::error_code failed;
+    if (std::filesystem::exists(root, failed)) continue;  // it may be another program's, too
+    if (Status made = GiveFolder(root, options.account, kImagesMode); !made) return made;
+  }
+  return {};
+}
+
+}  // namespace
+
+ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
+  if (const Status able = CheckMachine(given); !able) return Report(able.error());
+  const Result<std::string> text = ReadFile(given.config, kMaxConfigBytes);
+  if (!text && text.error().code() != ErrorCode::kNotFound) return Report(text.error());
+  const SetupOptions options = Complete(given, text ? *text : "");
+  const Result<bool> changed = WriteConfig(options);
+  if (!changed) return Report(changed.error());
+  Say(global, *changed ? fmt::format("Wrote {}{}.", options.config,
+                                     text ? fmt::format(" (its old text is in {}.bak)", options.config) : "")
+                       : fmt::format("{} stays as it is.", options.config));
+  const daemon::Config config = ReadConfig(options.config);
+  if (const Status made = MakeFolders(options, config); !made) return Report(made.error());
+  if (!options.admin.empty()) {
+    if (const ExitCode added = AddAdministrator(global, options, config); added != ExitCode::kOk) return added;
+  }
+  const bool runs = StartService(global, options, *changed);
+  SetupMachine machine;
+  machine.account = options.account;
+  machine.hypervisor = config.hypervisor;
+  machine.images = config.image_roots.front();
+  Say(global, "What works:");
+  for (const SetupFinding& finding : FindWhatWorks(machine)) {
+    if (!global.quiet) std::cout << ToLine(finding) << std::endl;
+  }
+  return runs ? ExitCode::kOk : ExitCode::kFailed;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,196 @@
+// vexa setup, and local commands of root on files of the service.
+#include <gtest/gtest.h>
+
+#include <fmt/format.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "host/base/files.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using vexa::test::Process;
+using vexa::test::ProcessResult;
+using vexa::test::RunProcess;
+
+constexpr std::chrono::seconds kTimeout{60};
+constexpr const char* kAccount = "nobody";  // in place of the service's
+constexpr const char* kPassword = "correct horse\n";
+
+class Setup : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can set a host up";
+    ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
+    Write("vexad.conf", fmt::format("# A comment.\n#listen = \"127.0.0.1:8642\"\nlog = \"stderr\"\ndata = \"{}\"\n"
+                                    "socket = \"{}\"\n",
+                                    Data(), folder_.File("run/s")));
+    ASSERT_TRUE(vexa::CreateDirectories(folder_.File("run"), 0755).ok());
+    ASSERT_EQ(::chown(folder_.File("run").c_str(), Uid(), 0), 0);
+  }
+  void Write(const std::string& name, const std::string& text) const {
+    ASSERT_TRUE(vexa::WriteFileAtomically(folder_.File(name), text, 0644).ok());
+  }
+  std::string Read(const std::string& name) const {
+    const auto text = vexa::ReadFile(folder_.File(name), 1 << 20);
+    return text ? *text : "";
+  }
+  std::string Data() const { return folder_.File("data"); }
+  std::string Images() const { return folder_.File("images"); }
+  static uid_t Uid() { return ::getpwnam(kAccount)->pw_uid; }
+  static uid_t OwnerOf(const std::string& path) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+    return info.st_uid;
+  }
+  void ExpectAllBelongToService() const {
+    EXPECT_EQ(OwnerOf(Data()), Uid());
+    for (const fs::directory_entry& file : fs::recursive_directory_iterator(Data())) {
+      EXPECT_EQ(OwnerOf(file.path()), Uid()) << file.path();
+    }
+  }
+  ProcessResult Run(const std::vector<std::string>& more, const std::string& input = kPassword) const {
+    std::vector<std::string> arguments{
+        VEXA_PROGRAM, "setup", "--yes", "--account", kAccount, "--config", folder_.File("vexad.conf")};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return RunProcess({.argv = arguments, .input = input});
+  }
+  std::vector<std::string> AsService(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> all{"setpriv", fmt::format("--reuid={}", Uid()), "--clear-groups"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+  }
+
+  vexa::test::TempDir folder_;
+};
+
+TEST_F(Setup, Machine_Installed_BecomesAHost) {
+  const std::string old = Read("vexad.conf");
+  const ProcessResult result =
+      Run({"--admin", "admin", "--password-stdin", "--listen", "127.0.0.1:0", "--images", Images()});
+  ASSERT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.errors, "");
+  EXPECT_TRUE(result.output.starts_with(
+      fmt::format("Wrote {0} (its old text is in {0}.bak).\nAdded user 'admin'.\nNot started. Run: runuser -u {1} -- "
+                  "vexad --config "
+                  "'{0}'\nWhat works:\n  MISSING  Hypervisor: guests are only simulated here: nothing runs\n           "
+                  "run: vexa setup "
+                  "--hypervisor qemu:///system\n  works    Folder for guests: {2}\n  works    Free space: ",
+                  folder_.File("vexad.conf"), kAccount, Images())))
+      << result.output;
+  EXPECT_EQ(Read("vexad.conf.bak"), old);
+  EXPECT_EQ(Read("vexad.conf"),
+            fmt::format("# A comment.\n#listen = \"127.0.0.1:8642\"\nlisten = \"127.0.0.1:0\"\nlog = \"stderr\"\n"
+                        "data = \"{}\"\nsocket = \"{}\"\nimage-roots = \"{}\"\n",
+                        Data(), folder_.File("run/s"), Images()));
+  ExpectAllBelongToService();
+  EXPECT_EQ(OwnerOf(Images()), Uid());
+  EXPECT_EQ(fs::status(Images()).permissions(), fs::perms(0711));
+  EXPECT_EQ(fs::status(Data()).permissions(), fs::perms(0700));
+
+  // The service can start with that, and the administrator can log in.
+  Process host({.argv = AsService({VEXAD_PROGRAM, "--config", folder_.File("vexad.conf")})});
+  ASSERT_TRUE(host.WaitForText("Ready.", kTimeout)) << host.errors();
+  const std::string log = host.errors();
+  const std::string before = "Listening on ";
+  const std::size_t start = log.find("Listening on http") + before.size();
+  const std::string url = log.substr(start, log.find(".\n", start) - start);
+  const ProcessResult login = RunProcess({.argv = {VEXA_PROGRAM, "login", "--server", url, "--password-stdin", "admin"},
+                                          .environment = {{"XDG_CONFIG_HOME", folder_.File("home")}},
+                                          .input = kPassword});
+  EXPECT_EQ(login.exit_code, 0) << login.errors;
+
+  // Beside the running daemon: nothing changes, and another administrator is added through it.
+  const std::string configured = Read("vexad.conf");
+  const ProcessResult again = Run({"--admin", "admin", "--password-stdin"});
+  EXPECT_EQ(again.exit_code, 0) << again.errors;
+  EXPECT_TRUE(
+      again.output.starts_with(folder_.File("vexad.conf") + " stays as it is.\nThe user 'admin' exists already.\n"))
+      << again.output;
+  const ProcessResult second = Run({"--admin", "second", "--password-stdin"});
+  EXPECT_EQ(second.exit_code, 0) << second.errors;
+  EXPECT_NE(second.output.find("Added user 'second'."), std::string::npos) << second.output;
+  EXPECT_EQ(Read("vexad.conf"), configured);
+  ExpectAllBelongToService();
+  host.Signal(SIGTERM);
+  EXPECT_TRUE(host.Wait(kTimeout));
+}
+
+TEST_F(Setup, Setting_ThatTheDaemonRefuses_ChangesNothing) {
+  const std::string old = Read("vexad.conf");
+  const ProcessResult open = Run({"--listen", "0.0.0.0:8642"});
+  EXPECT_EQ(open.exit_code, 2);
+  EXPECT_EQ(open.errors,
+            "vexa: listen = \"0.0.0.0:8642\": '0.0.0.0' can be reached by other machines. Set 'tls-certificate' and "
+            "'tls-key', so that passwords are not sent in the clear.\n");
+  const ProcessResult quoted = Run({"--images", "/a\"b"});
+  EXPECT_EQ(quoted.exit_code, 2);
+  EXPECT_EQ(quoted.errors, "vexa: '/a\"b' cannot be the value of 'image-roots'\n");
+  EXPECT_EQ(Read("vexad.conf"), old);
+  EXPECT_FALSE(fs::exists(folder_.File("vexad.conf.bak")));
+  EXPECT_FALSE(fs::exists(folder_.File("vexad.conf.new")));
+  EXPECT_FALSE(fs::exists(Data()));
+}
+
+TEST_F(Setup, Caller_WithoutRightsOrAccount_IsToldWhatHelps) {
+  const ProcessResult unknown = RunProcess(
+      {.argv = {VEXA_PROGRAM, "setup", "--yes", "--account", "no-such", "--config", folder_.File("vexad.conf")}});
+  EXPECT_EQ(unknown.errors,
+            "vexa: There is no account 'no-such' for the service. Install the package vexad, or run: useradd --system "
+            "no-such\n");
+  // A copy, because the build's folder may be closed to other accounts.
+  fs::copy_file(VEXA_PROGRAM, folder_.File("vexa"));
+  const ProcessResult other = RunProcess({.argv = AsService({folder_.File("vexa"), "setup", "--yes"})});
+  EXPECT_EQ(other.errors, "vexa: Only root can set a host up. Run: sudo vexa setup\n");
+  EXPECT_EQ(other.exit_code, 1);
+}
+
+TEST_F(Setup, Hypervisor_ThatCannotBeReached_IsReportedWithWhatHelps) {
+  const std::string uri = "qemu+unix:///system?socket=" + folder_.File("none");
+  const ProcessResult result = Run({"--images", Images(), "--hypervisor", uri});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_NE(result.output.find(fmt::format("  MISSING  libvirt: '{}' cannot use '{}': ", kAccount, uri)),
+            std::string::npos)
+      << result.output;
+  EXPECT_NE(
+      result.output.find("run: apt-get install libvirt-daemon-system; usermod -aG libvirt nobody; systemctl start "
+                         "libvirtd\n"),
+      std::string::npos)
+      << result.output;
+  EXPECT_NE(result.output.find("  KVM: "), std::string::npos) << result.output;
+}
+
+// Root made the data folder, and files in it, before the service.
+TEST_F(Setup, FilesOfRoot_BecomeThoseOfTheService) {
+  ASSERT_TRUE(vexa::CreateDirectories(Data() + "/store", 0700).ok());
+  Write("data/host-id", "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211\n");
+  Write("elsewhere", "");
+  ASSERT_EQ(::symlink(folder_.File("elsewhere").c_str(), (Data() + "/link").c_str()), 0);
+  ASSERT_EQ(::link(folder_.File("elsewhere").c_str(), (Data() + "/hard").c_str()), 0);
+  EXPECT_EQ(Run({"--images", Images()}).exit_code, 0);
+  EXPECT_EQ(OwnerOf(Data()), Uid());
+  EXPECT_EQ(OwnerOf(Data() + "/store"), Uid());
+  EXPECT_EQ(OwnerOf(Data() + "/host-id"), Uid());
+  EXPECT_EQ(OwnerOf(folder_.File("elsewhere")), 0u) << "links lead to files of others";
+}
+
+// The store belonged to root, and the service could not open it.
+TEST_F(Setup, LocalCommandOfRoot_OnFilesOfTheService_RunsAsItsAccount) {
+  ASSERT_TRUE(vexa::CreateDirectories(Data(), 0700).ok());
+  ASSERT_EQ(::chown(Data().c_str(), Uid(), 0), 0);
+  const ProcessResult added = RunProcess({.argv = {VEXA_PROGRAM, "user", "add", "admin", "--group", "administrators",
+                                                   "--password-stdin", "--data", Data()},
+                                          .input = kPassword});
+  ASSERT_EQ(added.exit_code, 0) << added.errors;
+  ExpectAllBelongToService();
+}
+
+}  // namespace
