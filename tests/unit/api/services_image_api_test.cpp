@@ -360,7 +360,7 @@ TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
   for (const char* api : {kImageApi, kRepositoryApi}) {
     const Answer answer = Call(api, "list", "{}", kOrdinary);
     EXPECT_EQ(answer.code, 992) << api;
-    EXPECT_EQ(ReasonOf(answer), "") << api;
+    EXPECT_EQ(ReasonOf(answer), kAskAdministrator) << api;
   }
   EXPECT_EQ(Image("add", Addition("a")).code, 992);
   EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 992);
