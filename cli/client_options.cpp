@@ -17,26 +17,23 @@ ExitCode ExitCodeOf(const Error& error) {
   return error.code() == ErrorCode::kInvalid ? ExitCode::kUsage : ExitCode::kFailed;
 }
 
-constexpr const char* kLoginHint = "\nRun 'vexa login'.";
+constexpr const char* kLoginHint = "Run 'vexa login'.";
 // The server knows callers on its Unix socket by their system account.
 constexpr const char* kLocalLoginHint =
-    "\nYour system account is not a user of the server. Run 'vexa login', or this command as root.";
+    "Your system account is not a user of the server. Run 'vexa login', or this command as root.";
 
-std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
-  const std::string message = reply.message.empty() ? "The server refused without a reason" : reply.message;
-  std::string about = fmt::format("HTTP {}", reply.http_status);
-  if (reply.code) about = fmt::format("error {}, {}", *reply.code, about);
-  if (!reply.request_id.empty()) about += ", request " + reply.request_id;
-  std::string text =
-      fmt::format("{} ({})", Printable(client.WithoutToken(message)), Printable(client.WithoutToken(about)));
-  if (!reply.reason.empty()) text += "\n" + Printable(client.WithoutToken(reply.reason));
-  if (!reply.details.isNull()) {
-    text += "\nDetails: " + client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine));
-  }
+CallOutcome FailureOf(const HttpClient& client, ApiReply reply, LoginHint hint) {
   if (reply.http_status == kHttpUnauthorized && hint == LoginHint::kShow) {
-    text += client.endpoint().unix_socket.empty() ? kLoginHint : kLocalLoginHint;
+    reply.hint = client.endpoint().unix_socket.empty() ? kLoginHint : kLocalLoginHint;
   }
-  return text;
+  CallOutcome outcome;
+  outcome.exit_code = ExitCode::kFailed;
+  outcome.failure = client.WithoutToken(FailureLines(reply));
+  outcome.code = reply.code;
+  outcome.reason = client.WithoutToken(reply.reason);
+  outcome.hint = client.WithoutToken(reply.hint);
+  outcome.details = std::move(reply.details);
+  return outcome;
 }
 
 CallOutcome FailureOf(const Error& error) {
@@ -114,13 +111,10 @@ CallOutcome OutcomeOf(const HttpClient& client, const Result<HttpReply>& reply, 
   if (!parsed) {
     outcome = FailureOf(parsed.error());
     // The reply of a proxy in front of the server is not in the form of the API.
-    if (reply->status == kHttpUnauthorized && hint == LoginHint::kShow) outcome.failure += kLoginHint;
+    if (reply->status == kHttpUnauthorized && hint == LoginHint::kShow)
+      outcome.failure += fmt::format("\n  Hint: {}", kLoginHint);
   } else if (!parsed->success) {
-    outcome.exit_code = ExitCode::kFailed;
-    outcome.failure = FailureText(client, *parsed, hint);
-    outcome.code = parsed->code;
-    outcome.has_reason = !parsed->reason.empty();
-    outcome.details = std::move(parsed->details);
+    outcome = FailureOf(client, std::move(*parsed), hint);
   } else {
     outcome.data = std::move(parsed->data);
     outcome.is_simulated = parsed->is_simulated;

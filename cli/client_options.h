@@ -58,7 +58,8 @@ struct CallOutcome {
   // On failure:
   std::string failure;               // printable lines without "vexa: " and without the final line end
   std::optional<std::int64_t> code;  // from the server
-  bool has_reason = false;           // the server gave a reason; `failure` contains it
+  std::string reason;                // from the server, as it came; `failure` contains it
+  std::string hint;                  // likewise
   Json::Value details;               // from the server
   int http_status = 0;               // 0: there was no reply
 };

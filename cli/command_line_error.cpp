@@ -1,6 +1,5 @@
 // vexa error.
 #include <memory>
-#include <optional>
 
 #include "cli/commands.h"
 #include "cli/error_command.h"
@@ -9,9 +8,10 @@ namespace vexa::cli {
 
 void AddErrorCommand(const Command& app) {
   const Command error = app.AddCommand("error", "Explain an error code of the API, or list all");
-  const auto code = std::make_shared<std::optional<int>>();
-  error.AddOption("CODE", *code, "The code");
-  error.OnRun(code, RunError);
+  const auto options = std::make_shared<ErrorOptions>();
+  error.AddOption("CODE", options->code, "The code");
+  error.AddFlag("--markdown", options->is_markdown, "Print the page about all codes, docs/errors.md");
+  error.OnRun(options, RunError);
 }
 
 }  // namespace vexa::cli

@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "cli/printable.h"
+#include "host/base/error_help.h"
 #include "host/base/error_table.h"
 
 namespace vexa::cli {
@@ -15,17 +16,23 @@ Json::Value AsJson(const ErrorRow& row) {
   value["code"] = row.code;
   value["http_status"] = row.http_status;
   value["message"] = std::string(row.sentence);
+  value["hint"] = std::string(HintFor(row.code));
+  value["causes"] = std::string(CausesOf(row.code));
   return value;
 }
 
 }  // namespace
 
-ExitCode RunError(const GlobalOptions& global, std::optional<int> code) {
-  if (code) {
-    const ErrorRow* row = FindError(*code);
-    if (!row) return Report(Error(ErrorCode::kNotFound, fmt::format("There is no error {}", *code)));
+ExitCode RunError(const GlobalOptions& global, const ErrorOptions& options) {
+  if (options.is_markdown) {
+    std::cout << ErrorPagesAsMarkdown();
+    return ExitCode::kOk;
+  }
+  if (options.code) {
+    const ErrorRow* row = FindError(*options.code);
+    if (!row) return Report(Error(ErrorCode::kNotFound, fmt::format("There is no error {}", *options.code)));
     if (global.json) return PrintJson(AsJson(*row));
-    std::cout << "HTTP " << row->http_status << ": " << Printable(row->sentence) << '\n';
+    std::cout << ErrorPage(*row);
     return ExitCode::kOk;
   }
   if (global.json) {

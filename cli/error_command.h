@@ -7,7 +7,11 @@
 
 namespace vexa::cli {
 
-// One code, or all of them.
-ExitCode RunError(const GlobalOptions& global, std::optional<int> code);
+struct ErrorOptions {
+  std::optional<int> code;   // not set: all of them
+  bool is_markdown = false;  // the page of all codes
+};
+
+ExitCode RunError(const GlobalOptions& global, const ErrorOptions& options);
 
 }  // namespace vexa::cli

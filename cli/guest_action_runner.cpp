@@ -16,7 +16,6 @@
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
-#include "webapi/error_codes.h"
 
 namespace vexa::cli {
 namespace {
@@ -96,11 +95,7 @@ void GuestActionRunner::PerformAction(std::size_t index) {
   HttpClient client(parts_.calls);
   const CallOutcome outcome = TryApi(client, row.path, BodyOf(row, guest.id));
   if (outcome.exit_code != ExitCode::kOk) {
-    std::string failure = outcome.failure;
-    if (row.path == kDelete && outcome.code == user_error::kActionFailed && !outcome.has_reason) {
-      failure += "\nA running guest is not deleted. Shut it down first, with 'vexa guest stop'.";
-    }
-    return Fail(index, std::move(failure), outcome.code);
+    return Fail(index, outcome.failure, outcome);
   }
   if (outcome.is_simulated) MarkSimulated(index);
   Advance(index, Job::Stage::kAnswered, "answered");
@@ -171,10 +166,12 @@ void GuestActionRunner::Succeed(std::size_t index, std::string result) {
   jobs_[index].stage = Job::Stage::kDone;
 }
 
-void GuestActionRunner::Fail(std::size_t index, std::string failure, std::optional<std::int64_t> code) {
+void GuestActionRunner::Fail(std::size_t index, std::string failure, const CallOutcome& answer) {
   const MutexLock lock(mutex_);
   jobs_[index].failure = std::move(failure);
-  jobs_[index].code = code;
+  jobs_[index].code = answer.code;
+  jobs_[index].reason = answer.reason;
+  jobs_[index].hint = answer.hint;
   jobs_[index].stage = Job::Stage::kDone;
 }
 
@@ -239,8 +236,11 @@ void GuestActionRunner::PrintJobs() {
     one["guest_name"] = parts_.guests[i].name;
     one["success"] = !job.failure.has_value();
     if (job.is_simulated) one["simulated"] = true;
-    one["message"] = job.failure.value_or(job.result);
+    const std::string text = job.failure.value_or(job.result);
+    one["message"] = text.substr(0, text.find('\n'));  // the reason and the hint have members of their own
     if (job.code) one["code"] = Json::Int64{*job.code};
+    if (!job.reason.empty()) one["reason"] = job.reason;
+    if (!job.hint.empty()) one["hint"] = job.hint;
     all.append(std::move(one));
   }
   PrintJson(all);

@@ -43,9 +43,11 @@ class GuestActionRunner {
     Stage stage = Stage::kNotSent;
     std::string progress;                // printed until it is done: "asking", "answered" or the guest's state
     std::optional<std::string> failure;  // kDone: why it failed
-    std::optional<std::int64_t> code;    // kDone: from the server
-    bool is_simulated = false;           // the guest's host only simulates guests
-    std::string result;                  // kDone: what was done
+    std::optional<std::int64_t> code;    // kDone: from the server, like the next two
+    std::string reason;
+    std::string hint;
+    bool is_simulated = false;  // the guest's host only simulates guests
+    std::string result;         // kDone: what was done
     bool is_shown = false;
   };
 
@@ -57,7 +59,8 @@ class GuestActionRunner {
   std::string HostOf(const NamedGuest& guest);
   void Advance(std::size_t index, Job::Stage stage, std::string progress);
   void Succeed(std::size_t index, std::string result);
-  void Fail(std::size_t index, std::string failure, std::optional<std::int64_t> code = std::nullopt);
+  // `answer`: the server's, when it has caused the failure.
+  void Fail(std::size_t index, std::string failure, const CallOutcome& answer = {});
   void ShowResult(std::size_t index) VEXA_REQUIRES(mutex_);
   // `first` is the index of the first guest without a result.
   void ShowProgress(std::size_t first) VEXA_REQUIRES(mutex_);

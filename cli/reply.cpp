@@ -4,6 +4,7 @@
 
 #include <json/writer.h>
 
+#include "cli/printable.h"
 #include "host/base/json_parse.h"
 
 namespace vexa::cli {
@@ -14,7 +15,29 @@ Error UnknownReply(const HttpReply& reply, std::string why) {
                std::move(why));
 }
 
+std::string WithFullStop(std::string text) {
+  if (!text.empty() && text.find_last_of(".?!") != text.size() - 1) text += '.';
+  return text;
+}
+
 }  // namespace
+
+std::string FailureLines(const ApiReply& reply) {
+  constexpr int kFirstHostStatus = 500;  // from here on the host is at fault
+  std::string message = reply.message.empty() ? "The server refused without a reason" : reply.message;
+  while (message.ends_with('.')) message.pop_back();
+  std::string text = fmt::format("{} ({}).", Printable(message),
+                                 reply.code ? std::to_string(*reply.code) : fmt::format("HTTP {}", reply.http_status));
+  const auto add = [&text](std::string_view name, std::string_view value) {
+    if (!value.empty()) text += fmt::format("\n  {}: {}", name, Printable(value));
+  };
+  add("Reason", WithFullStop(reply.reason));
+  add("Hint", reply.hint);
+  const bool is_reason = reply.details.isString() && Text(reply.details) == reply.reason;
+  if (!reply.details.isNull() && !is_reason) text += "\n  Details: " + RenderJson(reply.details, JsonLayout::kOneLine);
+  if (reply.http_status >= kFirstHostStatus) add("Request", reply.request_id);
+  return text;
+}
 
 std::string Text(const Json::Value& value) {
   if (value.isString()) return value.asString();
@@ -69,6 +92,7 @@ Result<ApiReply> ReadApiReply(const HttpReply& reply) {
   result.message = Text(Member(error, "message"));
   result.details = Member(error, "details");
   result.reason = Text(Member(error, "reason"));
+  result.hint = Text(Member(error, "hint"));
   return result;
 }
 

@@ -26,7 +26,8 @@ struct ApiReply {
   std::optional<std::int64_t> code;
   std::string message;
   Json::Value details;
-  std::string reason;  // a sentence; empty without one
+  std::string reason;         // what the host found; empty: the server is older, and gave none
+  std::string hint;           // what helps; likewise
   bool is_simulated = false;  // guests are only simulated on the host
   std::string request_id;
 };
@@ -34,6 +35,10 @@ struct ApiReply {
 // kCorrupt when the body is not a reply of the API; the error names the HTTP status and the problem, not the body. A
 // reply whose HTTP status and "success" contradict each other is not valid.
 Result<ApiReply> ReadApiReply(const HttpReply& reply);
+
+// The message with the code, on lines of their own the reason, the hint, details that are more than the reason and,
+// when the cause is in the host's log, the request's id. Printable, without the final line end.
+std::string FailureLines(const ApiReply& reply);
 
 // Readers that accept any JSON value.
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "host/api/failure_reason.h"
 #include "host/base/uuid.h"
 #include "webapi/error_codes.h"
 
@@ -92,9 +93,11 @@ std::variant<ConsolePlan, ConsoleRefusal> PlanConsole(const http::HttpRequest& r
     return plan;
   }
   IdentifyResult identified = identity.Identify(request);
-  if (const int* code = std::get_if<int>(&identified)) return ConsoleRefusal{*code, ""};
+  if (const int* code = std::get_if<int>(&identified)) return ConsoleRefusal{*code, ReasonOfCaller(*code, request)};
   plan.caller = std::move(std::get<Caller>(identified));
-  if (plan.caller.kind == Caller::Kind::kAnonymous) return ConsoleRefusal{user_error::kNotLoggedIn, ""};
+  if (plan.caller.kind == Caller::Kind::kAnonymous) {
+    return ConsoleRefusal{user_error::kNotLoggedIn, ReasonOfCaller(user_error::kNotLoggedIn, request)};
+  }
   return plan;
 }
 

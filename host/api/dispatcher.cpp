@@ -10,6 +10,7 @@
 #include <iterator>
 #include <utility>
 
+#include "host/api/failure_reason.h"
 #include "host/api/handler_call.h"
 #include "host/api/http_reply.h"
 #include "host/api/openapi.h"
@@ -220,7 +221,7 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
                           : parts_.table->Find(rest.substr(0, slash), rest.substr(slash + 1), version);
   const auto refuse = [&](int code) {
     if (row) parts_.metrics->Count(*row, code, {});
-    http::HttpResponse reply = MakeErrorReply(code, request.id);
+    http::HttpResponse reply = MakeErrorReply(code, request.id, ReasonOfCaller(code, request));
     reply.closes_connection =
         request.peer.is_certified && (code == user_error::kDenied || code == user_error::kNotLoggedIn);
     return reply;
@@ -312,7 +313,8 @@ void Dispatcher::Run(Work& work) const {
     return work.responder.Send(std::move(reply));
   }
   const int code = NeedsUser(work) ? CheckAdministrator(work.request) : 0;
-  work.responder.Send(code == 0 ? MakePage(work) : MakeErrorReply(code, work.request.id));
+  work.responder.Send(code == 0 ? MakePage(work)
+                                : MakeErrorReply(code, work.request.id, ReasonOfCaller(code, work.request)));
 }
 
 // Metrics reveal how the host is used, so callers on other machines must prove that they are administrators.
@@ -363,7 +365,7 @@ void Dispatcher::RunMethod(Work& work) const {
   VEXA::APIResponse response;
   Json::Value extra_members(Json::objectValue);
   CallMethod(work, response, headers, extra_members);
-  ExplainDatabaseLoss(*work.plan->row, response);
+  ExplainDatabaseLoss(*work.plan->row, response, extra_members);
   http::HttpResponse reply =
       MakeReply(response, extra_members, work.request.id, AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
@@ -382,7 +384,8 @@ http::HttpResponse Dispatcher::OpenConsole(Work& work) const {
   const Audience audience = is_host ? Audience::kHosts : Audience::kUsers;
   if (const int code = parts_.identity->LookUpCaller(caller)) {
     parts_.metrics->CountConsoleRefusal(ConsoleCallerOf(caller), code);
-    http::HttpResponse reply = MakeConsoleRefusal({code, ""}, work.request.id, Audience::kUsers);
+    http::HttpResponse reply =
+        MakeConsoleRefusal({code, ReasonOfCaller(code, work.request, &caller)}, work.request.id, Audience::kUsers);
     reply.closes_connection = is_host;
     return reply;
   }
@@ -419,7 +422,7 @@ UploadAnswer Dispatcher::TakePiece(Work& work) const {
   Caller& caller = work.plan->caller;
   int code = parts_.identity->LookUpCaller(caller);
   if (code == 0) code = CheckUser(Access::kAdministrator, caller);
-  if (code != 0) return {Refusal{code, ""}, std::nullopt};
+  if (code != 0) return {Refusal{code, ReasonOfCaller(code, work.request, &caller)}, std::nullopt};
   work.is_accepted = true;
   if (work.request.body.size() != work.plan->piece.length) {
     return {Refusal{user_error::kBadParameter, "The body does not have the length that Content-Range says"},
@@ -432,12 +435,14 @@ UploadAnswer Dispatcher::TakePiece(Work& work) const {
 
 // While the cluster database is lost, adds that to an error without details: its code reports what could not be done,
 // but not that the database is the cause.
-void Dispatcher::ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response) const {
+void Dispatcher::ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response, Json::Value& extra_members) const {
   constexpr int kRequestErrors[] = {user_error::kBadParameter, user_error::kNotPermitted, user_error::kUnknownApi};
   const int code = response.ErrorCode();
   if (response.IsSuccess() || !response.Data().isNull() || row.access.value == Access::kHost) return;
   if (code < user_error::kBadParameter || std::ranges::find(kRequestErrors, code) != std::end(kRequestErrors)) return;
-  if (parts_.is_database_lost && parts_.is_database_lost()) response.SetError(code, kDatabaseLost);
+  if (!parts_.is_database_lost || !parts_.is_database_lost()) return;
+  response.SetError(code, kDatabaseLost);
+  extra_members[kReason] = kDatabaseLost;
 }
 
 void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
@@ -453,7 +458,10 @@ void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
     refusal = 0;
   }
   if (refusal == 0) refusal = CheckUser(row.access.value, caller);
-  if (refusal != 0) return response.SetError(refusal, Json::Value());
+  if (refusal != 0) {
+    extra_members[kReason] = ReasonOfCaller(refusal, work.request, &caller);
+    return response.SetError(refusal, Json::Value());
+  }
   work.is_accepted = true;
   SetActingUser(caller.kind == Caller::Kind::kHost ? caller.acts_for : caller.user.name);
   std::optional<Json::Value> parameters =

@@ -65,7 +65,7 @@ class Dispatcher {
   UploadAnswer TakePiece(Work& work) const;
   http::Owner OwnerFor(const Caller& caller) const;
   std::optional<http::Owner> OwnerAfter(const Work& work, int code) const;
-  void ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response) const;
+  void ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response, Json::Value& extra_members) const;
   void CallMethod(Work& work, VEXA::APIResponse& response, std::vector<std::pair<std::string, std::string>>& headers,
                   Json::Value& extra_members) const;
 

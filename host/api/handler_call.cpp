@@ -1,12 +1,15 @@
 #include "host/api/handler_call.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <exception>
+#include <string_view>
+#include <utility>
 
-#include "host/api/bad_parameter.h"
+#include "host/api/failure_reason.h"
 #include "host/api/reason.h"
+#include "host/base/error_help.h"
 #include "host/base/error_table.h"
 #include "host/records/request_scope.h"
 #include "json/readers.h"
@@ -16,28 +19,29 @@ namespace vexa::api {
 namespace {
 
 bool IsReservedMember(const std::string& name) {
-  return name == "success" || name == "data" || name == "error" || name == "request_id" || name == kReason;
+  return name == "success" || name == "data" || name == "error" || name == "request_id" || name == kReason ||
+         name == kHint;
 }
 
-// Logs the first list that has too many elements, as handlers log other bad parameters.
-bool HasTooLongList(const ApiRow& row, const Json::Value& parameters) {
-  return std::ranges::any_of(row.parameters, [&](const Parameter& parameter) {
-    if (parameter.max_items == 0) return false;
+// A sentence about the first list that has too many elements, which is logged as handlers log other bad parameters. "":
+// there is no such list.
+std::string ReasonOfTooLongList(const ApiRow& row, const Json::Value& parameters) {
+  for (const Parameter& parameter : row.parameters) {
+    if (parameter.max_items == 0) continue;
     const std::size_t items = json::Elements(json::Member(parameters, std::string(parameter.name))).size();
-    if (items <= parameter.max_items) return false;
+    if (items <= parameter.max_items) continue;
     ::syslog(LOG_WARNING, "%s %s was refused: '%s' has %zu elements, and may have %zu", row.api.data(),
              row.method.data(), parameter.name.data(), items, parameter.max_items);
-    return true;
-  });
+    return fmt::format("The parameter '{}' has {} elements, and may have {}.", parameter.name, items,
+                       parameter.max_items);
+  }
+  return "";
 }
 
-// Users get a reason with the code for a bad parameter even when the handler gives none.
-void AddReasonOfBadParameter(const ApiRow& row, const VEXA::APIRequest& request, const VEXA::APIResponse& response,
-                             Json::Value& extra_members) {
-  if (row.access.value == Access::kHost || !response.IsSet() || response.IsSuccess()) return;
-  if (response.ErrorCode() != user_error::kBadParameter || json::FindMember(extra_members, kReason)) return;
-  const std::string reason = DescribeBadParameter(row, request.GetParam("", Json::Value()));
-  if (!reason.empty()) extra_members[kReason] = reason;
+// The text that a handler has given, otherwise `fallback`.
+Json::Value GivenOr(const Json::Value& extra_members, const char* name, std::string_view fallback) {
+  const Json::Value* const given = json::FindMember(extra_members, name);
+  return given && given->isString() && !json::String(*given).empty() ? *given : Json::Value(std::string(fallback));
 }
 
 }  // namespace
@@ -54,19 +58,25 @@ int CheckUser(Access access, const Caller& caller) {
 
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
                  std::vector<std::pair<std::string, std::string>>& headers, Json::Value& extra_members) {
-  if (HasTooLongList(call.row, call.parameters)) return response.SetError(user_error::kBadParameter, Json::Value());
+  if (std::string reason = ReasonOfTooLongList(call.row, call.parameters); !reason.empty()) {
+    extra_members[kReason] = std::move(reason);
+    return response.SetError(user_error::kBadParameter, Json::Value());
+  }
   using Privilege = VEXA::APIRequest::Privilege;
   VEXA::APIRequest request(std::move(call.parameters), call.caller.user.name,
                            call.caller.user.is_administrator ? Privilege::kAdministrator : Privilege::kOrdinary);
   try {
     const records::RequestScope scope;
-    call.row.handler({&request, &response, call.caller, &headers, &extra_members});
-    AddReasonOfBadParameter(call.row, request, response, extra_members);
+    const FailureFindings findings;
+    const Call handled{&request, &response, call.caller, &headers, &extra_members};
+    call.row.handler(handled);
+    AddMissingReason(call.row, handled, findings);
   } catch (const std::exception& exception) {
     // Handlers report errors in the response. An exception is a bug of ours and must not take the host down.
     ::syslog(LOG_ERR, "%s %s failed: %s", call.row.api.data(), call.row.method.data(), exception.what());
     response = VEXA::APIResponse();
     extra_members = Json::Value(Json::objectValue);
+    extra_members[kReason] = "The method ended with an error of this program, which the system log of the host has.";
   }
   if (!response.IsSet()) response.SetError(user_error::kInternal, Json::Value());
 }
@@ -86,7 +96,14 @@ Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& e
   reply["error"]["code"] = response.ErrorCode();
   reply["error"]["message"] = std::string(row->sentence);
   if (!response.Data().isNull()) reply["error"]["details"] = response.Data();
-  if (const Json::Value* reason = json::FindMember(extra_members, kReason)) reply["error"]["reason"] = *reason;
+  if (audience == Audience::kUsers) {
+    const std::string details = response.Data().isString() ? json::String(response.Data()) : "";  // a sentence
+    reply["error"][kReason] =
+        GivenOr(extra_members, kReason, details.empty() ? ReasonOfCode(response.ErrorCode()) : details);
+    reply["error"][kHint] = GivenOr(extra_members, kHint, HintFor(row->code));
+  } else if (const Json::Value* const reason = json::FindMember(extra_members, kReason)) {
+    reply["error"][kReason] = *reason;
+  }
   return reply;
 }
 

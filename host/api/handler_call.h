@@ -30,9 +30,10 @@ struct HandlerCall {
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
                  std::vector<std::pair<std::string, std::string>>& headers, Json::Value& extra_members);
 
-// {"success": true, "data"} or {"success": false, "error": {"code", "message", "details"?, "reason"?}}, and the members
-// of `extra_members` with other names. A null `details` is left out. The reason is what SetReason added to
-// `extra_members`. The message is worded for `audience`.
+// {"success": true, "data"} or {"success": false, "error": {"code", "message", "details"?, "reason", "hint"}}, and the
+// members of `extra_members` with other names. A null `details` is left out. Reason and hint are what SetReason and
+// SetHint added to `extra_members`, otherwise what is known from the code. Hosts get only a reason that was added, and
+// no hint. The message is worded for `audience`.
 Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& extra_members,
                          Audience audience = Audience::kUsers);
 

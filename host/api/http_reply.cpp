@@ -1,6 +1,7 @@
 #include "host/api/http_reply.h"
 
 #include "host/api/handler_call.h"
+#include "host/api/reason.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
 
@@ -34,14 +35,12 @@ http::HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Valu
   return reply;
 }
 
-http::HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id) {
+http::HttpResponse MakeErrorReply(int code, const std::string& request_id, const std::string& reason) {
   VEXA::APIResponse response;
-  response.SetError(code, details);
-  return MakeReply(response, Json::Value(), request_id);
-}
-
-http::HttpResponse MakeErrorReply(int code, const std::string& request_id) {
-  return MakeErrorReply(code, Json::Value(), request_id);
+  response.SetError(code, Json::Value());
+  Json::Value extra_members(Json::objectValue);
+  if (!reason.empty()) extra_members[kReason] = reason;
+  return MakeReply(response, extra_members, request_id);
 }
 
 }  // namespace vexa::api

@@ -16,9 +16,8 @@ namespace vexa::api {
 http::HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& extra_members,
                              const std::string& request_id, Audience audience = Audience::kUsers);
 
-// The reply for an error code: its HTTP status, and {"success": false, "error": {"code", "message", "details"?},
-// "request_id"}. A null `details` is left out.
-http::HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id);
-http::HttpResponse MakeErrorReply(int code, const std::string& request_id);
+// The reply to a user for an error code: its HTTP status, and the envelope with the request's id. With `reason` "" the
+// reason is what is known from the code.
+http::HttpResponse MakeErrorReply(int code, const std::string& request_id, const std::string& reason = "");
 
 }  // namespace vexa::api

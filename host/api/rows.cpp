@@ -1,5 +1,7 @@
 #include "host/api/rows.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 namespace vexa::api {
@@ -20,10 +22,15 @@ ApiRow Row(std::string_view api, std::string_view method, Access access, LaneKin
 
 }  // namespace
 
+void FailUnreadable(const Call& call, const Error& error) {
+  Fail(call, user_error::kNotFoundOrUnreadable);
+  SetReason(call, fmt::format("The cluster database cannot be read: {}.", error.ToString()), Readers::kAdministrators);
+}
+
 std::optional<bool> ReadFlag(const Call& call, const char* name) {
   const auto flag = call.request->GetAndCheckBool(name, kOptional);
   if (!flag.IsInvalid()) return flag.IsSet() && flag.Get();
-  Fail(call, user_error::kBadParameter);
+  Fail(call, user_error::kBadParameter, fmt::format("The parameter '{}' is neither true nor false.", name));
   return std::nullopt;
 }
 

@@ -9,6 +9,7 @@
 
 #include "host/api/api_table.h"
 #include "host/api/reason.h"
+#include "host/base/result.h"
 #include "webapi/error_codes.h"
 
 namespace vexa::api {
@@ -23,6 +24,9 @@ inline void Fail(const Call& call, int code, const std::string& reason) {
   Fail(call, code);
   SetReason(call, reason);
 }
+
+// The code for records that cannot be read, with the cause for administrators.
+void FailUnreadable(const Call& call, const Error& error);
 
 inline Parameter Text(std::string_view name, std::string_view description) {
   return {name, ParameterType::kString, Necessity::kRequired, description};

@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "host/api/failure_reason.h"
 #include "host/api/handler_call.h"
 #include "host/api/http_reply.h"
 #include "host/api/reason.h"
@@ -48,10 +49,12 @@ std::variant<UploadPlan, Refusal> PlanUpload(const http::HttpRequest& request, c
   if (id.empty() || request.peer.is_certified) return Refusal{user_error::kNoSuchAddress, ""};
   if (request.method != "PUT") return Refusal{user_error::kHttpMethodNotAllowed, ""};
   IdentifyResult identified = identity.Identify(request);
-  if (const int* code = std::get_if<int>(&identified)) return Refusal{*code, ""};
+  if (const int* code = std::get_if<int>(&identified)) return Refusal{*code, ReasonOfCaller(*code, request)};
   UploadPlan plan;
   plan.caller = std::move(std::get<Caller>(identified));
-  if (const int code = CheckCaller(Access::kAdministrator, plan.caller)) return Refusal{code, ""};
+  if (const int code = CheckCaller(Access::kAdministrator, plan.caller)) {
+    return Refusal{code, ReasonOfCaller(code, request)};
+  }
   std::optional<UploadPieceTarget> piece = ParseContentRange(request.content_range);
   if (!piece) {
     return Refusal{user_error::kBadParameter, "The header Content-Range is not 'bytes FIRST-LAST/TOTAL'"};

@@ -22,7 +22,7 @@ Error LookupError(const std::string& path, int error_number) {
   switch (error_number) {
     case ENOENT:
     case ENOTDIR:
-      return Error(ErrorCode::kNotFound, "There is no such file");
+      return Error(ErrorCode::kNotFound, fmt::format("The file '{}' does not exist", SanitizePathForLog(path)));
     case ELOOP:
     case EXDEV:
       return Error(ErrorCode::kInvalid, "it is reached through a symbolic link");
@@ -42,7 +42,8 @@ std::string DescribeKind(mode_t mode) {
 
 // `sentence` has one placeholder, for the path.
 Error FileError(fmt::format_string<const std::string&> sentence, const std::string& path, int error_number) {
-  if (error_number == ENOENT) return Error(ErrorCode::kNotFound, "There is no such file");
+  if (error_number == ENOENT)
+    return Error(ErrorCode::kNotFound, fmt::format("The file '{}' does not exist", SanitizePathForLog(path)));
   const std::string displayed = SanitizePathForLog(path);
   const ErrorCode code = error_number == EEXIST ? ErrorCode::kConflict : ErrorCode::kInternal;
   return SystemError(code, fmt::format(sentence, displayed), error_number);

@@ -159,7 +159,8 @@ class Rater {
     const bool has_known_state = !guest_.repository_id.empty() && !state.empty();
     if (has_known_state && state == states::full) {
       Refuse(host_error::kUnavailable,
-             fmt::format("The repository {} is full: make room in it, or move disks to another repository.",
+             fmt::format("The repository {} is full: remove files or disks that are no longer needed, make its file "
+                         "system larger, or raise its limits.",
                          Quoted(guest_.repository_id)));
     } else if (has_known_state && !storage::IsUsableRepository(state)) {
       Refuse(host_error::kUnavailable,

@@ -4,6 +4,7 @@
 
 #include "host/records/environment.h"
 #include "host/records/keys.h"
+#include "host/records/last_finding.h"
 #include "host/records/object_members.h"
 #include "host/records/request_scope.h"
 #include "webapi/platform/ccc.h"
@@ -15,20 +16,40 @@ constexpr int kFound = 0;
 constexpr int kNotFound = 2;
 constexpr int kFailed = -1;
 
+using vexa::records::FindingScope;
+
+// Which value was read, for what FindingScope reports.
+struct Place {
+  std::string category;
+  std::string id;
+  std::string key;
+};
+
 // Moves the value that was found into `out`, which otherwise stays unchanged, and returns the code for the caller.
 template <class T>
-int MoveResultTo(vexa::Result<std::optional<T>> found, T& out) {
-  if (!found) return kFailed;
-  if (!found->has_value()) return kNotFound;
+int MoveResultTo(vexa::Result<std::optional<T>> found, const Place& place, T& out) {
+  if (!found) {
+    FindingScope::AddUnreadable(vexa::records::ObjectForUsers(place.category, place.id), found.error());
+    return kFailed;
+  }
+  if (!found->has_value()) {
+    FindingScope::AddMissing(place.category, place.id, place.key);
+    return kNotFound;
+  }
   out = std::move(**found);
   return kFound;
 }
 
+int FailedToOpen(const vexa::Error& error) {
+  FindingScope::Add({"The cluster database cannot be read: " + error.ToString() + ".", false});
+  return kFailed;
+}
+
 int ListChildren(const std::string& key, std::vector<std::string>& ids) {
   const auto reader = vexa::records::ReaderOfRequest();
-  if (!reader) return kFailed;
+  if (!reader) return FailedToOpen(reader.error());
   vexa::Result<std::vector<std::string>> children = (*reader)->Children(key);
-  if (!children) return kFailed;
+  if (!children) return FailedToOpen(children.error());
   ids = std::move(*children);
   return kFound;
 }
@@ -41,12 +62,14 @@ Dashboard::Dashboard(const DashCate& category, const std::string& id) : category
 
 int Dashboard::Get(Json::Value& out, const std::string& key) {
   const auto reader = vexa::records::ReaderOfRequest();
-  return reader ? MoveResultTo(vexa::records::ReadMember(**reader, category_, id_, key), out) : kFailed;
+  if (!reader) return FailedToOpen(reader.error());
+  return MoveResultTo(vexa::records::ReadMember(**reader, category_, id_, key), {category_.name(), id_, key}, out);
 }
 
 int Dashboard::Get(std::string& out, const std::string& key) {
   const auto reader = vexa::records::ReaderOfRequest();
-  return reader ? MoveResultTo(vexa::records::ReadText(**reader, category_, id_, key), out) : kFailed;
+  if (!reader) return FailedToOpen(reader.error());
+  return MoveResultTo(vexa::records::ReadText(**reader, category_, id_, key), {category_.name(), id_, key}, out);
 }
 
 int Dashboard::Ls(std::vector<std::string>& ids, const std::string& key) {

@@ -8,6 +8,7 @@
 #include "host/records/environment.h"
 #include "host/records/host_liveness.h"
 #include "host/records/keys.h"
+#include "host/records/last_finding.h"
 #include "host/records/live_state.h"
 #include "host/records/request_scope.h"
 #include "host/records/shutdown_reason.h"
@@ -20,6 +21,7 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
+using vexa::records::FindingScope;
 using vexa::records::Reader;
 using vexa::records::ReaderOfRequest;
 using VexaCCC::DB::DashCate;
@@ -27,14 +29,28 @@ using VexaCCC::DB::DashCate;
 constexpr int kFailed = -1;
 constexpr int kNoHost = -2;
 
+int NoHost() {
+  FindingScope::Add({"The guest is not assigned to a host.", true});
+  return kNoHost;
+}
+
 std::string GuestKey(const std::string& id) { return vexa::records::ObjectKey(DashCate::Guest.name(), id); }
 
 // Returns a copy of the record, always a JSON object. Not cached, because it is called for every guest of a list.
 vexa::Result<Json::Value> ReadGuest(const Reader& reader, const std::string& id) {
+  const auto unreadable = [&id](vexa::Error error) {
+    FindingScope::AddUnreadable(vexa::records::ObjectForUsers(keys::guest, id), error);
+    return error;
+  };
   auto record = reader.ReadUncached(GuestKey(id));
-  if (!record) return record.error();
-  if (!*record) return vexa::Error(vexa::ErrorCode::kNotFound, "There is no such guest");
-  if (!(*record)->isObject()) return vexa::Error(vexa::ErrorCode::kCorrupt, "The guest's record is not an object");
+  if (!record) return unreadable(record.error());
+  if (!*record) {
+    FindingScope::AddMissing(keys::guest, id, keys::object);
+    return vexa::Error(vexa::ErrorCode::kNotFound, "There is no such guest");
+  }
+  if (!(*record)->isObject()) {
+    return unreadable(vexa::Error(vexa::ErrorCode::kCorrupt, "The guest's record is not an object"));
+  }
   return *std::move(*record);
 }
 
@@ -107,10 +123,10 @@ int vgConfHostGet(const std::string& guest_id, std::string& host) {
   const auto record = ReadGuest(**reader, guest_id);
   if (!record) return kFailed;
   const Json::Value& found = json::Member(*record, keys::host_id);
-  if (found.isNull()) return kNoHost;
+  if (found.isNull()) return NoHost();
   if (!found.isString()) return kFailed;
   std::string id = json::String(found);
-  if (id.empty()) return kNoHost;
+  if (id.empty()) return NoHost();
   host = std::move(id);
   return 0;
 }

@@ -125,8 +125,13 @@ Result<SpaceLimits> LimitsOf(const store::Snapshot& snapshot, const std::string&
   const Json::Value record = Parsed(*value);
   const std::optional<unsigned> soft = PercentAt(record, kSoft);
   const std::optional<unsigned> hard = PercentAt(record, kHard);
-  if (!soft && !hard) return defaults;
-  return SpaceLimits{soft.value_or(defaults.warning_percent), hard.value_or(defaults.full_percent), 0};
+  SpaceLimits limits = defaults;
+  if (soft) limits.warning_percent = *soft;
+  if (hard) limits.full_percent = *hard;
+  limits.is_own_warning = soft.has_value();
+  limits.is_own_full = hard.has_value();
+  if (soft && hard) limits.headroom_gib = 0;
+  return limits;
 }
 
 Result<void, Refusal> SetLimits(store::Store& store, const std::string& id, const NewLimits& limits,
@@ -164,7 +169,8 @@ std::optional<std::string> WhyFull(const FolderCondition& condition, const Space
   if (condition.error_number != 0 || limits.full_percent == 0) return std::nullopt;
   const auto used = static_cast<double>(condition.used);
   const auto available = static_cast<double>(condition.available);
-  const bool has_headroom = limits.headroom_gib != 0 && available > static_cast<double>(limits.headroom_gib * kGib);
+  const std::uint64_t headroom_gib = limits.full_headroom_gib();
+  const bool has_headroom = headroom_gib != 0 && available > static_cast<double>(headroom_gib * kGib);
   if (has_headroom || used * kMaxPercent < (used + available) * limits.full_percent) return std::nullopt;
   return fmt::format("{} of {} are used in the file system of the folder {}, and its limit is {} %",
                      ByteText(condition.used), ByteText(condition.used + condition.available),

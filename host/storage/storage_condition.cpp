@@ -84,9 +84,9 @@ bool IsUsedAbove(const FolderCondition& condition, unsigned percent, std::uint64
   return static_cast<double>(condition.used) * kHundredPercent >= all * percent;
 }
 
-bool ExceedsLimit(const FolderCondition& condition, unsigned percent, const SpaceLimits& limits, bool was_exceeded) {
+bool ExceedsLimit(const FolderCondition& condition, unsigned percent, std::uint64_t headroom_gib, bool was_exceeded) {
   if (percent == 0) return false;
-  const std::uint64_t headroom = limits.headroom_gib * kGib;
+  const std::uint64_t headroom = headroom_gib * kGib;
   if (!was_exceeded) return IsUsedAbove(condition, percent, headroom);
   return IsUsedAbove(condition, std::max(percent, kHysteresisPercent + 1) - kHysteresisPercent,
                      headroom + headroom / kHundredPercent * kHysteresisHeadroomPercent);
@@ -112,13 +112,14 @@ std::optional<StorageProblem> ProblemOf(const FolderCondition& condition, const 
     return problem(states::crashed, error.ToString());
   }
   const bool was_full = before == states::full;
-  if (ExceedsLimit(condition, limits.full_percent, limits, was_full)) {
+  if (ExceedsLimit(condition, limits.full_percent, limits.full_headroom_gib(), was_full)) {
     return problem(states::full, DescribeUsage(folder, limits.full_percent));
   }
   if (condition.is_read_only) {
     return problem(states::degraded, fmt::format("the file system of the folder {} is mounted read-only", folder));
   }
-  if (ExceedsLimit(condition, limits.warning_percent, limits, was_full || before == states::provision_warning)) {
+  if (ExceedsLimit(condition, limits.warning_percent, limits.warning_headroom_gib(),
+                   was_full || before == states::provision_warning)) {
     return problem(states::provision_warning, DescribeUsage(folder, limits.warning_percent));
   }
   return std::nullopt;

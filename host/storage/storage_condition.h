@@ -20,6 +20,12 @@ struct SpaceLimits {
   // A file system with more free space than this is neither, whatever the percentage: two percent of 20 TiB are plenty.
   // 0: the percentages alone decide.
   std::uint64_t headroom_gib = 0;
+  // Whether the percentage is the repository's own, which counts whatever is free.
+  bool is_own_warning = false;
+  bool is_own_full = false;
+
+  std::uint64_t warning_headroom_gib() const { return is_own_warning ? 0 : headroom_gib; }
+  std::uint64_t full_headroom_gib() const { return is_own_full ? 0 : headroom_gib; }
 };
 
 // The condition of one file system, found through a folder on it.

@@ -269,8 +269,9 @@ Result<void, Refusal> StorageWatch::CheckStorageForStart(const std::string& repo
   const StorageProblem& problem = *storage->problem;
   const std::string wrong = DescribeProblem(repository_id, problem.state, problem.reason);
   if (problem.state == states::full) {
-    return Refusal{host_error::kUnavailable,
-                   wrong + ". Make room in it, or move disks to another repository, and try again"};
+    return Refusal{
+        host_error::kUnavailable,
+        wrong + ". Remove files or disks that are no longer needed, or make its file system larger, and try again"};
   }
   // Intentional: read-only storage is not refused. This process may see another mount than a libvirt elsewhere.
   return {};

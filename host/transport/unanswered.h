@@ -22,6 +22,10 @@ class FailedHostsScope : private NotCopyable {
   const std::string& bad_parameter() const { return bad_parameter_; }
   // What the last call without a success says about its failure; "": nothing.
   const std::string& last_reason() const { return last_reason_; }
+  // The host and the code of that call; "" and 0: every call has succeeded. The code is kUnreachable when no reply
+  // came.
+  const std::string& last_host() const { return last_host_; }
+  int last_code() const { return last_code_; }
 
   // Adds the host and its reply to the thread's innermost scope, if there is one. May throw std::bad_alloc.
   static void Add(const std::string& host_id, const Json::Value& reply);
@@ -30,6 +34,8 @@ class FailedHostsScope : private NotCopyable {
   std::set<std::string> hosts_;
   std::string bad_parameter_;
   std::string last_reason_;
+  std::string last_host_;
+  int last_code_ = 0;
   FailedHostsScope* const outer_;
 };
 

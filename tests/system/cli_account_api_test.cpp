@@ -175,7 +175,7 @@ TEST_F(AccountCommands, Passwd_OtherUser_AsksForNewPasswordOnly) {
                                         R"(password_set {"name":"alice","password":"second password"})"));
   const auto unknown = RunOn(host, {"user", "passwd", "bob"});
   EXPECT_EQ(unknown.exit_code, 1);
-  EXPECT_THAT(unknown.errors, HasSubstr("error 980"));
+  EXPECT_THAT(unknown.errors, HasSubstr("(980)"));
 }
 
 // The password has nothing to do with the damaged record of grants.
@@ -208,7 +208,7 @@ TEST_F(AccountCommands, Command_Refused_ShowsCodeAndReason) {
   });
   const auto result = RunOn(host, {"user", "grant", "alice", kFirst});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("error 984, HTTP 409"), HasSubstr("They were given to 'b\\x1bob'."),
+  EXPECT_THAT(result.errors, AllOf(HasSubstr(" (984).\n  Reason: "), HasSubstr("They were given to 'b\\x1bob'."),
                                    Not(HasSubstr("\x1b"))));
   EXPECT_THAT(result.output, IsEmpty());
 }

@@ -60,23 +60,21 @@ TEST_F(CliOnDaemon, OrdinaryUser_LogOrOtherUsersGuest_IsRefused) {
   daemon_.ActAsOnUnixSocket("mallory");
   const auto log = RunOn({"log"});
   EXPECT_EQ(log.exit_code, 1);
-  EXPECT_THAT(log.errors, HasSubstr("error 409"));
+  EXPECT_THAT(log.errors, HasSubstr(" (409).\n"));
   const auto stop = RunOn({"guest", "stop", kTestGuest});
   EXPECT_EQ(stop.exit_code, 1);
-  EXPECT_THAT(stop.errors,
-              StartsWith(std::string("vexa: ") + kTestGuest + ": You may not act on this guest. (error 409"));
+  EXPECT_THAT(stop.errors, StartsWith(std::string("vexa: ") + kTestGuest + ": You may not act on this guest (409)."));
 }
 
 // The guest has neither a host nor a repository that is known.
 TEST_F(CliOnDaemon, FailedAction_ShowsServersMessage) {
   const auto start = RunOn({"guest", "start", "web"});
   EXPECT_EQ(start.exit_code, 1);
-  EXPECT_THAT(start.errors,
-              StartsWith("vexa: web: No host could be chosen for the guest. (error 932, HTTP 409, request "));
+  EXPECT_THAT(start.errors, StartsWith("vexa: web: No host could be chosen for the guest (932)."));
   EXPECT_THAT(start.output, IsEmpty());
   const auto deletion = RunOn({"guest", "delete", "web", "--yes"});
   EXPECT_EQ(deletion.exit_code, 1);
-  EXPECT_THAT(deletion.errors, StartsWith("vexa: web: A record, host or repository could not be read. (error 403"));
+  EXPECT_THAT(deletion.errors, StartsWith("vexa: web: A record, host or repository could not be read (403)."));
 }
 
 std::string images_of_host;  // for the function that configures it
@@ -114,7 +112,7 @@ class RecordsOnDaemon : public CliTest {
       if (!ended) continue;
       accepted += ended->code == 0 ? 1 : 0;
       if (ended->code != 0) {
-        EXPECT_THAT(process->errors(), HasSubstr("(error 990, HTTP 409, "));
+        EXPECT_THAT(process->errors(), HasSubstr("(990)."));
       }
     }
     return accepted;
@@ -167,9 +165,9 @@ TEST_F(RecordsOnDaemon, Repository_AddListAcceptRemove_Works) {
   PutGuest("g", R"({"name":"shop","repository_id":")" + id + "\"}");
   const auto used = RunOn({"repository", "remove", "pool-1"});
   EXPECT_EQ(used.exit_code, 1);
-  EXPECT_THAT(used.errors, HasSubstr("(error 991, HTTP 409, request "));
+  EXPECT_THAT(used.errors, HasSubstr("(991)."));
   EXPECT_THAT(used.errors,
-              HasSubstr("\nThe repository 'pool-1' is used by the guest 'shop'. Delete the guests first\n"));
+              HasSubstr("\n  Reason: The repository 'pool-1' is used by the guest 'shop'. Delete the guests first.\n"));
   PutGuest("g", R"({"name":"shop"})");
   EXPECT_EQ(RunOn({"repository", "remove", "pool-1"}).output, "Removed the repository 'pool-1'. Its files stay.\n");
   EXPECT_EQ(RunOn({"repository", "list"}).output, "");
@@ -188,7 +186,7 @@ TEST_F(RecordsOnDaemon, Network_AddListShowEditRemove_Works) {
   EXPECT_EQ(RunOn({"network", "edit", "lan", "--name", "lab", "--subnet", "10.7.0.0/24"}).output,
             "Edited the network 'lan'\n");
   EXPECT_THAT(RunOn({"network", "add", "other", "--subnet", "10.7.0.0/28"}).errors,
-              HasSubstr("\nThe subnet 10.7.0.0/28 overlaps with 10.7.0.0/24 of the network 'lab'\n"));
+              HasSubstr("\n  Reason: The subnet 10.7.0.0/28 overlaps with 10.7.0.0/24 of the network 'lab'.\n"));
   EXPECT_EQ(RunOn({"network", "remove", "lab"}).output, "Removed the network 'lab'\n");
   EXPECT_EQ(RunOn({"network", "list", "--json"}).output, "[]\n");
 }
@@ -212,7 +210,7 @@ TEST_F(RecordsOnDaemon, OrdinaryUser_Images_AreListedWithoutPathsAndReadOnly) {
         {"network", "edit", domain_xml::NetworkGroupId("lan"), "--name", "x"}}) {
     const auto result = RunOn(words);
     EXPECT_EQ(result.exit_code, 1) << words[0] << " " << words[1];
-    EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method. (error 104, HTTP 403, "));
+    EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method (104)."));
   }
 }
 
@@ -262,12 +260,12 @@ TEST_F(CliOnDaemon, OrdinaryUser_Passwd_ChangesOwnPasswordOnly) {
   EXPECT_TRUE(daemon_.Accounts()->VerifyPassword("me", "second password").ok());
   const auto wrong = RunOn({"user", "passwd", "--password-stdin"}, lines);
   EXPECT_EQ(wrong.exit_code, 1);
-  EXPECT_THAT(wrong.errors, HasSubstr("error 982"));
+  EXPECT_THAT(wrong.errors, HasSubstr(" (982).\n"));
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"user", "passwd", "grace", "--password-stdin"}, {"user", "list"}, {"user", "grant", "me", kTestGuest}}) {
     const auto refused = RunOn(arguments, "second password\n");
     EXPECT_EQ(refused.exit_code, 1) << arguments[1];
-    EXPECT_THAT(refused.errors, HasSubstr("error 104")) << arguments[1];
+    EXPECT_THAT(refused.errors, HasSubstr(" (104).\n")) << arguments[1];
   }
 }
 

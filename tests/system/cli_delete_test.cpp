@@ -93,24 +93,23 @@ TEST_F(Delete, Delete_DisksUnreadable_KeepsEverything) {
   }
 }
 
-TEST_F(Delete, Delete_HostRefuses_NamesPossibleCauses) {
+TEST_F(Delete, Delete_Refused_ShowsReasonAndHint) {
   const ApiHost host([](const std::string& method, const Json::Value&) {
-    return method == "list" ? ApiHost::Success(kGuests) : ApiHost::Failure(901, "Not deleted.");
+    return method == "list"
+               ? ApiHost::Success(kGuests)
+               : ApiHost::Failure(901, "Not deleted.",
+                                  R"(,"reason":"The host is g\u001b[31mone","hint":"Wait f\u001b[31mor it.")");
   });
   const auto result = RunProcess(ProgramOn(host, {"web-1", "--yes"}));
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, AllOf(StartsWith("vexa: web-1: Not deleted. (error 901"), HasSubstr("vexa guest stop")));
+  EXPECT_EQ(result.errors,
+            "vexa: web-1: Not deleted (901).\n  Reason: The host is g\\x1b[31mone.\n  Hint: Wait f\\x1b[31mor it.\n");
   EXPECT_THAT(result.output, IsEmpty());
-}
-
-TEST_F(Delete, Delete_RefusalWithReason_ShowsReason) {
-  const ApiHost host([](const std::string& method, const Json::Value&) {
-    return method == "list" ? ApiHost::Success(kGuests)
-                            : ApiHost::Failure(901, "Not deleted.", R"(,"reason":"The host is g\u001b[31mone.")");
-  });
-  const auto result = RunProcess(ProgramOn(host, {"web-1", "--yes"}));
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("\nThe host is g\\x1b[31mone.\n"), Not(HasSubstr("vexa guest stop"))));
+  const auto as_json = RunProcess(ProgramOn(host, {"web-1", "--yes", "--json"}));
+  const Json::Value job = Parse(as_json.output)[0];
+  EXPECT_EQ(job["message"], "Not deleted (901).");
+  EXPECT_EQ(job["reason"], "The host is g\x1b[31mone");
+  EXPECT_EQ(job["hint"], "Wait f\x1b[31mor it.");
 }
 
 TEST_F(Delete, Help_MentionsRunningGuestsAndYes) {

@@ -183,7 +183,7 @@ TEST_F(EditOnDaemon, Edit_RightsOfUnknownPrincipal_AreReportedAfterEdit) {
   const auto result = Set({"desc=new", "--allow", "uid:4000000"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.errors, StartsWith("vexa: web: The guest was edited, but the rights of some users or groups on it "
-                                        "could not be set. (error 1001, HTTP 500, request "));
+                                        "could not be set (1001)."));
   EXPECT_EQ(Guest()["desc"], Json::Value("new"));
 }
 
@@ -198,7 +198,7 @@ TEST_F(EditOnDaemon, DryRun_ChangesNothing) {
   EXPECT_EQ(Everything(), before);
   const auto unreadable = RunOn({"guest", "set", kUnknownId, "vcpu_num=3", "--dry-run"});
   EXPECT_EQ(unreadable.exit_code, 1);
-  EXPECT_THAT(unreadable.errors, StartsWith("vexa: A record, host or repository could not be read. (error 403"));
+  EXPECT_THAT(unreadable.errors, StartsWith("vexa: A record, host or repository could not be read (403)."));
 }
 
 TEST_F(EditOnDaemon, Set_NameOfTwoGuests_IsRefused) {
@@ -211,39 +211,37 @@ TEST_F(EditOnDaemon, Set_NameOfTwoGuests_IsRefused) {
 
 TEST_F(EditOnDaemon, Set_Refused_ShowsSentenceAndChangesNothing) {
   const std::string unknown_id = kUnknownId;
-  ExpectRefused({"name=db"}, "The name is already in use. (error 406, HTTP 409, request ");
-  ExpectRefused(
-      {"--del-disk", unknown_id},
-      "The guest could not be edited because one of its virtual disks cannot be edited. (error 920, HTTP 409, ");
-  ExpectRefused({"--del-nic", unknown_id},
-                "The guest could not be edited because of its network configuration. (error 919, HTTP 409, ");
+  ExpectRefused({"name=db"}, "The name is already in use (406).");
+  ExpectRefused({"--del-disk", unknown_id},
+                "The guest could not be edited because one of its virtual disks cannot be edited (920).");
+  ExpectRefused({"--del-nic", unknown_id}, "The guest could not be edited because of its network configuration (919).");
   ExpectRefused({"--add-nic", "net=" + unknown_id},
-                "The guest could not be edited because of its network configuration. (error 919, HTTP 409, ");
-  ExpectRefused({"--iso", unknown_id}, "A parameter is missing or not valid. (error 401, HTTP 400, ");
+                "The guest could not be edited because of its network configuration (919).");
+  ExpectRefused({"--iso", unknown_id}, "A parameter is missing or not valid (401).");
   ExpectRefused({"--iso", "/no/such.iso"},
-                "The path of an ISO image does not lead to an image that can be used. (error 934, HTTP 400, ");
-  ExpectRefused({"usb_version=0", "--usb", "1.1"},
-                "A USB device could not be passed through to the guest. (error 937, HTTP 409, ");
+                "The path of an ISO image does not lead to an image that can be used (934).");
+  ExpectRefused({"usb_version=0", "--usb", "1.1"}, "A USB device could not be passed through to the guest (937).");
   ExpectRefused({"cpu_pin_num=3"},
                 "The guest could not be edited: its host refused, or could not read or write what it "
-                "needed. The system log has the reason. (error 909, HTTP 409, ");
+                "needed. The system log has the reason (909).");
   const auto address = Set({"--add-nic", "net=none,mac=02:00:00:00:00:03"});
   EXPECT_EQ(address.exit_code, 1);
   EXPECT_THAT(address.errors,
-              MatchesRegex("vexa: web: The MAC address is in use, or the guest runs\\. \\(error 910, HTTP "
-                           "409, request [^)]*\\)\nDetails: \\{.*\"guest_name\":\"db\".*\\}\n"));
+              MatchesRegex("vexa: web: The MAC address is in use, or the guest runs \\(910\\)\\.\n"
+                           "  Reason: An interface of the guest 'db' has the MAC address\\.\n  Hint: .*\n"
+                           "  Details: \\{.*\"guest_name\":\"db\".*\\}\n"));
   EXPECT_EQ(Guest()["vnics"].size(), 2u);
 }
 
 TEST_F(EditOnDaemon, OrdinaryUser_GrantedGuest_MayChangeOnlyDrivesAndFirmware) {
   daemon_->ActAsOnUnixSocket("mallory");
   // Users without the guest do not learn its name.
-  ExpectRefused({"--iso", "none"}, "You may not act on this guest. (error 409, HTTP 403, ", kEdited);
+  ExpectRefused({"--iso", "none"}, "You may not act on this guest (409).", kEdited);
   const auto grants = records::GuestAdminKey(records::GuestAdminIdentifier("users", ::geteuid()));
   PutRecord(*store_, grants, Parsed(std::string(R"({"authlevel":"user","guests":{")") + kEdited + R"(":true}})"));
   ExpectSet({"--iso", "none", "use_ovmf=true"});
-  ExpectRefused({"vcpu_num=1"}, "You may not act on this guest. (error 409, HTTP 403, ");
-  ExpectRefused({"--allow", "uid:7"}, "You may not act on this guest. (error 409, HTTP 403, ");
+  ExpectRefused({"vcpu_num=1"}, "You may not act on this guest (409).");
+  ExpectRefused({"--allow", "uid:7"}, "You may not act on this guest (409).");
 }
 
 // In an editor.
@@ -302,9 +300,9 @@ TEST_F(EditOnDaemon, ImageAdd_Invalid_IsRefusedWithReason) {
     const auto result = Image({"add", "x", path});
     EXPECT_EQ(result.exit_code, 1) << path;
     EXPECT_THAT(result.output, IsEmpty());
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 934, HTTP 400, request "),
-                                     HasSubstr("\n'" + path + "' is not a regular file below '" + root +
-                                               "' without '.', '..' and symbolic links\n")));
+    EXPECT_THAT(result.errors,
+                AllOf(HasSubstr("(934)."), HasSubstr("\n  Reason: '" + path + "' is not a regular file below '" + root +
+                                                     "' without '.', '..' and symbolic links.\n")));
   }
   EXPECT_EQ(Image({"list", "--json"}).output, "[]\n");
 }
@@ -322,7 +320,7 @@ TEST_F(EditOnDaemon, ImageAdd_Existing_IsRefused) {
   for (const auto& [name, path, new_id, expected] : rows) {
     const auto result = Image({"add", name, path, "--id", new_id});
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 990, HTTP 409, request "), EndsWith("\n" + expected + "\n")));
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("(990)."), HasSubstr("\n  Reason: " + expected + ".\n")));
   }
   EXPECT_EQ(Parsed(Image({"list", "--json"}).output).size(), 1u);
 }
@@ -342,14 +340,16 @@ TEST_F(EditOnDaemon, ImageRemove_ImageInDrive_IsRefusedUntilEjected) {
     EXPECT_EQ(used.exit_code, 1);
     EXPECT_THAT(
         used.errors,
-        AllOf(HasSubstr("(error 991, HTTP 409, request "),
-              EndsWith("\nThe image 'a' is in a drive of these guests: 'web'. Take it out of the drives first\n")));
+        AllOf(
+            HasSubstr("(991)."),
+            HasSubstr(
+                "\n  Reason: The image 'a' is in a drive of these guests: 'web'. Take it out of the drives first.\n")));
     ExpectSet({"--iso", "none"});
   }
   EXPECT_EQ(Image({"remove", "a"}).output, "Removed the image 'a'. Its file stays.\n");
   EXPECT_TRUE(fs::exists(file));
   EXPECT_TRUE(RecordOf(*store_, "image", id).isNull());
-  ExpectRefused({"--iso", id}, "A parameter is missing or not valid. (error 401, HTTP 400, ");
+  ExpectRefused({"--iso", id}, "A parameter is missing or not valid (401).");
 }
 
 }  // namespace

@@ -215,7 +215,7 @@ TEST_F(GuestEdit, Editor_ServerRefuses_KeepsText) {
   const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Failure(406, "Taken."); }));
   const auto result = Edit(host, "echo 'name = \"db\"' > \"$1\"");
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, MatchesRegex("vexa: web-1: Taken\\. \\(error 406, HTTP 409, request 0123456789abcdef\\)\n"
+  EXPECT_THAT(result.errors, MatchesRegex("vexa: web-1: Taken \\(406\\)\\.\n"
                                           "vexa: Your text is kept in '.*/run/vexa-edit-[A-Za-z0-9]*\\.txt'\n"));
   EXPECT_EQ(KeptText(), "name = \"db\"\n");
 }
@@ -227,8 +227,8 @@ TEST_F(GuestEdit, Editor_FailureAfterEdit_KeepsNoText) {
     }));
     const auto result = Edit(host, "echo 'autorun = 1' > \"$1\"");
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.errors, "vexa: web-1: Edited, but. (error " + std::to_string(code) +
-                                 ", HTTP 409, request 0123456789abcdef)\nDetails: {\"host_names\":\"nas-1\"}\n");
+    EXPECT_EQ(result.errors, "vexa: web-1: Edited, but (" + std::to_string(code) +
+                                 ").\n  Details: {\"host_names\":\"nas-1\"}\n");
     EXPECT_THAT(Left(), IsEmpty());
   }
 }

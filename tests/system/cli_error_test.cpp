@@ -1,4 +1,5 @@
 // vexa error: every row of the error table can be displayed.
+#include "host/base/error_help.h"
 #include "host/base/error_table.h"
 #include "tests/system/cli_program.h"
 
@@ -15,8 +16,31 @@ TEST_F(ErrorCommand, EveryCode_IsListedAndExplained) {
     EXPECT_THAT(all.output, HasSubstr(std::to_string(row.code) + " "));
     const auto one = Run({"error", std::to_string(row.code)});
     EXPECT_EQ(one.exit_code, 0);
-    EXPECT_EQ(one.output, "HTTP " + std::to_string(row.http_status) + ": " + std::string(row.sentence) + "\n");
+    EXPECT_THAT(one.output, StartsWith(std::to_string(row.code) + ": " + std::string(row.sentence) + "\n\nHTTP status: " +
+                                       std::to_string(row.http_status) + "; the cause lies in "));
+    EXPECT_THAT(one.output, HasSubstr("\nUsual causes: " + std::string(CausesOf(row.code)) +
+                                      "\nWhat to do: " + std::string(HintFor(row.code)) + "\n"));
   }
+}
+
+TEST_F(ErrorCommand, EveryCode_HasAHintAndTwoSentencesOfHelp) {
+  ASSERT_EQ(ErrorHelpTable().size(), ErrorTable().size());
+  for (std::size_t i = 0; i < ErrorTable().size(); ++i) {
+    const ErrorHelp& help = ErrorHelpTable()[i];
+    EXPECT_EQ(help.code, ErrorTable()[i].code);
+    EXPECT_TRUE(help.hint.size() > 10 && help.hint.ends_with('.')) << help.code;
+    const std::string causes(help.causes);
+    EXPECT_TRUE(causes.ends_with('.')) << help.code;
+    const bool has_two_sentences = causes.find(". ") != std::string::npos || causes.find("; ") != std::string::npos;
+    EXPECT_TRUE(has_two_sentences) << help.code;
+  }
+}
+
+// The page is printed by the program, so it says what the program says.
+TEST_F(ErrorCommand, Page_IsTheOneThatTheProgramPrints) {
+  std::ifstream file(std::string(VEXA_SOURCE_DIR) + "/docs/errors.md");
+  const std::string page((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(Run({"error", "--markdown"}).output, page) << "print it again: vexa error --markdown > docs/errors.md";
 }
 
 TEST_F(ErrorCommand, UnknownCode_Fails) {

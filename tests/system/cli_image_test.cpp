@@ -120,14 +120,12 @@ TEST_F(ImageCommand, Command_Refused_ShowsReason) {
   const auto image = RunOn(images, {"image", "remove", "i1"});
   EXPECT_EQ(image.exit_code, 1);
   EXPECT_THAT(image.output, IsEmpty());
-  EXPECT_EQ(
-      image.errors,
-      "vexa: It is in use. (error 991, HTTP 409, request 0123456789abcdef)\nThe image 'debian-12' is in a drive\n");
+  EXPECT_EQ(image.errors, "vexa: It is in use (991).\n  Reason: The image 'debian-12' is in a drive.\n");
   const ApiHost repositories(Refusing(kRepositories, 990, "The repository 'r1' has the name"));
   const auto repository = RunOn(repositories, {"repository", "add", "pool-1"});
   EXPECT_EQ(repository.exit_code, 1);
   EXPECT_THAT(repository.output, IsEmpty());
-  EXPECT_THAT(repository.errors, HasSubstr("(error 990, HTTP 409, request 0123456789abcdef)\nThe repository 'r1' has"));
+  EXPECT_THAT(repository.errors, HasSubstr("(990).\n  Reason: The repository 'r1' has"));
 }
 
 TEST_F(ImageCommand, Reply_UnexpectedTypes_IsAnErrorNotACrash) {

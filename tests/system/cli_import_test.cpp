@@ -144,7 +144,7 @@ TEST_F(ImportCommand, Import_CallRefused_EndsImport) {
   });
   const auto result = RunOn(host, {}, 40);
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method. (error 104, "));
+  EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method (104)."));
   EXPECT_THAT(result.errors, HasSubstr("\nvexa: Stopped after 16 of 40 guests\n"));
   EXPECT_EQ(asked, 2);
   const auto denied = RunOn(host, {}, 1);

@@ -133,7 +133,7 @@ TEST_F(Log, Log_Refused_EndsWithError) {
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{}, {"-f"}}) {
     const auto result = RunOn(host, arguments);
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, StartsWith("vexa: You may not. (error 409"));
+    EXPECT_THAT(result.errors, StartsWith("vexa: You may not (409)."));
   }
 }
 

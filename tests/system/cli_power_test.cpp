@@ -103,8 +103,8 @@ TEST_F(Power, Power_Failures_ShowMessageCodeAndReason) {
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.output, "web-1: asked to shut down\nweb-3: asked to shut down\n");
   EXPECT_EQ(result.errors,
-            "vexa: web-2: The guest is b\\x1b[1musy. (error 912, HTTP 409, request 0123456789abcdef)\n"
-            "Details: \"since \\u001b[1mnoon\"\n");
+            "vexa: web-2: The guest is b\\x1b[1musy (912).\n"
+            "  Details: \"since \\u001b[1mnoon\"\n");
 }
 
 TEST_F(Power, Power_UnknownOrAmbiguousNames_SendNothing) {
@@ -131,7 +131,7 @@ TEST_F(Power, Power_UnlistedId_IsSentToServer) {
   const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Failure(409, "You may not."); }));
   const auto result = RunOn(host, {"guest", "stop", kUuid});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, StartsWith(std::string("vexa: ") + kUuid + ": You may not. (error 409"));
+  EXPECT_THAT(result.errors, StartsWith(std::string("vexa: ") + kUuid + ": You may not (409)."));
 }
 
 TEST_F(Power, Power_ControlCharactersInNames_AreEscaped) {
@@ -176,7 +176,7 @@ TEST_F(Power, Quiet_PrintsFailuresOnly) {
   const auto result = RunOn(host, {"-q", "guest", "stop", "web-1", "web-2"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.output, IsEmpty());
-  EXPECT_THAT(result.errors, StartsWith("vexa: web-2: No. (error 901"));
+  EXPECT_THAT(result.errors, StartsWith("vexa: web-2: No (901)."));
 }
 
 TEST_F(Power, Json_HasEachGuest) {
@@ -188,7 +188,7 @@ TEST_F(Power, Json_HasEachGuest) {
   EXPECT_EQ(Parse(result.output), Parse(R"-([
       {"guest_id":"g1","guest_name":"web-1","success":true,"message":"asked to shut down"},
       {"guest_id":"g2","guest_name":"web-2","success":false,"code":912,
-       "message":"No. (error 912, HTTP 409, request 0123456789abcdef)"}])-"));
+       "message":"No (912)."}])-"));
 }
 
 // Waiting.
@@ -224,7 +224,7 @@ TEST_F(Power, Wait_Elapsed_Fails) {
 
 TEST_F(Power, Wait_StateUnreadable_Fails) {
   for (const auto& [data, why] : {std::pair("7", "The server's reply contains no guest"),
-                                  std::pair("", "Its state cannot be read: Gone. (error 403")}) {
+                                  std::pair("", "Its state cannot be read: Gone (403).")}) {
     const std::string text = data;
     const ApiHost host(With([&](const std::string& method, const auto&) {
       if (method != "status") return ApiHost::Success();

@@ -49,7 +49,7 @@ TEST_F(SessionCommands, End_OneOrAllOfUser_ConfirmsIt) {
   EXPECT_EQ(RunOn(host, {"session", "end", "4f1c2a0e5b7d9c31"}).output, "Ended the session '4f1c2a0e5b7d9c31'.\n");
   EXPECT_EQ(RunOn(host, {"session", "end", "--user", "bob"}).output, "Ended 3 sessions of the user 'bob'.\n");
   EXPECT_EQ(RunOn(host, {"session", "end", "--user", "bob", "--quiet"}).output, "");
-  ExpectFailed(RunOn(host, {"session", "end", "0000000000000002"}), "There is no such session.");
+  ExpectFailed(RunOn(host, {"session", "end", "0000000000000002"}), "There is no such session (989).");
   ExpectFailed(RunOn(host, {"session", "end", "--user", "carol"}), "The file of the sessions cannot be written.");
   EXPECT_EQ(host.calls()[0], R"(end {"id":"4f1c2a0e5b7d9c31"})");
   EXPECT_EQ(host.calls()[1], R"(end {"user":"bob"})");

@@ -331,7 +331,7 @@ TEST_F(GuestSet, Set_UserAndGroupNames_AreResolvedByServer) {
   EXPECT_THAT(host.Last("set"),
               HasSubstr(R"("guest_privilege":[{"allow":false,"gid":1026,"name":"staff","type":"use"}])"));
   const int sent = host.Count("set");
-  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No. (error 980"));
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No (980)."));
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:carol"}).errors, HasSubstr("Use uid:NUMBER or gid:NUMBER"));
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("contains no id"));
   EXPECT_EQ(RunOn(host, {"web-1", "--allow", "group:staff", "--revoke", "gid:1026"}).exit_code, 2);
@@ -378,7 +378,7 @@ TEST_F(GuestSet, Set_Json_ContainsOutcome) {
   const auto result = RunOn(badly, {"--json", "web-1", "vcpu_num=1"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(Parse(result.output), Parse(R"-({"guest_id":"g1","guest_name":"web-1","success":false,"code":920,
-      "message":"No. (error 920, HTTP 409, request 0123456789abcdef)"})-"));
+      "message":"No (920)."})-"));
 }
 
 TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
@@ -387,20 +387,19 @@ TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
     const auto result = RunOn(host, {"web-1", "vcpu_num=1"});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_EQ(result.errors,
-              "vexa: web-1: No. (error " + std::to_string(code) + ", HTTP 409, request 0123456789abcdef)\n");
+              "vexa: web-1: No (" + std::to_string(code) + ").\n");
     EXPECT_THAT(result.output, IsEmpty());
   }
   const ApiHost image(Refuses(401));
   EXPECT_EQ(RunOn(image, {"web-1", "--iso", kA}).errors,
-            "vexa: web-1: No. (error 401, HTTP 409, request 0123456789abcdef)\n"
+            "vexa: web-1: No (401).\n"
             "Is there an image with this id? 'vexa image list' shows them.\n");
   const ApiHost hosts(Refuses(1600, R"(,"details":{"host_names":"nas-1, na\u001bs-2"})"));
   EXPECT_EQ(RunOn(hosts, {"web-1", "vcpu_num=1"}).errors,
-            "vexa: web-1: No. (error 1600, HTTP 409, request 0123456789abcdef)\n"
-            "Details: {\"host_names\":\"nas-1, na\\u001bs-2\"}\n");
+            "vexa: web-1: No (1600).\n"
+            "  Details: {\"host_names\":\"nas-1, na\\u001bs-2\"}\n");
   const ApiHost address(Refuses(910, R"(,"details":{"guest":"db"})"));
-  EXPECT_EQ(RunOn(address, {"web-1", "vcpu_num=1"}).errors,
-            "vexa: web-1: No. (error 910, HTTP 409, request 0123456789abcdef)\nDetails: {\"guest\":\"db\"}\n");
+  EXPECT_EQ(RunOn(address, {"web-1", "vcpu_num=1"}).errors, "vexa: web-1: No (910).\n  Details: {\"guest\":\"db\"}\n");
 }
 
 TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
@@ -461,7 +460,7 @@ TEST_F(GuestSet, DryRun_GuestUnreadable_Fails) {
     const auto result = RunOn(host, {"web-1", "vcpu_num=4", "--dry-run"});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_THAT(result.errors,
-                StartsWith(text.empty() ? "vexa: You may not." : "vexa: The server's reply contains no guest"));
+                StartsWith(text.empty() ? "vexa: You may not (409)." : "vexa: The server's reply contains no guest"));
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_EQ(host.Count("set"), 0);
   }

@@ -1,5 +1,6 @@
 #include "host/api/user/account_calls.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -66,7 +67,8 @@ std::optional<cluster::PrincipalNameOrId> ReadNameOrId(const Call& call, bool is
   const bool is_invalid =
       name.IsInvalid() || name.IsSet() == has_id || (has_id && !id) || (name.IsSet() && !is_valid_name(name.Get()));
   if (!is_invalid) return has_id ? cluster::PrincipalNameOrId(*id) : cluster::PrincipalNameOrId(name.Get());
-  Fail(call, user_error::kBadParameter);
+  Fail(call, user_error::kBadParameter,
+       "Either 'name', the name of a user or group, or 'id', its number, is needed, and only one of them.");
   return std::nullopt;
 }
 
@@ -82,7 +84,8 @@ std::optional<std::vector<std::string>> ReadStrings(const Call& call, const char
     }
   }
   if (!is_invalid) return strings;
-  Fail(call, user_error::kBadParameter);
+  Fail(call, user_error::kBadParameter,
+       fmt::format("The parameter '{}' is missing, or not a list of at most {} valid texts.", name, kMaxAccountList));
   return std::nullopt;
 }
 
@@ -91,7 +94,7 @@ std::optional<PrincipalParameters> ReadPrincipal(const Call& call) {
   const auto kind = call.request->GetAndCheckString(
       "kind", kRequired, [](const std::string& text) { return text == "user" || text == "group"; });
   if (kind.IsInvalid()) {
-    Fail(call, user_error::kBadParameter);
+    Fail(call, user_error::kBadParameter, "The parameter 'kind' is neither \"user\" nor \"group\".");
     return std::nullopt;
   }
   principal.kind = kind.Get() == "user" ? AccountKind::kUser : AccountKind::kGroup;
@@ -106,7 +109,7 @@ std::optional<PrincipalParameters> ReadPrincipal(const Call& call) {
 
 bool RequireStoreAccounts(const AccountServices& services, const Call& call) {
   if (services.accounts) return true;
-  Fail(call, user_error::kAccountsFromPam);
+  Fail(call, user_error::kAccountsFromPam, "The daemon's setting 'accounts' is \"pam\".");
   return false;
 }
 
@@ -143,8 +146,8 @@ void Refuse(const Call& call, const Error& error, int code) {
     ::syslog(LOG_WARNING, "An account or grant could not be changed or read for user[%s]: %s",
              call.request->GetLoginUserName().c_str(), reason.c_str());
   }
-  // Causes name files and records, which only administrators may see.
-  if (call.request->IsAdmin() || error.code() == ErrorCode::kInvalid) SetReason(call, reason);
+  // Causes name files and records.
+  SetReason(call, reason, error.code() == ErrorCode::kInvalid ? Readers::kCaller : Readers::kAdministrators);
   Fail(call, code);
 }
 

@@ -54,11 +54,11 @@ std::optional<std::string> FindHost(const store::Store& store, const Call& call,
   if (run && *run && !(*run)->run.host_id.empty()) return (*run)->run.host_id;
   std::string name;
   if (!run) {
-    Fail(call, user_error::kUnavailable);
+    Fail(call, user_error::kUnavailable, "The cluster database cannot be read.");
   } else if (VexaVirtualization::GetGuestNameById(guest_id, name)) {
-    Fail(call, user_error::kNotRunning);
+    Fail(call, user_error::kNotRunning, "No host runs the guest.");
   } else {
-    Fail(call, user_error::kNotFoundOrUnreadable);
+    Fail(call, user_error::kNotFoundOrUnreadable, "The guest does not exist.");
   }
   return std::nullopt;
 }
@@ -71,10 +71,6 @@ VexaDRCore::Request HostRequest(const char* method, const std::string& guest_id)
   request.addParam("guest_id", guest_id);
   request.setTimeout(kTimeoutS);
   return request;
-}
-
-void FailLikeHost(const Call& call, const VexaDRCore::Response& reply) {
-  call.response->SetError(ConsoleCodeForUser(reply.getErrCode()), reply.getErrMsg());
 }
 
 std::string NameOf(const std::string& guest_id) {
@@ -113,7 +109,7 @@ void TakeScreenshot(const store::Store& store, const Call& call) {
   LogOutcome(call, reply.isSuccess() ? Outcome::kDone : Outcome::kFailed,
              fmt::format("A picture of the screen of the virtual machine [{}] has been taken.", name),
              fmt::format("Failed to take a picture of the screen of the virtual machine [{}].", name));
-  if (!reply.isSuccess()) return FailLikeHost(call, reply);
+  if (!reply.isSuccess()) return Fail(call, ConsoleCodeForUser(reply.getErrCode()));
   Json::Value data(Json::objectValue);
   data["png"] = json::StringMember(reply.getData(), "png");
   call.response->SetSuccess(data);
@@ -121,7 +117,8 @@ void TakeScreenshot(const store::Store& store, const Call& call) {
 
 struct Failure {
   int code;
-  Json::Value details;
+  std::string reason;
+  Readers readers;
 };
 
 // Has the host type the beginning of `text`. Returns how many characters it typed, at least one.
@@ -130,9 +127,11 @@ std::variant<std::size_t, Failure> TypeBeginning(const std::string& host_id, con
   VexaDRCore::Request request = HostRequest("type", guest_id);
   request.addParam("text", text);
   const VexaDRCore::Response reply = VexaCCC::Sender(host_id).process(request);
-  if (!reply.isSuccess()) return Failure{ConsoleCodeForUser(reply.getErrCode()), reply.getErrMsg()};
+  if (!reply.isSuccess()) {
+    return Failure{ConsoleCodeForUser(reply.getErrCode()), json::String(reply.getErrMsg()), Readers::kAdministrators};
+  }
   const Json::Int64 typed = json::Int64(json::Member(reply.getData(), "typed"));
-  if (typed < 1) return Failure{user_error::kActionFailed, "The guest's host typed no character"};
+  if (typed < 1) return Failure{user_error::kActionFailed, "The guest's host typed no character", Readers::kCaller};
   return std::min(static_cast<std::size_t>(typed), text.size());
 }
 
@@ -151,12 +150,13 @@ void TypeText(const store::Store& store, const std::function<bool()>& is_stoppin
   std::optional<Failure> failure;
   while (!failure && typed < text.Get().size()) {
     if (is_stopping()) {
-      failure = Failure{user_error::kUnavailable, "This host is stopping"};
+      failure = Failure{user_error::kUnavailable, "This host is stopping", Readers::kCaller};
       break;
     }
     // It may have been revoked meanwhile.
     if (typed > 0 && !MayOpen(store, call, *guest_id)) {
-      failure = Failure{user_error::kNotPermitted, "The console of this guest is no longer granted to you"};
+      failure =
+          Failure{user_error::kNotPermitted, "The console of this guest is no longer granted to you", Readers::kCaller};
       break;
     }
     const auto step = TypeBeginning(*host_id, *guest_id, text.Get().substr(typed));
@@ -171,11 +171,14 @@ void TypeText(const store::Store& store, const std::function<bool()>& is_stoppin
              fmt::format("A text has been typed on the keyboard of the virtual machine [{}].", name),
              fmt::format("Failed to type a text on the keyboard of the virtual machine [{}].", name));
   if (!failure) return call.response->SetSuccess(Json::Value());
-  call.response->SetError(failure->code, failure->details);
-  if (typed == 0) return;
-  const std::string why = failure->details.isString() ? json::String(failure->details) : "";
-  SetReason(call, fmt::format("{}{}Typed the first {} of {} characters.", why, why.empty() ? "" : ". ", typed,
-                              text.Get().size()));
+  Fail(call, failure->code);
+  std::string reason = ReasonFor(call.request->IsAdmin(), failure->readers, failure->reason);
+  if (typed > 0) {
+    if (!reason.empty() && !reason.ends_with('.')) reason += '.';
+    reason +=
+        fmt::format("{}Typed the first {} of {} characters.", reason.empty() ? "" : " ", typed, text.Get().size());
+  }
+  if (!reason.empty()) SetReason(call, reason);
 }
 
 }  // namespace

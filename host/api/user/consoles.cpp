@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/api/reason.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/cluster/console_right.h"
 #include "host/records/reader.h"
@@ -173,7 +174,9 @@ std::variant<std::shared_ptr<http::Tunnel>, ConsoleRefusal> Consoles::OpenForUse
       return ConsoleRefusal{user_error::kNotPermitted, "The console of this guest was not granted to you."};
     }
   }
-  if (!HasGuest(*options_.store, plan.target.guest_id)) return ConsoleRefusal{user_error::kNotFoundOrUnreadable, ""};
+  if (!HasGuest(*options_.store, plan.target.guest_id)) {
+    return ConsoleRefusal{user_error::kNotFoundOrUnreadable, "The guest does not exist."};
+  }
   std::shared_ptr<Entry> entry = Enter(plan);
   if (!entry) return ConsoleRefusal{user_error::kHostBusy, "Too many consoles are open. Close others first."};
   const auto run = records::ReadRun(*options_.store, plan.target.guest_id);
@@ -186,7 +189,11 @@ std::variant<std::shared_ptr<http::Tunnel>, ConsoleRefusal> Consoles::OpenForUse
                                : Refusal{host_error::kUnreachable, "This host is not set up to call others"};
   }
   Log(plan, end.ok());
-  if (!end.ok()) return ConsoleRefusal{ConsoleCodeForUser(end.error().code), end.error().reason + "."};
+  if (!end.ok()) {
+    return ConsoleRefusal{
+        ConsoleCodeForUser(end.error().code),
+        ReasonFor(plan.caller.user.is_administrator, Readers::kAdministrators, end.error().reason + ".")};
+  }
   return MakeTunnel(*std::move(end), std::move(entry));
 }
 

@@ -223,7 +223,7 @@ std::optional<Json::Value> CreateGuest(const AccountServices& services, const Ca
   if (!reply.isSuccess()) {
     const Json::Value reason = reply.getErrMsg();
     const int code = ToUserCode(reply.getErrCode());
-    if (reason.isString() && !json::String(reason).empty()) {
+    if (reply.getErrCode() != host_error::kUnreachable && reason.isString() && !json::String(reason).empty()) {
       Fail(call, code, InUsersWords(json::String(reason)));
     } else {
       Fail(call, code);

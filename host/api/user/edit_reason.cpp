@@ -7,7 +7,6 @@
 #include "host/api/reason.h"
 #include "host/guests/edit/edit_request.h"
 #include "host/records/keys.h"
-#include "host/transport/unanswered.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
 #include "webapi/platform/ccc.h"
@@ -28,25 +27,11 @@ std::string ReasonOfParameters(const Json::Value& parameters) {
 
 Handler WithEditReason(Handler handler) {
   return [handler = std::move(handler)](const Call& call) {
-    const transport::FailedHostsScope failed;
     handler(call);
     if (!call.extra_members || !call.response->IsSet() || call.response->IsSuccess()) return;
-    const bool is_bad_parameter = call.response->ErrorCode() == user_error::kBadParameter;
-    const std::string reason =
-        is_bad_parameter ? ReasonOfParameters(call.request->GetParam("", Json::Value())) : failed.bad_parameter();
+    if (call.response->ErrorCode() != user_error::kBadParameter) return;
+    const std::string reason = ReasonOfParameters(call.request->GetParam("", Json::Value()));
     if (!reason.empty()) SetReason(call, reason);
-  };
-}
-
-Handler WithHostReason(Handler handler) {
-  return [handler = std::move(handler)](const Call& call) {
-    const transport::FailedHostsScope failed;
-    handler(call);
-    if (!call.extra_members || !call.response->IsSet() || call.response->IsSuccess()) return;
-    const int code = call.response->ErrorCode();
-    // These are decided before the guest's host is asked.
-    if (code < user_error::kFirstGuestOperationCode || code == user_error::kNoHostChosen) return;
-    if (!failed.last_reason().empty() && call.request->IsAdmin()) SetReason(call, failed.last_reason());
   };
 }
 

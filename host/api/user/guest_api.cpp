@@ -4,6 +4,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/edit_reason.h"
 #include "host/api/user/guest_live_api.h"
+#include "host/api/user/power_reason.h"
 #include "host/api/user/simulated_guests.h"
 #include "host/api/user/unreachable_host.h"
 #include "webapi/error_codes.h"
@@ -58,9 +59,8 @@ std::vector<ApiRow> GuestRows() {
               {Text("guest_id", "The guest's id, a UUID.")},
               {kBadParameter, kNotFoundOrUnreadable, kIncompatibleHost, kNotPermitted, kActionFailed}),
       UserRow("VEXA.Virtualization.Guest.Action", "pwr_ctl", LaneKind::kLong,
-              WithSimulatedMark(
-                  WithGoneHostReason(WithHostReason(RequestResponseHandler(VexaVirtualization::GuestAction::PwrCtl)),
-                                     NeededHost::kHolderOrAssigned)),
+              WithSimulatedMark(WithPowerReason(WithGoneHostReason(
+                  RequestResponseHandler(VexaVirtualization::GuestAction::PwrCtl), NeededHost::kHolderOrAssigned))),
               "Power a guest on or off, shut it down or reboot it. \"poweroff_by_ha\" powers it off on several hosts, "
               "and the reply has the result of each.",
               {Text("guest_id", "The guest's id."),

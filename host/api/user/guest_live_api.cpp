@@ -90,10 +90,7 @@ void Apply(const Call& call) {
   LogOutcome(call, reply.isSuccess() ? Outcome::kDone : Outcome::kFailed,
              fmt::format("The settings of the virtual machine [{}] have been applied while it runs.", name),
              fmt::format("Failed to apply the settings of the virtual machine [{}].", name));
-  if (!reply.isSuccess()) {
-    const Json::Value details = call.request->IsAdmin() ? reply.getErrMsg() : Json::Value();
-    return call.response->SetError(ToUserCode(reply.getErrCode()), details);
-  }
+  if (!reply.isSuccess()) return Fail(call, ToUserCode(reply.getErrCode()));
   Json::Value data(Json::objectValue);
   data[kPending] = PendingFor(call, reply.getData());
   call.response->SetSuccess(data);
@@ -114,7 +111,7 @@ void AddPending(const Call& call, const std::string& guest_id, Json::Value& stat
   if (reason.empty()) {
     status["pending_reason"] = "The guest's host does not answer";
   } else {
-    status["pending_reason"] = call.request->IsAdmin() ? reason : "The guest's host could not find out";
+    status["pending_reason"] = ReasonFor(call.request->IsAdmin(), Readers::kAdministrators, reason);
   }
 }
 
@@ -123,7 +120,11 @@ Handler WithApply(Handler handler) {
     const auto apply = call.request->GetAndCheckString(kApply, kOptional);
     if (apply.IsInvalid()) return Fail(call, user_error::kBadParameter);
     if (!apply.IsSet()) return handler(call);
-    if (apply.Get() != kApplyNow && apply.Get() != kApplyAtNextStart) return Fail(call, user_error::kBadParameter);
+    if (apply.Get() != kApplyNow && apply.Get() != kApplyAtNextStart) {
+      return Fail(
+          call, user_error::kBadParameter,
+          fmt::format("The parameter '{}' is neither \"{}\" nor \"{}\".", kApply, kApplyNow, kApplyAtNextStart));
+    }
     const transport::AddedParameter added("VEXA.CCC.Guest", "set", kApply, apply.Get());
     handler(call);
   };

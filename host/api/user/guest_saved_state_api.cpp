@@ -143,7 +143,7 @@ void Perform(const Call& call, const Action& action) {
   LogOutcome(call, reply.isSuccess() ? Outcome::kDone : Outcome::kFailed, fmt::format(fmt::runtime(action.done), name),
              fmt::format(fmt::runtime(action.failed), name));
   if (reply.isSuccess()) return call.response->SetSuccess(Json::Value());
-  call.response->SetError(ToUserCode(reply.getErrCode()), reply.getErrMsg());
+  Fail(call, ToUserCode(reply.getErrCode()));
 }
 
 ApiRow Row(const Action& action) {

@@ -43,9 +43,11 @@ void Fill(const GuestView& guest, Json::Value& view) {
 
 void List(GuestStates& states, const Call& call) {
   const Result<GuestListing> listing = states.List();
-  if (!listing) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!listing) return FailUnreadable(call, listing.error());
   std::optional<std::set<std::string>> permitted;
-  if (!FindPermitted(call, permitted)) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!FindPermitted(call, permitted)) {
+    return Fail(call, user_error::kNotFoundOrUnreadable, "What was granted to you cannot be read now.");
+  }
   Json::Value data(Json::objectValue);
   Json::Value& guests = data["guests"] = Json::Value(Json::arrayValue);
   for (const auto& guest : *listing->guests) {
@@ -92,9 +94,10 @@ void GetStatus(GuestStates& states, const Call& call) {
   if (!IsPermitted(call, id.Get())) return Fail(call, user_error::kNotPermitted);
   const std::shared_ptr<const GuestLinkStates> links = states.links().Get();
   const auto reader = records::ReaderOfRequest();
-  if (!reader) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!reader) return FailUnreadable(call, reader.error());
   const auto record = records::ReadMember(**reader, DashCate::Guest, id.Get(), keys::object);
-  if (!record || !*record) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!record) return FailUnreadable(call, record.error());
+  if (!*record) return Fail(call, user_error::kNotFoundOrUnreadable, "The guest does not exist.");
   const GuestStatus status = StatusOf(**reader, id.Get(), **record, *links);
   Json::Value data(Json::objectValue);
   Fill(status.guest, data);

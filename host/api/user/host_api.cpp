@@ -1,5 +1,7 @@
 #include "host/api/user/host_api.h"
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -76,7 +78,9 @@ void HostGet(const Call& call) {
   if (id.IsInvalid()) return Fail(call, user_error::kBadParameter);
   const std::string host_id = id.IsSet() ? id.Get() : VexaCCC::DB::DBLocalhostID();
   std::optional<Json::Value> host = FromRecord(host_id);
-  if (!host) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!host) {
+    return Fail(call, user_error::kNotFoundOrUnreadable, fmt::format("There is no host '{}' in the cluster.", host_id));
+  }
   AskHost(host_id, *host);
   call.response->SetSuccess(*host);
   MarkSimulatedHost(call, host_id);

@@ -88,9 +88,9 @@ Json::Value Describe(const records::Reader& reader, const std::string& id, const
 
 void ListHosts(const Call& call) {
   const auto reader = records::ReaderOfRequest();
-  if (!reader) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!reader) return FailUnreadable(call, reader.error());
   const auto ids = (*reader)->Children(records::CategoryKey(DashCate::Host.name()));
-  if (!ids) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!ids) return FailUnreadable(call, ids.error());
   std::map<std::string, std::string> versions;
   std::map<std::string, std::string> reachable;
   // When this fails, the hosts are listed with unknown versions.

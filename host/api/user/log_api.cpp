@@ -1,5 +1,7 @@
 #include "host/api/user/log_api.h"
 
+#include <fmt/format.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -95,17 +97,23 @@ int CodeOf(const Error& error) {
 }
 
 void ListEntries(const Call& call) {
-  if (!VexaVirtualization::IsAdminOrAdvancedUser(call.request)) return Fail(call, user_error::kNotPermitted);
+  if (!VexaVirtualization::IsAdminOrAdvancedUser(call.request)) {
+    SetHint(call, "An administrator can make a user advanced with 'vexa user advanced USER'.");
+    return Fail(call, user_error::kNotPermitted, "The cluster log is for administrators and advanced users.");
+  }
   const auto cursor = call.request->GetAndCheckString("cursor", kOptional);
   const auto limit = call.request->GetAndCheckInt(
       "limit", kOptional, [](const int& n) { return n >= 1 && n <= static_cast<int>(cluster::kMaxLogPage); });
   bool is_after_invalid = false;
   const std::optional<std::int64_t> after = ReadPosition(call, "after", is_after_invalid);
   if (cursor.IsInvalid() || limit.IsInvalid() || is_after_invalid || (after && cursor.IsSet())) {
-    return Fail(call, user_error::kBadParameter);
+    return Fail(call, user_error::kBadParameter,
+                fmt::format("'limit' is 1 to {}; 'cursor' is that of a reply and 'after' a position, and only one of "
+                            "them can be given.",
+                            cluster::kMaxLogPage));
   }
   const auto reader = records::ReaderOfRequest();
-  if (!reader) return Fail(call, user_error::kNotFoundOrUnreadable);
+  if (!reader) return FailUnreadable(call, reader.error());
   const auto count = static_cast<std::size_t>(limit.IsSet() ? limit.Get() : kDefaultPage);
   if (after) {
     const auto entries = cluster::ReadLogAfter(**reader, *after, count);

@@ -1,5 +1,7 @@
 #include "host/api/user/login_throttle.h"
 
+#include <fmt/format.h>
+
 #include <chrono>
 
 #include "host/accounts/accounts.h"
@@ -28,8 +30,10 @@ std::optional<session::LoginAttempt> BeginAttempt(session::LoginLimiter& limiter
   }
   const std::chrono::milliseconds wait = limiter.TakeToken(attempt);
   if (wait.count() == 0) return attempt;
-  call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
-  Fail(call, user_error::kTooManyLogins);
+  const auto seconds = (wait.count() + 999) / 1000;
+  call.headers->emplace_back("Retry-After", std::to_string(seconds));
+  Fail(call, user_error::kTooManyLogins,
+       fmt::format("The next attempt from this address, or for this user, is possible in {} s.", seconds));
   return std::nullopt;
 }
 

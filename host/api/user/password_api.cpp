@@ -1,4 +1,5 @@
 #include "host/api/user/password_api.h"
+#include "host/accounts/account_password.h"
 
 #include <fmt/format.h>
 #include <syslog.h>
@@ -17,6 +18,8 @@ namespace {
 
 // The hash of the user's password, if the old password is right. Attempts are limited like logins. Not set when it is
 // wrong or cannot be checked; the call has then been answered.
+constexpr char kOthersPassword[] = "The passwords of other users are set by administrators.";
+
 std::optional<std::string> VerifyOldPassword(const AccountServices& services, const Call& call,
                                              const accounts::User& user, const std::string& old_password) {
   if (!BeginAttempt(*services.limiter, *services.sessions, call, user.name)) return std::nullopt;
@@ -29,7 +32,7 @@ std::optional<std::string> VerifyOldPassword(const AccountServices& services, co
     return std::nullopt;
   }
   ::syslog(LOG_WARNING, "Wrong old password for user[%s] from [%s].", user.name.c_str(), call.caller.peer.c_str());
-  Fail(call, user_error::kWrongOldPassword);
+  Fail(call, user_error::kWrongOldPassword, "The old password is not the user's.");
   return std::nullopt;
 }
 
@@ -68,13 +71,16 @@ class KeptSession {
 void SetPassword(const AccountServices& services, const Call& call) {
   const auto password = call.request->GetAndCheckString("password", kRequired, IsPasswordLength);
   const auto old_password = call.request->GetAndCheckString("old_password", kOptional, IsPasswordLength);
-  if (password.IsInvalid() || old_password.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  if (password.IsInvalid() || old_password.IsInvalid()) {
+    return Fail(call, user_error::kBadParameter,
+                fmt::format("A password is missing, empty or longer than {} bytes.", accounts::kMaxPasswordBytes));
+  }
   std::optional<cluster::PrincipalNameOrId> name_or_id;
   if (call.request->HasParam("name") || call.request->HasParam("id")) {
     name_or_id = ReadNameOrId(call, IsAccountName);
     if (!name_or_id) return;
   }
-  if (!call.request->IsAdmin() && !IsOwn(call, name_or_id)) return Fail(call, user_error::kDenied);
+  if (!call.request->IsAdmin() && !IsOwn(call, name_or_id)) return Fail(call, user_error::kDenied, kOthersPassword);
   if (!RequireStoreAccounts(services, call)) return;
   const auto* const id = name_or_id ? std::get_if<std::uint32_t>(&*name_or_id) : nullptr;
   const auto user =
@@ -83,9 +89,12 @@ void SetPassword(const AccountServices& services, const Call& call) {
   if (!user) return Refuse(call, user.error());
   // Not by name alone: the caller's account may have been replaced by another one with the same name.
   const bool is_self = user->uid == call.caller.user.uid && user->name == call.caller.user.name;
-  if (!call.request->IsAdmin() && !is_self) return Fail(call, user_error::kDenied);
+  if (!call.request->IsAdmin() && !is_self) return Fail(call, user_error::kDenied, kOthersPassword);
   const bool needs_old_password = !call.request->IsAdmin() || !name_or_id;
-  if (needs_old_password && !old_password.IsSet()) return Fail(call, user_error::kWrongOldPassword);
+  if (needs_old_password && !old_password.IsSet()) {
+    return Fail(call, user_error::kWrongOldPassword,
+                "The old password is missing: one's own is not changed without it.");
+  }
   std::optional<std::string> old_hash;
   if (old_password.IsSet()) {
     old_hash = VerifyOldPassword(services, call, *user, old_password.Get());

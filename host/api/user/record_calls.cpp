@@ -21,8 +21,7 @@ void RespondListError(const Call& call, std::string_view what, const Error& erro
       SanitizeForLog(fmt::format("The {} cannot be listed: {}.", what, error.ToString()), kMaxReason);
   ::syslog(LOG_WARNING, "%s Asked by user[%s].", reason.c_str(), call.request->GetLoginUserName().c_str());
   Fail(call, user_error::kRecordFailed);
-  // Causes name files and records.
-  if (call.request->IsAdmin()) SetReason(call, reason);
+  SetReason(call, reason, Readers::kAdministrators);  // causes name files and records
 }
 
 void RespondToAddition(const Call& call, const Result<void, Refusal>& done, const char* id_member,

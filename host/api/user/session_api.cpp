@@ -25,7 +25,13 @@ void Login(const SessionServices& services, const Call& call) {
     return !text.empty() && text.size() <= accounts::kMaxPasswordBytes;
   });
   const auto as_cookie = call.request->GetAndCheckBool("cookie", kOptional);
-  if (user.IsInvalid() || password.IsInvalid() || as_cookie.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  if (user.IsInvalid()) return Fail(call, user_error::kBadParameter, "The parameter 'user' is not the name of a user.");
+  if (password.IsInvalid()) {
+    return Fail(call, user_error::kBadParameter,
+                fmt::format("The parameter 'password' is missing, empty or longer than {} bytes.",
+                            accounts::kMaxPasswordBytes));
+  }
+  if (as_cookie.IsInvalid()) return Fail(call, user_error::kBadParameter);
   const auto attempt = BeginAttempt(*services.limiter, *services.sessions, call, user.Get());
   if (!attempt) return;
   const Result<accounts::User> verified = services.accounts->VerifyPassword(user.Get(), password.Get());
@@ -33,7 +39,9 @@ void Login(const SessionServices& services, const Call& call) {
     const bool denied = verified.error().code() == ErrorCode::kDenied;
     ::syslog(denied ? LOG_WARNING : LOG_ERR, "Login of user[%s] from [%s] failed: %s", user.Get().c_str(),
              call.caller.peer.c_str(), verified.error().ToString().c_str());
-    return Fail(call, denied ? user_error::kWrongPassword : user_error::kInternal);
+    if (denied) return Fail(call, user_error::kWrongPassword);
+    return Fail(call, user_error::kInternal,
+                "The host could not check the password, because its accounts cannot be read.");
   }
   services.limiter->ReturnToken(*attempt);
   const Result<session::NewSession> session =

@@ -27,7 +27,7 @@ bool IsOwnName(const Call& call, const std::string& name) {
 std::optional<std::string> ReadUser(const SessionServices& services, const Call& call, const std::string& name) {
   if (IsOwnName(call, name)) return call.caller.user.name;
   if (!call.request->IsAdmin()) {
-    Fail(call, user_error::kDenied);
+    Fail(call, user_error::kDenied, "The sessions of other users are for administrators.");
     return std::nullopt;
   }
   const auto account = services.accounts->FindUser(name);
@@ -64,8 +64,13 @@ void List(const SessionServices& services, const Call& call) {
   const auto user = call.request->GetAndCheckString("user", kOptional, IsUserName);
   const auto all = ReadFlag(call, "all");
   if (!all) return;
-  if (user.IsInvalid() || (user.IsSet() && *all)) return Fail(call, user_error::kBadParameter);
-  if (*all && !call.request->IsAdmin()) return Fail(call, user_error::kDenied);
+  if (user.IsInvalid()) return Fail(call, user_error::kBadParameter, "The parameter 'user' is not the name of a user.");
+  if (user.IsSet() && *all) {
+    return Fail(call, user_error::kBadParameter, "The parameters 'user' and 'all' exclude each other.");
+  }
+  if (*all && !call.request->IsAdmin()) {
+    return Fail(call, user_error::kDenied, "The sessions of other users are for administrators.");
+  }
   std::optional<std::string> name;
   if (!*all) {
     name = ReadUser(services, call, user.IsSet() ? user.Get() : call.caller.user.name);
@@ -106,7 +111,11 @@ void AnswerEnd(const Call& call, const session::EndResult& result, const std::st
 void End(const SessionServices& services, const Call& call) {
   const auto id = call.request->GetAndCheckString("id", kOptional, IsId);
   const auto user = call.request->GetAndCheckString("user", kOptional, IsUserName);
-  if (id.IsInvalid() || user.IsInvalid() || id.IsSet() == user.IsSet()) return Fail(call, user_error::kBadParameter);
+  if (id.IsInvalid()) return Fail(call, user_error::kBadParameter, "The parameter 'id' is not the id of a session.");
+  if (user.IsInvalid()) return Fail(call, user_error::kBadParameter, "The parameter 'user' is not the name of a user.");
+  if (id.IsSet() == user.IsSet()) {
+    return Fail(call, user_error::kBadParameter, "Either 'id' or 'user' is needed, and only one of them.");
+  }
   if (user.IsSet()) {
     const auto name = ReadUser(services, call, user.Get());
     if (!name) return;

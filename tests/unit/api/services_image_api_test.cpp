@@ -282,9 +282,24 @@ TEST_F(ImageApi, RepositoryLimits_AreStoredAndLogged) {
   }
   EXPECT_EQ(Repository("limits", R"({"repository_id":"x"})").code, 403);
   EXPECT_THAT(stored(), ElementsAre(70, 80, 0));
+  // The one that is left out is the host's again, with its headroom.
+  EXPECT_EQ(Repository("limits", named + R"(,"soft_percent":70})").code, 0);
+  EXPECT_THAT(stored(), ElementsAre(70, 98, 100));
   EXPECT_EQ(Repository("limits", named + "}").code, 0);
   EXPECT_THAT(stored(), ElementsAre(90, 98, 100));
   EXPECT_THAT(ClusterLogLines(), ::testing::Contains("root 3 The limits of the repository [pool] have been set."));
+}
+
+TEST_F(ImageApi, RepositoryLimits_OfRemovedRepository_DoNotComeBackWithItsId) {
+  const std::string id = kId;
+  const std::string addition = R"({"name":"pool","repository_id":")" + id + "\"}";
+  ASSERT_EQ(Repository("add", addition).code, 0);
+  const std::string named = R"({"repository_id":")" + id + "\"";
+  ASSERT_EQ(Repository("limits", named + R"(,"soft_percent":1,"hard_percent":2})").code, 0);
+  ASSERT_EQ(Repository("remove", named + "}").code, 0);
+  ASSERT_EQ(Repository("add", addition).code, 0);
+  const auto snapshot = Require(host_.store().Read());
+  EXPECT_EQ(Require(storage::LimitsOf(*snapshot, id, {90, 98, 100})).full_percent, 98u);
 }
 
 TEST_F(ImageApi, Upload_OutcomesAreLogged) {
@@ -345,7 +360,7 @@ TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
   for (const char* api : {kImageApi, kRepositoryApi}) {
     const Answer answer = Call(api, "list", "{}", kOrdinary);
     EXPECT_EQ(answer.code, 992) << api;
-    EXPECT_EQ(ReasonOf(answer), "") << api;
+    EXPECT_EQ(ReasonOf(answer), kAskAdministrator) << api;
   }
   EXPECT_EQ(Image("add", Addition("a")).code, 992);
   EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 992);

@@ -189,7 +189,7 @@ TEST_F(GuestEnd, PowerOn_RatingRefuses_StoresReason) {
   start(R"({"vcpu_num":500})", 927, "500", ShutdownCause::kNoResources);
   start(R"({"vnics":["n1"]})", 917, "away", ShutdownCause::kBootNoNetwork);
   start(R"({"repository_id":"5f0e6c1a-9b1d-4a52-8b76-2f3c8f6e7d10"})", 949,
-        "is full: make room in it, or move disks to another repository", ShutdownCause::kBootNoStorage);
+        "is full: remove files or disks that are no longer needed", ShutdownCause::kBootNoStorage);
   start(R"({"usb_version":77})", 901, "usb_version", ShutdownCause::kBootRefused);
   start(R"({"vdisks":["none"]})", 403, "none", ShutdownCause::kBootFailed);
 }

@@ -205,7 +205,8 @@ TEST(Rating, Rate_RepositoryStateKnown_Decides) {
   }
   EXPECT_THAT(Codes(in(repo::full), MakeHost()), ElementsAre(host_error::kUnavailable));
   EXPECT_EQ(Reason(in(repo::full), MakeHost()),
-            "The repository 'r' is full: make room in it, or move disks to another repository.");
+            "The repository 'r' is full: remove files or disks that are no longer needed, make its file system larger, "
+            "or raise its limits.");
   records::Guest none = in(repo::crashed);
   none.repository_id = "";
   EXPECT_THAT(Codes(none, MakeHost()), IsEmpty());

@@ -30,6 +30,15 @@ TEST(WhyFull, UsedSpace_IsComparedWithLimits) {
   EXPECT_FALSE(WhyFull(failing, {80, 95, 0}));
 }
 
+TEST(WhyFull, OwnPercentage_CountsWhateverIsFree) {
+  const FolderCondition condition{"/srv/a", 0, false, 95 * kGib, 5 * kGib};
+  SpaceLimits limits{80, 95, 4};
+  limits.is_own_warning = true;
+  EXPECT_FALSE(WhyFull(condition, limits)) << "the host's limit keeps its headroom";
+  limits.is_own_full = true;
+  EXPECT_TRUE(WhyFull(condition, limits));
+}
+
 class RepositorySpaceTest : public WatchedStorage {
  protected:
   std::optional<RepositorySpace> Stored() {
@@ -77,6 +86,29 @@ TEST_F(RepositorySpaceTest, Refresh_StoresSpaceAndLimits) {
   const auto storage = test::Require(ReadStorage(*test::Require(host_.store().Read()), kPool));
   ASSERT_TRUE(storage.problem);
   EXPECT_EQ(storage.problem->state, VexaCCC::State::Repo::full);
+}
+
+TEST_F(RepositorySpaceTest, OwnWarning_LeavesHostsLimitItsHeadroom) {
+  StorageOptions options = Options();
+  options.limits = {90, 95, 100};
+  FolderCondition condition{"/srv/a", 0, false, 4000 * kGib, 140 * kGib};
+  options.probe = [&condition](const ProbeRequest&) {
+    ProbeResult result;
+    result.conditions = {condition};
+    return result;
+  };
+  StorageWatch watch(options);
+  const auto state = [&] {
+    watch.Refresh();
+    const auto storage = test::Require(ReadStorage(*test::Require(host_.store().Read()), kPool));
+    return storage.problem ? std::string(storage.problem->state) : std::string("healthy");
+  };
+  EXPECT_EQ(state(), "healthy") << "more than 100 GiB are free";
+  std::string name;
+  ASSERT_TRUE(SetLimits(host_.store(), kPool, {20, std::nullopt}, name).ok());
+  EXPECT_EQ(state(), VexaCCC::State::Repo::provision_warning) << "its own counts whatever is free";
+  ASSERT_TRUE(SetLimits(host_.store(), kPool, {std::nullopt, 50}, name).ok());
+  EXPECT_EQ(state(), VexaCCC::State::Repo::full);
 }
 
 TEST_F(RepositorySpaceTest, CheckRoom_Full_IsRefusedWithFigures) {

@@ -542,8 +542,8 @@ TEST_F(StorageStateTest, PowerOn_RepositoryFull_IsRefusedButReadOnlyIsNot) {
   EXPECT_EQ(refused.error().reason,
             "The storage of the repository '" + std::string(kPool) + "' is full: the file system of the folder '" +
                 Root() +
-                "' is at least 95 % full. Make room in it, or move disks to another repository, and try "
-                "again");
+                "' is at least 95 % full. Remove files or disks that are no longer needed, or make its file system "
+                "larger, and try again");
   Use(50);
   condition_.is_read_only = true;
   watch.Refresh();
