@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "host/api/allowed_origins.h"
 #include "host/daemon/config.h"
 
 namespace vexa::daemon {
@@ -166,6 +167,13 @@ Status CheckConfig(const Config& config) {
                  fmt::format("'calls-per-host' ({}) must be less than 'long-threads' ({}), or one host could take all "
                              "threads from the others",
                              config.calls_per_host, config.long_threads));
+  }
+  for (const std::string& origin : config.allowed_origins) {
+    if (api::IsOrigin(origin)) continue;
+    return Error(ErrorCode::kInvalid,
+                 fmt::format("'{}' in 'allowed-origins' is not an origin. Use the form https://nas.example or "
+                             "http://127.0.0.1:3000, in lower case and without a path",
+                             origin));
   }
   if (config.tls_certificate.empty() != config.tls_key.empty()) {
     return Error(ErrorCode::kInvalid, "'tls-certificate' and 'tls-key' go together: set both or none");

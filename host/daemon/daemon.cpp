@@ -462,6 +462,7 @@ class Daemon::Impl {
     api::Dispatcher::Parts parts;
     parts.table = table_.get();
     parts.identity = identity_.get();
+    parts.allowed_origins = api::AllowedOrigins(config.allowed_origins);
     parts.metrics = metrics_.get();
     parts.quick = &quick_;
     parts.long_running = &long_running_;
