@@ -24,7 +24,26 @@ bool AllowsTooMuch(const ApiRow& row) {
   return is_long || (has_many_values && row.access.value != Access::kHost);
 }
 
+Schema RequestOf(const ApiRow& row) {
+  Schema request;
+  request.type = ValueType::kObject;
+  for (const Parameter& parameter : row.parameters) {
+    request.members.push_back({std::string(parameter.name), parameter.necessity, SchemaOf(parameter)});
+  }
+  return request;
+}
+
 }  // namespace
+
+Schema SchemaOf(const Parameter& parameter) {
+  Schema schema = parameter.schema;
+  schema.type = parameter.type;
+  schema.description = parameter.description;
+  const bool is_id = parameter.name == "guest_id" || parameter.name == "host_id";
+  if (is_id && schema.format.empty()) schema.format = "uuid";
+  if (parameter.max_items > 0) schema.maximum = static_cast<std::int64_t>(parameter.max_items);
+  return schema;
+}
 
 ApiTable::ApiTable(std::vector<ApiRow> rows) : rows_(std::move(rows)) {
   std::ranges::sort(rows_, {}, KeyOf);
@@ -36,7 +55,8 @@ ApiTable::ApiTable(std::vector<ApiRow> rows) : rows_(std::move(rows)) {
   if (wrong != rows_.end()) {
     throw std::logic_error(fmt::format("The API table allows too large bodies for {} {}", wrong->api, wrong->method));
   }
-  for (const ApiRow& row : rows_) {
+  for (ApiRow& row : rows_) {
+    row.request = RequestOf(row);
     for (const int code : row.errors) {
       if (HasErrorSentence(code, AudienceOf(row.access.value))) continue;
       throw std::logic_error(fmt::format(

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "host/accounts/accounts.h"
+#include "host/api/schema.h"
 #include "host/base/error_table.h"
 #include "webapi/platform/webapi.h"
 
@@ -41,8 +43,7 @@ struct Required {
   T value;
 };
 
-enum class ParameterType { kString, kInteger, kBoolean, kArray, kObject };
-enum class Necessity { kRequired, kOptional };
+using ParameterType = ValueType;
 
 struct Parameter {
   std::string_view name;
@@ -50,7 +51,11 @@ struct Parameter {
   Necessity necessity;
   std::string_view description;
   std::size_t max_items = 0;  // of an array: one with more is a bad parameter; 0: what the body's limits allow
+  Schema schema{};            // ranges, elements and members; type and description are those above (method_schema.h)
 };
+
+// The whole shape of a parameter.
+Schema SchemaOf(const Parameter& parameter);
 
 // The caller, as determined by the dispatcher.
 struct Caller {
@@ -105,6 +110,10 @@ struct ApiRow {
   // Bodies with more values are refused before they are parsed. More than kDefaultBodyValues only for administrators
   // and hosts.
   std::size_t body_values = kDefaultBodyValues;
+  // The shape of the reply's data; not set for methods that only hosts call (method_schema.h).
+  std::optional<Schema> reply{};
+  // The shape of the request's body, which the table makes from the parameters.
+  Schema request{};
 };
 
 class ApiTable {

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include "host/base/sanitize_for_log.h"
-#include "host/base/uuid.h"
 #include "json/readers.h"
 
 namespace vexa::api {
@@ -13,75 +12,45 @@ namespace json = VexaVirtualization::json;
 
 constexpr std::size_t kMaxQuoted = 128;
 
-bool HasType(const Json::Value& value, ParameterType type) {
-  switch (type) {
-    case ParameterType::kString:
-      return value.isString();
-    case ParameterType::kInteger:
-      return value.isInt64() || value.isUInt64();
-    case ParameterType::kBoolean:
-      return value.isBool();
-    case ParameterType::kArray:
-      return value.isArray();
-    case ParameterType::kObject:
-      return value.isObject();
+// What a request may have instead.
+std::string ListParameters(const ApiRow& row) {
+  if (row.parameters.empty()) return "The method has no parameters";
+  std::string names;
+  for (const Parameter& parameter : row.parameters) {
+    names += fmt::format("{}'{}'", names.empty() ? "" : ", ", parameter.name);
   }
-  return true;
-}
-
-const char* NameOf(ParameterType type) {
-  switch (type) {
-    case ParameterType::kString:
-      return "a string";
-    case ParameterType::kInteger:
-      return "an integer";
-    case ParameterType::kBoolean:
-      return "true or false";
-    case ParameterType::kArray:
-      return "a list";
-    case ParameterType::kObject:
-      break;
-  }
-  return "an object";
-}
-
-const char* NameOf(const Json::Value& value) {
-  switch (value.type()) {
-    case Json::nullValue:
-      return "null";
-    case Json::stringValue:
-      return "a string";
-    case Json::booleanValue:
-      return "true or false";
-    case Json::arrayValue:
-      return "a list";
-    case Json::objectValue:
-      return "an object";
-    default:
-      return "a number";
-  }
+  return "The method has " + names;
 }
 
 }  // namespace
 
 std::string DescribeBadParameter(const ApiRow& row, const Json::Value& parameters) {
-  for (const Parameter& parameter : row.parameters) {
-    const std::string name(parameter.name);
-    const Json::Value* const value = json::FindMember(parameters, name);
+  for (const SchemaMember& parameter : row.request.members) {
+    const Json::Value* const value = json::FindMember(parameters, parameter.name);
     if (!value && parameter.necessity == Necessity::kRequired) {
-      return fmt::format("The parameter '{}' is missing", name);
+      return fmt::format("The parameter '{}' is missing", parameter.name);
     }
     if (!value) continue;
-    if (!HasType(*value, parameter.type)) {
-      return fmt::format("The parameter '{}' is not {}: it is {}", name, NameOf(parameter.type), NameOf(*value));
-    }
-    const bool is_uuid = name == "guest_id" || name == "host_id";
-    if (is_uuid && !HasUuidForm(json::String(*value))) {
-      return fmt::format("The parameter '{}' is not a UUID: it is '{}'", name,
-                         SanitizeForLog(json::String(*value), kMaxQuoted));
-    }
+    const std::string misfit = DescribeMisfit(parameter.schema, *value, parameter.name);
+    if (!misfit.empty()) return "The parameter " + misfit;
   }
   return "";
+}
+
+std::string DescribeUnknownParameter(const ApiRow& row, const Json::Value& parameters) {
+  // A method without parameters takes none, whereas other objects without known members may have any.
+  if (row.request.members.empty()) {
+    const std::vector<std::string> names = json::MemberNames(parameters);
+    if (names.empty()) return "";
+    return fmt::format("There is no parameter '{}'. {}", SanitizeForLog(names.front(), kMaxQuoted),
+                       ListParameters(row));
+  }
+  const std::optional<UnknownMember> unknown = FindUnknownMember(row.request, parameters);
+  if (!unknown) return "";
+  if (!unknown->suggestion.empty()) {
+    return fmt::format("There is no parameter '{}'; did you mean '{}'?", unknown->path, unknown->suggestion);
+  }
+  return fmt::format("There is no parameter '{}'. {}", unknown->path, ListParameters(row));
 }
 
 }  // namespace vexa::api

@@ -17,6 +17,7 @@
 #include "host/api/read_parameters.h"
 #include "host/api/reason.h"
 #include "host/api/request_id.h"
+#include "host/api/start_page.h"
 #include "host/base/error_table.h"
 #include "host/base/peer_network.h"
 #include "host/http/http_tunnel.h"
@@ -111,7 +112,7 @@ http::HttpResponse MakeConsoleRefusal(const ConsoleRefusal& refusal, const std::
 
 // What OnHeader determined about a request.
 struct Dispatcher::Plan {
-  enum class Page { kApi, kHealth, kMetrics, kDescription, kConsole, kUpload };
+  enum class Page { kApi, kStart, kHealth, kMetrics, kDescription, kConsole, kUpload };
   Page page = Page::kApi;
   const ApiRow* row = nullptr;
   Caller caller;
@@ -147,6 +148,21 @@ Dispatcher::Dispatcher(Parts parts)
     : parts_(std::move(parts)), description_(std::make_shared<const std::string>(MakeOpenApi(*parts_.table))) {}
 
 std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& request) {
+  // Of hosts, nothing comes from a browser.
+  if (!request.peer.is_certified && parts_.allowed_origins.IsPreflight(request)) {
+    return parts_.allowed_origins.AnswerPreflight(request);
+  }
+  std::optional<http::HttpResponse> refusal = PlanRequest(request);
+  if (refusal) parts_.allowed_origins.AddFields(request, *refusal);
+  return refusal;
+}
+
+void Dispatcher::Send(const Work& work, http::HttpResponse response) const {
+  parts_.allowed_origins.AddFields(work.request, response);
+  work.responder.Send(std::move(response));
+}
+
+std::optional<http::HttpResponse> Dispatcher::PlanRequest(http::HttpRequest& request) {
   const std::string_view target = request.target;
   const std::size_t question = target.find('?');
   const std::string_view path = target.substr(0, question);
@@ -160,7 +176,9 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
   if (request.peer.is_certified) return refuse(user_error::kNoSuchAddress);  // hosts call methods only
   auto plan = std::make_shared<Plan>();
   plan->caller = AnonymousCaller(request.peer);
-  if (path == "/healthz") {
+  if (path == "/") {
+    plan->page = Plan::Page::kStart;
+  } else if (path == "/healthz") {
     plan->page = Plan::Page::kHealth;
   } else if (path == "/metrics") {
     plan->page = Plan::Page::kMetrics;
@@ -232,7 +250,9 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
     response.headers.emplace_back("Allow", "POST");
     return response;
   }
-  if (!IsJsonContentType(request.content_type)) return refuse(user_error::kNotJson);
+  // Without a body there is nothing that has a type.
+  const bool has_body = request.announced_body_bytes > 0;
+  if (has_body && !IsJsonContentType(request.content_type)) return refuse(user_error::kNotJson);
   auto plan = std::make_shared<Plan>();
   plan->row = row;
   IdentifyResult identified = parts_.identity->Identify(request);
@@ -274,7 +294,7 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   const Plan::Page page = work->plan->page;
   const bool needs_lane =
       row || page == Plan::Page::kMetrics || page == Plan::Page::kConsole || page == Plan::Page::kUpload;
-  if (!needs_lane) return work->responder.Send(MakePage(*work));
+  if (!needs_lane) return Send(*work, MakePage(*work));
   if (work->plan->body_share) (void)work->plan->body_share->Resize(work->request.body.size());
   const Lane::SubmitResult submitted = LaneFor(*work->plan).Submit(OwnerOf(work->plan->caller), [this, work] {
     const RequestIdScope id_scope(work->request.id);
@@ -290,7 +310,7 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   if (work->plan->page == Plan::Page::kConsole) {
     parts_.metrics->CountConsoleRefusal(ConsoleCallerOf(work->plan->caller), user_error::kHostBusy);
   }
-  work->responder.Send(MakeErrorReply(user_error::kHostBusy, work->request.id));
+  Send(*work, MakeErrorReply(user_error::kHostBusy, work->request.id));
 }
 
 Lane& Dispatcher::LaneFor(const Plan& plan) const {
@@ -302,7 +322,7 @@ Lane& Dispatcher::LaneFor(const Plan& plan) const {
 
 void Dispatcher::Run(Work& work) const {
   if (work.plan->row) return RunMethod(work);
-  if (work.plan->page == Plan::Page::kConsole) return work.responder.Send(OpenConsole(work));
+  if (work.plan->page == Plan::Page::kConsole) return Send(work, OpenConsole(work));
   if (work.plan->page == Plan::Page::kUpload) {
     http::HttpResponse reply = MakeUploadReply(TakePiece(work), work.request.id);
     if (work.is_accepted) reply.owner = OwnerFor(work.plan->caller);
@@ -310,11 +330,10 @@ void Dispatcher::Run(Work& work) const {
     work.request.body = {};
     work.plan->body_share.reset();
     work.plan->long_body_slot.reset();
-    return work.responder.Send(std::move(reply));
+    return Send(work, std::move(reply));
   }
   const int code = NeedsUser(work) ? CheckAdministrator(work.request) : 0;
-  work.responder.Send(code == 0 ? MakePage(work)
-                                : MakeErrorReply(code, work.request.id, ReasonOfCaller(code, work.request)));
+  Send(work, code == 0 ? MakePage(work) : MakeErrorReply(code, work.request.id, ReasonOfCaller(code, work.request)));
 }
 
 // Metrics reveal how the host is used, so callers on other machines must prove that they are administrators.
@@ -336,6 +355,8 @@ int Dispatcher::CheckAdministrator(const http::HttpRequest& request) const {
 http::HttpResponse Dispatcher::MakePage(const Work& work) const {
   http::HttpResponse response;
   switch (work.plan->page) {
+    case Plan::Page::kStart:
+      return MakeStartPage(work.request.accept);
     case Plan::Page::kHealth: {
       const std::string problem = parts_.health();
       Json::Value body(Json::objectValue);
@@ -375,7 +396,7 @@ void Dispatcher::RunMethod(Work& work) const {
   work.plan->body_share.reset();
   work.plan->long_body_slot.reset();
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->started);
-  work.responder.Send(std::move(reply));
+  Send(work, std::move(reply));
 }
 
 http::HttpResponse Dispatcher::OpenConsole(Work& work) const {

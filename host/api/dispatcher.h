@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/api/allowed_origins.h"
 #include "host/api/api_table.h"
 #include "host/api/body_quota.h"
 #include "host/api/console.h"
@@ -39,6 +40,7 @@ class Dispatcher {
     ConsoleOpener open_console{};                // GET /console/…, on the lane for long calls; not set: 404
     UploadTaker take_piece{};                    // PUT /upload/…, on the lane for long calls; not set: 404
     std::function<bool()> is_database_lost{};    // whether the cluster database cannot be read now; optional
+    AllowedOrigins allowed_origins{};            // whose pages may call from browsers, beside this host's own
   };
   explicit Dispatcher(Parts parts);
 
@@ -51,6 +53,8 @@ class Dispatcher {
   struct Plan;
   struct Work;
 
+  std::optional<http::HttpResponse> PlanRequest(http::HttpRequest& request);
+  void Send(const Work& work, http::HttpResponse response) const;
   std::optional<http::HttpResponse> PlanMethodCall(std::string_view path, std::string_view query,
                                                    http::HttpRequest& request);
   std::optional<http::HttpResponse> PlanConsoleRequest(http::HttpRequest& request);

@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 #include <syslog.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string_view>
 #include <utility>
 
+#include "host/api/bad_parameter.h"
 #include "host/api/failure_reason.h"
 #include "host/api/reason.h"
 #include "host/base/error_help.h"
@@ -44,6 +47,27 @@ Json::Value GivenOr(const Json::Value& extra_members, const char* name, std::str
   return given && given->isString() && !json::String(*given).empty() ? *given : Json::Value(std::string(fallback));
 }
 
+// Hosts of a newer version may send more to each other than this one knows; users get what they have misspelt.
+bool HasUnknownParameter(const HandlerCall& call, Json::Value& extra_members) {
+  if (call.row.access.value == Access::kHost || call.caller.kind == Caller::Kind::kHost) return false;
+  const std::string reason = DescribeUnknownParameter(call.row, call.parameters);
+  if (!reason.empty()) extra_members[kReason] = reason;
+  return !reason.empty();
+}
+
+#ifndef NDEBUG
+// With assertions, a reply that is not as the API description has it ends the program.
+void CheckReply(const ApiRow& row, const VEXA::APIResponse& response) {
+  if (!row.reply || !response.IsSet() || !response.IsSuccess()) return;
+  const std::string wrong = DescribeWrongReply(*row.reply, response.Data());
+  if (wrong.empty()) return;
+  ::syslog(LOG_CRIT, "The reply of %s %s is not as described: %s", row.api.data(), row.method.data(), wrong.c_str());
+  std::fprintf(stderr, "The reply of %s %s is not as described: %s\n", row.api.data(), row.method.data(),
+               wrong.c_str());
+  std::abort();
+}
+#endif
+
 }  // namespace
 
 int CheckCaller(Access access, const Caller& caller) {
@@ -58,6 +82,7 @@ int CheckUser(Access access, const Caller& caller) {
 
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
                  std::vector<std::pair<std::string, std::string>>& headers, Json::Value& extra_members) {
+  if (HasUnknownParameter(call, extra_members)) return response.SetError(user_error::kBadParameter, Json::Value());
   if (std::string reason = ReasonOfTooLongList(call.row, call.parameters); !reason.empty()) {
     extra_members[kReason] = std::move(reason);
     return response.SetError(user_error::kBadParameter, Json::Value());
@@ -71,6 +96,9 @@ void CallHandler(HandlerCall call, VEXA::APIResponse& response,
     const Call handled{&request, &response, call.caller, &headers, &extra_members};
     call.row.handler(handled);
     AddMissingReason(call.row, handled, findings);
+#ifndef NDEBUG
+    CheckReply(call.row, response);
+#endif
   } catch (const std::exception& exception) {
     // Handlers report errors in the response. An exception is a bug of ours and must not take the host down.
     ::syslog(LOG_ERR, "%s %s failed: %s", call.row.api.data(), call.row.method.data(), exception.what());

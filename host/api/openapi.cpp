@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <cctype>
 #include <map>
 #include <set>
 
 #include "host/api/console.h"
+#include "host/api/openapi_pages.h"
+#include "host/api/schema_example.h"
 #include "host/api/upload.h"
-#include "host/base/byte_text.h"
 #include "host/base/error_table.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
@@ -15,24 +17,25 @@
 namespace vexa::api {
 namespace {
 
-const char* SchemaType(ParameterType type) {
-  // In the order of the enumerators.
-  constexpr const char* kTypes[] = {"string", "integer", "boolean", "array", "object"};
-  return kTypes[static_cast<std::size_t>(type)];
+constexpr char kSchemas[] = "#/components/schemas/";
+
+// "VirtualizationGuestList" of VEXA.Virtualization.Guest list.
+std::string NameOf(const ApiRow& row) {
+  const std::string_view api = row.api.starts_with("VEXA.") ? row.api.substr(5) : row.api;
+  std::string name;
+  bool is_first = true;
+  for (const char c : fmt::format("{}.{}", api, row.method)) {
+    const bool is_separator = c == '.' || c == '_';
+    if (!is_separator) name += is_first ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+    is_first = is_separator;
+  }
+  return name;
 }
 
-Json::Value ParametersSchema(const ApiRow& row) {
-  Json::Value schema(Json::objectValue);
-  schema["type"] = "object";
-  for (const Parameter& parameter : row.parameters) {
-    Json::Value& property = schema["properties"][std::string(parameter.name)];
-    property["type"] = SchemaType(parameter.type);
-    property["description"] = std::string(parameter.description);
-    if (parameter.type == ParameterType::kArray) property["items"] = Json::Value(Json::objectValue);
-    if (parameter.max_items > 0) property["maxItems"] = Json::UInt64{parameter.max_items};
-    if (parameter.necessity == Necessity::kRequired) schema["required"].append(std::string(parameter.name));
-  }
-  return schema;
+Json::Value Reference(const std::string& schema) {
+  Json::Value reference(Json::objectValue);
+  reference["$ref"] = kSchemas + schema;
+  return reference;
 }
 
 // The codes that a method can return: its own, and those of its access.
@@ -40,32 +43,56 @@ std::set<int> CodesOf(const ApiRow& row) {
   std::set<int> codes(row.errors.begin(), row.errors.end());
   codes.insert({user_error::kInternal, user_error::kMalformed, user_error::kHostBusy, user_error::kNotJson,
                 user_error::kBodyTooLarge, user_error::kHttpMethodNotAllowed, user_error::kRequestTimeout});
+  // For members that the method does not know.
+  if (row.access.value != Access::kHost) codes.insert(user_error::kBadParameter);
   if (row.access.value == Access::kAnyone) return codes;
   codes.insert({user_error::kNotLoggedIn, user_error::kDenied, user_error::kBadCsrfToken});
   return codes;
 }
 
-void AddFailures(Json::Value& responses, const std::set<int>& codes, Audience audience) {
-  std::map<int, std::string> by_status;
-  for (const int code : codes) {
-    const ErrorRow* error = FindError(code, audience);
-    if (!error) continue;
-    std::string& text = by_status[error->http_status];
-    text += fmt::format("{}{}: {}", text.empty() ? "" : " ", code, error->sentence);
+Json::Value RequestSchema(const ApiRow& row) {
+  Json::Value schema = ToJsonSchema(row.request);
+  // Hosts of a newer version may send more to each other than this one knows.
+  if (row.access.value != Access::kHost) schema["additionalProperties"] = false;
+  return schema;
+}
+
+Json::Value Body(const ApiRow& row) {
+  Json::Value body(Json::objectValue);
+  bool is_required = false;
+  for (const SchemaMember& member : row.request.members) {
+    is_required = is_required || member.necessity == Necessity::kRequired;
   }
-  for (const auto& [status, text] : by_status) {
-    Json::Value& response = responses[std::to_string(status)];
-    response["description"] = text;
-    response["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Failure";
-  }
+  body["required"] = is_required;
+  Json::Value& content = body["content"]["application/json"];
+  content["schema"] = RequestSchema(row);
+  content["example"] = ExampleOf(row.request, Optionals::kRequiredOnly);
+  return body;
+}
+
+Json::Value ExampleReply(const ApiRow& row) {
+  Json::Value example(Json::objectValue);
+  example["success"] = true;
+  example["data"] = ExampleOf(*row.reply, Optionals::kAll);
+  example["request_id"] = "5f0c1a2b3d4e5f60";
+  return example;
 }
 
 Json::Value Responses(const ApiRow& row) {
   Json::Value responses(Json::objectValue);
   responses["200"]["description"] = "Success; the result is in \"data\".";
-  responses["200"]["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
+  Json::Value& content = responses["200"]["content"]["application/json"];
+  content["schema"] = SuccessSchema(row.reply ? Reference(NameOf(row) + "Data") : Json::Value(Json::objectValue));
+  if (row.reply) content["example"] = ExampleReply(row);
   AddFailures(responses, CodesOf(row), AudienceOf(row.access.value));
   return responses;
+}
+
+// One of the ways to be identified, as an element of "security".
+Json::Value Way(const char* scheme) {
+  Json::Value way(Json::objectValue);
+  way[scheme] = Json::Value(Json::arrayValue);
+  return way;
 }
 
 Json::Value Operation(const ApiRow& row) {
@@ -75,8 +102,7 @@ Json::Value Operation(const ApiRow& row) {
   operation["summary"] = std::string(row.summary);
   operation["x-vexa-access"] = std::string(AccessName(row.access.value));
   operation["x-vexa-lane"] = std::string(LaneName(row.lane.value));
-  operation["requestBody"]["required"] = false;
-  operation["requestBody"]["content"]["application/json"]["schema"] = ParametersSchema(row);
+  operation["requestBody"] = Body(row);
   operation["responses"] = Responses(row);
   Json::Value version(Json::objectValue);
   version["name"] = "version";
@@ -86,157 +112,142 @@ Json::Value Operation(const ApiRow& row) {
   version["schema"]["default"] = 1;
   version["schema"]["enum"].append(row.version);
   operation["parameters"].append(version);
-  if (row.access.value == Access::kAnyone) {
-    operation["security"] = Json::Value(Json::arrayValue);
-  }
+  if (row.access.value == Access::kAnyone) operation["security"] = Json::Value(Json::arrayValue);
+  if (row.access.value == Access::kHost) operation["security"].append(Way("certificate"));
   return operation;
 }
 
-Json::Value TextParameter(const char* name, const char* place, const char* description) {
-  Json::Value parameter(Json::objectValue);
-  parameter["name"] = name;
-  parameter["in"] = place;
-  parameter["description"] = description;
-  parameter["schema"]["type"] = "string";
-  return parameter;
+Json::Value Described(const char* type, const char* description) {
+  Json::Value schema(Json::objectValue);
+  if (*type != '\0') schema["type"] = type;
+  schema["description"] = description;
+  return schema;
 }
 
-// GET /console/<guest id>, as users call it.
-Json::Value ConsoleOperation() {
-  using namespace user_error;
-  Json::Value operation(Json::objectValue);
-  operation["operationId"] = "console";
-  operation["tags"].append("VEXA.Virtualization.Guest");
-  operation["summary"] =
-      "Open the screen or the serial line of a running guest: changes the connection to WebSocket (binary messages) or "
-      "to vexa-tunnel (plain bytes). For administrators, and users to whom the guest was granted with its console. The "
-      "caller has a session, with the CSRF token beside a cookie, or a ticket from console_ticket.";
-  Json::Value guest = TextParameter("guest_id", "path", "The guest's id, a UUID.");
-  guest["required"] = true;
-  guest["schema"]["format"] = "uuid";
-  Json::Value type = TextParameter("type", "query", "\"vnc\", the screen (RFC 6143), or \"serial\", the serial line.");
-  type["required"] = true;
-  type["schema"]["enum"].append(std::string(kScreenType));
-  type["schema"]["enum"].append(std::string(kSerialType));
-  Json::Value upgrade = TextParameter("Upgrade", "header", "Together with \"Connection: Upgrade\".");
-  upgrade["required"] = true;
-  upgrade["schema"]["enum"].append("websocket");
-  upgrade["schema"]["enum"].append(std::string(http::kRawTunnel));
-  operation["parameters"].append(guest);
-  operation["parameters"].append(type);
-  operation["parameters"].append(TextParameter("ticket", "query", "In place of a session: good once, for 30 s."));
-  operation["parameters"].append(upgrade);
-  Json::Value& responses = operation["responses"];
-  responses["101"]["description"] = "The connection carries the console.";
-  AddFailures(responses,
-              {kInternal, kMalformed, kNotLoggedIn, kDenied, kBadCsrfToken, kHttpMethodNotAllowed, kHostBusy,
-               kRequestTimeout, kNoSuchAddress, kBadParameter, kNotPermitted, kNotFoundOrUnreadable, kActionFailed,
-               kNotRunning, kGuestBusy, kUnavailable, kUnreachable},
-              Audience::kUsers);
-  for (const char* scheme : {"token", "cookie"}) {
-    Json::Value way(Json::objectValue);
-    way[scheme] = Json::Value(Json::arrayValue);
-    operation["security"].append(way);
-  }
-  operation["security"].append(Json::Value(Json::objectValue));  // a ticket
-  return operation;
-}
-
-// PUT /upload/<upload id>.
-Json::Value UploadOperation() {
-  using namespace user_error;
-  Json::Value operation(Json::objectValue);
-  operation["operationId"] = "upload";
-  operation["tags"].append("VEXA.Virtualization.Image");
-  operation["summary"] = fmt::format(
-      "Send a piece of at most {} of an image whose upload was begun with upload_begin. For administrators.",
-      ByteText(kMaxPieceBytes));
-  operation["x-vexa-access"] = std::string(AccessName(Access::kAdministrator));
-  operation["x-vexa-lane"] = std::string(LaneName(LaneKind::kLong));
-  Json::Value id = TextParameter("upload_id", "path", "The upload's id, a UUID.");
-  id["required"] = true;
-  id["schema"]["format"] = "uuid";
-  Json::Value range = TextParameter(
-      "Content-Range", "header",
-      "Which bytes of the file the body has, both included, and the size of the file: \"bytes FIRST-LAST/TOTAL\".");
-  range["required"] = true;
-  range["schema"]["pattern"] = "^bytes [0-9]+-[0-9]+/[0-9]+$";
-  operation["parameters"].append(id);
-  operation["parameters"].append(range);
-  operation["parameters"].append(
-      TextParameter("X-Vexa-CSRF", "header", "The session's CSRF token, which a cookie needs."));
-  Json::Value& body = operation["requestBody"];
-  body["required"] = true;
-  body["content"]["application/octet-stream"]["schema"]["type"] = "string";
-  body["content"]["application/octet-stream"]["schema"]["format"] = "binary";
-  Json::Value& success = operation["responses"]["200"];
-  success["description"] = "The piece is on disk; \"received\" in \"data\" says how many bytes there are now.";
-  success["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
-  AddFailures(operation["responses"],
-              {kInternal, kMalformed, kNotLoggedIn, kDenied, kBadCsrfToken, kHttpMethodNotAllowed, kHostBusy,
-               kRequestTimeout, kNoSuchAddress, kBodyTooLarge, kBadParameter, kNotFoundOrUnreadable, kUnavailable,
-               kRecordFailed, kUploadOffset, kNoRoom},
-              Audience::kUsers);
-  operation["responses"]["409"]["description"] = operation["responses"]["409"]["description"].asString() +
-                                                 " The error's details say in \"received\" where the upload continues.";
-  return operation;
-}
-
-Json::Value Schemas() {
-  Json::Value schemas(Json::objectValue);
-  Json::Value& success = schemas["Success"];
-  success["type"] = "object";
-  success["properties"]["success"]["type"] = "boolean";
-  success["properties"]["data"] = Json::Value(Json::objectValue);
-  success["properties"]["request_id"]["type"] = "string";
-  success["required"].append("success");
-  success["required"].append("data");
-  success["required"].append("request_id");
-  Json::Value& failure = schemas["Failure"];
+Json::Value FailureSchema() {
+  Json::Value failure(Json::objectValue);
   failure["type"] = "object";
-  failure["properties"]["success"]["type"] = "boolean";
+  failure["properties"]["success"] = Described("boolean", "false");
+  failure["properties"]["success"]["const"] = false;
   Json::Value& error = failure["properties"]["error"];
   error["type"] = "object";
-  error["properties"]["code"]["type"] = "integer";
-  error["properties"]["message"]["type"] = "string";
-  error["properties"]["details"] = Json::Value(Json::objectValue);
+  error["properties"]["code"] = Described("integer", "What went wrong, for programs.");
+  error["properties"]["message"] = Described("string", "What went wrong: the sentence of the code.");
+  error["properties"]["reason"] = Described("string", "What the host has found that acted: one or more sentences.");
+  error["properties"]["hint"] = Described("string", "What helps: a sentence.");
+  error["properties"]["details"] = Described("", "More about it, where the method says so.");
   error["required"].append("code");
   error["required"].append("message");
-  failure["properties"]["request_id"]["type"] = "string";
-  failure["required"].append("success");
-  failure["required"].append("error");
-  failure["required"].append("request_id");
+  failure["properties"]["request_id"] = Described("string", "The request's id, as in the logs.");
+  for (const char* name : {"success", "error", "request_id"}) failure["required"].append(name);
+  return failure;
+}
+
+Json::Value Schemas(const ApiTable& table) {
+  Json::Value schemas(Json::objectValue);
+  schemas["Failure"] = FailureSchema();
+  for (const ApiRow& row : table.rows()) {
+    if (row.reply) schemas[NameOf(row) + "Data"] = ToJsonSchema(*row.reply);
+  }
   return schemas;
+}
+
+Json::Value SecuritySchemes() {
+  Json::Value schemes(Json::objectValue);
+  schemes["token"]["type"] = "http";
+  schemes["token"]["scheme"] = "bearer";
+  schemes["token"]["description"] = "The token of VEXA.Core.Session login.";
+  schemes["cookie"]["type"] = "apiKey";
+  schemes["cookie"]["in"] = "cookie";
+  schemes["cookie"]["name"] = "vexa_session";
+  schemes["cookie"]["description"] = "Of VEXA.Core.Session login with \"cookie\". Calls need the header X-Vexa-CSRF.";
+  schemes["certificate"]["type"] = "mutualTLS";
+  schemes["certificate"]["description"] = "That of another host of the cluster.";
+  return schemes;
+}
+
+Json::Value Tags(const ApiTable& table) {
+  std::set<std::string> names;
+  for (const ApiRow& row : table.rows()) names.emplace(row.api);
+  names.insert({"VEXA.Virtualization.Guest", "VEXA.Virtualization.Image", "pages"});
+  Json::Value tags(Json::arrayValue);
+  for (const std::string& name : names) tags.append(Json::objectValue)["name"] = name;
+  return tags;
+}
+
+Json::Value Servers() {
+  Json::Value servers(Json::arrayValue);
+  Json::Value& server = servers.append(Json::objectValue);
+  server["url"] = "/";
+  server["description"] =
+      "The host that this description comes from: one of its addresses in the setting \"listen\", or its Unix socket.";
+  return servers;
 }
 
 }  // namespace
 
+void AddFailures(Json::Value& responses, const std::set<int>& codes, Audience audience) {
+  struct Failures {
+    std::string text;
+    Json::Value codes{Json::arrayValue};
+  };
+  std::map<int, Failures> by_status;
+  for (const int code : codes) {
+    const ErrorRow* error = FindError(code, audience);
+    if (!error) continue;
+    Failures& failures = by_status[error->http_status];
+    failures.text += fmt::format("{}{}: {}", failures.text.empty() ? "" : " ", code, error->sentence);
+    failures.codes.append(code);
+  }
+  for (const auto& [status, failures] : by_status) {
+    Json::Value& response = responses[std::to_string(status)];
+    response["description"] = failures.text;
+    Json::Value with_codes(Json::objectValue);
+    with_codes["type"] = "object";
+    with_codes["properties"]["error"]["type"] = "object";
+    with_codes["properties"]["error"]["properties"]["code"]["enum"] = failures.codes;
+    Json::Value& schema = response["content"]["application/json"]["schema"];
+    schema["allOf"].append(Reference("Failure"));
+    schema["allOf"].append(with_codes);
+  }
+}
+
+Json::Value SuccessSchema(const Json::Value& data) {
+  Json::Value schema(Json::objectValue);
+  schema["type"] = "object";
+  schema["properties"]["success"] = Described("boolean", "true");
+  schema["properties"]["success"]["const"] = true;
+  schema["properties"]["data"] = data;
+  schema["properties"]["request_id"] = Described("string", "The request's id, as in the logs.");
+  schema["properties"]["simulated"] =
+      Described("boolean", "true: guests are only simulated on the host, and nothing runs. Absent otherwise.");
+  for (const char* name : {"success", "data", "request_id"}) schema["required"].append(name);
+  return schema;
+}
+
 std::string MakeOpenApi(const ApiTable& table) {
   Json::Value document(Json::objectValue);
-  document["openapi"] = "3.0.3";
+  document["openapi"] = "3.1.0";
   document["info"]["title"] = "VEXA Virtualization";
   document["info"]["version"] = VEXA_VERSION;
+  document["info"]["summary"] = "Virtual machines of a cluster of hosts.";
   document["info"]["description"] =
-      "Call a method with POST and its parameters as a JSON object. On the Unix socket the caller is the user of the "
-      "process; on the network, it is the user of a session from VEXA.Core.Session login.";
-  document["components"]["schemas"] = Schemas();
-  Json::Value& schemes = document["components"]["securitySchemes"];
-  schemes["token"]["type"] = "http";
-  schemes["token"]["scheme"] = "bearer";
-  schemes["cookie"]["type"] = "apiKey";
-  schemes["cookie"]["in"] = "cookie";
-  schemes["cookie"]["name"] = "vexa_session";
-  Json::Value token(Json::objectValue);
-  token["token"] = Json::Value(Json::arrayValue);
-  Json::Value cookie(Json::objectValue);
-  cookie["cookie"] = Json::Value(Json::arrayValue);
-  document["security"].append(token);
-  document["security"].append(cookie);
+      "Call a method with POST and its parameters as a JSON object; an empty body counts as {}, also without a "
+      "Content-Type. On the Unix socket the caller is the user of the process; on the network, it is the user of a "
+      "session from VEXA.Core.Session login. Members that a method does not know are refused.";
+  document["servers"] = Servers();
+  document["tags"] = Tags(table);
+  document["components"]["schemas"] = Schemas(table);
+  document["components"]["securitySchemes"] = SecuritySchemes();
+  document["security"].append(Way("token"));
+  document["security"].append(Way("cookie"));
   for (const ApiRow& row : table.rows()) {
     document["paths"][fmt::format("/webapi/{}/{}", row.api, row.method)]["post"] = Operation(row);
   }
   document["paths"][std::string(kConsolePath) + "{guest_id}"]["get"] = ConsoleOperation();
   document["paths"][std::string(kUploadPath) + "{upload_id}"]["put"] = UploadOperation();
+  document["paths"]["/healthz"]["get"] = PageOperation("healthz", "Whether the host works.", "application/json");
+  document["paths"]["/openapi.json"]["get"] = PageOperation("openapi", "This description.", "application/json");
   return VexaVirtualization::json::ToText(document);
 }
 

@@ -95,6 +95,8 @@ void AddNetworkOptions(CLI::App& app, Config& config) {
   app.add_option("--listen", config.listen,
                  "Addresses to listen on for users, \"address:port\"; \"none\" for no network listener");
   app.add_option("--socket", config.socket, "The Unix socket; an empty value for none");
+  app.add_option("--allowed-origins", config.allowed_origins,
+                 "Origins such as https://nas.example whose pages may call from browsers; none otherwise");
   app.add_option("--tls-certificate", config.tls_certificate, "The certificate chain (PEM) for those listeners");
   app.add_option("--tls-key", config.tls_key, "Its private key (PEM), readable by the daemon's user only");
   app.add_option("--max-connections", config.max_connections, "Open connections in total")

@@ -23,6 +23,7 @@ struct Config {
   std::string store_directory;  // empty: "store" in the data folder; hosts on one machine share one
   std::vector<std::string> listen{"127.0.0.1:8642"};  // "address:port"; IPv6 as "[address]:port"
   std::string socket = "/run/vexad/vexad.sock";       // empty: none
+  std::vector<std::string> allowed_origins;           // other origins whose pages may call from browsers
   std::string tls_certificate;                        // for the listeners of users
   std::string tls_key;
   std::string cluster_listen;       // "address:port" for other hosts only; empty: no cluster

@@ -42,6 +42,7 @@
 #include "host/api/user/session_api.h"
 #include "host/api/user/session_list_api.h"
 #include "host/api/user/unreachable_host.h"
+#include "host/api/user/schemas/user_schemas.h"
 #include "host/api/user/upload_api.h"
 #include "host/base/background_thread.h"
 #include "host/base/data_folder.h"
@@ -459,11 +460,12 @@ class Daemon::Impl {
           api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
-    table_ = std::make_unique<api::ApiTable>(std::move(rows));
+    table_ = std::make_unique<api::ApiTable>(api::WithSchemas(std::move(rows), api::UserSchemas()));
     metrics_ = std::make_unique<api::Metrics>(*table_);
     api::Dispatcher::Parts parts;
     parts.table = table_.get();
     parts.identity = identity_.get();
+    parts.allowed_origins = api::AllowedOrigins(config.allowed_origins);
     parts.metrics = metrics_.get();
     parts.quick = &quick_;
     parts.long_running = &long_running_;

@@ -64,6 +64,9 @@ class RequestParser::Impl : public http::basic_parser<true> {
                      beast::error_code& /*error*/) override {
     if (header_done_) return;  // a trailer, which must not change the caller's identity
     switch (field) {
+      case http::field::accept:
+        request_.accept = View(value);
+        break;
       case http::field::content_type:
         request_.content_type = View(value);
         break;

@@ -51,6 +51,7 @@ struct HttpRequest {
   std::string method;  // "GET", "POST", …
   std::string target;  // a path and its query: starts with "/", no control characters, no fragment
   // Header fields, "" when absent. Taken before the body is read, so that trailers cannot change them.
+  std::string accept;
   std::string content_type;
   std::string content_range;
   std::string authorization;

@@ -3,12 +3,15 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <string_view>
 #include <utility>
 
 namespace vexa::test {
 namespace {
+
+std::atomic<ReplyCheck> reply_check = nullptr;
 
 std::size_t AppendBody(char* data, std::size_t, std::size_t count, void* reply) {
   static_cast<HttpReply*>(reply)->body.append(data, count);
@@ -115,7 +118,12 @@ HttpReply HttpClient::PostJson(const std::string& path, const std::string& body)
 
 HttpReply HttpClient::Send(const std::string& method, const std::string& path, const std::vector<std::string>& headers,
                            const std::string& body) {
-  return impl_->Send(method, path, headers, body);
+  HttpReply reply = impl_->Send(method, path, headers, body);
+  const ReplyCheck check = reply_check;
+  if (check && reply.arrived()) check(path, reply);
+  return reply;
 }
+
+void SetReplyCheck(ReplyCheck check) { reply_check = check; }
 
 }  // namespace vexa::test

@@ -28,6 +28,11 @@ struct HttpReply {
   bool arrived() const { return transport_error.empty(); }
 };
 
+// Is called with each reply that arrives at any HttpClient, and the path of its request. Link vexa_reply_check to set
+// one that fails the test for replies that are not as the API description has them.
+using ReplyCheck = void (*)(const std::string& path, const HttpReply& reply);
+void SetReplyCheck(ReplyCheck check);
+
 // One kept-alive connection to one server. Follows no redirects.
 // Threads: one at a time.
 class HttpClient {

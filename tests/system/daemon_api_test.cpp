@@ -244,7 +244,7 @@ const Refusal kRefusals[] = {
     {"NoMethod", "/webapi/VEXA.Virtualization.Guest", "{}", 404, 507},
     {"EncodedName", "/webapi/VEXA.Virtualization.Guest/%67et", "{}", 404, 507},
     {"DotDot", "/webapi/../webapi/VEXA.Virtualization.Guest/get", "{}", 404, 507},
-    {"OtherPath", "/", "{}", 404, 109},
+    {"OtherPath", "/nowhere", "{}", 404, 109},
     {"ArrayBody", "/webapi/VEXA.Virtualization.Guest/get", "[1]", 400, 101},
     {"TextBody", "/webapi/VEXA.Virtualization.Guest/get", "\"x\"", 400, 101},
     {"NullBody", "/webapi/VEXA.Virtualization.Guest/get", "null", 400, 101},

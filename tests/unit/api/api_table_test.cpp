@@ -230,7 +230,7 @@ TEST(OpenApi, Lists_WithALimit_HaveIt) {
 TEST(OpenApi, Description_EachRow_HasAccessParametersAndErrors) {
   const ApiTable table({Row("VEXA.A", "get", 1)});
   const Json::Value document = vexa::test::Parsed(vexa::api::MakeOpenApi(table));
-  EXPECT_EQ(document["openapi"], "3.0.3");
+  EXPECT_EQ(document["openapi"], "3.1.0");
   const Json::Value& operation = document["paths"]["/webapi/VEXA.A/get"]["post"];
   EXPECT_EQ(operation["x-vexa-access"], "user");
   EXPECT_EQ(operation["x-vexa-lane"], "quick");
