@@ -1,10 +1,13 @@
 #include "cli/command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
+
+#include "cli/parse_failure.h"
 
 namespace vexa::cli {
 
@@ -20,6 +23,14 @@ Option& Option::Placeholder(const char* name) {
 
 Option& Option::InRange(int first, int last) {
   option_->check(CLI::Range(first, last));
+  return *this;
+}
+
+Option& Option::OneOf(std::vector<std::string_view> values) {
+  const auto check = [name = option_->get_name(), values = std::move(values)](const std::string& value) -> std::string {
+    return std::ranges::find(values, value) != values.end() ? "" : UnknownValueText(value, name, values);
+  };
+  option_->check(check);
   return *this;
 }
 

@@ -1,14 +1,10 @@
 #include "cli/command_line.h"
 
-#include <fmt/format.h>
-
 #include <CLI/CLI.hpp>
 #include <iostream>
-#include <string>
-#include <vector>
 
 #include "cli/commands.h"
-#include "cli/printable.h"
+#include "cli/parse_failure.h"
 
 #ifndef VEXA_VERSION
 #error "The build defines VEXA_VERSION"
@@ -67,27 +63,6 @@ void AddCommands(const Command& app) {
   AddImageCommands(app);
   AddNetworkCommands(app);
   AddImportCommand(app);
-}
-
-// The sentence for a command line that cannot be parsed, and the command whose help explains it.
-std::string ParseFailureText(const CLI::App& app, const CLI::ParseError& error) {
-  const CLI::App* command = &app;
-  std::string path = "vexa";
-  for (auto given = app.get_subcommands(); !given.empty(); given = command->get_subcommands()) {
-    command = given.front();
-    path += " " + command->get_name();
-  }
-  std::string sentence = error.what();
-  if (command->get_require_subcommand_min() > 0) {
-    const std::vector<std::string> unknown = app.remaining(true);
-    if (unknown.empty())
-      sentence = fmt::format("'{}' needs a command", path);
-    else if (unknown.front().starts_with('-'))
-      sentence = fmt::format("There is no option '{}' of '{}'", unknown.front(), path);
-    else
-      sentence = fmt::format("There is no command '{} {}'", path, unknown.front());
-  }
-  return fmt::format("vexa: {}\nTry '{} --help'.\n", Printable(sentence), path);
 }
 
 }  // namespace

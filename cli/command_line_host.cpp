@@ -22,6 +22,7 @@ void AddHostCommands(const Command& app) {
   edit.AddOption("--placement", edited->placement,
                  "Whether the host may be chosen for new guests, and for guests without a host (at first on)")
       .Placeholder("on|off")
+      .OneOf({"on", "off"})
       .Required();
   edit.Footer(R"(
 The host's own guests are not affected: they run, and can be started.

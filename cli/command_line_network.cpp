@@ -45,7 +45,8 @@ void AddSettingOptions(const Command& command, NetworkSettingOptions& settings) 
           "--move-addresses", settings.move_addresses,
           "Of bridge: whether it may take over the addresses and routes of its uplink, which is refused otherwise "
           "(default: off)")
-      .Placeholder("on|off");
+      .Placeholder("on|off")
+      .OneOf({"on", "off"});
 }
 
 }  // namespace
@@ -60,7 +61,8 @@ void AddNetworkCommands(const Command& app) {
   add.AddOption("--kind", added->kind,
                 "bridge, nat, isolated, vlan or macvtap (default: vlan with --vlan, bridge with --bridge, otherwise "
                 "nat)")
-      .Placeholder("KIND");
+      .Placeholder("KIND")
+      .OneOf({"bridge", "nat", "isolated", "vlan", "macvtap"});
   add.AddOption("--bridge", added->bridge, "Of bridge and vlan: the bridge on the hosts (default: NAME)")
       .Placeholder("BRIDGE");
   AddSettingOptions(add, added->settings);

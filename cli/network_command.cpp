@@ -35,14 +35,7 @@ ExitCode AddSettings(HttpClient& client, const NetworkSettingOptions& settings, 
   if (settings.subnet) parameters["subnet"] = *settings.subnet;
   if (settings.vlan_id) parameters["vlan_id"] = *settings.vlan_id;
   if (settings.uplink) parameters["uplink"] = *settings.uplink;
-  if (settings.move_addresses) {
-    if (*settings.move_addresses != "on" && *settings.move_addresses != "off") {
-      return Report(
-          Error(ErrorCode::kInvalid,
-                fmt::format("'{}' is not a value for --move-addresses. Use 'on' or 'off'", *settings.move_addresses)));
-    }
-    parameters["move_addresses"] = *settings.move_addresses == "on";
-  }
+  if (settings.move_addresses) parameters["move_addresses"] = *settings.move_addresses == "on";
   if (const Status checked = CheckUtf8(parameters); !checked) return Report(checked.error());
   for (const std::string& argument : settings.uplinks) {
     const std::size_t at = argument.find('=');

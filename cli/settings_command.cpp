@@ -15,14 +15,9 @@ constexpr const char* kClusterGet = "/webapi/VEXA.Virtualization.Cluster/get";
 constexpr const char* kClusterSet = "/webapi/VEXA.Virtualization.Cluster/set";
 constexpr const char* kHostEdit = "/webapi/VEXA.Virtualization.Host/edit";
 
-// Sets the parameter `name` if `text` is "on" or "off"; "" leaves it out.
-Status AddSwitch(const std::string& text, const char* option, const char* name, Json::Value& parameters) {
-  if (text.empty()) return {};
-  if (text != "on" && text != "off") {
-    return Error(ErrorCode::kInvalid, fmt::format("'{}' is not a value of {}. Use on or off", Printable(text), option));
-  }
-  parameters[name] = text == "on";
-  return {};
+// Sets the parameter `name` to whether `text` is "on"; "" leaves it out.
+void AddSwitch(const std::string& text, const char* name, Json::Value& parameters) {
+  if (!text.empty()) parameters[name] = text == "on";
 }
 
 std::string OnOrOff(const Json::Value& value) { return IsTrue(value) ? "on" : "off"; }
@@ -31,9 +26,8 @@ std::string OnOrOff(const Json::Value& value) { return IsTrue(value) ? "on" : "o
 
 ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOptions& options) {
   Json::Value parameters(Json::objectValue);
-  Status read = AddSwitch(options.auto_select_host, "--auto-select-host", "auto_select_host", parameters);
-  if (read) read = AddSwitch(options.upgrading, "--upgrading", "upgrading", parameters);
-  if (!read) return Report(read.error());
+  AddSwitch(options.auto_select_host, "auto_select_host", parameters);
+  AddSwitch(options.upgrading, "upgrading", parameters);
   const CallOutcome outcome =
       CallServer(global, parameters.empty() ? kClusterGet : kClusterSet, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
@@ -45,9 +39,7 @@ ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOp
 
 ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options) {
   Json::Value parameters(Json::objectValue);
-  if (const Status read = AddSwitch(options.placement, "--placement", "placement", parameters); !read) {
-    return Report(read.error());
-  }
+  AddSwitch(options.placement, "placement", parameters);
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   HttpClient client(*connect);

@@ -300,7 +300,7 @@ TEST_F(ImageCommand, RepositoryAcceptAndRemove_Name_SendItsId) {
   EXPECT_EQ(RunOn(host, {"repository", "accept", "twin"}).errors,
             "vexa: Several repositories are called 'twin'. Use one of the ids r3, r4\n");
   EXPECT_EQ(RunOn(host, {"repository", "accept", "poo"}).errors,
-            "vexa: There is no repository called 'poo'; see 'vexa repository list'\n");
+            "vexa: There is no repository called 'poo'; did you mean 'pool-1'? See 'vexa repository list'\n");
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ TEST_F(NetworkCommand, Arguments_Invalid_AreNotSent) {
         std::pair(std::vector<std::string>{"add", "lan", "--uplink-of", "eth0"},
                   "vexa: 'eth0' is not an uplink. Use HOST=INTERFACE\n"),
         std::pair(std::vector<std::string>{"edit", "lan", "--move-addresses", "no"},
-                  "vexa: 'no' is not a value for --move-addresses. Use 'on' or 'off'\n"),
+                  "vexa: 'no' is not a value of --move-addresses. Use on or off\nTry 'vexa network edit --help'.\n"),
         std::pair(std::vector<std::string>{"add", "lan", "--description", "\xFF"},
                   "vexa: The value of 'description' is not valid UTF-8\n"),
         std::pair(std::vector<std::string>{"add", "lan", "--vlan", "x"}, "vexa: ")}) {
