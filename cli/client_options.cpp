@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "cli/printable.h"
+#include "cli/transport_failure.h"
 
 namespace vexa::cli {
 namespace {
@@ -113,6 +114,8 @@ CallOutcome OutcomeOf(const HttpClient& client, const Result<HttpReply>& reply, 
   Result<ApiReply> parsed = ReadApiReply(*reply);
   if (!parsed) {
     outcome = FailureOf(parsed.error());
+    // Servers that are overloaded, and proxies in front of them, fail in other forms, too.
+    if (reply->status < 500) outcome.failure += "\n" + Printable(NotVexaHint(client.endpoint()));
     // The reply of a proxy in front of the server is not in the form of the API.
     if (reply->status == kHttpUnauthorized && hint == LoginHint::kShow) outcome.failure += kLoginHint;
   } else if (!parsed->success) {
