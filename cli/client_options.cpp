@@ -6,6 +6,7 @@
 #include <iostream>
 #include <utility>
 
+#include "cli/output.h"
 #include "cli/printable.h"
 #include "cli/transport_failure.h"
 
@@ -175,7 +176,7 @@ ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sente
 }
 
 ExitCode PrintJson(const Json::Value& data) {
-  std::cout << RenderJson(data, JsonLayout::kIndented) << '\n';
+  std::cout << RenderData(data, CurrentDataFormat());
   return ExitCode::kOk;
 }
 

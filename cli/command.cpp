@@ -2,12 +2,14 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "cli/parse_failure.h"
+#include "cli/watch.h"
 
 namespace vexa::cli {
 
@@ -83,6 +85,16 @@ Option Command::AddFlag(const char* name, std::function<void()> on_use, const ch
 
 void Command::OnRun(RunFunction run) const {
   app_->callback([target = run_, run = std::move(run)] { *target = run; });
+}
+
+void Command::OnRunOrWatch(RunFunction run) const {
+  const auto seconds = std::make_shared<std::optional<int>>();
+  AddOption("--watch", *seconds, "Repeat the command, and show what has changed (default: every 2 s)")
+      .Placeholder("SECONDS")
+      .InRange(1, 86'400);
+  OnRun([seconds, run = std::move(run)](const GlobalOptions& global) {
+    return *seconds ? Watch(global, std::chrono::seconds(**seconds), run) : run(global);
+  });
 }
 
 }  // namespace vexa::cli

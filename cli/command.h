@@ -70,6 +70,12 @@ class Command {
   void OnRun(const std::shared_ptr<Options>& options, Run run) const {
     OnRun([options, run](const GlobalOptions& global) { return run(global, *options); });
   }
+  // The same for a command that only shows something: it also has the option --watch.
+  void OnRunOrWatch(RunFunction run) const;
+  template <class Options, class Run>
+  void OnRunOrWatch(const std::shared_ptr<Options>& options, Run run) const {
+    OnRunOrWatch([options, run](const GlobalOptions& global) { return run(global, *options); });
+  }
 
  private:
   CLI::App* app_;

@@ -75,12 +75,12 @@ void AddNetworkCommands(const Command& app) {
   AddSettingOptions(edit, edited->settings);
   edit.OnRun(edited, RunNetworkEdit);
 
-  network.AddCommand("list", "List the networks").OnRun(RunNetworkList);
+  network.AddCommand("list", "List the networks").OnRunOrWatch(RunNetworkList);
 
   const auto name = std::make_shared<std::string>();
   const Command show = network.AddCommand("show", "Show a network, and what the hosts have made of it");
   show.AddOption("NETWORK", *name, "Its id or name").Required();
-  show.OnRun(name, RunNetworkShow);
+  show.OnRunOrWatch(name, RunNetworkShow);
 
   const Command remove = network.AddCommand("remove", "Remove a network that is not used (administrators)");
   remove.Footer("\nWhen interfaces of guests are in the network, the error names the guests.");

@@ -91,7 +91,8 @@ CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const
 }
 
 ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
-                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data)) {
+                    const std::optional<std::string>& id_or_name,
+                    const std::function<void(const Json::Value& data)>& print) {
   std::string id;
   const CallOutcome outcome =
       id_or_name ? GetObject(global, kind, path, *id_or_name, id)

@@ -7,6 +7,7 @@
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "host/records/named_record.h"
 
 namespace vexa::cli {
 namespace {
@@ -40,6 +41,15 @@ ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOp
 ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options) {
   Json::Value parameters(Json::objectValue);
   AddSwitch(options.placement, "placement", parameters);
+  if (!options.name.empty()) {
+    if (!records::IsRecordName(options.name)) {
+      return Report(Error(ErrorCode::kInvalid, "A name is 1 to 128 bytes of UTF-8 without control characters"));
+    }
+    parameters["name"] = options.name;
+  }
+  if (parameters.empty()) {
+    return Report(Error(ErrorCode::kInvalid, "Nothing to change is named; see 'vexa host edit --help'"));
+  }
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   HttpClient client(*connect);
@@ -48,6 +58,11 @@ ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options
   parameters["host_id"] = id;
   const CallOutcome outcome = CallApi(client, kHostEdit, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (!options.name.empty()) {
+    PrintConfirmation(
+        global, fmt::format("The host '{}' is called '{}' now.", Printable(options.host), Printable(options.name)));
+  }
+  if (options.placement.empty()) return ExitCode::kOk;
   return PrintConfirmation(global, fmt::format("The host '{}' {} for guests without a host.", Printable(options.host),
                                                options.placement == "on" ? "may be chosen" : "is not chosen"));
 }
