@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "cli/printable.h"
+#include "cli/transport_failure.h"
 #include "host/base/json_parse.h"
 
 namespace vexa::cli {
@@ -62,6 +63,9 @@ ExitCode RunHealth(const GlobalOptions& global) {
   if (!reply) return ReportTransport(reply.error());
   const bool healthy = reply->status == 200;
   const Result<Json::Value> body = ParseJson(reply->body);
+  if (healthy && (!body || !body->isObject())) {
+    return Report(Error(ErrorCode::kCorrupt, "The reply is not the health report of a server", NotVexaHint(*endpoint)));
+  }
   if (global.json) {
     if (!body) return Report(Error(ErrorCode::kCorrupt, "The server's health report is not JSON"));
     PrintJson(*body);

@@ -6,7 +6,9 @@
 #include <iostream>
 #include <utility>
 
+#include "cli/output.h"
 #include "cli/printable.h"
+#include "cli/transport_failure.h"
 
 namespace vexa::cli {
 namespace {
@@ -110,6 +112,8 @@ CallOutcome OutcomeOf(const HttpClient& client, const Result<HttpReply>& reply, 
   Result<ApiReply> parsed = ReadApiReply(*reply);
   if (!parsed) {
     outcome = FailureOf(parsed.error());
+    // Servers that are overloaded, and proxies in front of them, fail in other forms, too.
+    if (reply->status < 500) outcome.failure += "\n" + Printable(NotVexaHint(client.endpoint()));
     // The reply of a proxy in front of the server is not in the form of the API.
     if (reply->status == kHttpUnauthorized && hint == LoginHint::kShow)
       outcome.failure += fmt::format("\n  Hint: {}", kLoginHint);
@@ -169,7 +173,7 @@ ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sente
 }
 
 ExitCode PrintJson(const Json::Value& data) {
-  std::cout << RenderJson(data, JsonLayout::kIndented) << '\n';
+  std::cout << RenderData(data, CurrentDataFormat());
   return ExitCode::kOk;
 }
 

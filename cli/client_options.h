@@ -24,7 +24,8 @@ struct GlobalOptions {
   std::string token_file;
   std::string ca_file;
   std::optional<int> timeout_s;  // kDefaultTimeoutS, unless the command has its own
-  bool json = false;
+  bool json = false;             // PrintJson instead of text: --json, or --output with json, yaml or name
+  bool ids = false;              // ids in texts and tables, too
   bool quiet = false;
   bool verbose = false;
   bool insecure_http = false;
@@ -94,7 +95,7 @@ void PrintSimulationNote();
 // Prints a sentence about what was done, unless --quiet is set. Returns kOk.
 ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sentence);
 
-// Writes `data` as JSON on standard output.
+// Writes `data` on standard output as JSON, or in the format of --output.
 ExitCode PrintJson(const Json::Value& data);
 
 }  // namespace vexa::cli

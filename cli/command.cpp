@@ -1,10 +1,15 @@
 #include "cli/command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
+
+#include "cli/parse_failure.h"
+#include "cli/watch.h"
 
 namespace vexa::cli {
 
@@ -20,6 +25,14 @@ Option& Option::Placeholder(const char* name) {
 
 Option& Option::InRange(int first, int last) {
   option_->check(CLI::Range(first, last));
+  return *this;
+}
+
+Option& Option::OneOf(std::vector<std::string_view> values) {
+  const auto check = [name = option_->get_name(), values = std::move(values)](const std::string& value) -> std::string {
+    return std::ranges::find(values, value) != values.end() ? "" : UnknownValueText(value, name, values);
+  };
+  option_->check(check);
   return *this;
 }
 
@@ -72,6 +85,16 @@ Option Command::AddFlag(const char* name, std::function<void()> on_use, const ch
 
 void Command::OnRun(RunFunction run) const {
   app_->callback([target = run_, run = std::move(run)] { *target = run; });
+}
+
+void Command::OnRunOrWatch(RunFunction run) const {
+  const auto seconds = std::make_shared<std::optional<int>>();
+  AddOption("--watch", *seconds, "Repeat the command, and show what has changed (default: every 2 s)")
+      .Placeholder("SECONDS")
+      .InRange(1, 86'400);
+  OnRun([seconds, run = std::move(run)](const GlobalOptions& global) {
+    return *seconds ? Watch(global, std::chrono::seconds(**seconds), run) : run(global);
+  });
 }
 
 }  // namespace vexa::cli

@@ -5,6 +5,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "cli/client_options.h"
 
@@ -24,6 +26,8 @@ class Option {
   // The name of the value in the help, such as "PATH".
   Option& Placeholder(const char* name);
   Option& InRange(int first, int last);
+  // Any other value is refused with the nearest of these, which must outlive the parser.
+  Option& OneOf(std::vector<std::string_view> values);
   Option& Excludes(const Option& other);
   // For a list: the option is repeated for each value. Otherwise, an argument after it would count as another value.
   Option& TakesOneValue();
@@ -65,6 +69,12 @@ class Command {
   template <class Options, class Run>
   void OnRun(const std::shared_ptr<Options>& options, Run run) const {
     OnRun([options, run](const GlobalOptions& global) { return run(global, *options); });
+  }
+  // The same for a command that only shows something: it also has the option --watch.
+  void OnRunOrWatch(RunFunction run) const;
+  template <class Options, class Run>
+  void OnRunOrWatch(const std::shared_ptr<Options>& options, Run run) const {
+    OnRunOrWatch([options, run](const GlobalOptions& global) { return run(global, *options); });
   }
 
  private:

@@ -1,14 +1,15 @@
 #include "cli/command_line.h"
 
-#include <fmt/format.h>
-
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "cli/commands.h"
-#include "cli/printable.h"
+#include "cli/output.h"
+#include "cli/parse_failure.h"
 
 #ifndef VEXA_VERSION
 #error "The build defines VEXA_VERSION"
@@ -33,7 +34,8 @@ Examples:
 
 Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 the server cannot be reached; 130 interrupted.)";
 
-void AddGlobalOptions(const Command& app, GlobalOptions& options) {
+// Returns the value of --output.
+std::shared_ptr<std::string> AddGlobalOptions(const Command& app, GlobalOptions& options) {
   const Option server =
       app.AddOption("--server", options.server, "The server, such as https://nas:8443").Placeholder("URL");
   app.AddOption("--socket", options.socket, "The Unix socket of a server on this host")
@@ -46,10 +48,27 @@ void AddGlobalOptions(const Command& app, GlobalOptions& options) {
   app.AddOption("--timeout", options.timeout_s, "How long to wait for a reply, 1 to 86400 s (default 60)")
       .Placeholder("SECONDS")
       .InRange(1, 86'400);
-  app.AddFlag("--json", options.json, "Print the data as JSON");
+  const auto format = std::make_shared<std::string>();
+  const Option output = app.AddOption("--output", *format, "How to print data: table, json, yaml or name (only names)")
+                            .Placeholder("FORMAT")
+                            .OneOf({"table", "json", "yaml", "name"});
+  app.AddFlag("--json", options.json, "The same as --output json").Excludes(output);
+  app.AddFlag("--ids", options.ids, "Show ids in tables, beside or in place of names");
   app.AddFlag("-q,--quiet", options.quiet, "Print no confirmations");
   app.AddFlag("-v,--verbose", options.verbose, "Print each request and reply on standard error, without secrets");
   app.AddFlag("--insecure-http", options.insecure_http, "Allow sending passwords and tokens unencrypted");
+  return format;
+}
+
+// "--watch" without a number of seconds becomes "--watch=2", because the word after it may be an argument.
+std::vector<std::string> WithWatchSeconds(int argc, char** argv) {
+  std::vector<std::string> words(argv + 1, argv + argc);
+  for (std::size_t i = 0; i < words.size() && words[i] != "--"; ++i) {
+    const bool has_number = i + 1 < words.size() && words[i + 1].find_first_not_of("0123456789") == std::string::npos;
+    if (words[i] == "--watch" && !has_number) words[i] = "--watch=2";
+  }
+  std::ranges::reverse(words);  // as the parser takes them
+  return words;
 }
 
 void AddCommands(const Command& app) {
@@ -70,27 +89,6 @@ void AddCommands(const Command& app) {
   AddImportCommand(app);
 }
 
-// The sentence for a command line that cannot be parsed, and the command whose help explains it.
-std::string ParseFailureText(const CLI::App& app, const CLI::ParseError& error) {
-  const CLI::App* command = &app;
-  std::string path = "vexa";
-  for (auto given = app.get_subcommands(); !given.empty(); given = command->get_subcommands()) {
-    command = given.front();
-    path += " " + command->get_name();
-  }
-  std::string sentence = error.what();
-  if (command->get_require_subcommand_min() > 0) {
-    const std::vector<std::string> unknown = app.remaining(true);
-    if (unknown.empty())
-      sentence = fmt::format("'{}' needs a command", path);
-    else if (unknown.front().starts_with('-'))
-      sentence = fmt::format("There is no option '{}' of '{}'", unknown.front(), path);
-    else
-      sentence = fmt::format("There is no command '{} {}'", path, unknown.front());
-  }
-  return fmt::format("vexa: {}\nTry '{} --help'.\n", Printable(sentence), path);
-}
-
 }  // namespace
 
 int RunCommandLine(int argc, char** argv) {
@@ -103,17 +101,19 @@ int RunCommandLine(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();  // global options may follow the command
   const Command program(app, run);
-  AddGlobalOptions(program, global);
+  const std::shared_ptr<std::string> format = AddGlobalOptions(program, global);
   AddCommands(program);
   app.footer(kFooter);
   try {
-    app.parse(argc, argv);
+    app.parse(WithWatchSeconds(argc, argv));
   } catch (const CLI::Success& asked) {  // --help, --version
     return app.exit(asked);
   } catch (const CLI::ParseError& error) {
     std::cerr << ParseFailureText(app, error);
     return static_cast<int>(ExitCode::kUsage);
   }
+  if (!format->empty()) global.json = *format != "table";
+  SetDataFormat(*format == "yaml" ? DataFormat::kYaml : *format == "name" ? DataFormat::kName : DataFormat::kJson);
   return static_cast<int>(run(global));
 }
 

@@ -36,7 +36,7 @@ void AddSessions(const Command& app) {
   const auto list_options = std::make_shared<SessionListOptions>();
   const Option user = list.AddOption("USER", list_options->user, "The user whose sessions to list (default: you)");
   list.AddFlag("--all", list_options->all, "List the sessions of all users").Excludes(user);
-  list.OnRun(list_options, RunSessionList);
+  list.OnRunOrWatch(list_options, RunSessionList);
 
   const Command end = session.AddCommand("end", "End a session, or all sessions of a user");
   const auto end_options = std::make_shared<SessionEndOptions>();
@@ -66,7 +66,7 @@ void AddRequests(const Command& app) {
       "    vexa call VEXA.Virtualization.Guest get -");
   call.OnRun(options, RunCall);
 
-  app.AddCommand("health", "Check the health of the server").OnRun(RunHealth);
+  app.AddCommand("health", "Check the health of the server").OnRunOrWatch(RunHealth);
 }
 
 }  // namespace

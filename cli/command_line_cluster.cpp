@@ -50,11 +50,13 @@ void AddClusterCommands(const Command& app) {
   settings
       .AddOption("--auto-select-host", switches->auto_select_host,
                  "Whether guests without a host are assigned one when they are started (at first on)")
-      .Placeholder("on|off");
+      .Placeholder("on|off")
+      .OneOf({"on", "off"});
   settings
       .AddOption("--upgrading", switches->upgrading,
                  "Whether the hosts are between two versions that cannot read each other's records (at first off)")
-      .Placeholder("on|off");
+      .Placeholder("on|off")
+      .OneOf({"on", "off"});
   settings.Footer(R"(
 While --upgrading is on, guests are shown as frozen, and a host does not end the guests of other hosts.
 

@@ -39,7 +39,9 @@ void AddCreateCommand(const Command& app) {
   const auto options = std::make_shared<GuestCreateOptions>();
   create.AddOption("GUEST", options->name, "Its name, which no other guest has").Required();
   create.AddOption("NAME=VALUE", options->settings, "Settings, see 'vexa guest set --help'");
-  create.AddOption("--os", options->os, "linux, windows or other").Placeholder("OS");
+  create.AddOption("--os", options->os, "linux, windows or other")
+      .Placeholder("OS")
+      .OneOf({"linux", "windows", "other"});
   create.AddOption("--cpus", options->cpus, "Virtual CPUs").Placeholder("N");
   create.AddOption("--memory", options->memory, "Memory, such as 512MiB or 2GiB").Placeholder("SIZE");
   AddRepeated(create, "--disk", options->disks, "SIZE|from=IMAGE[,format=raw][,mode=N]",

@@ -37,9 +37,9 @@ void AddImageCommands(const Command& app) {
       .Placeholder("FOLDER");
   add.OnRun(options, RunImageAdd);
 
-  image.AddCommand("list", "List the images (paths are shown to administrators only)").OnRun(RunImageList);
+  image.AddCommand("list", "List the images (paths are shown to administrators only)").OnRunOrWatch(RunImageList);
 
-  image.AddCommand("uploads", "List the uploads in progress (administrators)").OnRun(RunUploadList);
+  image.AddCommand("uploads", "List the uploads in progress (administrators)").OnRunOrWatch(RunUploadList);
 
   const Command cancel = image.AddCommand("cancel-upload", "Remove an upload in progress (administrators)");
   const auto upload = std::make_shared<std::string>();

@@ -45,7 +45,8 @@ void AddSettingOptions(const Command& command, NetworkSettingOptions& settings) 
           "--move-addresses", settings.move_addresses,
           "Of bridge: whether it may take over the addresses and routes of its uplink, which is refused otherwise "
           "(default: off)")
-      .Placeholder("on|off");
+      .Placeholder("on|off")
+      .OneOf({"on", "off"});
 }
 
 }  // namespace
@@ -60,7 +61,8 @@ void AddNetworkCommands(const Command& app) {
   add.AddOption("--kind", added->kind,
                 "bridge, nat, isolated, vlan or macvtap (default: vlan with --vlan, bridge with --bridge, otherwise "
                 "nat)")
-      .Placeholder("KIND");
+      .Placeholder("KIND")
+      .OneOf({"bridge", "nat", "isolated", "vlan", "macvtap"});
   add.AddOption("--bridge", added->bridge, "Of bridge and vlan: the bridge on the hosts (default: NAME)")
       .Placeholder("BRIDGE");
   AddSettingOptions(add, added->settings);
@@ -73,12 +75,12 @@ void AddNetworkCommands(const Command& app) {
   AddSettingOptions(edit, edited->settings);
   edit.OnRun(edited, RunNetworkEdit);
 
-  network.AddCommand("list", "List the networks").OnRun(RunNetworkList);
+  network.AddCommand("list", "List the networks").OnRunOrWatch(RunNetworkList);
 
   const auto name = std::make_shared<std::string>();
   const Command show = network.AddCommand("show", "Show a network, and what the hosts have made of it");
   show.AddOption("NETWORK", *name, "Its id or name").Required();
-  show.OnRun(name, RunNetworkShow);
+  show.OnRunOrWatch(name, RunNetworkShow);
 
   const Command remove = network.AddCommand("remove", "Remove a network that is not used (administrators)");
   remove.Footer("\nWhen interfaces of guests are in the network, the error names the guests.");

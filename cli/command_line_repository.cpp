@@ -47,12 +47,12 @@ void AddRepositoryCommands(const Command& app) {
   accept.OnRun(name, RunRepositoryAccept);
 
   repository.AddCommand("list", "List the repositories (--json: with the folders of their disks, for administrators)")
-      .OnRun(RunRepositoryList);
+      .OnRunOrWatch(RunRepositoryList);
 
   const Command get =
       repository.AddCommand("get", "Show a repository, its disks, and files of no guest in it (administrators)");
   get.AddOption("REPOSITORY", *name, "Its id or name").Required();
-  get.OnRun(name, RunRepositoryGet);
+  get.OnRunOrWatch(name, RunRepositoryGet);
 
   const Command rename = repository.AddCommand("rename", "Give a repository another name (administrators)");
   const auto renamed = std::make_shared<RenameOptions>();

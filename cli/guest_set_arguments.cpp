@@ -12,6 +12,7 @@
 #include <variant>
 
 #include "cli/listing.h"
+#include "cli/parse_failure.h"
 #include "cli/reply.h"
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
@@ -163,8 +164,11 @@ Status ParseNicProperty(const std::string& argument, Json::Value& nic) {
   const auto* const row =
       std::ranges::find_if(kMembers, [&key = key](const auto& member) { return key == member.first; });
   if (!pair || row == std::end(kMembers)) {
-    return Invalid(fmt::format(
-        "'{}' is not a property of an interface. Use net=NETWORK, type=N, mac=ADDRESS or sriov=true", argument));
+    static constexpr std::string_view kKeys[] = {"net", "type", "mac", "sriov"};
+    const std::string guess = pair ? DidYouMean(key, kKeys) : "";
+    return Invalid(
+        fmt::format("'{}' is not a property of an interface{} Use net=NETWORK, type=N, mac=ADDRESS or sriov=true",
+                    argument, guess.empty() ? "." : guess));
   }
   if (nic.isMember(row->second)) return Invalid(fmt::format("'{}' is given twice for one interface", key));
   Json::Value& member = nic[row->second];
@@ -238,6 +242,16 @@ Status AddContents(const std::vector<std::string>& arguments, const char* parame
   return {};
 }
 
+// "; did you mean 'iso'?" about the first setting whose value is similar to one that it can have.
+std::string NearestValue(const Json::Value& parameters) {
+  for (const GuestSetting* setting : Settings()) {
+    const std::string value = Text(Member(parameters, setting->name));
+    if (std::ranges::find(setting->allowed_values, value) != setting->allowed_values.end()) continue;
+    if (std::string guess = DidYouMean(value, setting->allowed_values); !guess.empty()) return guess;
+  }
+  return "";
+}
+
 }  // namespace
 
 std::span<const GuestSetting* const> Settings() {
@@ -270,7 +284,9 @@ Result<Json::Value> ParametersOf(const GuestSetArguments& arguments) {
         AddContents(arguments.isos, "iso_images", parameters), AddContents(arguments.usbs, "usbs", parameters)}) {
     if (!status) return status.error();
   }
-  if (const Status checked = CheckParameters(WithoutNetworkNames(parameters)); !checked) return checked.error();
+  if (const Status checked = CheckParameters(WithoutNetworkNames(parameters)); !checked) {
+    return Invalid(checked.error().message() + NearestValue(parameters));
+  }
   return parameters;
 }
 

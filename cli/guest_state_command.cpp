@@ -8,6 +8,7 @@
 
 #include "cli/guest_pending.h"
 #include "cli/listing.h"
+#include "cli/object_names.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/time_text.h"
@@ -15,12 +16,12 @@
 namespace vexa::cli {
 namespace {
 
-constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id"}, Column{"NAME", "guest_name"},
-                                      Column{"STATE", "status"},   Column{"SEVERITY", "status_type"},
-                                      Column{"HOST", "host_id"},   Column{"AGE", "age_s"}};
+constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id", true}, Column{"NAME", "guest_name"},
+                                      Column{"STATE", "status"},         Column{"SEVERITY", "status_type"},
+                                      Column{"HOST", "host_id"},         Column{"AGE", "age_s", false, true}};
 constexpr std::array kDiskColumns = {Column{"DISK", "vdisk_id"}, Column{"NAME", "name"}, Column{"STATE", "status"},
                                      Column{"SEVERITY", "status_type"}};
-constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "host_name"},
+constexpr std::array kHostColumns = {Column{"HOST", "host_id", true}, Column{"NAME", "host_name"},
                                      Column{"STATE", "ha_host_status_type"}};
 
 // "warning (ha_warn_host_short_ram)"
@@ -30,12 +31,13 @@ std::string SeverityText(const Json::Value& element) {
   return reason.empty() ? severity : fmt::format("{} ({})", severity, reason);
 }
 
-void PrintStatus(const Json::Value& guest) {
-  Fields fields{{"Guest", Text(Member(guest, "guest_id"))},
-                {"Name", Text(Member(guest, "guest_name"))},
-                {"Host", Text(Member(guest, "host_id"))},
-                {"State", StateText(guest, "status")},
-                {"Severity", SeverityText(guest)}};
+void PrintStatus(const GlobalOptions& global, const Json::Value& guest) {
+  Fields fields;
+  if (global.ids) fields.emplace_back("Guest", Text(Member(guest, "guest_id")));
+  fields.insert(fields.end(), {{"Name", Text(Member(guest, "guest_name"))},
+                               {"Host", ObjectNames(global).Of(kHosts, Text(Member(guest, "host_id")))},
+                               {"State", StateText(guest, "status")},
+                               {"Severity", SeverityText(guest)}});
   if (const Json::Value& progress = Member(guest, "progress"); progress.isInt()) {
     fields.emplace_back("Progress", fmt::format("{} %", progress.asInt()));
   }
@@ -62,7 +64,7 @@ void PrintStatus(const Json::Value& guest) {
   const Json::Value& hosts = Member(ha, "hosts");
   if (!hosts.isArray() || hosts.empty()) return;
   std::cout << "\nHosts of its group\n";
-  PrintRows(hosts, kHostColumns);
+  PrintRows(hosts, kHostColumns, global.ids ? Ids::kShown : Ids::kHidden);
 }
 
 }  // namespace
@@ -71,12 +73,21 @@ ExitCode RunGuestList(const GlobalOptions& global) {
   const CallOutcome outcome = ListObjects(global, kGuests);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  PrintRows(WithStateTexts(Member(outcome.data, "guests"), "status"), kGuestColumns);
+  Json::Value guests = WithStateTexts(Member(outcome.data, "guests"), "status");
+  ObjectNames names(global);
+  for (Json::Value& guest : guests) {
+    if (!guest.isObject()) continue;
+    guest["host_id"] = names.Of(kHosts, Text(Member(guest, "host_id")));
+    // Without its name, its id is all that users know.
+    if (!global.ids && Text(Member(guest, kGuests.name)).empty()) guest[kGuests.name] = Member(guest, kGuests.id);
+  }
+  PrintRows(guests, kGuestColumns, global.ids ? Ids::kShown : Ids::kHidden);
   return ExitCode::kOk;
 }
 
 ExitCode RunGuestStatus(const GlobalOptions& global, const std::string& guest) {
-  return ShowObject(global, kGuests, kGuestStatus, guest, PrintStatus);
+  return ShowObject(global, kGuests, kGuestStatus, guest,
+                    [&global](const Json::Value& status) { PrintStatus(global, status); });
 }
 
 }  // namespace vexa::cli

@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char* kInfo = "/webapi/VEXA.Virtualization.Guest/info";
 
-constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"},
+constexpr std::array kHostColumns = {Column{"HOST", "host_id", true}, Column{"NAME", "name"}, Column{"STATE", "state"},
                                      Column{"VERSION", "version_state"}, Column{"CERTIFICATE", "certificate"}};
 constexpr std::array kInterfaceColumns = {Column{"INTERFACE", "ifname"}, Column{"TYPE", "type"},
                                           Column{"ADDRESS", "ip"},       Column{"MAC", "mac"},
@@ -94,7 +94,8 @@ ExitCode RunHostList(const GlobalOptions& global) {
   const CallOutcome outcome = ListObjects(global, kHosts);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  PrintRows(WithStateTexts(Member(outcome.data, "hosts"), "state"), kHostColumns);
+  PrintRows(WithStateTexts(Member(outcome.data, "hosts"), "state"), kHostColumns,
+            global.ids ? Ids::kShown : Ids::kHidden);
   return ExitCode::kOk;
 }
 

@@ -6,12 +6,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <iostream>
-#include <system_error>
 #include <utility>
 
 #include "cli/printable.h"
+#include "cli/transport_failure.h"
 
 namespace vexa::cli {
 namespace {
@@ -29,20 +28,6 @@ std::size_t AppendToBody(char* data, std::size_t, std::size_t count, void* conte
   }
   received->body.append(data, count);
   return count;
-}
-
-// Why a Unix socket does not accept connections. libcurl's own message names the host and port of an internal URL.
-std::string WhyNotConnected(int error_number) {
-  switch (error_number) {
-    case ENOENT:
-    case ENOTDIR:
-      return "nothing listens there, because the file does not exist. Start vexad, or name its socket with --socket or "
-             "$VEXA_SOCKET";
-    case ECONNREFUSED:
-      return "nothing listens there. Start vexad";
-    default:
-      return std::generic_category().message(error_number);
-  }
 }
 
 }  // namespace
@@ -144,9 +129,15 @@ class HttpClient::Impl {
       return Error(ErrorCode::kCorrupt, "The server's reply is larger than 16 MiB and was not read");
     }
     if (code != CURLE_OK) {
-      const std::string why = WhyUnavailable(code, reason);
-      return Error(ErrorCode::kUnavailable, fmt::format("No reply from {}", options_.endpoint.Name()),
-                   WithoutToken(why));
+      long error_number = 0;
+      long certificate_problem = 0;
+      curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &error_number);
+      curl_easy_getinfo(handle_, CURLINFO_SSL_VERIFYRESULT, &certificate_problem);
+      const std::string text = *reason != '\0' ? reason : curl_easy_strerror(code);
+      return TransportError(options_, {.curl_code = code,
+                                       .error_number = static_cast<int>(error_number),
+                                       .certificate_problem = certificate_problem,
+                                       .text = WithoutToken(text)});
     }
     long status = 0;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
@@ -157,15 +148,6 @@ class HttpClient::Impl {
                 << static_cast<long>(seconds * 1000) << " ms\n";
     }
     return HttpReply{static_cast<int>(status), std::move(received.body)};
-  }
-
-  std::string WhyUnavailable(CURLcode code, const char* reason) const {
-    long error_number = 0;
-    curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &error_number);
-    if (code == CURLE_COULDNT_CONNECT && error_number != 0 && !options_.endpoint.unix_socket.empty()) {
-      return WhyNotConnected(static_cast<int>(error_number));
-    }
-    return *reason != '\0' ? reason : curl_easy_strerror(code);
   }
 
   curl_slist* MakeHeaders(bool has_body, const std::string* content_range) const {

@@ -48,12 +48,13 @@ ExitCode RunImageList(const GlobalOptions& global) {
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& images = Member(outcome.data, "images");
   if (global.json) return PrintJson(images);
-  Table table{{"IMAGE", "NAME", "BYTES", "PRESENT", "PATH"}, {}};
+  Table table{{"NAME", "BYTES", "PRESENT", "PATH"}, {}};
+  if (global.ids) table.header.insert(table.header.begin(), "IMAGE");
   for (const Json::Value& image : images) {
     const bool is_present = IsTrue(Member(image, "present"));
-    table.rows.push_back({Text(Member(image, kImages.id)), Text(Member(image, kImages.name)),
-                          is_present ? Text(Member(image, "size")) : "-", is_present ? "yes" : "no",
-                          Text(Member(image, "path"))});
+    table.rows.push_back({Text(Member(image, kImages.name)), is_present ? Text(Member(image, "size")) : "-",
+                          is_present ? "yes" : "no", Text(Member(image, "path"))});
+    if (global.ids) table.rows.back().insert(table.rows.back().begin(), Text(Member(image, kImages.id)));
   }
   PrintTable(std::cout, table);
   return ExitCode::kOk;

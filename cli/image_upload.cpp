@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "cli/listing.h"
+#include "cli/object_names.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -246,12 +247,15 @@ ExitCode RunUploadList(const GlobalOptions& global) {
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& uploads = Member(outcome.data, kUploads.plural);
   if (global.json) return PrintJson(uploads);
-  Table table{{"UPLOAD", "NAME", "HOST", "USER", "RECEIVED", "BYTES"}, {}};
+  Table table{{"NAME", "HOST", "USER", "RECEIVED", "BYTES"}, {}};
+  if (global.ids) table.header.insert(table.header.begin(), "UPLOAD");
+  ObjectNames names(global);
   for (const Json::Value& upload : uploads) {
     const Json::Value& received = Member(upload, "received");
-    table.rows.push_back({Text(Member(upload, kUploads.id)), Text(Member(upload, kUploads.name)),
-                          Text(Member(upload, "host_id")), Text(Member(upload, "user")),
-                          received.isNull() ? "-" : Text(received), Text(Member(upload, "size"))});
+    table.rows.push_back({Text(Member(upload, kUploads.name)), names.Of(kHosts, Text(Member(upload, "host_id"))),
+                          Text(Member(upload, "user")), received.isNull() ? "-" : Text(received),
+                          Text(Member(upload, "size"))});
+    if (global.ids) table.rows.back().insert(table.rows.back().begin(), Text(Member(upload, kUploads.id)));
   }
   PrintTable(std::cout, table);
   return ExitCode::kOk;

@@ -11,6 +11,7 @@
 
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "cli/watch.h"
 #include "json/readers.h"
 
 namespace vexa::cli {
@@ -28,7 +29,12 @@ std::string ReadableText(const Json::Value& value) {
   return text == "-0" ? "0" : text;
 }
 
-void PrintRows(const Json::Value& list, std::span<const Column> columns) {
+void PrintRows(const Json::Value& list, std::span<const Column> all_columns, Ids ids) {
+  std::vector<Column> columns;
+  for (const Column& column : all_columns) {
+    const bool is_left_out = (column.is_own_id && ids == Ids::kHidden) || (column.is_age && IsWatching());
+    if (!is_left_out) columns.push_back(column);
+  }
   Table table;
   for (const Column& column : columns) table.header.emplace_back(column.label);
   for (const Json::Value& element : list) {

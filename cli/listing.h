@@ -17,10 +17,13 @@ std::string ReadableText(const Json::Value& value);
 struct Column {
   const char* label;
   const char* member;
+  bool is_own_id = false;  // the object's own id: left out unless ids are shown
+  bool is_age = false;     // left out while the output is watched, because it changes every time
 };
 
 // A table on standard output; elements that are not objects become empty rows.
-void PrintRows(const Json::Value& list, std::span<const Column> columns);
+enum class Ids { kHidden, kShown };
+void PrintRows(const Json::Value& list, std::span<const Column> columns, Ids ids = Ids::kShown);
 
 // The elements of an array as text (cli/reply.h), separated by commas; "" for anything else.
 std::string JoinValues(const Json::Value& list);

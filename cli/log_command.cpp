@@ -16,6 +16,7 @@
 
 #include "cli/api_paths.h"
 #include "cli/listing.h"
+#include "cli/output.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 
@@ -109,8 +110,18 @@ std::string RepetitionText(const Json::Value& entry) {
 }
 
 void PrintEntry(const GlobalOptions& global, const Json::Value& entry) {
-  if (global.json) {
+  if (global.json && CurrentDataFormat() == DataFormat::kYaml) {
+    Json::Value list(Json::arrayValue);
+    list.append(entry);
+    std::cout << RenderYaml(list);
+    return;
+  }
+  if (global.json && CurrentDataFormat() == DataFormat::kJson) {
     std::cout << RenderJson(entry, JsonLayout::kOneLine) << '\n';
+    return;
+  }
+  if (global.json) {
+    std::cout << Printable(Text(Member(entry, "text"))) << '\n';
     return;
   }
   const std::string host = Text(Member(entry, "host"));

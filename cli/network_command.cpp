@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "cli/listing.h"
+#include "cli/object_names.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -35,14 +36,7 @@ ExitCode AddSettings(HttpClient& client, const NetworkSettingOptions& settings, 
   if (settings.subnet) parameters["subnet"] = *settings.subnet;
   if (settings.vlan_id) parameters["vlan_id"] = *settings.vlan_id;
   if (settings.uplink) parameters["uplink"] = *settings.uplink;
-  if (settings.move_addresses) {
-    if (*settings.move_addresses != "on" && *settings.move_addresses != "off") {
-      return Report(
-          Error(ErrorCode::kInvalid,
-                fmt::format("'{}' is not a value for --move-addresses. Use 'on' or 'off'", *settings.move_addresses)));
-    }
-    parameters["move_addresses"] = *settings.move_addresses == "on";
-  }
+  if (settings.move_addresses) parameters["move_addresses"] = *settings.move_addresses == "on";
   if (const Status checked = CheckUtf8(parameters); !checked) return Report(checked.error());
   for (const std::string& argument : settings.uplinks) {
     const std::size_t at = argument.find('=');
@@ -67,7 +61,8 @@ std::string Summary(const Json::Value& network) {
   return summary;
 }
 
-void PrintNetwork(const Json::Value& network) {
+void PrintNetwork(const GlobalOptions& global, const Json::Value& network) {
+  ObjectNames names(global);
   struct Line {
     const char* label;
     const char* member;
@@ -82,11 +77,12 @@ void PrintNetwork(const Json::Value& network) {
   if (!IsTrue(Member(network, "managed"))) std::cout << "It was found on the hosts; 'vexa network add' adopts it.\n";
   const Json::Value& uplinks = Member(network, "uplinks");
   for (const std::string& host_id : VexaVirtualization::json::MemberNames(uplinks)) {
-    std::cout << fmt::format("  uplink of {}: {}\n", Printable(host_id), Printable(Text(Member(uplinks, host_id))));
+    std::cout << fmt::format("  uplink of {}: {}\n", Printable(names.Of(kHosts, host_id)),
+                             Printable(Text(Member(uplinks, host_id))));
   }
   for (const Json::Value& host : VexaVirtualization::json::Elements(Member(network, "hosts"))) {
     const std::string reason = Text(Member(host, "reason"));
-    std::cout << fmt::format("  host {}: {}{}\n", Printable(Text(Member(host, "host_id"))),
+    std::cout << fmt::format("  host {}: {}{}\n", Printable(names.Of(kHosts, Text(Member(host, "host_id")))),
                              Printable(Text(Member(host, "state"))),
                              reason.empty() ? "" : fmt::format(" ({})", Printable(reason)));
   }
@@ -148,18 +144,21 @@ ExitCode RunNetworkList(const GlobalOptions& global) {
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& networks = Member(outcome.data, kNetworks.plural);
   if (global.json) return PrintJson(networks);
-  Table table{{"NETWORK", "NAME", "KIND", "STATE", "MANAGED", "LEADS TO"}, {}};
+  Table table{{"NAME", "KIND", "STATE", "MANAGED", "LEADS TO"}, {}};
+  if (global.ids) table.header.insert(table.header.begin(), "NETWORK");
   for (const Json::Value& network : networks) {
     const auto text = [&](const char* member) { return Text(Member(network, member)); };
-    table.rows.push_back({text(kNetworks.id), text(kNetworks.name), text("kind"), text("state"),
+    table.rows.push_back({text(kNetworks.name), text("kind"), text("state"),
                           IsTrue(Member(network, "managed")) ? "yes" : "no", Summary(network)});
+    if (global.ids) table.rows.back().insert(table.rows.back().begin(), text(kNetworks.id));
   }
   PrintTable(std::cout, table);
   return ExitCode::kOk;
 }
 
 ExitCode RunNetworkShow(const GlobalOptions& global, const std::string& network) {
-  return ShowObject(global, kNetworks, kGetNetwork, network, PrintNetwork);
+  return ShowObject(global, kNetworks, kGetNetwork, network,
+                    [&global](const Json::Value& data) { PrintNetwork(global, data); });
 }
 
 ExitCode RunNetworkRemove(const GlobalOptions& global, const std::string& network) {

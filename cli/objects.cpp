@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/listing.h"
+#include "cli/parse_failure.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
@@ -22,12 +23,15 @@ constexpr std::size_t kMaxListedIds = 20;
 
 Result<std::string> FindByName(const Json::Value& list, const ObjectKind& kind, const std::string& name) {
   std::vector<std::string> ids;
+  std::vector<std::string> names;
   for (const Json::Value& element : list) {
-    if (Text(Member(element, kind.name)) == name) ids.push_back(Text(Member(element, kind.id)));
+    names.push_back(Text(Member(element, kind.name)));
+    if (names.back() == name) ids.push_back(Text(Member(element, kind.id)));
   }
   if (ids.empty()) {
-    return Error(ErrorCode::kNotFound,
-                 fmt::format("There is no {0} called '{1}'; see 'vexa {0} list'", kind.singular, name));
+    const std::string guess = DidYouMean(name, std::vector<std::string_view>(names.begin(), names.end()));
+    return Error(ErrorCode::kNotFound, fmt::format("There is no {0} called '{1}'{2} 'vexa {0} list'", kind.singular,
+                                                   name, guess.empty() ? "; see" : guess + " See"));
   }
   if (ids.size() == 1) return ids.front();
   const bool is_cut = ids.size() > kMaxListedIds;
@@ -87,7 +91,8 @@ CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const
 }
 
 ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
-                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data)) {
+                    const std::optional<std::string>& id_or_name,
+                    const std::function<void(const Json::Value& data)>& print) {
   std::string id;
   const CallOutcome outcome =
       id_or_name ? GetObject(global, kind, path, *id_or_name, id)

@@ -4,6 +4,7 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -47,7 +48,8 @@ CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const
 // Calls the method at `path` for the object with this id or name, or without parameters when it is not set, and passes
 // the data, an object, to `print`. With --json the data is printed instead.
 ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
-                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data));
+                    const std::optional<std::string>& id_or_name,
+                    const std::function<void(const Json::Value& data)>& print);
 
 // Calls the method at `path`, which adds an object, and prints the id that the server has assigned.
 ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,

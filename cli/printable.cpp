@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "cli/output.h"
 #include "host/base/utf8.h"
 
 namespace vexa::cli {
@@ -56,6 +57,17 @@ void AppendEscaped(std::string& result, const char* prefix, std::uint32_t value,
 void AppendPadded(std::string& line, const std::string& cell, std::size_t width) {
   line += cell;
   line.append(width - std::min(width, DisplayWidth(cell)), ' ');
+}
+
+// The row's text with the colour of its severity, if it has one.
+std::string Coloured(const std::string& text, const std::vector<std::string>& cells) {
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kColours = {
+      {{"healthy", "\x1b[32m"}, {"warning", "\x1b[33m"}, {"error", "\x1b[31m"}}};
+  for (const auto& [severity, colour] : kColours) {
+    if (std::ranges::find(cells, severity) == cells.end()) continue;
+    return std::string(colour) + text + "\x1b[0m";
+  }
+  return text;
 }
 
 }  // namespace
@@ -133,11 +145,12 @@ void PrintTable(std::ostream& out, const Table& table) {
   for (const auto& line : lines) {
     for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], DisplayWidth(line[i]));
   }
+  const bool colours = UsesColour();
   for (const auto& line : lines) {
     std::string text;
     for (std::size_t i = 0; i < line.size(); ++i) AppendPadded(text, line[i], widths[i] + 2);
     text.erase(text.find_last_not_of(' ') + 1);
-    out << text << '\n';
+    out << (colours && &line != &lines.front() ? Coloured(text, line) : text) << '\n';
   }
   if (table.rows.size() > kMaxRows) out << "… and " << table.rows.size() - kMaxRows << " more (see --json)\n";
 }

@@ -4,6 +4,7 @@
 
 #include <iostream>
 
+#include "cli/object_names.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -88,11 +89,16 @@ ExitCode RunRepositoryList(const GlobalOptions& global) {
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& repositories = Member(outcome.data, "repositories");
   if (global.json) return PrintJson(repositories);
+  Table table{{"NAME", "HOST", "STATE", "SPACE"}, {}};
+  if (global.ids) table.header.insert(table.header.begin(), "REPOSITORY");
+  ObjectNames names(global);
   for (const Json::Value& repository : repositories) {
-    const auto text = [&](const char* name) { return Printable(Text(Member(repository, name))); };
-    std::cout << fmt::format("{}  {}  {}  {}  {}\n", text(kRepositories.id), text("host_id"), text("state"),
-                             SpaceText(repository), text(kRepositories.name));
+    const auto text = [&](const char* name) { return Text(Member(repository, name)); };
+    table.rows.push_back(
+        {text(kRepositories.name), names.Of(kHosts, text("host_id")), text("state"), SpaceText(repository)});
+    if (global.ids) table.rows.back().insert(table.rows.back().begin(), text(kRepositories.id));
   }
+  PrintTable(std::cout, table);
   return ExitCode::kOk;
 }
 

@@ -7,6 +7,7 @@
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "host/records/named_record.h"
 
 namespace vexa::cli {
 namespace {
@@ -15,14 +16,9 @@ constexpr const char* kClusterGet = "/webapi/VEXA.Virtualization.Cluster/get";
 constexpr const char* kClusterSet = "/webapi/VEXA.Virtualization.Cluster/set";
 constexpr const char* kHostEdit = "/webapi/VEXA.Virtualization.Host/edit";
 
-// Sets the parameter `name` if `text` is "on" or "off"; "" leaves it out.
-Status AddSwitch(const std::string& text, const char* option, const char* name, Json::Value& parameters) {
-  if (text.empty()) return {};
-  if (text != "on" && text != "off") {
-    return Error(ErrorCode::kInvalid, fmt::format("'{}' is not a value of {}. Use on or off", Printable(text), option));
-  }
-  parameters[name] = text == "on";
-  return {};
+// Sets the parameter `name` to whether `text` is "on"; "" leaves it out.
+void AddSwitch(const std::string& text, const char* name, Json::Value& parameters) {
+  if (!text.empty()) parameters[name] = text == "on";
 }
 
 std::string OnOrOff(const Json::Value& value) { return IsTrue(value) ? "on" : "off"; }
@@ -31,9 +27,8 @@ std::string OnOrOff(const Json::Value& value) { return IsTrue(value) ? "on" : "o
 
 ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOptions& options) {
   Json::Value parameters(Json::objectValue);
-  Status read = AddSwitch(options.auto_select_host, "--auto-select-host", "auto_select_host", parameters);
-  if (read) read = AddSwitch(options.upgrading, "--upgrading", "upgrading", parameters);
-  if (!read) return Report(read.error());
+  AddSwitch(options.auto_select_host, "auto_select_host", parameters);
+  AddSwitch(options.upgrading, "upgrading", parameters);
   const CallOutcome outcome =
       CallServer(global, parameters.empty() ? kClusterGet : kClusterSet, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
@@ -45,8 +40,15 @@ ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOp
 
 ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options) {
   Json::Value parameters(Json::objectValue);
-  if (const Status read = AddSwitch(options.placement, "--placement", "placement", parameters); !read) {
-    return Report(read.error());
+  AddSwitch(options.placement, "placement", parameters);
+  if (!options.name.empty()) {
+    if (!records::IsRecordName(options.name)) {
+      return Report(Error(ErrorCode::kInvalid, "A name is 1 to 128 bytes of UTF-8 without control characters"));
+    }
+    parameters["name"] = options.name;
+  }
+  if (parameters.empty()) {
+    return Report(Error(ErrorCode::kInvalid, "Nothing to change is named; see 'vexa host edit --help'"));
   }
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
@@ -56,6 +58,11 @@ ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options
   parameters["host_id"] = id;
   const CallOutcome outcome = CallApi(client, kHostEdit, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (!options.name.empty()) {
+    PrintConfirmation(
+        global, fmt::format("The host '{}' is called '{}' now.", Printable(options.host), Printable(options.name)));
+  }
+  if (options.placement.empty()) return ExitCode::kOk;
   return PrintConfirmation(global, fmt::format("The host '{}' {} for guests without a host.", Printable(options.host),
                                                options.placement == "on" ? "may be chosen" : "is not chosen"));
 }

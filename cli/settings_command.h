@@ -18,7 +18,8 @@ ExitCode RunClusterSettings(const GlobalOptions& global, const ClusterSettingsOp
 
 struct HostEditOptions {
   std::string host;       // an id or a name
-  std::string placement;  // "on" or "off"
+  std::string name;       // the new one; "" leaves it
+  std::string placement;  // "on", "off" or "" to leave it
 };
 
 ExitCode RunHostEdit(const GlobalOptions& global, const HostEditOptions& options);

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "cli/reply.h"
+#include "cli/watch.h"
 
 namespace vexa::cli {
 namespace {
@@ -54,7 +55,7 @@ std::string StateText(const Json::Value& element, const char* member) {
 
 std::string AgeText(const Json::Value& element) {
   const std::optional<std::int64_t> age = Integer(Member(element, kAge));
-  return age ? fmt::format("{} ago", FormatAge(*age)) : std::string();
+  return age && !IsWatching() ? fmt::format("{} ago", FormatAge(*age)) : std::string();
 }
 
 Json::Value WithStateTexts(const Json::Value& list, const char* member) {

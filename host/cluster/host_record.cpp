@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/base/time_text.h"
+#include "host/cluster/host_name.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
@@ -28,8 +29,9 @@ bool IsInaccessible(const Json::Value& record) {
   return json::String(json::Member(record, keys::state)) == VexaCCC::State::Host::inaccessible;
 }
 
-void FillHostRecord(Json::Value& record, const HostFacts& facts, system_clock::time_point started) {
-  record[keys::name] = facts.name;
+void FillHostRecord(Json::Value& record, const HostFacts& facts, const std::string& given_name,
+                    system_clock::time_point started) {
+  record[keys::name] = given_name.empty() ? facts.name : given_name;
   record["addresses"] = Json::Value(Json::arrayValue);
   for (const std::string& address : facts.addresses) record["addresses"].append(address);
   // Without this, an address from an earlier start would lead other hosts to a port that is closed or belongs to
@@ -84,7 +86,9 @@ Result<store::Transaction> PlanRegistration(const records::Reader& reader, const
   const std::string object = KeyOf(facts.host_id, keys::object);
   Result<records::StoredObject> host = records::LoadObject(reader, object);
   if (!host) return host.error();
-  FillHostRecord(host->record, facts, times.started);
+  const Result<std::string> given_name = ReadHostName(reader, facts.host_id);
+  if (!given_name) return given_name.error();
+  FillHostRecord(host->record, facts, *given_name, times.started);
   if (!facts.state.empty()) {
     host->record[keys::state] = facts.state;
   } else if (kind == RegistrationKind::kAtStart || json::Member(host->record, keys::state).isNull() ||

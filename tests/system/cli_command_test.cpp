@@ -56,16 +56,43 @@ TEST_F(Command, Usage_Invalid_IsUsageError) {
   }
 }
 
-TEST_F(Command, Usage_Invalid_ReportsTheErrorAndTheHelpCommand) {
+TEST_F(Command, Usage_Invalid_ReportsTheErrorTheNearestWordAndTheHelpCommand) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
       {{}, "'vexa' needs a command\nTry 'vexa --help'.\n"},
       {{"--json"}, "'vexa' needs a command\nTry 'vexa --help'.\n"},
-      {{"helth"}, "There is no command 'vexa helth'\nTry 'vexa --help'.\n"},
+      {{"helth"}, "There is no command 'vexa helth'; did you mean 'vexa health'?\n'vexa --help' lists the commands.\n"},
+      {{"gest", "list"},
+       "There is no command 'vexa gest'; did you mean 'vexa guest'?\n'vexa --help' lists the commands.\n"},
+      // Without its group.
+      {{"start", "web-1"},
+       "There is no command 'vexa start'; did you mean 'vexa guest start'?\n'vexa --help' lists the commands.\n"},
+      {{"xyzzy"}, "There is no command 'vexa xyzzy'\n'vexa --help' lists the commands.\n"},
       {{"guest"}, "'vexa guest' needs a command\nTry 'vexa guest --help'.\n"},
-      {{"guest", "strat", "web"}, "There is no command 'vexa guest strat'\nTry 'vexa guest --help'.\n"},
-      {{"guest", "--fast"}, "There is no option '--fast' of 'vexa guest'\nTry 'vexa guest --help'.\n"},
+      {{"guest", "strat", "web"},
+       "There is no command 'vexa guest strat'; did you mean 'vexa guest start'?\n"
+       "'vexa guest --help' lists the commands.\n"},
+      {{"guest", "--fast"}, "There is no option '--fast' of 'vexa guest'\n'vexa guest --help' lists the options.\n"},
+      {{"guest", "list", "--jsn"},
+       "There is no option '--jsn' of 'vexa guest list'; did you mean '--json'?\n"
+       "'vexa guest list --help' lists the options.\n"},
+      {{"--sockt=/x", "health"},
+       "There is no option '--sockt' of 'vexa health'; did you mean '--socket'?\n"
+       "'vexa health --help' lists the options.\n"},
+      // The unknown option is named rather than the one that is missing because of it.
+      {{"host", "forget", "--machine-of"},
+       "There is no option '--machine-of' of 'vexa host forget'; did you mean '--machine-is-off'?\n"
+       "'vexa host forget --help' lists the options.\n"},
+      {{"host", "edit", "nas-1", "--placement", "offf"},
+       "'offf' is not a value of --placement; did you mean 'off'? Use on or off\nTry 'vexa host edit --help'.\n"},
+      {{"guest", "create", "web", "--os", "linx"},
+       "'linx' is not a value of --os; did you mean 'linux'? Use linux, windows or other\n"
+       "Try 'vexa guest create --help'.\n"},
+      {{"network", "add", "lan", "--kind", "x\x1b"},
+       "'x\\x1b' is not a value of --kind. Use bridge, nat, isolated, vlan or macvtap\n"
+       "Try 'vexa network add --help'.\n"},
+      {{"guest", "get", "a", "b"}, "'vexa guest get' does not take the argument 'b'\nTry 'vexa guest get --help'.\n"},
       {{"guest", "create"}, "GUEST is required\nTry 'vexa guest create --help'.\n"},
-      {{"\x1b[31m"}, "There is no command 'vexa \\x1b[31m'\nTry 'vexa --help'.\n"},
+      {{"\x1b[31m"}, "There is no command 'vexa \\x1b[31m'\n'vexa --help' lists the commands.\n"},
   };
   for (const auto& [arguments, sentence] : rows) EXPECT_EQ(Run(arguments).errors, "vexa: " + sentence);
 }

@@ -345,7 +345,7 @@ TEST_F(GuestEdit, Edit_UnknownGuest_OpensNoEditor) {
   const ApiHost host(SucceedAlways());
   const auto result = RunProcess(ProgramOn(host, Script("touch " + folder_.File("ran")), "web-9"));
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.errors, "vexa: There is no guest called 'web-9'; see 'vexa guest list'\n");
+  EXPECT_EQ(result.errors, "vexa: There is no guest called 'web-9'; did you mean 'web-1'? See 'vexa guest list'\n");
   EXPECT_FALSE(fs::exists(folder_.File("ran")));
   EXPECT_EQ(Run({"guest", "edit", ""}).exit_code, 2);
   EXPECT_EQ(Run({"guest", "edit"}).exit_code, 2);

@@ -29,8 +29,10 @@ TEST_F(GuestState, List_HostileTexts_AreSafeForTerminal) {
   const ScriptedServer server({HttpReplyOf(200, kGuests)});
   const auto result = RunOn(server, {"guest", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_THAT(result.output, AllOf(StartsWith("GUEST "), HasSubstr("  web           running   healthy   h1\n"),
-                                   HasSubstr("  tw\\x1b[31min  shutdown  error"), Not(HasSubstr("\x1b"))));
+  EXPECT_THAT(result.output, AllOf(StartsWith("NAME "), HasSubstr("\nweb           running   healthy   h1\n"),
+                                   HasSubstr("\ntw\\x1b[31min  shutdown  error"), Not(HasSubstr("\x1b"))));
+  EXPECT_THAT(RunOn(server, {"guest", "list", "--ids"}).output,
+              AllOf(StartsWith("GUEST "), HasSubstr("8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8  web")));
 }
 
 TEST_F(GuestState, List_HostGone_ShowsTimeAndAges) {
@@ -42,7 +44,7 @@ TEST_F(GuestState, List_HostGone_ShowsTimeAndAges) {
      "inaccessible_since":1000000000}]}})")});
   const auto result = RunInUtc(server, {"guest", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_THAT(result.output, HasSubstr("g1     web   running  "));
+  EXPECT_THAT(result.output, HasSubstr("\nweb   running  "));
   EXPECT_THAT(result.output, HasSubstr("  healthy   h1    3 s\n"));
   EXPECT_THAT(result.output, HasSubstr("inaccessible since 2001-09-09 01:46:40  "));
   EXPECT_THAT(result.output, HasSubstr("h2    2 h\n"));
@@ -79,8 +81,7 @@ TEST_F(GuestState, Status_Name_RequestsIdOfThatGuest) {
   const ScriptedServer server({HttpReplyOf(200, kGuests), HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"guest", "status", "web"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_EQ(result.output, R"(Guest              8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8
-Name               web
+  EXPECT_EQ(result.output, R"(Name               web
 Host               h1
 State              shutdown
 Severity           warning (shutdown_repo_full)
@@ -88,10 +89,10 @@ High availability  warning
 HA severity        warning (ha_warn_host_short_ram)
 
 Hosts of its group
-HOST  NAME  STATE
-h1    one   warning
+NAME  STATE
+one   warning
 )");
-  ASSERT_EQ(server.requests().size(), 2u);
+  ASSERT_EQ(server.requests().size(), 3u);  // the last one is for the host's name
   EXPECT_THAT(server.requests()[1], HasSubstr(R"({"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"})"));
 }
 
@@ -103,8 +104,7 @@ TEST_F(GuestState, Status_GuestOff_ShowsDisksAndReason) {
       {"vdisk_id":"d2","name":"","status":"missing","status_type":"error"}]}})")});
   const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
-  EXPECT_EQ(result.output, R"(Guest        8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8
-Name         web
+  EXPECT_EQ(result.output, R"(Name         web
 Host         h1
 State        shutdown
 Severity     healthy

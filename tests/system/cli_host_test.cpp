@@ -27,8 +27,8 @@ TEST_F(Host, List_HostileTexts_AreSafeForTerminal) {
   const auto result = RunOn(server, {"host", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output,
-              AllOf(StartsWith("HOST "), HasSubstr("  one          running       version_matched   ok\n"),
-                    HasSubstr("  tw\\x1b[31mo  inaccessible  upgrade_required  expiring\n"), Not(HasSubstr("\x1b"))));
+              AllOf(StartsWith("NAME "), HasSubstr("\none          running       version_matched   ok\n"),
+                    HasSubstr("\ntw\\x1b[31mo  inaccessible  upgrade_required  expiring\n"), Not(HasSubstr("\x1b"))));
 }
 
 TEST_F(Host, Show_Name_RequestsIdOfThatHost) {

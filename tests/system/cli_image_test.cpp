@@ -71,13 +71,13 @@ TEST_F(ImageCommand, Add_InvalidArguments_AreNotSent) {
 
 TEST_F(ImageCommand, List_HostileTexts_AreSafeForTerminal) {
   const ApiHost host(With(kImages));
-  const auto result = RunOn(host, {"image", "list"});
+  const auto result = RunOn(host, {"image", "list", "--ids"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output,
               AllOf(StartsWith("IMAGE  NAME "), HasSubstr("\ni1     debian-12    12     yes      /images/d.iso\n"),
                     HasSubstr("\ni2     go\\x1b[2Jne  -      no\n"), Not(HasSubstr("\x1b"))));
   const ApiHost empty(With(R"({"images":[]})"));
-  EXPECT_EQ(RunOn(empty, {"image", "list"}).output, "IMAGE  NAME  BYTES  PRESENT  PATH\n");
+  EXPECT_EQ(RunOn(empty, {"image", "list"}).output, "NAME  BYTES  PRESENT  PATH\n");
   EXPECT_EQ(RunOn(empty, {"image", "list", "--json"}).output, "[]\n");
   EXPECT_EQ(Parse(RunOn(host, {"image", "list", "--json"}).output), Parse(kImages)["images"]);
 }
@@ -179,7 +179,9 @@ TEST_F(ImageCommand, RepositoryList_SeveralRepositories_HasOneLineEach) {
   const auto result = RunOn(host, {"repository", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output,
-              StartsWith("r1  h1  repo_online  512.0 MiB of 1.0 GiB  pool-1\nr2  h2  repo_full  -  p\\x1b[2J\n"));
+              StartsWith("NAME      HOST  STATE        SPACE\npool-1    h1    repo_online  512.0 MiB of 1.0 GiB\n"
+                         "p\\x1b[2J  h2    repo_full    -\n"));
+  EXPECT_THAT(RunOn(host, {"repository", "list", "--ids"}).output, HasSubstr("\nr1          pool-1    h1 "));
   EXPECT_EQ(Parse(RunOn(host, {"repository", "list", "--json"}).output), Parse(kRepositories)["repositories"]);
 }
 
@@ -247,9 +249,10 @@ TEST_F(ImageCommand, Uploads_ListAndCancel_UseNames) {
   EXPECT_EQ(RunOn(host, {"image", "cancel-upload", "a"}).output, "Cancelled the upload 'a'.\n");
   EXPECT_THAT(host.calls(), ElementsAre("upload_list {}", R"(upload_cancel {"upload_id":"u1"})"));
   EXPECT_EQ(RunOn(host, {"image", "uploads"}).output,
-            "UPLOAD  NAME   HOST  USER   RECEIVED  BYTES\n"
-            "u1      a      h1    alice  4         9\n"
-            "u2      b\\x1b  h2    bob    -         7\n");
+            "NAME   HOST  USER   RECEIVED  BYTES\n"
+            "a      h1    alice  4         9\n"
+            "b\\x1b  h2    bob    -         7\n");
+  EXPECT_THAT(RunOn(host, {"image", "uploads", "--ids"}).output, HasSubstr("\nu2      b\\x1b  h2 "));
 }
 
 TEST_F(ImageCommand, Upload_OffsetOfServer_IsUsed) {
@@ -298,7 +301,7 @@ TEST_F(ImageCommand, RepositoryAcceptAndRemove_Name_SendItsId) {
   EXPECT_EQ(RunOn(host, {"repository", "accept", "twin"}).errors,
             "vexa: Several repositories are called 'twin'. Use one of the ids r3, r4\n");
   EXPECT_EQ(RunOn(host, {"repository", "accept", "poo"}).errors,
-            "vexa: There is no repository called 'poo'; see 'vexa repository list'\n");
+            "vexa: There is no repository called 'poo'; did you mean 'pool-1'? See 'vexa repository list'\n");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The client against servers that answer well, badly, or not at all.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -269,7 +270,10 @@ TEST_F(Reply, Reply_NoListener_IsUnreachable) {
   SaveLogin("http://127.0.0.1:1");
   const auto result = Run({"guest", "get", kGuest});
   EXPECT_EQ(result.exit_code, 3);
-  EXPECT_THAT(result.errors, HasSubstr("No reply from http://127.0.0.1:1"));
+  EXPECT_EQ(
+      result.errors,
+      "vexa: No reply from http://127.0.0.1:1: nothing listens on its port 1. Check the port, and that vexad runs "
+      "there with the setting 'listen'\n");
 }
 
 // The message named "localhost port 80", as libcurl does.
@@ -278,8 +282,9 @@ TEST_F(Reply, UnixSocket_NoListener_IsNamedWithTheReason) {
   const auto nowhere = Run({"guest", "get", kGuest, "--socket", missing});
   EXPECT_EQ(nowhere.exit_code, 3);
   EXPECT_EQ(nowhere.errors, "vexa: No reply from " + missing +
-                                ": nothing listens there, because the file does not exist. Start vexad, or name its "
-                                "socket with --socket or $VEXA_SOCKET\n");
+                                ": the socket does not exist, so no vexad runs here. Start it with 'sudo systemctl "
+                                "start vexad', or name a server with --server, --socket, $VEXA_SERVER or "
+                                "$VEXA_SOCKET\n");
 
   const std::string left = folder_.File("left.sock");
   sockaddr_un address{};
@@ -291,7 +296,61 @@ TEST_F(Reply, UnixSocket_NoListener_IsNamedWithTheReason) {
   ::close(listener);
   const auto closed = Run({"guest", "get", kGuest, "--socket", left});
   EXPECT_EQ(closed.exit_code, 3);
-  EXPECT_EQ(closed.errors, "vexa: No reply from " + left + ": nothing listens there. Start vexad\n");
+  EXPECT_EQ(closed.errors, "vexa: No reply from " + left +
+                               ": vexad has ended. Start it with 'sudo systemctl start vexad'; "
+                               "'journalctl -u vexad' shows why it ended\n");
+}
+
+TEST_F(Reply, UnixSocket_OrdinaryFile_IsReported) {
+  const std::string file = folder_.File("file");
+  WriteFile(file, "");
+  EXPECT_EQ(Run({"health", "--socket", file}).errors,
+            "vexa: No reply from " + file +
+                ": the file is not a socket. Name the socket of vexad with --socket or $VEXA_SOCKET\n");
+}
+
+TEST_F(Reply, UnixSocket_NotPermitted_NamesTheAccountAndTheGroup) {
+  const std::string socket = folder_.File("closed.sock");
+  const ScriptedServer server({HttpReplyOf(200, "{}")}, socket);
+  const auto failure_of = [&](mode_t mode) {
+    std::filesystem::permissions(folder_.path(), std::filesystem::perms(0711));
+    EXPECT_EQ(::chmod(socket.c_str(), mode), 0);
+    EXPECT_EQ(::chown(socket.c_str(), 0, 0), 0);
+    ProcessOptions program = Program({"health", "--socket", socket});
+    program.argv.insert(program.argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    const auto result = RunProcess(program);
+    EXPECT_EQ(result.exit_code, 3);
+    return result.errors;
+  };
+  if (::geteuid() != 0) GTEST_SKIP() << "Only root can run the client as another account";
+  const std::string start =
+      "vexa: No reply from " + socket + ": the account 'nobody' may not open the socket. Run the command with sudo";
+  EXPECT_EQ(failure_of(0660), start + ", or as a member of the group 'root'\n");
+  EXPECT_EQ(failure_of(0600), start + "\n");
+}
+
+TEST_F(Reply, Reply_UnknownHost_IsReportedWithItsName) {
+  const auto result = Run({"health", "--server", "http://nas.invalid:8443"});
+  EXPECT_EQ(result.exit_code, 3);
+  EXPECT_EQ(result.errors,
+            "vexa: No reply from http://nas.invalid:8443: the name 'nas.invalid' is unknown to this machine. Check its "
+            "spelling, or use the address\n");
+}
+
+TEST_F(Reply, Reply_OtherServer_IsReportedAsNotVexa) {
+  const ScriptedServer page({HttpReplyOf(200, "<html>It works</html>", "text/html")});
+  const std::string hint = "What answers at " + page.url() + " may not be VEXA. Check the server's name and port.\n";
+  const auto health = Run({"health", "--server", page.url()});
+  EXPECT_EQ(health.exit_code, 1);
+  EXPECT_EQ(health.errors, "vexa: The reply is not the health report of a server: " + hint);
+  EXPECT_EQ(Run({"whoami", "--server", page.url()}).errors,
+            "vexa: The server's reply (HTTP 200) cannot be understood: it is not JSON\n" + hint);
+  const ScriptedServer mail({{"220 mail ESMTP\r\n"}});
+  EXPECT_THAT(Run({"whoami", "--server", mail.url()}).errors, HasSubstr(": what answers there is not VEXA ("));
+  const ScriptedServer silent({{""}});
+  EXPECT_THAT(
+      Run({"whoami", "--server", silent.url()}).errors,
+      HasSubstr(": the connection was closed without a reply. Check the port, and whether the server needs https\n"));
 }
 
 TEST_F(Reply, Output_CannotBeWritten_Fails) {

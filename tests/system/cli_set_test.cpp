@@ -201,7 +201,9 @@ TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
       {{"use_ovmf=1"}, "'1' is neither true nor false, one of which is required for 'use_ovmf'"},
       {{"name="}, "The parameter 'name' is not a string of 1 to 128 bytes without control characters: it is ''"},
       {{"name=\xff"}, "The value of 'name' is not valid UTF-8"},
-      {{"boot_from=ISO"}, "The parameter 'boot_from' is not 'disk' or 'iso': it is 'ISO'"},
+      {{"boot_from=ISO"}, "The parameter 'boot_from' is not 'disk' or 'iso': it is 'ISO'; did you mean 'iso'?"},
+      {{"video_card=virtoi"},
+       "The parameter 'video_card' is not cirrus, vga, vmvga, qxl or virtio: it is 'virtoi'; did you mean 'virtio'?"},
       {{"video_card=s3"}, "The parameter 'video_card' is not cirrus, vga, vmvga, qxl or virtio: it is 's3'"},
       {{"kb_layout=a b"},
        "The parameter 'kb_layout' is not the name of a keyboard layout such as 'en-us': it is 'a b'"},
@@ -280,7 +282,7 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
 TEST_F(GuestSet, Set_UnknownOptionsOrMissingValues_AreUsageErrors) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"--add-disk"}, {"--del-disks", kA}, {"--wait", "vcpu_num=1"}, {"--dry-run=maybe"}}) {
-    EXPECT_THAT(Refusal(words), HasSubstr("\nTry 'vexa guest set --help'."));
+    EXPECT_THAT(Refusal(words), HasSubstr("'vexa guest set --help'"));
   }
   EXPECT_EQ(Run({"guest", "set"}).exit_code, 2);
   EXPECT_EQ(Run({"guest", "set", "", "vcpu_num=1"}).errors,
@@ -294,7 +296,7 @@ TEST_F(GuestSet, Set_UnknownOrAmbiguousNames_SendNothing) {
   EXPECT_EQ(several.errors, "vexa: Several guests are called 'twin'. Use one of the ids g2, g3\n");
   const auto unlisted = RunOn(host, {"web-9", "vcpu_num=1"});
   EXPECT_EQ(unlisted.exit_code, 1);
-  EXPECT_EQ(unlisted.errors, "vexa: There is no guest called 'web-9'; see 'vexa guest list'\n");
+  EXPECT_EQ(unlisted.errors, "vexa: There is no guest called 'web-9'; did you mean 'web-1'? See 'vexa guest list'\n");
   EXPECT_EQ(host.Count("set"), 0);
 }
 

@@ -145,6 +145,23 @@ TEST_F(GuestPromises, Host_PlacementOff_IsNotChosenAndStartsItsOwnGuests) {
   EXPECT_THAT(RunOn({"log"}).output, HasSubstr("The placement of virtual machines on the host ["));
 }
 
+TEST_F(GuestPromises, HostEdit_Name_IsShownAndUnique) {
+  const auto edited = RunOn({"host", "edit", host_id_, "--name", "office-1"});
+  EXPECT_EQ(edited.exit_code, 0) << edited.errors;
+  EXPECT_EQ(edited.output, "The host '" + host_id_ + "' is called 'office-1' now.\n");
+  EXPECT_EQ(Parsed(RunOn({"--json", "host", "show", "office-1"}).output)["host_id"], host_id_);
+  EXPECT_THAT(RunOn({"host", "list"}).output, AllOf(HasSubstr("\noffice-1 "), Not(HasSubstr(host_id_))));
+  EXPECT_THAT(RunOn({"host", "list", "--ids"}).output, HasSubstr("\n" + host_id_ + "  office-1 "));
+  EXPECT_THAT(RunOn({"log"}).output, HasSubstr("] to [office-1]."));
+  // Again, and with another setting.
+  ExpectDone({"host", "edit", "office-1", "--name", "office-1", "--placement", "on"});
+  const std::string other = "00000000-0000-4000-8000-00000000000b";
+  PutRecord(*store_, store::MakeKey({"dash", "host", other, "object"}), Parsed(R"({"name":"office-2"})"));
+  ExpectRefused({"host", "edit", "office-1", "--name", "office-2"}, "office-2' already");
+  EXPECT_THAT(RunOn({"host", "list"}).output, HasSubstr("\noffice-1 "));
+  EXPECT_THAT(RunOn({"host", "edit", "office-1"}).errors, HasSubstr("Nothing to change is named"));
+}
+
 TEST_F(GuestPromises, Upgrading_On_GuestsAreShownAsFrozen) {
   ExpectDone({"cluster", "settings", "--upgrading", "on"});
   EXPECT_EQ(Parsed(RunOn({"--json", "cluster", "settings"}).output)["upgrading"], true);
@@ -171,9 +188,13 @@ TEST_F(GuestPromises, ClusterSettings_BadValues_AreRefusedWithReason) {
   const std::string host = "VEXA.Virtualization.Host";
   const std::string id = R"({"host_id":")" + host_id_ + "\"";
   expect(host, "edit", "{}", 401, "The parameter 'host_id' is not a UUID");
-  expect(host, "edit", id + "}", 401, "The parameter 'placement' is missing");
+  expect(host, "edit", id + "}", 401, "Neither 'name' nor 'placement' is given");
   expect(host, "edit", id + R"(,"placement":null})", 401, "The parameter 'placement' is not true or false: it is null");
-  expect(host, "edit", id + R"(,"placement":true,"name":"x"})", 401, "The parameter 'name' is unknown");
+  expect(host, "edit", id + R"(,"placement":true,"nme":"x"})", 401, "The parameter 'nme' is unknown");
+  for (const char* name : {"\"\"", "7", "\"a\\nb\""}) {
+    expect(host, "edit", id + ",\"name\":" + name + "}", 401,
+           "The parameter 'name' is not 1 to 128 bytes of UTF-8 without control characters");
+  }
   expect(host, "edit", R"({"host_id":"00000000-0000-4000-8000-000000000009","placement":true})", 403,
          "There is no host '00000000-0000-4000-8000-000000000009'");
   ExpectRefused({"cluster", "settings", "--upgrading", "maybe"},

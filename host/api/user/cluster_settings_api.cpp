@@ -11,6 +11,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/outcome_log.h"
 #include "host/base/sanitize_for_log.h"
+#include "host/cluster/host_name.h"
 #include "host/cluster/settings.h"
 #include "host/records/keys.h"
 #include "host/records/object_members.h"
@@ -106,17 +107,37 @@ void Set(store::Store& store, const Call& call) {
   Get(store, call);
 }
 
+// False: the host could not be renamed, and the call has been answered.
+bool Rename(store::Store& store, const Call& call, const std::string& host_id, const Json::Value& given) {
+  const std::string name = given.isString() ? given.asString() : "";
+  std::string old_name;
+  const auto renamed = cluster::RenameHost(store, host_id, name, old_name);
+  const std::string hosts =
+      fmt::format("the host [{}] to [{}]", SanitizeForLog(old_name, kMaxQuoted), SanitizeForLog(name, kMaxQuoted));
+  if (renamed || renamed.error().code == user_error::kRecordFailed) {
+    LogOutcome(call, renamed ? Outcome::kDone : Outcome::kFailed, fmt::format("Renamed {}.", hosts),
+               fmt::format("Failed to rename {}.", hosts));
+  }
+  if (!renamed) Fail(call, renamed.error().code, renamed.error().reason);
+  return renamed.ok();
+}
+
 void EditHost(store::Store& store, const Call& call) {
   const Json::Value parameters = call.request->GetParam("", Json::Value());
   const auto id = call.request->GetAndCheckString("host_id", kRequired, VexaCCC::Utils::isUUID);
   if (id.IsInvalid()) return Fail(call, user_error::kBadParameter, "The parameter 'host_id' is not a UUID");
   std::optional<bool> placement;
-  if (!HasOnly(call, parameters, {"host_id", kPlacement}) || !ReadSwitch(call, parameters, kPlacement, placement)) {
+  if (!HasOnly(call, parameters, {"host_id", keys::name, kPlacement}) ||
+      !ReadSwitch(call, parameters, kPlacement, placement)) {
     return;
   }
-  if (!placement)
-    return Fail(call, user_error::kBadParameter, fmt::format("The parameter '{}' is missing", kPlacement));
+  const bool has_name = json::FindMember(parameters, keys::name) != nullptr;
+  if (!placement && !has_name) {
+    return Fail(call, user_error::kBadParameter, fmt::format("Neither '{}' nor '{}' is given", keys::name, kPlacement));
+  }
   const records::RequestPause without_reader;
+  if (has_name && !Rename(store, call, id.Get(), json::Member(parameters, keys::name))) return;
+  if (!placement) return call.response->SetSuccess(Json::Value());
   std::string name;
   {
     const auto reader = records::Reader::Open(store);
@@ -155,9 +176,12 @@ std::vector<ApiRow> ClusterSettingsRows(const std::shared_ptr<store::Store>& sto
               "VEXA.Virtualization.Host", "edit", LaneKind::kLong,
               [store](const Call& call) { EditHost(*store, call); }, "Change the settings of a host.",
               {Text("host_id", "The host's id, a UUID."),
-               {kPlacement, ParameterType::kBoolean, Necessity::kRequired,
+               Optional(keys::name, ParameterType::kString,
+                        "A new name, 1 to 128 bytes, which no other host has. It is shown in place of its machine's."),
+               {kPlacement, ParameterType::kBoolean, Necessity::kOptional,
                 "Whether the host may be chosen for guests without a host, and for new guests (at first true)."}},
-              {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kUnavailable})};
+              {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kRecordExists,
+               user_error::kRecordFailed, user_error::kUnavailable})};
 }
 
 }  // namespace vexa::api

@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/cluster/host_name.h"
 #include "host/machine/host_facts.h"
 #include "host/records/environment.h"
 #include "host/store/key.h"
@@ -51,6 +52,30 @@ store::Revision RevisionOf(TestHost& host, const std::string& key) {
   auto snapshot = host.store().Read();
   const auto value = (*snapshot)->Get(key);
   return value->has_value() ? (*value)->revision : 0;
+}
+
+TEST(HostRecord, Registration_NameWasGiven_KeepsIt) {
+  TestHost host;
+  std::string old_name;
+  const auto unknown = RenameHost(host.store(), kHost, "office", old_name);
+  ASSERT_FALSE(unknown.ok());
+  EXPECT_EQ(unknown.error().code, user_error::kNotFoundOrUnreadable);
+  ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
+  ASSERT_TRUE(RenameHost(host.store(), kHost, "office", old_name).ok());
+  EXPECT_EQ(old_name, "one");
+  EXPECT_EQ(Read("object")["name"], "office");
+  // Every start writes the record with what the machine says.
+  ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
+  EXPECT_EQ(Read("object")["name"], "office");
+  ASSERT_TRUE(UpdateHost(host.store(), Facts(), {kNow, kNow}).ok());
+  EXPECT_EQ(Read("object")["name"], "office");
+  HostFacts other = Facts();
+  other.host_id = "00000000-0000-4000-8000-00000000000b";
+  ASSERT_TRUE(RegisterHost(host.store(), other, kNow).ok());
+  const auto taken = RenameHost(host.store(), other.host_id, "office", old_name);
+  ASSERT_FALSE(taken.ok());
+  EXPECT_EQ(taken.error().code, user_error::kRecordExists);
+  EXPECT_EQ(taken.error().reason, std::string("The host '") + kHost + "' is called 'office' already");
 }
 
 TEST(HostRecord, Registration_WritesWhatOthersRead) {
