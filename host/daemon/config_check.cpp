@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "host/api/allowed_origins.h"
+#include "host/base/origin.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/daemon/config.h"
 
@@ -221,7 +221,7 @@ ConfigProblems CheckConfig(const Config& config) {
                         "Lower 'calls-per-host', or leave it out"});
   }
   for (const std::string& origin : config.allowed_origins) {
-    if (api::IsOrigin(origin)) continue;
+    if (IsOrigin(origin)) continue;
     problems.push_back({"allowed-origins", origin, fmt::format("'{}' is not an origin", origin),
                         "Use the form https://nas.example or http://127.0.0.1:3000, in lower case and without a path"});
   }
