@@ -7,7 +7,12 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 # Line numbers in traces and reports; only the debug build has a debugger's variables. This halves the object files.
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1 -DNDEBUG")
+# For `./dev run`: as little time in the compiler as possible. Warnings are for the other builds. Sources that are compiled
+# together would otherwise bring each other's undefined symbols into programs that use only one of them.
+set(CMAKE_CXX_FLAGS_QUICK "-O0 -g0 -DNDEBUG -w -ffunction-sections -fdata-sections")
+set(CMAKE_EXE_LINKER_FLAGS_QUICK "-Wl,--gc-sections")
 
+option(VEXA_TESTS "Configure the tests, the fuzz targets and the measurements, which need more packages" ON)
 set(VEXA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 option(VEXA_FUZZ "Build the fuzz targets with libFuzzer (clang only) in place of a run over their corpus" OFF)
 
@@ -95,7 +100,7 @@ endfunction()
 
 # What most sources include, read once. Not in the debug build, which clang-tidy reads: there a source that lacks an
 # include must not compile.
-if(NOT VEXA_FUZZ AND (VEXA_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo"))
+if(NOT VEXA_FUZZ AND (VEXA_SANITIZE OR NOT CMAKE_BUILD_TYPE STREQUAL "Debug"))
   set(VEXA_HEADERS vexa_headers)
   add_library(vexa_headers STATIC ${CMAKE_SOURCE_DIR}/cmake/headers.cpp)
   vexa_precompile(vexa_headers
@@ -103,11 +108,70 @@ if(NOT VEXA_FUZZ AND (VEXA_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo
   target_link_libraries(vexa_headers PRIVATE PkgConfig::JSONCPP)
 endif()
 
+# vexa_group_sources(TARGET): with CMAKE_UNITY_BUILD, the compiler reads several sources of the target as one, and
+# so their common headers once. Two sources that define the same name, such as a constant of their own, are in different
+# groups: those are the names at the beginning of lines.
+function(vexa_group_sources target)
+  if(NOT CMAKE_UNITY_BUILD)
+    return()
+  endif()
+  get_target_property(sources ${target} SOURCES)
+  set(most 12)
+  set(group 0)
+  set(names_0)
+  set(size_0 0)
+  foreach(source ${sources})
+    file(STRINGS ${source} lines REGEX "^[A-Za-z]")
+    set(names)
+    foreach(line ${lines})
+      if(line MATCHES "^(namespace|using) ([A-Za-z_0-9]+) =")
+        list(APPEND names ${CMAKE_MATCH_2})
+      elseif(line MATCHES "^(using|namespace|public|private|extern) ?")
+      elseif(line MATCHES "^(constexpr|const|static|inline) [^=({]*[ *&]([A-Za-z_0-9]+)(\\[[^=]*\\])?( =|{|;)")
+        list(APPEND names ${CMAKE_MATCH_2})
+      elseif(line MATCHES "^(struct|class|enum class|enum) ([A-Za-z_0-9]+)")
+        list(APPEND names ${CMAKE_MATCH_2})
+      elseif(line MATCHES "^[^=(]*[ *&]([A-Za-z_0-9]+)\\(")
+        list(APPEND names ${CMAKE_MATCH_1})
+      endif()
+    endforeach()
+    # The first group that has room and none of the names.
+    set(chosen)
+    foreach(i RANGE ${group})
+      if(size_${i} GREATER_EQUAL most)
+        continue()
+      endif()
+      set(is_free TRUE)
+      foreach(name ${names})
+        if(name IN_LIST names_${i})
+          set(is_free FALSE)
+          break()
+        endif()
+      endforeach()
+      if(is_free)
+        set(chosen ${i})
+        break()
+      endif()
+    endforeach()
+    if("${chosen}" STREQUAL "")
+      math(EXPR group "${group} + 1")
+      set(chosen ${group})
+      set(names_${group})
+      set(size_${group} 0)
+    endif()
+    list(APPEND names_${chosen} ${names})
+    math(EXPR size_${chosen} "${size_${chosen}} + 1")
+    set_source_files_properties(${source} PROPERTIES UNITY_GROUP group_${chosen})
+  endforeach()
+  set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
+endfunction()
+
 # vexa_library(NAME SOURCES... LINK ...): one folder of the host as a static library.
 function(vexa_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC ${arg_LINK})
+  vexa_group_sources(${name})
   if(VEXA_HEADERS)
     target_precompile_headers(${name} REUSE_FROM ${VEXA_HEADERS})
   endif()
