@@ -168,6 +168,16 @@ TEST_F(Setup, Hypervisor_ThatCannotBeReached_IsReportedWithWhatHelps) {
   EXPECT_NE(result.output.find("  KVM: "), std::string::npos) << result.output;
 }
 
+TEST_F(Setup, FolderElsewhere_IsOpenedInTheUnit) {
+  const std::string drop_in = "units/vexad.service.d/guests.conf";
+  EXPECT_EQ(Run({"--images", Images(), "--units", folder_.File("units")}).exit_code, 0);
+  EXPECT_EQ(Read(drop_in), fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"{}\"\n", Images()));
+  // The data folder needs none.
+  fs::remove_all(folder_.File("units"));
+  EXPECT_EQ(Run({"--images", Data() + "/images", "--units", folder_.File("units")}).exit_code, 0);
+  EXPECT_FALSE(fs::exists(folder_.File("units")));
+}
+
 // Root made the data folder, and files in it, before the service.
 TEST_F(Setup, FilesOfRoot_BecomeThoseOfTheService) {
   ASSERT_TRUE(vexa::CreateDirectories(Data() + "/store", 0700).ok());
