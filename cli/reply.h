@@ -26,7 +26,7 @@ struct ApiReply {
   std::optional<std::int64_t> code;
   std::string message;
   Json::Value details;
-  std::string reason;  // a sentence; empty without one
+  std::string reason;         // a sentence; empty without one
   bool is_simulated = false;  // guests are only simulated on the host
   std::string request_id;
 };
