@@ -21,6 +21,8 @@ void AddSetupCommand(const Command& app) {
   setup.AddFlag("--yes", options->assume_yes, "Take the defaults instead of asking");
   setup.AddFlag("--no-start", options->no_start, "Do not start the service");
   setup.AddOption("--config", options->config, "The service's configuration file").Placeholder("PATH");
+  setup.AddOption("--units", options->units, "Where the unit's drop-in for the folder goes (/etc/systemd/system)")
+      .Placeholder("FOLDER");
   setup.AddOption("--account", options->account, "The service's account").Placeholder("NAME");
   setup.Footer(R"(
 Writes the settings into the configuration file (its old text goes to vexad.conf.bak), makes the folders for the

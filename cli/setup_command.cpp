@@ -159,6 +159,29 @@ bool StartService(const GlobalOptions& global, const SetupOptions& options, bool
   return false;
 }
 
+// The unit lets the service write only in its own folders. Returns whether the drop-in changed.
+Result<bool> AllowFolders(const SetupOptions& options, const daemon::Config& config) {
+  const bool is_service = options.config == daemon::kServiceConfigFile;
+  std::string folder = options.units;
+  if (folder.empty() && is_service && RunsSystemd()) folder = "/etc/systemd/system";
+  std::string lines;
+  for (const std::string& root : config.image_roots) {
+    if (root == kGuestsFolder || root.starts_with(config.data_directory + "/")) continue;
+    lines += fmt::format("ReadWritePaths=\"{}\"\n", root);
+  }
+  if (folder.empty() || lines.empty()) return false;
+  folder += "/vexad.service.d";
+  const std::string text = "# Made by 'vexa setup'.\n[Service]\n" + lines;
+  const std::string file = folder + "/guests.conf";
+  if (const Result<std::string> old = ReadFile(file, kMaxConfigBytes); old && *old == text) return false;
+  if (Status made = CreateDirectories(folder, 0755); !made) return made.error();
+  if (Status written = WriteFileAtomically(file, text, 0644); !written) return written.error();
+  if (is_service && RunsSystemd() && !RunProgram({"systemctl", "daemon-reload"})) {
+    return Error(ErrorCode::kUnavailable, "'systemctl daemon-reload' failed");
+  }
+  return true;
+}
+
 Status CheckMachine(const SetupOptions& options) {
   if (::geteuid() != 0) return Error(ErrorCode::kDenied, "Only root can set a host up. Run: sudo vexa setup");
   if (::getpwnam(options.account.c_str())) return {};
@@ -192,10 +215,12 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
                        : fmt::format("{} stays as it is.", options.config));
   const daemon::Config config = ReadConfig(options.config);
   if (const Status made = MakeFolders(options, config); !made) return Report(made.error());
+  const Result<bool> allowed = AllowFolders(options, config);
+  if (!allowed) return Report(allowed.error());
   if (!options.admin.empty()) {
     if (const ExitCode added = AddAdministrator(global, options, config); added != ExitCode::kOk) return added;
   }
-  const bool runs = StartService(global, options, *changed);
+  const bool runs = StartService(global, options, *changed || *allowed);
   SetupMachine machine;
   machine.account = options.account;
   machine.hypervisor = config.hypervisor;

@@ -13,7 +13,7 @@ struct FileSetting {
   std::string value;  // as text; WithSetting adds the quotes
 };
 
-// `text` with the setting: in place of its line, or else below the comment that shows it, or else at the end. Further
+// `text` with the setting: in place of its line, or else below the comment that shows it, or else at the end. Other
 // lines with the setting are removed.
 std::string WithSetting(const std::string& text, const FileSetting& setting);
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
+#include <iostream>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -239,7 +239,7 @@ std::string ToLine(const ConfigProblem& problem) {
 }
 
 void PrintProblems(const ConfigProblems& problems) {
-  for (const ConfigProblem& problem : problems) std::fprintf(stderr, "vexad: %s\n", ToLine(problem).c_str());
+  for (const ConfigProblem& problem : problems) std::cerr << "vexad: " << ToLine(problem) << '\n';
 }
 
 }  // namespace vexa::daemon

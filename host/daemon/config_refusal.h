@@ -17,8 +17,8 @@ namespace vexa::daemon {
 
 struct ConfigRefusal {
   ConfigProblems problems;
-  // The settings that are wrong, and the ones that their author may have meant: what else is found about them may follow
-  // from the mistake.
+  // The settings that are wrong, and the ones that their author may have meant: what else is found about them may
+  // follow from the mistake.
   std::set<std::string> doubtful;
   CommandLine usable;  // the other settings
   bool has_calls_per_host = false;

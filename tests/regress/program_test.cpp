@@ -182,6 +182,43 @@ TEST(SampleHost, RunSampleHost_HostRunning_OneRequestWorksAndSecondHostIsRefused
   EXPECT_TRUE(script.Wait(kTimeout).has_value());
 }
 
+// The script printed only the log of the start that had failed, without the variable that helps.
+TEST(SampleHost, Port_InUse_IsAnsweredWithTheVariable) {
+  const TempDir folder;
+  MakeTree(folder);
+  Process script(Script(folder, "sample"));
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
+  const int port = PortIn(script.output());
+  vexa::test::ProcessOptions options = Script(folder, "sample");
+  options.environment["VEXA_RUN_DIR"] = folder.File("other");
+  options.environment["VEXA_PORT"] = std::to_string(port);
+  const auto second = vexa::test::RunProcess(options);
+  EXPECT_EQ(second.exit_code, 1);
+  EXPECT_NE(second.errors.find("Port " + std::to_string(port) + " is in use by process "), std::string::npos)
+      << second.errors;
+  EXPECT_NE(second.errors.find("(vexad). Choose another one: VEXA_PORT=" + std::to_string(port + 1) + " ./dev run\n"),
+            std::string::npos)
+      << second.errors;
+  ::kill(-script.pid(), SIGINT);
+  EXPECT_TRUE(script.Wait(kTimeout).has_value());
+}
+
+TEST(SampleHost, Guests_OfTheSample_RunAndAreHealthy) {
+  const TempDir folder;
+  MakeTree(folder);
+  Process script(Script(folder, "sample"));
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
+  for (const char* const guest :
+       {"web-1 +running +healthy", "mail-1 +running +healthy", "build-1 +shutdown +healthy"}) {
+    EXPECT_TRUE(std::regex_search(script.output(), std::regex(guest))) << guest << script.output();
+  }
+  const auto start = vexa::test::RunProcess(
+      {.argv = {VEXA_PROGRAM, "--socket", folder.File("r/vexad.sock"), "guest", "start", "build-1", "--wait"}});
+  EXPECT_EQ(start.exit_code, 0) << start.errors;
+  ::kill(-script.pid(), SIGINT);
+  EXPECT_TRUE(script.Wait(kTimeout).has_value());
+}
+
 // The script generated and printed a new password, while the account kept the old one.
 TEST(SampleHost, SavedPassword_FileDeleted_PrintedPasswordWorks) {
   const TempDir folder;

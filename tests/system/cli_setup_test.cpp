@@ -13,6 +13,7 @@
 #include "host/base/files.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
+#include "tests/system/cli_terminal.h"
 
 namespace {
 
@@ -166,6 +167,35 @@ TEST_F(Setup, Hypervisor_ThatCannotBeReached_IsReportedWithWhatHelps) {
       std::string::npos)
       << result.output;
   EXPECT_NE(result.output.find("  KVM: "), std::string::npos) << result.output;
+}
+
+TEST_F(Setup, Terminal_AsksForWhatIsMissing) {
+  vexa::test::OnTerminal setup(
+      {.argv = {VEXA_PROGRAM, "setup", "--account", kAccount, "--config", folder_.File("vexad.conf")}});
+  ASSERT_TRUE(setup.WaitFor("First administrator ('-' for none) [admin]: ")) << setup.shown();
+  setup.Type("root-of-all\n");
+  ASSERT_TRUE(setup.WaitFor("Address and port for users [127.0.0.1:8642]: ")) << setup.shown();
+  setup.Type("127.0.0.1:8699\n");
+  ASSERT_TRUE(setup.WaitFor("Folder for guests [/var/lib/vexa-images]: ")) << setup.shown();
+  setup.Type(Images() + "\n");
+  for (const char* const prompt : {"Password of root-of-all: ", "Password of root-of-all again: "}) {
+    ASSERT_TRUE(setup.WaitFor(prompt)) << setup.shown();
+    setup.Type(kPassword);
+  }
+  ASSERT_TRUE(setup.WaitFor("Added user 'root-of-all'.")) << setup.shown();
+  ASSERT_TRUE(setup.WaitFor("What works:")) << setup.shown();
+  EXPECT_EQ(setup.Finish(), 0) << setup.shown();
+  EXPECT_NE(Read("vexad.conf").find("listen = \"127.0.0.1:8699\""), std::string::npos);
+}
+
+TEST_F(Setup, FolderElsewhere_IsOpenedInTheUnit) {
+  const std::string drop_in = "units/vexad.service.d/guests.conf";
+  EXPECT_EQ(Run({"--images", Images(), "--units", folder_.File("units")}).exit_code, 0);
+  EXPECT_EQ(Read(drop_in), fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"{}\"\n", Images()));
+  // The data folder needs none.
+  fs::remove_all(folder_.File("units"));
+  EXPECT_EQ(Run({"--images", Data() + "/images", "--units", folder_.File("units")}).exit_code, 0);
+  EXPECT_FALSE(fs::exists(folder_.File("units")));
 }
 
 // Root made the data folder, and files in it, before the service.

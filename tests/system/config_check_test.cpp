@@ -364,11 +364,18 @@ TEST_F(ConfigCheck, Hypervisor_ThatDoesNotAnswer_IsReportedAfterTheDeadline) {
 }
 
 TEST_F(ConfigCheck, UnreadableFile_IsReported) {
-  if (::geteuid() == 0) GTEST_SKIP() << "root can read every file";
-  const std::string file = Write("conf", "data = \"/d\"\n", 0000);
-  const ProcessResult result = RunProcess({.argv = {VEXAD_PROGRAM, "--config", file, "--check-config"}});
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can check as another account";
+  Open();
+  const std::string file = Write("conf", "data = \"/d\"\n", 0600);
+  const std::string user = fmt::format("--reuid={}", ::getpwnam(kOtherAccount)->pw_uid);
+  const ProcessResult result =
+      RunProcess({.argv = {"setpriv", user, "--clear-groups", VEXAD_PROGRAM, "--config", file, "--check-config"}});
   EXPECT_EQ(result.exit_code, 2);
-  EXPECT_NE(result.errors.find("The file cannot be read: Permission denied"), std::string::npos) << result.errors;
+  EXPECT_TRUE(result.errors.starts_with(
+      fmt::format("vexad: --config = \"{}\": The file cannot be read: Permission denied. Name a file that exists, and "
+                  "that this account may read.\n",
+                  file)))
+      << result.errors;
 }
 
 }  // namespace
