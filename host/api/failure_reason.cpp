@@ -126,8 +126,7 @@ void SetReasonOfHosts(const Call& call, const transport::FailedHostsScope& faile
   const std::string reason = host_id == VexaCCC::DB::DBLocalhostID()
                                  ? said
                                  : fmt::format("{} (Reported by the host '{}'.)", WithFullStop(said), name);
-  if (call.request->IsAdmin() || IsAboutParameters(failed.last_code())) return SetReason(call, reason);
-  SetReason(call, GeneralReason(failed.last_code()));
+  SetReason(call, ReasonOfHost(call.request->IsAdmin(), failed.last_code(), reason));
 }
 
 void SetReasonOfRecords(const Call& call, const records::Finding& finding) {
@@ -180,6 +179,10 @@ void AddMissingReason(const ApiRow& row, const Call& call, const FailureFindings
   }
 }
 
+std::string ReasonOfHost(bool is_administrator, int host_code, const std::string& said) {
+  return is_administrator || IsAboutParameters(host_code) ? said : GeneralReason(host_code);
+}
+
 std::string ReasonOfCaller(int code, const http::HttpRequest& request, const Caller* caller) {
   const bool has_token = !request.authorization.empty() || !FindCookie(request.cookie, kSessionCookie).empty();
   const bool is_local = request.peer.kind == http::Peer::Kind::kUnix;
@@ -212,7 +215,7 @@ std::string ReasonOfCode(int code) {
     case user_error::kWrongPassword:
       return "The name and the password do not belong together.";
     case user_error::kTooManyLogins:
-      return "This address, or this user, has had more failed logins than are allowed at once.";
+      return "This address, or this user, has had more failed logins than are allowed in a short time.";
     case user_error::kHostBusy:
       return "As many requests as the host takes are waiting already.";
     case user_error::kNoSuchAddress:

@@ -20,6 +20,10 @@ struct FailureFindings {
 // the caller lacks, what the hosts that were asked said, or which record could not be read.
 void AddMissingReason(const ApiRow& row, const Call& call, const FailureFindings& findings);
 
+// What a user reads of a host's refusal: `said`, or for a caller who is not an administrator what the code means and
+// whom to ask.
+std::string ReasonOfHost(bool is_administrator, int host_code, const std::string& said);
+
 // Why a request was refused because of who sends it (103, 104, 105, and 100 when that could not be found out); "" for
 // any other code. `caller` is null when the request was refused before the caller's account was looked up. Says nothing
 // about tokens and accounts that the caller does not know.

@@ -48,8 +48,8 @@ constexpr ErrorHelp kHelp[] = {
      "header Allow of the reply has the right one."},
     {user_error::kNotJson, "Send the header 'Content-Type: application/json'.",
      "Only JSON is accepted, so that a form of another site cannot call a method. Some clients send another type "
-     "unless they are told otherwise."},
-    {user_error::kBodyTooLarge, "Send less at once; large images go through 'vexa image add --upload'.",
+     "by default."},
+    {user_error::kBodyTooLarge, "Send less in one request; large images go through 'vexa image add --upload'.",
      "A body has at most 1 MiB and 2,048 values, 9 MiB and 200,000 values for 'import', and 16 KiB without a login. "
      "The "
      "reason or the details have the limit that was exceeded."},
@@ -286,7 +286,7 @@ constexpr ErrorHelp kHelp[] = {
      "bytes that have arrived."},
     {user_error::kUploadDamaged, "Upload the file again.",
      "The digest of what arrived differs from the announced one: the file was changed while it was sent, or bytes were "
-     "damaged on the way. Nothing of it was kept."},
+     "damaged on the way. It was not kept."},
     {user_error::kNoRoom,
      "Remove what is no longer needed; 'vexa repository list' and 'df' show the space that is left.",
      "The file system of the folder does not have as much free space as is needed. The reason has both numbers for "

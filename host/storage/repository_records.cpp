@@ -252,7 +252,6 @@ Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const st
   // The repository's host may write these until the record is gone.
   transaction.operations.push_back({StorageKey(id), std::nullopt});
   transaction.operations.push_back({SpaceKey(id), std::nullopt});
-  transaction.operations.push_back({LimitsKey(id), std::nullopt});
   transaction.operations.push_back({RepositoryStateKey(id), std::nullopt});
   return transaction;
 }

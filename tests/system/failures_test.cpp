@@ -36,7 +36,7 @@ class Failures : public CliGuestHostTest {
     ADD_FAILURE() << "no guest " << name;
     return "";
   }
-  // In a call as an administrator on the network, whoever the caller on the Unix socket is.
+  // In a call as an administrator on the network, independent of the caller on the Unix socket.
   void CallAsAdministrator(const std::string& api_and_method, const std::string& parameters) {
     const HttpReply reply = daemon_->TcpAs("admin").PostJson("/webapi/" + api_and_method, parameters);
     EXPECT_EQ(reply.status, 200) << reply.body;
@@ -145,6 +145,19 @@ TEST_F(Failures, OfGuests_AreExplained) {
        "  Hint: GET /openapi.json lists the methods of this host\\.\n"},
   };
   for (const FailureRow& row : rows) ExpectFailure(row);
+}
+
+TEST_F(Failures, OfBusyGuest_IsExplained) {
+  MakeGuest("busy");
+  const std::string id = IdOf("busy");
+  PutText(*store_, records::EditKey(id),
+          R"({"host_id":"other","user":"ann","since":1700000000,"stage":"doing","hidden":[],"grown":[],"made":[]})");
+  ExpectFailure(
+      {"guest busy",
+       {"guest", "start", "busy"},
+       "vexa: busy: The guest is busy: another operation on it is in progress\\. Try again later \\(912\\)\\.\n"
+       "  Reason: The guest is being edited \\(started by 'ann' at 2023-11-14T22:13:20Z\\)\\.\n"
+       "  Hint: Wait for the other operation, and try again; 'vexa guest status GUEST' shows its progress\\.\n"});
 }
 
 TEST_F(Failures, OfFilesAndNetworks_AreExplained) {

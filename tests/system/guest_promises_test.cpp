@@ -1,5 +1,6 @@
 // What settings of guests, hosts and the cluster promise, through `vexa` and the API, against a real host in test mode:
 // guests without a host, placement, the mode of upgrades, and the refusal of everything that a setting does not accept.
+#include "host/api/reason.h"
 #include "host/base/guest_settings.h"
 #include "host/cluster/settings.h"
 #include "json/readers.h"
@@ -83,11 +84,13 @@ TEST_F(GuestPromises, Start_HostRefuses_AdministratorsGetItsReason) {
   const Json::Value to_grace = JsonBody(daemon_->TcpAs("grace").PostJson(
       "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl", json::ToText(power("poweron"))));
   EXPECT_EQ(CodeOf(to_grace), user_error::kNoMemory);
-  EXPECT_EQ(ReasonOf(to_grace), "");
+  EXPECT_EQ(ReasonOf(to_grace),
+            std::string("The host does not have enough free memory for the guest. ") + api::kAskAdministrator);
   // The host has no part in this refusal.
   const Json::Value unknown = Call("VEXA.Virtualization.Guest.Action", "pwr_ctl", power("jump"));
   EXPECT_EQ(CodeOf(unknown), user_error::kBadParameter);
-  EXPECT_EQ(ReasonOf(unknown), "");
+  EXPECT_EQ(ReasonOf(unknown),
+            "The parameter 'action' has to be one of poweron, shutdown, poweroff, reboot, poweroff_by_ha.");
 }
 
 TEST_F(GuestPromises, Pending_ForOrdinaryUser_HasNoFolders) {

@@ -10,6 +10,7 @@
 #include <variant>
 
 #include "host/api/console.h"
+#include "host/api/failure_reason.h"
 #include "host/api/rows.h"
 #include "host/api/user/consoles.h"
 #include "host/api/user/outcome_log.h"
@@ -118,20 +119,20 @@ void TakeScreenshot(const store::Store& store, const Call& call) {
 struct Failure {
   int code;
   std::string reason;
-  Readers readers;
 };
 
 // Has the host type the beginning of `text`. Returns how many characters it typed, at least one.
-std::variant<std::size_t, Failure> TypeBeginning(const std::string& host_id, const std::string& guest_id,
-                                                 const std::string& text) {
+std::variant<std::size_t, Failure> TypeBeginning(bool is_administrator, const std::string& host_id,
+                                                 const std::string& guest_id, const std::string& text) {
   VexaDRCore::Request request = HostRequest("type", guest_id);
   request.addParam("text", text);
   const VexaDRCore::Response reply = VexaCCC::Sender(host_id).process(request);
   if (!reply.isSuccess()) {
-    return Failure{ConsoleCodeForUser(reply.getErrCode()), json::String(reply.getErrMsg()), Readers::kAdministrators};
+    return Failure{ConsoleCodeForUser(reply.getErrCode()),
+                   ReasonOfHost(is_administrator, reply.getErrCode(), json::String(reply.getErrMsg()))};
   }
   const Json::Int64 typed = json::Int64(json::Member(reply.getData(), "typed"));
-  if (typed < 1) return Failure{user_error::kActionFailed, "The guest's host typed no character", Readers::kCaller};
+  if (typed < 1) return Failure{user_error::kActionFailed, "The guest's host typed no character"};
   return std::min(static_cast<std::size_t>(typed), text.size());
 }
 
@@ -150,16 +151,15 @@ void TypeText(const store::Store& store, const std::function<bool()>& is_stoppin
   std::optional<Failure> failure;
   while (!failure && typed < text.Get().size()) {
     if (is_stopping()) {
-      failure = Failure{user_error::kUnavailable, "This host is stopping", Readers::kCaller};
+      failure = Failure{user_error::kUnavailable, "This host is stopping"};
       break;
     }
     // It may have been revoked meanwhile.
     if (typed > 0 && !MayOpen(store, call, *guest_id)) {
-      failure =
-          Failure{user_error::kNotPermitted, "The console of this guest is no longer granted to you", Readers::kCaller};
+      failure = Failure{user_error::kNotPermitted, "The console of this guest is no longer granted to you"};
       break;
     }
-    const auto step = TypeBeginning(*host_id, *guest_id, text.Get().substr(typed));
+    const auto step = TypeBeginning(call.request->IsAdmin(), *host_id, *guest_id, text.Get().substr(typed));
     if (const auto* count = std::get_if<std::size_t>(&step)) {
       typed += *count;
     } else {
@@ -172,7 +172,7 @@ void TypeText(const store::Store& store, const std::function<bool()>& is_stoppin
              fmt::format("Failed to type a text on the keyboard of the virtual machine [{}].", name));
   if (!failure) return call.response->SetSuccess(Json::Value());
   Fail(call, failure->code);
-  std::string reason = ReasonFor(call.request->IsAdmin(), failure->readers, failure->reason);
+  std::string reason = failure->reason;
   if (typed > 0) {
     if (!reason.empty() && !reason.ends_with('.')) reason += '.';
     reason +=

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/api/reason.h"
+#include "host/api/failure_reason.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/cluster/console_right.h"
 #include "host/records/reader.h"
@@ -190,9 +190,8 @@ std::variant<std::shared_ptr<http::Tunnel>, ConsoleRefusal> Consoles::OpenForUse
   }
   Log(plan, end.ok());
   if (!end.ok()) {
-    return ConsoleRefusal{
-        ConsoleCodeForUser(end.error().code),
-        ReasonFor(plan.caller.user.is_administrator, Readers::kAdministrators, end.error().reason + ".")};
+    return ConsoleRefusal{ConsoleCodeForUser(end.error().code),
+                          ReasonOfHost(plan.caller.user.is_administrator, end.error().code, end.error().reason + ".")};
   }
   return MakeTunnel(*std::move(end), std::move(entry));
 }

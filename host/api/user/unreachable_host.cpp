@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/api/reason.h"
+#include "host/base/error_help.h"
 #include "host/base/time_text.h"
 #include "host/records/keys.h"
 #include "host/records/object_members.h"
@@ -84,7 +85,9 @@ Handler WithGoneHostReason(Handler handler, NeededHost needed) {
     if (!call.extra_members || !call.response->IsSet() || call.response->IsSuccess()) return;
     if (call.response->ErrorCode() < user_error::kFirstGuestOperationCode) return;
     const std::string reason = GoneHostReason(json::String(call.request->GetParam("guest_id", Json::Value())), needed);
-    if (!reason.empty()) SetReason(call, reason);
+    if (reason.empty()) return;
+    SetReason(call, reason);
+    SetHint(call, HintFor(user_error::kUnreachable));
   };
 }
 
