@@ -10,7 +10,7 @@
 namespace vexa::api {
 
 // Whether `text` is an origin as browsers send it: "https://nas.example" or "http://127.0.0.1:3000", in lower case,
-// without a path. "*" and "null" are none.
+// without a path. "*" and "null" are not.
 bool IsOrigin(std::string_view text);
 
 // Without origins, a browser gets no more than it would from a host that does not know of any of this. Cookies of such

@@ -87,7 +87,9 @@ TEST_F(GuestPromises, Start_HostRefuses_AdministratorsGetItsReason) {
   // The host has no part in this refusal.
   const Json::Value unknown = Call("VEXA.Virtualization.Guest.Action", "pwr_ctl", power("jump"));
   EXPECT_EQ(CodeOf(unknown), user_error::kBadParameter);
-  EXPECT_EQ(ReasonOf(unknown), "");
+  EXPECT_EQ(
+      ReasonOf(unknown),
+      "The parameter 'action' is not 'poweron', 'shutdown', 'poweroff', 'reboot' or 'poweroff_by_ha': it is 'jump'");
 }
 
 TEST_F(GuestPromises, Pending_ForOrdinaryUser_HasNoFolders) {
@@ -166,14 +168,15 @@ TEST_F(GuestPromises, ClusterSettings_BadValues_AreRefusedWithReason) {
   expect(cluster, "set", R"({"upgrading":1})", 401, "The parameter 'upgrading' is not true or false: it is 1");
   expect(cluster, "set", R"({"auto_select_host":"on"})", 401,
          R"(The parameter 'auto_select_host' is not true or false: it is "on")");
-  expect(cluster, "set", R"({"updating":true})", 401, "The parameter 'updating' is unknown");
+  expect(cluster, "set", R"({"updating":true})", 401, "There is no parameter 'updating'; did you mean 'upgrading'?");
   expect(cluster, "set", "{}", 401, "Neither 'auto_select_host' nor 'upgrading' is given");
   const std::string host = "VEXA.Virtualization.Host";
   const std::string id = R"({"host_id":")" + host_id_ + "\"";
   expect(host, "edit", "{}", 401, "The parameter 'host_id' is not a UUID");
   expect(host, "edit", id + "}", 401, "The parameter 'placement' is missing");
   expect(host, "edit", id + R"(,"placement":null})", 401, "The parameter 'placement' is not true or false: it is null");
-  expect(host, "edit", id + R"(,"placement":true,"name":"x"})", 401, "The parameter 'name' is unknown");
+  expect(host, "edit", id + R"(,"placement":true,"name":"x"})", 401,
+         "There is no parameter 'name'. The method has 'host_id', 'placement'");
   expect(host, "edit", R"({"host_id":"00000000-0000-4000-8000-000000000009","placement":true})", 403,
          "There is no host '00000000-0000-4000-8000-000000000009'");
   ExpectRefused({"cluster", "settings", "--upgrading", "maybe"},
@@ -277,7 +280,7 @@ TEST_F(GuestPromises, Parts_BadValue_AreRefusedWithParameterValueAndRange) {
   EXPECT_EQ(ReasonOf(Call("VEXA.Virtualization.Guest", "set", Parsed(R"({"guest_id":"x"})"))),
             "The parameter 'guest_id' is not a UUID");
   EXPECT_EQ(ReasonOf(Call("VEXA.Virtualization.Guest", "create", Parsed(R"({"name":"new","vpcu_num":2})"))),
-            "The parameter 'vpcu_num' is unknown");
+            "There is no parameter 'vpcu_num'; did you mean 'vcpu_num'?");
 }
 
 // Methods that have no words of their own for it.
