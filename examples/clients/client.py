@@ -14,14 +14,16 @@ def main() -> int:
     url, user, password, name = sys.argv[1:]
     host = Client(url)
     host.token = host.core_session_login(user=user, password=password).get("token")
-    guest = host.virtualization_guest_create(name=name, vcpu_num=1, vram_size=256)
+    guest = host.virtualization_guest_create(name=name, vcpu_num=1, vram_size=256, vnics=[{"network": "default"}])
     guest_id = guest["guest_id"]
     host.virtualization_guest_action_pwr_ctl(guest_id=guest_id, action="poweron")
+    addresses: list[str] = []
     for _ in range(100):
-        if host.virtualization_guest_status(guest_id=guest_id)["status"] == "running":
+        status = host.virtualization_guest_status(guest_id=guest_id)["status"]
+        addresses = host.virtualization_guest_info(guest_id=guest_id)["ip"]
+        if status == "running" and addresses:
             break
         time.sleep(0.3)
-    addresses = host.virtualization_guest_info(guest_id=guest_id)["ip"]
     print(f"{guest['name']} runs; its addresses: {', '.join(addresses) or 'none yet'}")
     return 0
 

@@ -26,13 +26,19 @@ async function call<P extends Path>(path: P, body: Body<P>): Promise<Data<P>> {
 
 const session = await call("/webapi/VEXA.Core.Session/login", { user, password });
 token = session.token ?? "";
-const created = await call("/webapi/VEXA.Virtualization.Guest/create", { name, vcpu_num: 1, vram_size: 256 });
+const created = await call("/webapi/VEXA.Virtualization.Guest/create", {
+  name,
+  vcpu_num: 1,
+  vram_size: 256,
+  vnics: [{ network: "default" }],
+});
 const guest_id = created.guest_id;
 await call("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl", { guest_id, action: "poweron" });
+let ip: string[] = [];
 for (let tries = 0; tries < 100; ++tries) {
   const { status } = await call("/webapi/VEXA.Virtualization.Guest/status", { guest_id });
-  if (status === "running") break;
+  ip = (await call("/webapi/VEXA.Virtualization.Guest/info", { guest_id })).ip;
+  if (status === "running" && ip.length > 0) break;
   await new Promise((wake) => setTimeout(wake, 300));
 }
-const { ip } = await call("/webapi/VEXA.Virtualization.Guest/info", { guest_id });
 console.log(`${created.name} runs; its addresses: ${ip.join(", ") || "none yet"}`);

@@ -33,7 +33,8 @@ TEST(UnauthenticatedBody, Body_AboveLimit_IsRefusedBeforeParsing) {
 
 TEST(UnauthenticatedBody, Body_OfAuthenticatedCaller_MayBeLonger) {
   TestDaemon daemon;
-  const HttpReply reply = daemon.TcpAs("grace").PostJson("/webapi/VEXA.Core.Session/info", BodyOf(1024 * 1024));
+  const std::string body = "{" + std::string(1024 * 1024 - 2, ' ') + "}";
+  const HttpReply reply = daemon.TcpAs("grace").PostJson("/webapi/VEXA.Core.Session/info", body);
   EXPECT_EQ(ErrorCode(reply), 0);
 }
 

@@ -276,7 +276,7 @@ Json::Value QemuHost::Ask(const std::string& api_and_method, const std::string& 
   HttpClient client(target);
   client.SetTimeout(kGuestTimeout);
   if (extra_members.isNull()) extra_members = Json::Value(Json::objectValue);
-  extra_members["guest_id"] = guest;
+  if (!guest.empty()) extra_members["guest_id"] = guest;
   const HttpReply reply = client.PostJson("/webapi/" + api_and_method, json::ToText(extra_members));
   const auto parsed = ParseJson(reply.body);
   return reply.arrived() && parsed ? *parsed : Json::Value();

@@ -99,6 +99,7 @@ class QemuHost {
   std::string ChangedDisks(const std::string& guest, int disks) const;
 
   // --- Calls ---
+  // With the guest's id, unless it is empty.
   Json::Value Ask(const std::string& api_and_method, const std::string& guest, Json::Value extra_members = {}) const;
   // The code of the error; 0 for a success, -1 when no reply came.
   int Code(const std::string& api_and_method, const std::string& guest, const Json::Value& extra_members = {}) const;

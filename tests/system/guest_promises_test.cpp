@@ -89,8 +89,9 @@ TEST_F(GuestPromises, Start_HostRefuses_AdministratorsGetItsReason) {
   // The host has no part in this refusal.
   const Json::Value unknown = Call("VEXA.Virtualization.Guest.Action", "pwr_ctl", power("jump"));
   EXPECT_EQ(CodeOf(unknown), user_error::kBadParameter);
-  EXPECT_EQ(ReasonOf(unknown),
-            "The parameter 'action' has to be one of poweron, shutdown, poweroff, reboot, poweroff_by_ha.");
+  EXPECT_EQ(
+      ReasonOf(unknown),
+      "The parameter 'action' is not 'poweron', 'shutdown', 'poweroff', 'reboot' or 'poweroff_by_ha': it is 'jump'");
 }
 
 TEST_F(GuestPromises, Pending_ForOrdinaryUser_HasNoFolders) {
@@ -186,14 +187,15 @@ TEST_F(GuestPromises, ClusterSettings_BadValues_AreRefusedWithReason) {
   expect(cluster, "set", R"({"upgrading":1})", 401, "The parameter 'upgrading' is not true or false: it is 1");
   expect(cluster, "set", R"({"auto_select_host":"on"})", 401,
          R"(The parameter 'auto_select_host' is not true or false: it is "on")");
-  expect(cluster, "set", R"({"updating":true})", 401, "The parameter 'updating' is unknown");
+  expect(cluster, "set", R"({"updating":true})", 401, "There is no parameter 'updating'; did you mean 'upgrading'?");
   expect(cluster, "set", "{}", 401, "Neither 'auto_select_host' nor 'upgrading' is given");
   const std::string host = "VEXA.Virtualization.Host";
   const std::string id = R"({"host_id":")" + host_id_ + "\"";
   expect(host, "edit", "{}", 401, "The parameter 'host_id' is not a UUID");
   expect(host, "edit", id + "}", 401, "Neither 'name' nor 'placement' is given");
   expect(host, "edit", id + R"(,"placement":null})", 401, "The parameter 'placement' is not true or false: it is null");
-  expect(host, "edit", id + R"(,"placement":true,"nme":"x"})", 401, "The parameter 'nme' is unknown");
+  expect(host, "edit", id + R"(,"placement":true,"nme":"x"})", 401,
+         "There is no parameter 'nme'; did you mean 'name'?");
   for (const char* name : {"\"\"", "7", "\"a\\nb\""}) {
     expect(host, "edit", id + ",\"name\":" + name + "}", 401,
            "The parameter 'name' is not 1 to 128 bytes of UTF-8 without control characters");
@@ -301,7 +303,7 @@ TEST_F(GuestPromises, Parts_BadValue_AreRefusedWithParameterValueAndRange) {
   EXPECT_EQ(ReasonOf(Call("VEXA.Virtualization.Guest", "set", Parsed(R"({"guest_id":"x"})"))),
             "The parameter 'guest_id' is not a UUID");
   EXPECT_EQ(ReasonOf(Call("VEXA.Virtualization.Guest", "create", Parsed(R"({"name":"new","vpcu_num":2})"))),
-            "The parameter 'vpcu_num' is unknown");
+            "There is no parameter 'vpcu_num'; did you mean 'vcpu_num'?");
 }
 
 // Methods that have no words of their own for it.

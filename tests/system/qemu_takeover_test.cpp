@@ -132,9 +132,9 @@ TEST_F(QemuTakeover, Takeover_RemovedHost_EndsTakenDomain) {
   Json::Value parameters(Json::objectValue);
   parameters["host_id"] = first_->id();
   parameters["machine_is_off"] = true;
-  EXPECT_EQ(second_->Code("VEXA.Virtualization.Host/forget", kGuest, parameters), 973);
+  EXPECT_EQ(second_->Code("VEXA.Virtualization.Host/forget", "", parameters), 973);
   parameters["recover_guests"] = true;
-  ASSERT_EQ(second_->Code("VEXA.Virtualization.Host/forget", kGuest, parameters), 0);
+  ASSERT_EQ(second_->Code("VEXA.Virtualization.Host/forget", "", parameters), 0);
   ASSERT_EQ(second_->Power(kGuest, "poweron"), 0) << second_->Log();
   EXPECT_EQ(first_->Qemus(kGuest), 2);
   EXPECT_EQ(first_->StartExpectingFailure(), 1);

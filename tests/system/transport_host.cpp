@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "host/api/request_id.h"
+#include "host/api/rows.h"
 #include "host/daemon/daemon.h"
 #include "json/readers.h"
 #include "tests/support/test_row.h"
@@ -128,7 +129,17 @@ void Library(const Call& call) {
 }
 
 vexa::api::ApiRow Row(const char* method, Access access, LaneKind lane, vexa::api::Handler handler) {
-  return vexa::test::TestRow("VEXA.Test.Host", method, access, lane, std::move(handler));
+  using vexa::api::ParameterType;
+  vexa::api::ApiRow row = vexa::test::TestRow("VEXA.Test.Host", method, access, lane, std::move(handler));
+  for (const char* name : {"api", "function", "guest_id", "host_id", "ifname", "interface_id", "mac", "method",
+                           "task_id", "volume_path"}) {
+    row.parameters.push_back(vexa::api::OptionalString(name, "A text."));
+  }
+  row.parameters.push_back(vexa::api::Optional("milliseconds", ParameterType::kInteger, "A time."));
+  row.parameters.push_back(vexa::api::Optional("timeout", ParameterType::kInteger, "A time."));
+  row.parameters.push_back(vexa::api::Optional("parameters", ParameterType::kObject, "Those of the method."));
+  row.parameters.push_back(vexa::api::Optional("resource", ParameterType::kArray, "Names of resources."));
+  return row;
 }
 
 }  // namespace

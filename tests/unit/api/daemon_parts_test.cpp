@@ -182,6 +182,21 @@ TEST(Config, Usage_Invalid_ExitsWithTwo) {
   EXPECT_EQ(Parse({"--version"}).exit_status, 0);
 }
 
+TEST(Config, AllowedOrigins_AreExactOrigins) {
+  for (const char* origin : {"https://nas.example", "http://127.0.0.1:3000", "http://[::1]:8080", "https://a-b.c"}) {
+    EXPECT_TRUE(vexa::daemon::CheckConfig(Parse({"--allowed-origins", origin}).config)) << origin;
+  }
+  for (const char* origin : {"*", "null", "nas.example", "https://", "https://nas.example/", "https://*.example",
+                             "https://NAS.example", "ftp://nas", "https://nas:0", "https://nas:99999",
+                             "https://nas:", "https://nas.example https://b", "https://[::1"}) {
+    const vexa::Status checked = vexa::daemon::CheckConfig(Parse({"--allowed-origins", origin}).config);
+    ASSERT_FALSE(checked) << origin;
+    EXPECT_NE(checked.error().message().find("in 'allowed-origins' is not an origin. Use the form"), std::string::npos)
+        << checked.error().message();
+  }
+  EXPECT_TRUE(Parse({}).config.allowed_origins.empty());
+}
+
 struct BadConfig {
   std::vector<std::string> listen;
   std::string certificate, key, authority;

@@ -46,8 +46,10 @@ class DispatcherQuota : public BareDispatcher {
     compound.body_values = 50'000;
     api::ApiRow list = TestRow("T", "list", Access::kUser, LaneKind::kQuick, count);
     list.parameters = {{"ids", api::ParameterType::kArray, api::Necessity::kOptional, "", 3}};
+    api::ApiRow user = TestRow("T", "user", Access::kUser, LaneKind::kQuick, count);
+    user.parameters = {{"a", api::ParameterType::kArray, api::Necessity::kOptional, ""}};
     return {std::move(list),
-            TestRow("T", "user", Access::kUser, LaneKind::kQuick, count),
+            std::move(user),
             TestRow("T", "admin", Access::kAdministrator, LaneKind::kQuick, count),
             TestRow("T", "host", Access::kHost, LaneKind::kQuick, count),
             TestRow("T", "long", Access::kHost, LaneKind::kLong, count),

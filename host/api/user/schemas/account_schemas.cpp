@@ -44,6 +44,9 @@ std::vector<MethodSchema> SessionMethods() {
               Always("from", String("The address of the login; \"\" when it is not known.")),
               Always("created", Time("When it was created.")), Always("last_used", Time("When it was last used.")),
               Always("current", Flag("Whether it is the session of this call."))});
+  const Schema granted = Object({Always("guest_id", RecordId("The guest's id.")),
+                                 Always("guest_name", String("The guest's name.").Like("web-1")),
+                                 Always("console", Flag("Whether its console was granted as well."))});
   return {
       {kApi,
        "login",
@@ -59,6 +62,14 @@ std::vector<MethodSchema> SessionMethods() {
        Object({Always("user", UserName()), Always("uid", AccountId("The user's id.")),
                Always("administrator", Flag("Whether the user is an administrator.")),
                Always("advanced", Flag("Whether the user is advanced."))})},
+      {kApi,
+       "rights",
+       {},
+       Object({Always("user", UserName()), Always("uid", AccountId("The user's id.")),
+               Always("administrator", Flag("Whether the user is an administrator.")),
+               Always("advanced", Flag("Whether the user is advanced.")),
+               Always("all_guests", Flag("Whether the user may use all guests, which are not listed then.")),
+               Always("guests", List(granted, "The guests that were granted to the user or to a group of theirs."))})},
       {kApi, "list", {}, Object({Always("sessions", List(session, "The sessions, the oldest first."))})},
       {kApi, "end", {}, Object({Always("ended", Integer("How many sessions have ended.").From(0))})},
   };
