@@ -37,7 +37,7 @@ Examples:
   const Command top = app.AddCommand("top", "Show hosts and guests with processors and memory, every 2 s, until q");
   const auto top_options = std::make_shared<TopOptions>();
   top.AddFlag("--once", top_options->once, "Print them once");
-  top.Footer("\nOnly administrators see the loads of hosts. CPUS and MEMORY of a guest are those that it is set to.");
+  top.Footer("\nOnly administrators see the loads of hosts. CPUS and MEMORY of a guest are its settings.");
   top.OnRun(top_options, RunTop);
 
   const Command guest = app.Group("guest");

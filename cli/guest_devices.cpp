@@ -68,7 +68,7 @@ std::vector<Reference> ReferencesIn(GuestSetArguments& arguments) {
   add(kDisks, arguments.grow_disks, "=");
   add(kNics, arguments.del_nics, "");
   add(kNics, arguments.edit_nics, ",");
-  // From the end, so that a replacement does not move those that follow.
+  // From the end, so that a replacement does not move the next ones.
   std::string& order = arguments.order_disks;
   for (std::size_t end = order.size(); !order.empty();) {
     const std::size_t comma = end == 0 ? std::string::npos : order.rfind(',', end - 1);
