@@ -19,6 +19,8 @@ inline constexpr std::string_view kDefaultSocket = "/run/vexad/vexad.sock";
 inline constexpr int kDefaultTimeoutS = 60;
 
 struct GlobalOptions {
+  std::string context;
+  std::string context_user;  // of the context, set with its server
   std::string server;
   std::string socket;
   std::string token_file;

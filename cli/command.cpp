@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/completion.h"
 #include "cli/parse_failure.h"
 #include "cli/watch.h"
 
@@ -29,6 +30,7 @@ Option& Option::InRange(int first, int last) {
 }
 
 Option& Option::OneOf(std::vector<std::string_view> values) {
+  SetValuesOf(*option_, values);
   const auto check = [name = option_->get_name(), values = std::move(values)](const std::string& value) -> std::string {
     return std::ranges::find(values, value) != values.end() ? "" : UnknownValueText(value, name, values);
   };

@@ -4,10 +4,15 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "cli/client_options.h"
 #include "cli/commands.h"
+#include "cli/completion.h"
+#include "cli/contexts.h"
+#include "cli/login_file.h"
 #include "cli/output.h"
 #include "cli/parse_failure.h"
 
@@ -19,8 +24,9 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kFooter = R"(
-The server is that of --server or --socket, otherwise $VEXA_SERVER, otherwise the one you are logged in to, otherwise the
-Unix socket $VEXA_SOCKET or /run/vexad/vexad.sock, where your system account identifies you.
+The server is that of --server or --socket, otherwise of --context, otherwise $VEXA_SERVER, otherwise that of the context
+$VEXA_CONTEXT or the one in use, otherwise the one you are logged in to, otherwise the Unix socket $VEXA_SOCKET or
+/run/vexad/vexad.sock, where your system account identifies you.
 
 Examples:
   vexa login --server https://nas:8443 alice
@@ -41,6 +47,9 @@ std::shared_ptr<std::string> AddGlobalOptions(const Command& app, GlobalOptions&
   app.AddOption("--socket", options.socket, "The Unix socket of a server on this host")
       .Placeholder("PATH")
       .Excludes(server);
+  app.AddOption("--context", options.context, "The context whose server and login are used; see 'vexa context'")
+      .Placeholder("NAME")
+      .Excludes(server);
   app.AddOption("--token-file", options.token_file, "A file with the token to use instead of the saved login")
       .Placeholder("PATH");
   app.AddOption("--ca-file", options.ca_file, "The authorities to trust instead of the system's (PEM)")
@@ -58,6 +67,22 @@ std::shared_ptr<std::string> AddGlobalOptions(const Command& app, GlobalOptions&
   app.AddFlag("-v,--verbose", options.verbose, "Print each request and reply on standard error, without secrets");
   app.AddFlag("--insecure-http", options.insecure_http, "Allow sending passwords and tokens unencrypted");
   return format;
+}
+
+// Fills in the server, the authorities and the user of the context, unless the command line names a server.
+Status ApplyContext(GlobalOptions& global) {
+  const bool has_server = !global.server.empty() || !global.socket.empty() ||
+                          (global.context.empty() && !EnvironmentVariable("VEXA_SERVER").empty());
+  if (has_server) return {};
+  std::string name;
+  const Result<std::optional<Context>> context = ChooseContext(global.context, name);
+  if (!context) return context.error();
+  if (!*context) return {};
+  global.server = (*context)->server;
+  if (global.ca_file.empty()) global.ca_file = (*context)->ca_file;
+  global.context_user = (*context)->user;
+  SetLoginContext(name);
+  return {};
 }
 
 // "--watch" without a number of seconds becomes "--watch=2", because the word after it may be an argument.
@@ -87,6 +112,8 @@ void AddCommands(const Command& app) {
   AddNetworkCommands(app);
   AddSetupCommand(app);
   AddImportCommand(app);
+  AddContextCommands(app);
+  AddCompletionCommands(app);
 }
 
 }  // namespace
@@ -104,6 +131,10 @@ int RunCommandLine(int argc, char** argv) {
   const std::shared_ptr<std::string> format = AddGlobalOptions(program, global);
   AddCommands(program);
   app.footer(kFooter);
+  if (argc > 2 && argv[1] == kCompleteWord) {
+    PrintCompletions(app, std::vector<std::string>(argv + 3, argv + argc));
+    return static_cast<int>(ExitCode::kOk);
+  }
   try {
     app.parse(WithWatchSeconds(argc, argv));
   } catch (const CLI::Success& asked) {  // --help, --version
@@ -114,6 +145,9 @@ int RunCommandLine(int argc, char** argv) {
   }
   if (!format->empty()) global.json = *format != "table";
   SetDataFormat(*format == "yaml" ? DataFormat::kYaml : *format == "name" ? DataFormat::kName : DataFormat::kJson);
+  if (!app.got_subcommand("context") && !app.got_subcommand("completion")) {
+    if (const Status applied = ApplyContext(global); !applied) return static_cast<int>(Report(applied.error()));
+  }
   return static_cast<int>(run(global));
 }
 

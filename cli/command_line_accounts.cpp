@@ -25,7 +25,7 @@ Examples:
   vexa user add alice --group administrators
   sudo -u vexa vexa user add admin --group administrators --local    # before the first start of vexad
   vexa user passwd                                                   # your own
-  vexa user grant alice 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55)";
+  vexa user grant alice web-1)";
 
 // The parsed options of all account commands, which share one instance.
 struct State {
@@ -194,7 +194,7 @@ void AddGrantCommands(const Command& group, const Shared& state, AccountKind kin
   const Command grants = AddForAccount(group, state, "grants", "Show the guests and the level of an account");
   for (const Command& command : {grant, revoke, drop, grants}) AddTargetFlags(command, state);
   for (const Command& command : {grant, revoke}) {
-    command.AddOption("GUEST_ID", state->guests_or_groups, "The guests' ids").Required();
+    command.AddOption("GUEST", state->guests_or_groups, "The guests' ids or names (with --local: ids)").Required();
   }
   grant.AddFlag("--console", state->console, "Also allow to open their consoles: to see their screens, and type");
   revoke.AddFlag("--console", state->console, "Only revoke their consoles; the guests may still be used");

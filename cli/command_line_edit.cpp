@@ -19,15 +19,16 @@ Settings and devices are changed completely or not at all, and rights after that
 3600 s. Ctrl-C ends immediately; a request that was sent is not cancelled. A running guest takes what it can,
 and the rest waits for its next start, as 'vexa guest status' shows. With --now an edit that it cannot take completely
 is refused; with --next-start it stays as it is, and 'vexa guest apply' can change it later. Sizes of disks are in GiB, vram_size is in MiB.
+DISK and NIC are ids, or numbers in the order of 'vexa guest get': 1 is the first. NIC may also be a MAC address.
 
 The server looks up names of users and groups for administrators. With --system they are those of this machine's
 operating system, with --data or --store those of a store on this machine. Others use uid:NUMBER or gid:NUMBER.
 
 Examples:
   vexa guest set web-1 vcpu_num=4 vram_size=8192 desc='The shop'
-  vexa guest set web-1 --add-disk 100 --grow-disk 0a7c1f52-6b0e-4d8f-9a43-5e2d81c0b7f6=50
+  vexa guest set web-1 --add-disk 100 --grow-disk 1=50
   vexa guest set web-1 --add-nic net=lan,type=1
-  vexa guest set web-1 --iso /srv/images/debian.iso boot_from=iso
+  vexa guest set web-1 --iso debian-12 boot_from=iso
   vexa guest set web-1 --allow user:alice --revoke group:staff
   vexa guest set web-1 --del-disk 0a7c1f52-6b0e-4d8f-9a43-5e2d81c0b7f6 --dry-run)";
 
@@ -71,20 +72,21 @@ std::vector<Option> AddStoreOptions(const Command& set, AccountPaths& paths) {
 
 void AddDeviceOptions(const Command& set, GuestSetArguments& arguments) {
   AddRepeated(set, "--add-disk", arguments.add_disks, "GIB", "Add a disk of this many GiB");
-  AddRepeated(set, "--del-disk", arguments.del_disks, "ID", "Remove a disk with all that is on it");
-  AddRepeated(set, "--grow-disk", arguments.grow_disks, "ID=GIB", "Make a disk larger, to this many GiB");
+  AddRepeated(set, "--del-disk", arguments.del_disks, "DISK", "Remove a disk with all that is on it");
+  AddRepeated(set, "--grow-disk", arguments.grow_disks, "DISK=GIB", "Make a disk larger, to this many GiB");
   set.AddOption("--order-disks", arguments.order_disks, "The new order of the disks; disks that are not named follow")
-      .Placeholder("ID,ID,...");
+      .Placeholder("DISK,DISK,...");
   AddRepeated(set, "--add-nic", arguments.add_nics, "net=NETWORK[,type=N][,mac=ADDRESS][,sriov=true]",
               "Add a network interface; the network by id or name, net=none for none, type 1 (VirtIO, the default), 2 "
               "(e1000) or 3 "
               "(rtl8139)");
-  AddRepeated(set, "--del-nic", arguments.del_nics, "ID", "Remove a network interface");
-  AddRepeated(set, "--edit-nic", arguments.edit_nics, "ID,net=NETWORK|type=N|mac=ADDRESS|sriov=true,...",
+  AddRepeated(set, "--del-nic", arguments.del_nics, "NIC", "Remove a network interface");
+  AddRepeated(set, "--edit-nic", arguments.edit_nics, "NIC,net=NETWORK|type=N|mac=ADDRESS|sriov=true,...",
               "Change a network interface");
-  AddRepeated(set, "--iso", arguments.isos, "IMAGE",
-              "The new content of a drive: the id of an image, an absolute path, or 'none'; all drives are set, "
-              "in the order in which they are named");
+  AddRepeated(
+      set, "--iso", arguments.isos, "IMAGE",
+      "The new content of a drive: the id or name of an image, an absolute path, or 'none'; all drives are set, "
+      "in the order in which they are named");
   AddRepeated(set, "--usb", arguments.usbs, "DEVICE",
               "A USB device of the host to pass through: 1234:00ab (vendor and product), 3.14 (bus and device), or "
               "'none'; all ports are set");

@@ -6,6 +6,7 @@
 #include "cli/guest_state_command.h"
 #include "cli/host_command.h"
 #include "cli/settings_command.h"
+#include "cli/top_command.h"
 
 namespace vexa::cli {
 
@@ -32,6 +33,12 @@ Examples:
   vexa host edit nas-2 --placement off
   vexa host edit nas-2 --name office-2)");
   edit.OnRun(edited, RunHostEdit);
+
+  const Command top = app.AddCommand("top", "Show hosts and guests with processors and memory, every 2 s, until q");
+  const auto top_options = std::make_shared<TopOptions>();
+  top.AddFlag("--once", top_options->once, "Print them once");
+  top.Footer("\nOnly administrators see the loads of hosts. CPUS and MEMORY of a guest are its settings.");
+  top.OnRun(top_options, RunTop);
 
   const Command guest = app.Group("guest");
   guest.AddCommand("list", "List your guests and their states").OnRunOrWatch(RunGuestList);

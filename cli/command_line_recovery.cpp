@@ -18,7 +18,8 @@ void AddRecover(const Command& guest) {
   const Command recover = guest.AddCommand("recover", "Take guests from a host that is inaccessible (administrators)");
   const auto options = std::make_shared<RecoverOptions>();
   recover.AddOption("GUEST", options->guests, "The guests' ids or names").Required();
-  recover.AddOption("--to", options->to_host, "The id or name of their new host (default: any, at the next start)");
+  recover.AddOption("--to", options->to_host, "The id or name of their new host (default: any, at the next start)")
+      .Placeholder("HOST");
   AddConfirmation(recover, options->machine);
   recover.AddFlag("--discard-saved", options->discard_saved, "Discard their saved memory, which only that host has");
   recover.Footer(R"(

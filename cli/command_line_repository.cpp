@@ -35,8 +35,9 @@ void AddRepositoryCommands(const Command& app) {
   const auto options = std::make_shared<RepositoryAddOptions>();
   add.AddOption("NAME", options->name, "Its name").Required();
   add.AddOption("--id", options->id, "Its id (default: a new one)").Placeholder("UUID");
-  add.AddOption("--host-id", options->host_id, "The host that has its disks (default: the host that is asked)")
-      .Placeholder("UUID");
+  add.AddOption("--host,--host-id", options->host,
+                "The host that has its disks, by id or name (default: the host that is asked)")
+      .Placeholder("HOST");
   add.OnRun(options, RunRepositoryAdd);
 
   const auto name = std::make_shared<std::string>();

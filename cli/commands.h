@@ -28,6 +28,8 @@ void AddImageCommands(const Command& app);
 void AddNetworkCommands(const Command& app);
 void AddSetupCommand(const Command& app);
 void AddImportCommand(const Command& app);
+void AddContextCommands(const Command& app);
+void AddCompletionCommands(const Command& app);
 
 // Adds only the options of `vexa import`. The parse stores their values in `arguments`, which must outlive it.
 struct RawImportArguments;

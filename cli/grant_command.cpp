@@ -8,7 +8,9 @@
 #include <span>
 
 #include "cli/account_output.h"
+#include "cli/guest_names.h"
 #include "cli/listing.h"
+#include "cli/object_names.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -36,13 +38,33 @@ Result<Json::Value> ParametersOf(const GrantTarget& target) {
   return parameters;
 }
 
+// The ids of guests that are named by id or name; the server is only asked for names. Failures are printed.
+ExitCode FindGuestIds(const GlobalOptions& global, const std::vector<std::string>& ids_or_names,
+                      std::vector<std::string>& ids) {
+  if (std::ranges::none_of(ids_or_names, [](const std::string& each) { return NormalizeUuid(each).empty(); })) {
+    ids = ids_or_names;
+    return ExitCode::kOk;
+  }
+  if (!std::ranges::all_of(ids_or_names, [](const std::string& each) { return !each.empty() && IsValidUtf8(each); })) {
+    return Report(EmptyOrNotUtf8("guest's id or name"));
+  }
+  const CallOutcome listed = ListObjects(global, kGuests);
+  if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+  std::vector<NamedGuest> guests;
+  const ExitCode found = FindGuests(Member(listed.data, kGuests.plural), ids_or_names, guests);
+  for (const NamedGuest& guest : guests) ids.push_back(guest.id);
+  return found;
+}
+
 ExitCode ChangeGuests(const GlobalOptions& global, const char* method, const GrantTarget& target,
                       const std::vector<std::string>& guest_ids, const std::string& confirmation) {
-  const Result<std::vector<std::string>> ids = NormalizeGuestIds(guest_ids);
-  if (!ids) return Report(ids.error());
   Result<Json::Value> parameters = ParametersOf(target);
   if (!parameters) return Report(parameters.error());
-  for (const std::string& id : *ids) (*parameters)["guests"].append(id);
+  std::vector<std::string> ids;
+  if (const ExitCode found = FindGuestIds(global, guest_ids, ids); found != ExitCode::kOk) return found;
+  const Result<std::vector<std::string>> normal = NormalizeGuestIds(ids);
+  if (!normal) return Report(normal.error());
+  for (const std::string& id : *normal) (*parameters)["guests"].append(id);
   if (target.console) (*parameters)["console"] = true;
   return ChangeAccount(global, method, *parameters, confirmation);
 }
@@ -139,10 +161,11 @@ ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
   }
   std::cout << "Level: " << Printable(Text(Member(outcome.data, "level"))) << '\n';
   const Json::Value& consoles = Member(outcome.data, "consoles");
+  ObjectNames names(global);
   for (const Json::Value& id : guests) {
     const auto& with_console = VexaVirtualization::json::Elements(consoles);
     const bool has_console = std::ranges::find(with_console, id) != with_console.end();
-    std::cout << Printable(Text(id)) << (has_console ? " with its console\n" : "\n");
+    std::cout << Printable(names.Of(kGuests, Text(id))) << (has_console ? " with its console\n" : "\n");
   }
   return ExitCode::kOk;
 }

@@ -28,7 +28,6 @@ namespace json = VexaVirtualization::json;
 
 constexpr std::int64_t kMibPerGib = 1024;
 constexpr std::int64_t kLargestDiskGib = static_cast<std::int64_t>(domain_xml::kMaxDiskMib) / kMibPerGib;
-constexpr char kUnmounted[] = "unmounted";
 
 Error Invalid(std::string text) { return Error(ErrorCode::kInvalid, std::move(text)); }
 Error NotANumber(const std::string& text, const std::string& name) {
@@ -222,8 +221,14 @@ Status AddNics(const GuestSetArguments& arguments, Json::Value& parameters) {
   return {};
 }
 
-// The same without the names of networks, which only the server can look up.
-Json::Value WithoutNetworkNames(Json::Value parameters) {
+// The same without the names of networks and images, which only the server can look up.
+Json::Value WithoutNames(Json::Value parameters) {
+  if (parameters.isMember("iso_images")) {
+    for (Json::Value& image : parameters["iso_images"]) {
+      const std::string name = Text(image);
+      if (!name.starts_with('/') && !HasUuidForm(name)) image = kEmptyDrive;
+    }
+  }
   for (const char* list : {"vnics_add", "vnics_edit"}) {
     if (!parameters.isMember(list)) continue;
     for (Json::Value& nic : parameters[list]) {
@@ -237,7 +242,7 @@ Json::Value WithoutNetworkNames(Json::Value parameters) {
 Status AddContents(const std::vector<std::string>& arguments, const char* parameter, Json::Value& parameters) {
   for (const std::string& argument : arguments) {
     if (!IsValidUtf8(argument)) return Invalid(fmt::format("A value for '{}' is not valid UTF-8", parameter));
-    parameters[parameter].append(argument.empty() || argument == "none" ? std::string(kUnmounted) : argument);
+    parameters[parameter].append(argument.empty() || argument == "none" ? std::string(kEmptyDrive) : argument);
   }
   return {};
 }
@@ -284,7 +289,7 @@ Result<Json::Value> ParametersOf(const GuestSetArguments& arguments) {
         AddContents(arguments.isos, "iso_images", parameters), AddContents(arguments.usbs, "usbs", parameters)}) {
     if (!status) return status.error();
   }
-  if (const Status checked = CheckParameters(WithoutNetworkNames(parameters)); !checked) {
+  if (const Status checked = CheckParameters(WithoutNames(parameters)); !checked) {
     return Invalid(checked.error().message() + NearestValue(parameters));
   }
   return parameters;

@@ -19,6 +19,9 @@ const GuestSetting* FindSetting(const std::string& name);
 // "There is no setting 'vcpus'; did you mean 'vcpu_num'? The settings are …".
 Error UnknownSetting(const std::string& name);
 
+// The content of a drive without an image.
+inline constexpr char kEmptyDrive[] = "unmounted";
+
 struct GuestSetArguments {
   std::vector<std::string> settings;    // "vcpu_num=4"
   std::vector<std::string> add_disks;   // GiB
@@ -28,12 +31,12 @@ struct GuestSetArguments {
   std::vector<std::string> add_nics;    // "net=NETWORK,type=1,mac=02:00:5e:10:00:01,sriov=true"
   std::vector<std::string> del_nics;    // ids
   std::vector<std::string> edit_nics;   // "ID,net=…"
-  std::vector<std::string> isos;        // ids of images, absolute paths, "none"
+  std::vector<std::string> isos;        // ids and names of images, absolute paths, "none"
   std::vector<std::string> usbs;        // "1234:00ab", "3.14", "none"
 };
 
-// The parameters of "set" for these arguments, without "guest_id". "network_id" has the name of a network where an
-// argument has one. kInvalid for an argument that cannot be parsed and
+// The parameters of "set" for these arguments, without "guest_id". "network_id" and "iso_images" have names where
+// the arguments have them. kInvalid for an argument that cannot be parsed and
 // for a value that a guest cannot have.
 Result<Json::Value> ParametersOf(const GuestSetArguments& arguments);
 

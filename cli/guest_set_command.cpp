@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "cli/api_paths.h"
+#include "cli/guest_devices.h"
 #include "cli/guest_pending.h"
 #include "cli/listing.h"
 #include "cli/local_grant_command.h"
@@ -302,19 +303,34 @@ ExitCode ShowEditResult(const GlobalOptions& global, const NamedGuest& guest, co
 
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options) {
   if (options.guest.empty() || !IsValidUtf8(options.guest)) return Report(EmptyOrNotUtf8("guest's id or name"));
-  Result<Json::Value> parameters = ParametersOf(options.arguments);
-  if (!parameters) return Report(parameters.error());
+  GuestSetArguments arguments = options.arguments;
   Result<std::vector<Principal>> principals = ParsePrincipals(options);
   if (!principals) return Report(principals.error());
+  NamedGuest guest;
+  if (HasDeviceNumbers(arguments)) {
+    const ExitCode resolved = CallWithClient(global, [&](HttpClient& client) {
+                                CallOutcome outcome;
+                                outcome.exit_code = FindGuest(client, options.guest, guest);
+                                if (outcome.exit_code == ExitCode::kOk) {
+                                  outcome.exit_code = ResolveDevices(client, guest.id, arguments);
+                                }
+                                return outcome;
+                              }).exit_code;
+    if (resolved != ExitCode::kOk) return resolved;
+  }
+  Result<Json::Value> parameters = ParametersOf(arguments);
+  if (!parameters) return Report(parameters.error());
   if (const Status named = CheckNotEmpty(*parameters, *principals); !named) return Report(named.error());
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   HttpClient client(*connect);
   if (const ExitCode found = ResolveNetworks(client, *parameters); found != ExitCode::kOk) return found;
+  if (const ExitCode found = ResolveImages(client, *parameters); found != ExitCode::kOk) return found;
   const ExitCode added = AddRights(client, options, *std::move(principals), *parameters);
   if (added != ExitCode::kOk) return added;
-  NamedGuest guest;
-  if (const ExitCode found = FindGuest(client, options.guest, guest); found != ExitCode::kOk) return found;
+  if (guest.id.empty()) {
+    if (const ExitCode found = FindGuest(client, options.guest, guest); found != ExitCode::kOk) return found;
+  }
   if (!options.apply.empty()) (*parameters)["apply"] = options.apply;
   if (options.dry_run == DryRun::kYes) return ShowDryRun(global, client, guest, *parameters);
   return ShowEditResult(global, guest, *parameters, SendEdit(global, *connect, guest, *parameters));

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 
 #include "cli/http_client.h"
 #include "cli/reply.h"
@@ -19,6 +18,8 @@ namespace vexa::cli {
 namespace {
 
 constexpr std::size_t kMaxFileBytes = 64 * 1024;
+
+std::string login_context;
 
 std::string HomeFolder() {
   if (const char* home = std::getenv("HOME"); home && *home == '/') return home;
@@ -37,13 +38,29 @@ Result<std::string> ReadSecretFile(const std::string& path) {
 
 }  // namespace
 
-Result<std::string> LoginFilePath() {
+Result<std::string> ConfigurationFolder() {
   if (const char* config = std::getenv("XDG_CONFIG_HOME"); config && *config == '/') {
-    return std::string(config) + "/vexa/login.json";
+    return std::string(config) + "/vexa";
   }
   const std::string home = HomeFolder();
   if (home.empty()) return Error(ErrorCode::kNotFound, "Neither XDG_CONFIG_HOME nor HOME is set to a folder");
-  return home + "/.config/vexa/login.json";
+  return home + "/.config/vexa";
+}
+
+Status MakeConfigurationFolder() {
+  const Result<std::string> folder = ConfigurationFolder();
+  if (!folder) return folder.error();
+  if (Status created = CreateDirectories(*folder, 0700); !created) return created;
+  if (::chmod(folder->c_str(), 0700) == 0) return {};
+  return SystemError(ErrorCode::kDenied, fmt::format("Cannot keep other users out of '{}'", *folder), errno);
+}
+
+void SetLoginContext(const std::string& name) { login_context = name; }
+
+Result<std::string> LoginFilePath() {
+  const Result<std::string> folder = ConfigurationFolder();
+  if (!folder) return folder.error();
+  return *folder + (login_context.empty() ? "/login.json" : fmt::format("/login-{}.json", login_context));
 }
 
 Result<std::optional<SavedLogin>> LoadLogin() {
@@ -70,11 +87,7 @@ Result<std::optional<SavedLogin>> LoadLogin() {
 Status SaveLogin(const SavedLogin& login) {
   const Result<std::string> path = LoginFilePath();
   if (!path) return path.error();
-  const std::string folder = std::filesystem::path(*path).parent_path();
-  if (const Status created = CreateDirectories(folder, 0700); !created) return created;
-  if (::chmod(folder.c_str(), 0700) != 0) {
-    return SystemError(ErrorCode::kDenied, fmt::format("Cannot keep other users out of '{}'", folder), errno);
-  }
+  if (Status made = MakeConfigurationFolder(); !made) return made;
   Json::Value content;
   content["server"] = login.server;
   content["user"] = login.user;

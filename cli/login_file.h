@@ -14,8 +14,17 @@ struct SavedLogin {
   std::string token;
 };
 
-// $XDG_CONFIG_HOME/vexa/login.json; below ~/.config when that variable is missing or not an absolute path. kNotFound
-// when this user has no home folder.
+// $XDG_CONFIG_HOME/vexa; below ~/.config when that variable is missing or not an absolute path. kNotFound when this
+// user has no home folder.
+Result<std::string> ConfigurationFolder();
+// Creates it, and keeps other users out of it.
+Status MakeConfigurationFolder();
+
+// From now on the functions below are about the login of this context (cli/contexts.h). "": the one without a context.
+// Threads: one.
+void SetLoginContext(const std::string& name);
+
+// login.json in the configuration folder, or login-<context>.json. Errors: those of ConfigurationFolder.
 Result<std::string> LoginFilePath();
 
 // Empty when nothing is saved. kDenied when others may read the file, kCorrupt when it cannot be parsed.

@@ -81,12 +81,35 @@ ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& i
   return ExitCode::kOk;
 }
 
+namespace {
+
+// Whether `id_or_name`, a UUID that the server refused as an id, is the name of one object, whose id is then written to
+// `id`.
+bool IsNameOfAnother(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id) {
+  if (!HasUuidForm(id_or_name)) return false;
+  const CallOutcome listed = TryApi(client, kind.list_path, "{}");
+  const Json::Value& list = VexaVirtualization::json::Elements(Member(listed.data, kind.plural));
+  const Result<std::string> found = FindByIdOrName(list, kind, id_or_name);
+  if (!found || *found == id_or_name) return false;
+  id = *found;
+  return true;
+}
+
+}  // namespace
+
 CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                       const std::string& id_or_name, std::string& id) {
   return CallWithClient(global, [&](HttpClient& client) {
-    CallOutcome failed;
-    failed.exit_code = FindId(client, kind, id_or_name, id);
-    return failed.exit_code == ExitCode::kOk ? CallApi(client, path, ParameterJson(kind.id, id)) : failed;
+    CallOutcome outcome;
+    outcome.exit_code = FindId(client, kind, id_or_name, id);
+    if (outcome.exit_code != ExitCode::kOk) return outcome;
+    outcome = TryApi(client, path, ParameterJson(kind.id, id));
+    // A name may look like an id.
+    if (outcome.code && IsNameOfAnother(client, kind, id_or_name, id)) {
+      outcome = TryApi(client, path, ParameterJson(kind.id, id));
+    }
+    if (outcome.exit_code != ExitCode::kOk) std::cerr << "vexa: " << outcome.failure << '\n';
+    return outcome;
   });
 }
 

@@ -75,12 +75,20 @@ void PrintRepository(const Json::Value& repository) {
 }  // namespace
 
 ExitCode RunRepositoryAdd(const GlobalOptions& global, const RepositoryAddOptions& options) {
-  const Status checked = storage::CheckRepository({options.name, options.id, options.host_id});
+  // The host may be a name, which only the server knows.
+  const Status checked = storage::CheckRepository({options.name, options.id, ""});
   if (!checked) return Report(checked.error());
   Json::Value parameters(Json::objectValue);
   parameters["name"] = options.name;
   if (!options.id.empty()) parameters["repository_id"] = options.id;
-  if (!options.host_id.empty()) parameters["host_id"] = options.host_id;
+  if (!options.host.empty()) {
+    const Result<HttpClientOptions> connect = ConnectOptions(global);
+    if (!connect) return Report(connect.error());
+    HttpClient client(*connect);
+    std::string id;
+    if (const ExitCode found = FindId(client, kHosts, options.host, id); found != ExitCode::kOk) return found;
+    parameters["host_id"] = id;
+  }
   return AddObject(global, kRepositories, kAddRepository, parameters);
 }
 

@@ -10,8 +10,8 @@ namespace vexa::cli {
 
 struct RepositoryAddOptions {
   std::string name;
-  std::string id;       // a UUID; empty: a new one
-  std::string host_id;  // the host that has its disks, a UUID; empty: the one that is asked
+  std::string id;    // a UUID; empty: a new one
+  std::string host;  // the host that has its disks, an id or a name; empty: the one that is asked
 };
 
 // Prints the id.

@@ -7,6 +7,7 @@
 
 #include <iostream>
 
+#include "cli/listing.h"
 #include "cli/printable.h"
 #include "host/base/json_parse.h"
 
@@ -15,6 +16,8 @@ namespace {
 
 constexpr const char* kLogin = "/webapi/VEXA.Core.Session/login";
 constexpr const char* kLogout = "/webapi/VEXA.Core.Session/logout";
+constexpr int kHttpNotFound = 404;
+constexpr const char* kRights = "/webapi/VEXA.Core.Session/rights";
 constexpr const char* kInfo = "/webapi/VEXA.Core.Session/info";
 
 std::string OwnName() {
@@ -36,6 +39,23 @@ Result<Endpoint> ChooseLoginEndpoint(const GlobalOptions& global) {
   return endpoint;
 }
 
+// The guests that the caller may use.
+void PrintGuests(const GlobalOptions& global, const Json::Value& rights) {
+  if (IsTrue(Member(rights, "all_guests"))) {
+    std::cout << "\nYou may use all guests, with their consoles.\n";
+    return;
+  }
+  const Json::Value& guests = Member(rights, "guests");
+  if (!guests.isArray()) return;
+  if (guests.empty()) {
+    std::cout << "\nNo guests were granted to you. An administrator can: 'vexa user grant'.\n";
+    return;
+  }
+  constexpr Column kColumns[] = {{"ID", "guest_id", true}, {"GUEST", "guest_name"}, {"CONSOLE", "console"}};
+  std::cout << '\n';
+  PrintRows(guests, kColumns, global.ids ? Ids::kShown : Ids::kHidden);
+}
+
 }  // namespace
 
 ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
@@ -45,7 +65,9 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
     // Fails before the user types a password.
     return Report(ExposedError(*endpoint));
   }
-  const std::string user = options.user.empty() ? OwnName() : options.user;
+  const std::string user = !options.user.empty()          ? options.user
+                           : !global.context_user.empty() ? global.context_user
+                                                          : OwnName();
   if (!IsValidUtf8(user)) return Report(Error(ErrorCode::kInvalid, "The user's name is not valid UTF-8"));
   const Result<std::string> password =
       GetPassword(options.password, fmt::format("Password of {} at {}", Printable(user), Printable(endpoint->url)));
@@ -128,8 +150,13 @@ ExitCode RunWhoami(const GlobalOptions& global) {
   const Result<HttpClientOptions> options = ConnectOptions(global);
   if (!options) return Report(options.error());
   HttpClient client(*options);
-  const CallOutcome outcome = CallApi(client, kInfo, "{}");
-  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  CallOutcome outcome = TryApi(client, kRights, "{}");
+  // A server of an older version only knows who the caller is.
+  if (outcome.http_status == kHttpNotFound) outcome = TryApi(client, kInfo, "{}");
+  if (outcome.exit_code != ExitCode::kOk) {
+    std::cerr << "vexa: " << outcome.failure << '\n';
+    return outcome.exit_code;
+  }
   if (global.json) return PrintJson(outcome.data);
   const std::string level = IsTrue(Member(outcome.data, "administrator")) ? "administrator"
                             : IsTrue(Member(outcome.data, "advanced"))    ? "advanced user"
@@ -138,6 +165,7 @@ ExitCode RunWhoami(const GlobalOptions& global) {
                           {"Id", Text(Member(outcome.data, "uid"))},
                           {"Level", level},
                           {"Server", client.endpoint().Name()}});
+  PrintGuests(global, outcome.data);
   return ExitCode::kOk;
 }
 

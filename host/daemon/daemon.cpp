@@ -36,6 +36,7 @@
 #include "host/api/user/image_api.h"
 #include "host/api/user/import_api.h"
 #include "host/api/user/log_api.h"
+#include "host/api/user/own_rights_api.h"
 #include "host/api/user/recovery_api.h"
 #include "host/api/user/remote_console.h"
 #include "host/api/user/repository_api.h"
@@ -440,6 +441,7 @@ class Daemon::Impl {
     for (auto&& part :
          {api::GuestRows(),
           api::SessionRows(sessions),
+          api::OwnRightsRows(store_),
           api::SessionListRows(sessions),
           api::ServiceRows(MakeServiceParts(config)),
           api::HostListRows(),

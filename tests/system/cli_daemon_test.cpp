@@ -130,7 +130,7 @@ TEST_F(RecordsOnDaemon, ImageAdd_ConfiguredStore_IsWrittenToDaemonsStore) {
   const auto added = RunOn({"image", "add", "Debian 12", file});
   EXPECT_EQ(added.exit_code, 0) << added.errors;
   EXPECT_THAT(added.output, MatchesRegex("[-0-9a-f]+\n"));
-  EXPECT_THAT(RunOn({"image", "list"}).output, HasSubstr("  Debian 12  12     yes      " + file + "\n"));
+  EXPECT_THAT(RunOn({"image", "list"}).output, HasSubstr("\nDebian 12  12     yes      " + file + "\n"));
   EXPECT_FALSE(std::filesystem::exists(daemon_->config().data_directory + "/store"));
   EXPECT_EQ(RunOn({"image", "remove", "Debian 12"}).output, "Removed the image 'Debian 12'. Its file stays.\n");
   EXPECT_EQ(RunOn({"image", "list", "--json"}).output, "[]\n");
@@ -158,8 +158,8 @@ TEST_F(RecordsOnDaemon, Add_EightConcurrentWithOneName_OneIsAccepted) {
 TEST_F(RecordsOnDaemon, Repository_AddListAcceptRemove_Works) {
   const std::string id = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
   EXPECT_EQ(RunOn({"repository", "add", "pool-1", "--id", id}).output, id + "\n");
-  EXPECT_EQ(RunOn({"repository", "list"}).output,
-            id + "  " + VexaCCC::DB::DBLocalhostID() + "  repo_online  -  pool-1\n");
+  EXPECT_THAT(RunOn({"repository", "list", "--ids"}).output,
+              HasSubstr("\n" + id + "  pool-1  " + VexaCCC::DB::DBLocalhostID() + "  repo_online  -\n"));
   EXPECT_EQ(RunOn({"repository", "accept", "pool-1"}).output,
             "Accepted the current storage of the repository '" + id + "'\n");
   PutGuest("g", R"({"name":"shop","repository_id":")" + id + "\"}");
@@ -170,15 +170,15 @@ TEST_F(RecordsOnDaemon, Repository_AddListAcceptRemove_Works) {
               HasSubstr("\n  Reason: The repository 'pool-1' is used by the guest 'shop'. Delete the guests first.\n"));
   PutGuest("g", R"({"name":"shop"})");
   EXPECT_EQ(RunOn({"repository", "remove", "pool-1"}).output, "Removed the repository 'pool-1'. Its files stay.\n");
-  EXPECT_EQ(RunOn({"repository", "list"}).output, "");
+  EXPECT_EQ(RunOn({"repository", "list"}).output, "NAME  HOST  STATE  SPACE\n");
 }
 
 TEST_F(RecordsOnDaemon, Network_AddListShowEditRemove_Works) {
   const std::string id = domain_xml::NetworkGroupId("lan");
   EXPECT_EQ(RunOn({"network", "add", "lan", "--description", "Lab"}).output, id + "\n");
-  EXPECT_THAT(RunOn({"network", "list"}).output,
+  EXPECT_THAT(RunOn({"network", "list", "--ids"}).output,
               AllOf(StartsWith("NETWORK "), HasSubstr(id + "  lan   nat   unknown  yes      192.168.100.0/24\n")));
-  EXPECT_EQ(RunOn({"network", "show", "lan"}).output,
+  EXPECT_EQ(RunOn({"network", "show", "lan", "--ids"}).output,
             "Network:     " + id +
                 "\nName:        lan\nDescription: Lab\nKind:        nat\nState:       unknown\nOn hosts:    lan\n"
                 "Subnet:      192.168.100.0/24\n  host " +
@@ -197,9 +197,9 @@ TEST_F(RecordsOnDaemon, OrdinaryUser_Images_AreListedWithoutPathsAndReadOnly) {
   ASSERT_EQ(RunOn({"repository", "add", "pool-1"}).exit_code, 0);
   daemon_->ActAsOnUnixSocket("mallory");
   const auto images = RunOn({"image", "list"});
-  EXPECT_THAT(images.output, HasSubstr("  a     12     yes\n"));
+  EXPECT_THAT(images.output, HasSubstr("\na     12     yes\n"));
   EXPECT_THAT(images.output, Not(HasSubstr(images_of_host)));
-  EXPECT_THAT(RunOn({"repository", "list"}).output, HasSubstr("  pool-1\n"));
+  EXPECT_THAT(RunOn({"repository", "list"}).output, HasSubstr("\npool-1  "));
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"image", "add", "b", file},
         {"image", "remove", "a"},
@@ -242,7 +242,7 @@ TEST_F(CliOnDaemon, Accounts_AreManagedAndLogged) {
 
 TEST_F(CliOnDaemon, Grants_AreGivenAndShown) {
   EXPECT_EQ(RunOn({"user", "grant", "mallory", kTestGuest}).output, "Granted to 'mallory'.\n");
-  EXPECT_EQ(RunOn({"user", "grants", "mallory"}).output, std::string("Level: user\n") + kTestGuest + "\n");
+  EXPECT_EQ(RunOn({"user", "grants", "mallory", "--ids"}).output, std::string("Level: user\n") + kTestGuest + "\n");
   EXPECT_THAT(RunOn({"guest", "grants", "web"}).output, HasSubstr("mallory"));
   EXPECT_EQ(RunOn({"user", "advanced", "mallory"}).exit_code, 0);
   EXPECT_EQ(RunOn({"user", "advanced", "--show", "mallory"}).output, "advanced\n");

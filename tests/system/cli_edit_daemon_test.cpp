@@ -270,20 +270,20 @@ TEST_F(EditOnDaemon, Editor_ChangesEditedSettings) {
 // Images.
 
 TEST_F(EditOnDaemon, Images_AreListedWithTheirFiles) {
-  EXPECT_EQ(Image({"list"}).output, "IMAGE  NAME  BYTES  PRESENT  PATH\n");
+  EXPECT_EQ(Image({"list", "--ids"}).output, "IMAGE  NAME  BYTES  PRESENT  PATH\n");
   const std::string file = MakeImageFile("a.iso");
   const auto first = Image({"add", "Debian 12", file, "--id", "5B1C7D0A-3E84-4F96-B2A7-91C0DE45F3B8"});
   EXPECT_EQ(first.exit_code, 0) << first.errors;
   EXPECT_EQ(first.output, "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8\n");
   EXPECT_EQ(RecordOf(*store_, "image", "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8"),
             Parsed(R"({"name":"Debian 12","path":")" + file + "\"}"));
-  EXPECT_THAT(Image({"list"}).output,
+  EXPECT_THAT(Image({"list", "--ids"}).output,
               HasSubstr("\n5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8  Debian 12  12     yes      " + file + "\n"));
   fs::remove(file);
   EXPECT_EQ(Parsed(Image({"list", "--json"}).output),
             Parsed(R"([{"image_id":"5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8","name":"Debian 12","path":")" + file +
                    R"(","present":false}])"));
-  EXPECT_THAT(Image({"list"}).output, HasSubstr("  Debian 12  -      no       "));
+  EXPECT_THAT(Image({"list", "--ids"}).output, HasSubstr("  Debian 12  -      no       "));
 }
 
 TEST_F(EditOnDaemon, ImageAdd_Invalid_IsRefusedWithReason) {
@@ -333,7 +333,7 @@ TEST_F(EditOnDaemon, ImageRemove_ImageInDrive_IsRefusedUntilEjected) {
   ProcessOptions relative = ProgramOn({"image", "add", "b", "b.iso"});
   relative.working_directory = ImageFolder();
   EXPECT_EQ(RunProcess(relative).exit_code, 0);
-  EXPECT_THAT(Image({"list"}).output, HasSubstr(ImageFolder() + "/b.iso\n"));
+  EXPECT_THAT(Image({"list", "--ids"}).output, HasSubstr(ImageFolder() + "/b.iso\n"));
   for (const std::string& drive : {id, file}) {
     ExpectSet({"--iso", drive});
     const auto used = Image({"remove", "a"});

@@ -117,6 +117,19 @@ d2          missing  error
 )");
 }
 
+TEST_F(GuestState, Status_NameLooksLikeAnId_IsFound) {
+  const std::string name = "11111111-2222-4333-8444-555555555555";
+  const ScriptedServer server(
+      {HttpReplyOf(404, R"({"success":false,"error":{"code":403,"message":"No such guest"}})"),
+       HttpReplyOf(200, R"({"success":true,"data":{"guests":[{"guest_id":"g7","guest_name":")" + name + R"("}]}})"),
+       HttpReplyOf(200, kOne)});
+  const auto result = RunOn(server, {"guest", "status", name, "--json"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  ASSERT_EQ(server.requests().size(), 3u);
+  EXPECT_THAT(server.requests()[0], HasSubstr(R"({"guest_id":")" + name));
+  EXPECT_THAT(server.requests()[2], HasSubstr(R"({"guest_id":"g7"})"));
+}
+
 TEST_F(GuestState, Status_Id_MakesOneCall) {
   const ScriptedServer server({HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"guest", "status", "8D24e9b0-17f5-4c6a-b3de-0f9a6c5271e8", "--json"});

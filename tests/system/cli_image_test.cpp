@@ -170,8 +170,18 @@ TEST_F(ImageCommand, RepositoryAdd_SendsArgumentsAndPrintsId) {
 TEST_F(ImageCommand, RepositoryAdd_InvalidArguments_AreNotSent) {
   ExpectUsage({"repository", "add", ""}, "vexa: A repository's name is 1 to 128 bytes of UTF-8 without control");
   ExpectUsage({"repository", "add", "a", "--id", "../x"}, "vexa: '../x' is not a UUID\n");
-  ExpectUsage({"repository", "add", "a", "--host-id", "nas-1"}, "vexa: 'nas-1' is not a host's id: give a UUID\n");
   ExpectUsage({"repository", "list", "--data", "/d"}, "--data");
+}
+
+TEST_F(ImageCommand, RepositoryAdd_NameOfHost_SendsItsId) {
+  const ApiHost host([](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    if (method == "list") return ApiHost::Success(R"({"hosts":[{"host_id":"h2","name":"nas-2"}]})");
+    return ApiHost::Success(R"({"repository_id":"r1"})");
+  });
+  EXPECT_EQ(RunOn(host, {"repository", "add", "pool", "--host", "nas-2"}).output, "r1\n");
+  EXPECT_EQ(host.calls().back(), R"(add {"host_id":"h2","name":"pool"})");
+  EXPECT_EQ(RunOn(host, {"repository", "add", "pool", "--host-id", "nas-3"}).errors,
+            "vexa: There is no host called 'nas-3'; did you mean 'nas-2'? See 'vexa host list'\n");
 }
 
 TEST_F(ImageCommand, RepositoryList_SeveralRepositories_HasOneLineEach) {

@@ -55,7 +55,7 @@ TEST_F(Output, Watch_OnPipe_PrintsABlockForEachChange) {
     Process watch(Program({"guest", "list", "--output", format, "--watch", "1"}));
     if (std::string(format) == "table") {
       ASSERT_TRUE(watch.WaitForText("shutdown", std::chrono::seconds(60)));
-      // Ages alone are no change.
+      // Ages alone do not count as a change.
       const std::string shown = watch.output();
       EXPECT_EQ(shown.find("running"), shown.rfind("running"));
       EXPECT_THAT(shown, AllOf(HasSubstr("\n\n"), Not(HasSubstr("\x1b"))));

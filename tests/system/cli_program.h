@@ -26,7 +26,8 @@ class CliTest : public ::testing::Test {
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
     options.environment["XDG_CONFIG_HOME"] = folder_.File("config");
     options.environment["HOME"] = folder_.path();
-    for (const char* name : {"VEXA_SERVER", "http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+    for (const char* name : {"VEXA_SERVER", "VEXA_CONTEXT", "NO_COLOR", "http_proxy", "https_proxy", "HTTPS_PROXY",
+                             "all_proxy", "ALL_PROXY"}) {
       options.environment[name] = std::nullopt;
     }
     options.environment["VEXA_SOCKET"] = folder_.File("vexad.sock");

@@ -15,7 +15,7 @@ const std::string kB = "0b000000-0000-4000-8000-00000000000b";
 const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},{"guest_id":"g2","guest_name":"twin"},
   {"guest_id":"g3","guest_name":"twin"},{"guest_id":"g4","guest_name":"b\u001b[31md\n"}],
   "networks":[{"network_id":"0c000000-0000-4000-8000-00000000000c","name":"lan"},{"network_id":"n2","name":"dup"},
-  {"network_id":"n3","name":"dup"}]})";
+  {"network_id":"n3","name":"dup"}],"images":[{"image_id":"0e000000-0000-4000-8000-00000000000e","name":"debian-12"}]})";
 constexpr const char* kSettings =
     "The settings are name, desc, vcpu_num, cpu_pin_num, cpu_weight, cpu_passthru, hyperv_enlighten, vram_size, "
     "video_card, kb_layout, boot_from, use_ovmf, autorun, usb_version";
@@ -26,7 +26,10 @@ class GuestSet : public CliTest {
     return [set = std::move(set)](const std::string& method,
                                   const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
       if (method == "list") return ApiHost::Success(kGuests);
-      if (method == "get") return ApiHost::Success(R"({"name":"web-1"})");
+      if (method == "get")
+        return ApiHost::Success(R"({"name":"web-1",
+          "vdisks":[{"vdisk_id":"0a000000-0000-4000-8000-00000000000a"},{"vdisk_id":"0b000000-0000-4000-8000-00000000000b"}],
+          "vnics":[{"vnic_id":"0d000000-0000-4000-8000-00000000000d","mac":"02:00:5e:10:00:aa"}]})");
       return set(method, parameters);
     };
   }
@@ -213,6 +216,36 @@ TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
   for (const auto& [words, expected] : rows) EXPECT_EQ(Refusal(words), "vexa: " + expected + "\n");
 }
 
+TEST_F(GuestSet, Set_ImageNumberOrMac_IsSentAsId) {
+  EXPECT_EQ(Sent({"--iso", "debian-12", "--iso", "none"}),
+            R"({"iso_images":["0e000000-0000-4000-8000-00000000000e","unmounted"]})");
+  EXPECT_EQ(Sent({"--del-disk", "2"}), R"({"vdisks_del":[{"vdisk_id":")" + kB + "\"}]}");
+  EXPECT_EQ(Sent({"--grow-disk", "1=30"}), R"({"vdisks_edit":[{"vdisk_id":")" + kA + R"(","vdisk_size":30}]})");
+  EXPECT_EQ(Sent({"--order-disks", "2,1"}),
+            R"({"vdisks_order":[{"vdisk_id":")" + kB + R"("},{"vdisk_id":")" + kA + "\"}]}");
+  const std::string nic = "0d000000-0000-4000-8000-00000000000d";
+  EXPECT_EQ(Sent({"--del-nic", "02:00:5E:10:00:AA"}), R"({"vnics_del":[{"vnic_id":")" + nic + "\"}]}");
+  EXPECT_EQ(Sent({"--edit-nic", "1,type=2"}), R"({"vnics_edit":[{"vnic_id":")" + nic + R"(","vnic_type":2}]})");
+}
+
+TEST_F(GuestSet, Set_UnknownImageOrNumber_IsNotSent) {
+  const ApiHost host(SucceedAlways());
+  for (const auto& [words, sentence] :
+       {std::pair(std::vector<std::string>{"--iso", "debian"},
+                  "There is no image called 'debian'; did you mean 'debian-12'? See 'vexa image list'"),
+        std::pair(std::vector<std::string>{"--del-disk", "3"},
+                  "The guest has no disk '3'; 'vexa guest get' shows them"),
+        std::pair(std::vector<std::string>{"--del-nic", "02:00:5e:10:00:ab"},
+                  "The guest has no network interface '02:00:5e:10:00:ab'; 'vexa guest get' shows them")}) {
+    std::vector<std::string> all = words;
+    all.insert(all.begin(), "web-1");
+    const auto result = RunOn(host, all);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.errors, std::string("vexa: ") + sentence + "\n");
+  }
+  EXPECT_EQ(host.Count("set"), 0);
+}
+
 TEST_F(GuestSet, Set_UnknownOrAmbiguousNetwork_IsNotSent) {
   const ApiHost host(SucceedAlways());
   const auto unknown = RunOn(host, {"web-1", "--add-nic", "net=office"});
@@ -262,8 +295,6 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
       {{"--edit-nic", kA}, "No change of the network interface '" + kA + "' is named"},
       {{"--edit-nic", kA + ",type=1", "--edit-nic", kA + ",type=2"},
        "The network interface '" + kA + "' is named twice"},
-      {{"--iso", "debian.iso"},
-       "The parameter 'iso_images[0]' is not an image. Use an image id, an absolute path, or 'unmounted'"},
       {{"--iso", "none", "--iso", "none", "--iso", "none"}, "The parameter 'iso_images' has more than two images"},
       {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x'. Use the form '1234:00ab' or '3.14', or 'unmounted'"},
       {{"--usb", "1.1", "--usb", "1.2", "--usb", "1.3", "--usb", "1.4", "--usb", "1.5"},

@@ -166,6 +166,34 @@ TEST_F(GuestPromises, HostEdit_Name_IsShownAndUnique) {
   EXPECT_THAT(RunOn({"host", "edit", "office-1"}).errors, HasSubstr("Nothing to change is named"));
 }
 
+TEST_F(GuestPromises, OwnRights_UserWithGrant_ListsItsGuests) {
+  Call("VEXA.Virtualization.Guest", "create", Parsed(R"({"name":"shop","grants":[{"user":"grace"}]})"));
+  const auto rights = [&] {
+    const Json::Value reply = JsonBody(daemon_->TcpAs("grace").PostJson("/webapi/VEXA.Core.Session/rights", "{}"));
+    return json::Member(reply, "data");
+  };
+  // "web" is of a group.
+  const auto console_of_shop = [&] {
+    const Json::Value mine = rights();
+    for (const Json::Value& guest : mine["guests"]) {
+      if (guest["guest_name"] == "shop") return guest["console"];
+    }
+    return Json::Value();
+  };
+  EXPECT_EQ(rights()["user"], "grace");
+  EXPECT_EQ(rights()["all_guests"], false);
+  EXPECT_EQ(console_of_shop(), false);
+  // By name, as everything else.
+  ExpectDone({"user", "grant", "grace", "shop", "--console"});
+  EXPECT_EQ(console_of_shop(), true);
+  EXPECT_THAT(RunOn({"user", "grants", "grace"}).output, HasSubstr("\nshop with its console\n"));
+  EXPECT_THAT(RunOn({"user", "grants", "grace", "--ids"}).output, Not(HasSubstr("shop")));
+  ExpectRefused({"user", "grant", "grace", "shpo"}, "There is no guest called 'shpo'; did you mean 'shop'?");
+  ExpectDone({"user", "revoke", "grace", "shop"});
+  EXPECT_TRUE(console_of_shop().isNull());
+  EXPECT_THAT(RunOn({"whoami"}).output, HasSubstr("You may use all guests, with their consoles."));
+}
+
 TEST_F(GuestPromises, Upgrading_On_GuestsAreShownAsFrozen) {
   ExpectDone({"cluster", "settings", "--upgrading", "on"});
   EXPECT_EQ(Parsed(RunOn({"--json", "cluster", "settings"}).output)["upgrading"], true);

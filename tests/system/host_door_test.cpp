@@ -1,4 +1,5 @@
 // Who may call what on which listener, and revoking the certificates of hosts.
+#include "tests/support/process.h"
 #include "tests/system/host_door_fixture.h"
 
 namespace vexa::test {
@@ -102,6 +103,31 @@ TEST_F(HostDoors, Revoke_UnknownHost_IsRefused) {
   EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Host/revoke", std::string(R"({"host_id":")") + kStranger + "\"}")),
             403);
   EXPECT_EQ(Stored({"revoked", kStranger}), "");
+}
+
+// The certificate of the hosts names an id, which no user types; the one for users names the machine.
+TEST_F(HostDoors, VexaLogin_NameInUsersCertificate_IsVerified) {
+  (void)Login();  // adds grace
+  const auto login = [&](const std::string& server, const std::string& authority) {
+    ProcessOptions program;
+    program.argv = {
+        VEXA_PROGRAM,       "login", "--server", server, "--ca-file", folder_.File(authority + "/authority.pem"),
+        "--password-stdin", "grace"};
+    program.environment["XDG_CONFIG_HOME"] = folder_.File("config");
+    program.input = "correct horse\n";
+    return RunProcess(program);
+  };
+  const std::string server = UserListener(0).url;
+  const auto done = login(server, "web");
+  EXPECT_EQ(done.exit_code, 0) << done.errors;
+  // The same listener by a name that is not in the certificate.
+  const auto renamed = login("https://127.0.0.1" + server.substr(server.rfind(':')), "web");
+  EXPECT_EQ(renamed.exit_code, 3);
+  EXPECT_THAT(renamed.errors, HasSubstr("its certificate is not for the name '127.0.0.1'"));
+  // The authority of the hosts says nothing about the listener for users.
+  const auto foreign = login(server, "authority");
+  EXPECT_EQ(foreign.exit_code, 3);
+  EXPECT_THAT(foreign.errors, HasSubstr("is not signed by an authority that this machine trusts"));
 }
 
 TEST_F(HostDoors, NewSettings_LogNoAdvice) { EXPECT_THAT(LogOf(0), Not(HasSubstr("The setting"))); }

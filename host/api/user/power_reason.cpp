@@ -2,10 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <iterator>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "host/api/reason.h"
@@ -26,8 +23,7 @@ constexpr int kRatingTimeoutS = 30;
 constexpr std::size_t kMaxReason = 1024;
 constexpr char kHintWithoutHost[] =
     "'vexa guest list' shows the guests; with 'vexa cluster settings --auto-select-host on', a guest without a host "
-    "gets "
-    "one when it starts.";
+    "gets one when it starts.";
 
 // "The host 'nas1': …" for each host; "" when the hosts cannot be rated.
 std::string WhatHostsLack(const std::string& guest_id) {
@@ -57,14 +53,6 @@ std::string WhatHostsLack(const std::string& guest_id) {
   return SanitizeForLog(text, kMaxReason);
 }
 
-// A sentence about the parameter "action"; "" when it is an action.
-std::string ReasonOfAction(const Call& call) {
-  constexpr std::string_view kActions[] = {"poweron", "shutdown", "poweroff", "reboot", "poweroff_by_ha"};
-  const Json::Value given = call.request->GetParam("action", Json::Value());
-  if (!given.isString() || std::ranges::find(kActions, json::String(given)) != std::end(kActions)) return "";
-  return fmt::format("The parameter 'action' has to be one of {}.", fmt::join(kActions, ", "));
-}
-
 }  // namespace
 
 Handler WithPowerReason(Handler handler) {
@@ -72,10 +60,6 @@ Handler WithPowerReason(Handler handler) {
     handler(call);
     if (!call.response->IsSet() || call.response->IsSuccess()) return;
     const int code = call.response->ErrorCode();
-    if (code == user_error::kBadParameter) {
-      if (const std::string reason = ReasonOfAction(call); !reason.empty()) SetReason(call, reason);
-      return;
-    }
     if (code == user_error::kNotFoundOrUnreadable) SetHint(call, kHintWithoutHost);
     const bool has_reason = call.extra_members && json::FindMember(*call.extra_members, kReason);
     if (code != user_error::kNoHostChosen || has_reason) return;
