@@ -184,15 +184,13 @@ TEST(Config, Usage_Invalid_ExitsWithTwo) {
 
 TEST(Config, AllowedOrigins_AreExactOrigins) {
   for (const char* origin : {"https://nas.example", "http://127.0.0.1:3000", "http://[::1]:8080", "https://a-b.c"}) {
-    EXPECT_TRUE(vexa::daemon::CheckConfig(Parse({"--allowed-origins", origin}).config)) << origin;
+    EXPECT_TRUE(vexa::daemon::CheckConfig(Parse({"--allowed-origins", origin}).config).empty()) << origin;
   }
   for (const char* origin : {"*", "null", "nas.example", "https://", "https://nas.example/", "https://*.example",
                              "https://NAS.example", "ftp://nas", "https://nas:0", "https://nas:99999",
                              "https://nas:", "https://nas.example https://b", "https://[::1"}) {
-    const vexa::Status checked = vexa::daemon::CheckConfig(Parse({"--allowed-origins", origin}).config);
-    ASSERT_FALSE(checked) << origin;
-    EXPECT_NE(checked.error().message().find("in 'allowed-origins' is not an origin. Use the form"), std::string::npos)
-        << checked.error().message();
+    const std::string lines = LinesOf(vexa::daemon::CheckConfig(Parse({"--allowed-origins", origin}).config));
+    EXPECT_NE(lines.find("is not an origin. Use the form https://nas.example"), std::string::npos) << origin << lines;
   }
   EXPECT_TRUE(Parse({}).config.allowed_origins.empty());
 }
