@@ -44,6 +44,7 @@ const std::set<std::string> kLeftOut = {
     "ReadWritePaths",
     "RemoveIPC",
     "Restart",
+    "RestartPreventExitStatus",
     "RuntimeDirectory",
     "RuntimeDirectoryMode",
     "RuntimeDirectoryPreserve",
