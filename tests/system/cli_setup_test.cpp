@@ -149,7 +149,8 @@ TEST_F(Setup, Caller_WithoutRightsOrAccount_IsToldWhatHelps) {
             "no-such\n");
   // A copy, because the build's folder may be closed to other accounts.
   fs::copy_file(VEXA_PROGRAM, folder_.File("vexa"));
-  const ProcessResult other = RunProcess({.argv = AsService({folder_.File("vexa"), "setup", "--yes"})});
+  const ProcessResult other = RunProcess(
+      {.argv = AsService({folder_.File("vexa"), "setup", "--yes"}), .environment = {{"HOME", folder_.path()}}});
   EXPECT_EQ(other.errors, "vexa: Only root can set a host up. Run: sudo vexa setup\n");
   EXPECT_EQ(other.exit_code, 1);
 }

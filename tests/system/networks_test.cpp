@@ -93,7 +93,8 @@ TEST_F(Networks, FirstStart_GuestGetsTheDefaultNetwork_AndKeepsItWhileUsed) {
   EXPECT_THAT(BridgeOfTap(), testing::StartsWith("virbr"));
   const ProcessResult used = Vexa({"network", "remove", "default"});
   EXPECT_EQ(used.exit_code, 1);
-  EXPECT_THAT(used.errors, HasSubstr("\nThe network 'default' is used by the guest 'connected'. Put their interfaces"));
+  EXPECT_THAT(used.errors,
+              HasSubstr("Reason: The network 'default' is used by the guest 'connected'. Put their interfaces"));
   host_->Restart();
   ExpectState("default", "ready");
   EXPECT_THAT(BridgeOfTap(), testing::StartsWith("virbr"));
