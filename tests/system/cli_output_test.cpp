@@ -79,7 +79,7 @@ TEST_F(Output, Watch_Refused_Ends) {
   const ScriptedServer server({HttpReplyOf(403, R"({"success":false,"error":{"code":105,"message":"No"}})")});
   const auto result = RunOn(server, {"guest", "list", "--watch"});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("No (error 105"));
+  EXPECT_THAT(result.errors, HasSubstr("No (105)"));
 }
 
 TEST_F(Output, Watch_ServerGone_SaysSoOnceAndGoesOn) {
