@@ -106,11 +106,10 @@ void ListEntries(const Call& call) {
       "limit", kOptional, [](const int& n) { return n >= 1 && n <= static_cast<int>(cluster::kMaxLogPage); });
   bool is_after_invalid = false;
   const std::optional<std::int64_t> after = ReadPosition(call, "after", is_after_invalid);
-  if (cursor.IsInvalid() || limit.IsInvalid() || is_after_invalid || (after && cursor.IsSet())) {
+  if (cursor.IsInvalid() || limit.IsInvalid() || is_after_invalid) return Fail(call, user_error::kBadParameter);
+  if (after && cursor.IsSet()) {
     return Fail(call, user_error::kBadParameter,
-                fmt::format("'limit' is 1 to {}; 'cursor' is that of a reply and 'after' a position, and only one of "
-                            "them can be given.",
-                            cluster::kMaxLogPage));
+                "Only one of 'cursor', which is that of a reply, and 'after', a position, can be given.");
   }
   const auto reader = records::ReaderOfRequest();
   if (!reader) return FailUnreadable(call, reader.error());
