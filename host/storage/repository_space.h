@@ -43,8 +43,8 @@ Result<std::optional<RepositorySpace>> ReadSpace(const store::Snapshot& snapshot
 // store.
 Status WriteSpace(store::Store& store, const std::string& repository_id, const RepositorySpace& space);
 
-// The limits of the repository: the ones that an administrator has set, which count whatever is free, and `defaults` with
-// their headroom for the others. Errors: those of the store.
+// The limits of the repository: the ones that an administrator has set, which count whatever is free, and `defaults`
+// with their headroom for the others. Errors: those of the store.
 Result<SpaceLimits> LimitsOf(const store::Snapshot& snapshot, const std::string& repository_id,
                              const SpaceLimits& defaults);
 

@@ -227,8 +227,8 @@ TEST_F(GuestEdit, Editor_FailureAfterEdit_KeepsNoText) {
     }));
     const auto result = Edit(host, "echo 'autorun = 1' > \"$1\"");
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.errors, "vexa: web-1: Edited, but (" + std::to_string(code) +
-                                 ").\n  Details: {\"host_names\":\"nas-1\"}\n");
+    EXPECT_EQ(result.errors,
+              "vexa: web-1: Edited, but (" + std::to_string(code) + ").\n  Details: {\"host_names\":\"nas-1\"}\n");
     EXPECT_THAT(Left(), IsEmpty());
   }
 }

@@ -16,8 +16,8 @@ TEST_F(ErrorCommand, EveryCode_IsListedAndExplained) {
     EXPECT_THAT(all.output, HasSubstr(std::to_string(row.code) + " "));
     const auto one = Run({"error", std::to_string(row.code)});
     EXPECT_EQ(one.exit_code, 0);
-    EXPECT_THAT(one.output, StartsWith(std::to_string(row.code) + ": " + std::string(row.sentence) + "\n\nHTTP status: " +
-                                       std::to_string(row.http_status) + "; the cause lies in "));
+    EXPECT_THAT(one.output, StartsWith(std::to_string(row.code) + ": " + std::string(row.sentence) +
+                                       "\n\nHTTP status: " + std::to_string(row.http_status) + "; the cause lies in "));
     EXPECT_THAT(one.output, HasSubstr("\nUsual causes: " + std::string(CausesOf(row.code)) +
                                       "\nWhat to do: " + std::string(HintFor(row.code)) + "\n"));
   }

@@ -53,8 +53,8 @@ TEST_F(Login, Login_WrongPassword_FailsAndKeepsEarlierLogin) {
   const std::string before = SavedText();
   const auto result = Run({"login", "--password-stdin", "alice"}, "wrong-one\n");
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("Wrong user or password (106)."),
-                                   Not(HasSubstr("Run 'vexa login'")), Not(HasSubstr("wrong-one"))));
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("Wrong user or password (106)."), Not(HasSubstr("Run 'vexa login'")),
+                                   Not(HasSubstr("wrong-one"))));
   EXPECT_EQ(SavedText(), before);
 }
 

@@ -187,8 +187,9 @@ TEST_F(Reply, Reply_NoAccountOnUnixSocket_SuggestsLoginOrRoot) {
       folder_.File("s"));
   const auto result = Run({"guest", "list", "--socket", folder_.File("s")});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("\n  Hint: Your system account is not a user of the server. Run 'vexa login', or this "
-                                       "command as root.\n"));
+  EXPECT_THAT(result.errors,
+              HasSubstr("\n  Hint: Your system account is not a user of the server. Run 'vexa login', or this "
+                        "command as root.\n"));
 }
 
 TEST_F(Reply, Token_EchoedByServer_IsNotShown) {

@@ -419,8 +419,7 @@ TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
     const ApiHost host(Refuses(code));
     const auto result = RunOn(host, {"web-1", "vcpu_num=1"});
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.errors,
-              "vexa: web-1: No (" + std::to_string(code) + ").\n");
+    EXPECT_EQ(result.errors, "vexa: web-1: No (" + std::to_string(code) + ").\n");
     EXPECT_THAT(result.output, IsEmpty());
   }
   const ApiHost image(Refuses(401));
