@@ -28,9 +28,9 @@ struct Schema {
   std::string unit{};                     // of a number, such as "MiB"; "": a count, or the description says it
   std::string format{};                   // of a string, as in JSON Schema: "uuid", "date-time", "byte", "password"
   std::optional<Json::Value> example{};
-  std::vector<SchemaMember> members{};  // of an object: the members it can have
-  std::vector<Schema> elements{};       // one element: of an array, the shape of its elements; of an object
-                                        // without `members`, that of each member, whatever its name
+  std::vector<SchemaMember> members;  // of an object: the members it can have
+  std::vector<Schema> elements{};     // one element: of an array, the shape of its elements; of an object
+                                      // without `members`, that of each member, whatever its name
 
   // Copies with one property changed, for tables of schemas.
   Schema In(std::string_view unit_name) const;

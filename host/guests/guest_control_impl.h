@@ -230,6 +230,9 @@ class LibvirtGuestControl final : public GuestControl {
   // Commits, after all checks, that this host holds the guest.
   Result<void, Refusal> Reserve(StartAttempt& attempt);
   Result<void, Refusal> StartReserved(StartAttempt& attempt, const Starts::Start& start);
+  // Starts those networks of libvirt that the guest's interfaces need and that are not active, as Debian's "default" is
+  // after its installation.
+  Result<void, Refusal> StartNetworks(const records::Guest& guest) const;
   // Refuses when a host holds the guest, or a job with its files is not finished.
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
   Result<void, Refusal> CheckNotHeld(const store::Snapshot& snapshot, const std::string& guest_id) const;

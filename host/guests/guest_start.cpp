@@ -1,10 +1,14 @@
 // Starts the guests of this host.
 #include <fmt/format.h>
 
+#include <syslog.h>
+
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "host/base/mutex.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/host_claim_record.h"
@@ -225,6 +229,27 @@ Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const store::Snapshot& s
   return OkUnless(*std::move(job));
 }
 
+Result<void, Refusal> LibvirtGuestControl::StartNetworks(const records::Guest& guest) const {
+  std::set<std::string> needed;
+  for (const auto& [id, nic] : guest.records.nics) {
+    const std::string name = json::String(json::Member(nic, "network_name"));
+    if (!name.empty()) needed.insert(name);
+  }
+  if (needed.empty()) return {};
+  const auto networks = hypervisor_->KnownNetworks();
+  // Without a list, the start itself reports what it lacks.
+  if (!networks) return {};
+  for (const hypervisor::KnownNetwork& network : *networks) {
+    if (network.is_active || !needed.contains(network.name)) continue;
+    if (const auto started = hypervisor_->StartNetwork(network.name); !started) {
+      return Refusal{host_error::kNoNetwork, started.error().ToString()};
+    }
+    ::syslog(LOG_NOTICE, "Started libvirt's network '%s', which the guest %s needs.",
+             SanitizeForLog(network.name, kMaxLoggedIdBytes).c_str(), guest.records.id.c_str());
+  }
+  return {};
+}
+
 Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, const Starts::Start& start) {
   // If this fails, the reconciliation that follows releases the reservation. Saved memory keeps the definition that it
   // was saved with.
@@ -241,6 +266,7 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   }
   if (!files.ok()) return files.error();
   BeforeStep("poweron: files checked");
+  if (const auto networks = StartNetworks(attempt.guest); !networks.ok()) return networks;
   if (!start.TryEnterHypervisor())
     return Refusal{host_error::kBusy, "The guest was powered off while it was being started"};
   BeforeStep("poweron: asked");

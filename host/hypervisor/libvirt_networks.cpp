@@ -57,7 +57,7 @@ int StopIfActive(virNetworkPtr network) { return virNetworkIsActive(network) == 
 Result<std::vector<std::string>, Failure> LibvirtHypervisor::Networks() {
   Result<std::shared_ptr<virConnect>, Failure> connection = Connection();
   if (!connection) return connection.error();
-  const auto networks = ListNetworks(connection->get(), VIR_CONNECT_LIST_NETWORKS_ACTIVE);
+  const auto networks = ListNetworks(connection->get(), 0);
   std::vector<std::string> names;
   if (!networks) {
     Failure failure = MakeFailure(*connection, Operation::kRead, "Cannot list the networks");

@@ -8,6 +8,7 @@
 #include "json/readers.h"
 #include "tests/support/process.h"
 #include "tests/support/system_host_test.h"
+#include "webapi/error_codes.h"
 
 namespace vexa::test {
 namespace {
@@ -82,6 +83,36 @@ class Networks : public SystemHostTest {
     return links.substr(begin, links.find(' ', begin) - begin);
   }
 };
+
+// Debian defines the network "default" and does not start it.
+TEST_F(Networks, PowerOn_NetworkOfLibvirtIsInactive_StartsIt) {
+  constexpr char kXml[] =
+      "<network><name>default</name><forward mode='nat'/><ip address='192.168.122.1' netmask='255.255.255.0'>"
+      "<dhcp><range start='192.168.122.2' end='192.168.122.254'/></dhcp></ip></network>";
+  const auto connection = Connect();
+  const SystemLibvirtd::Network network(::virNetworkDefineXML(connection.get(), kXml), ::virNetworkFree);
+  ASSERT_TRUE(network);
+  PutGuest();
+  host_->Start();
+  ExpectState("default", "ready");
+  ASSERT_EQ(::virNetworkIsActive(network.get()), 0) << "not before a guest needs it";
+  const ProcessResult set = Vexa({"guest", "set", "connected", "--add-nic", "net=default"});
+  ASSERT_EQ(set.exit_code, 0) << set.errors;
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  EXPECT_EQ(::virNetworkIsActive(network.get()), 1);
+  EXPECT_THAT(BridgeOfTap(), testing::StartsWith("virbr"));
+  EXPECT_THAT(host_->Log(),
+              HasSubstr(std::string("Started libvirt's network 'default', which the guest ") + kGuest + " needs."));
+  // A network that cannot be started: its subnet is taken.
+  ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
+  ASSERT_EQ(::virNetworkDestroy(network.get()), 0);
+  RunTool({"ip", "link", "add", "taken0", "type", "dummy"});
+  RunTool({"ip", "addr", "add", "192.168.122.9/24", "dev", "taken0"});
+  RunTool({"ip", "link", "set", "taken0", "up"});
+  EXPECT_EQ(host_->Power(kGuest, "poweron"), user_error::kNoNetwork);
+  EXPECT_THAT(host_->Log(), HasSubstr("Cannot start the network 'default'"));
+  RunTool({"ip", "link", "del", "taken0"});
+}
 
 TEST_F(Networks, FirstStart_GuestGetsTheDefaultNetwork_AndKeepsItWhileUsed) {
   PutGuest();
