@@ -24,6 +24,8 @@ namespace {
 using hypervisor::FailureKind;
 using hypervisor::Owner;
 
+constexpr std::size_t kMaxLoggedName = 64;
+
 // Not set: the guest's state is not a result of this start, for instance because it runs already or is busy.
 std::optional<records::ShutdownCause> CauseOfStartFailure(int code) {
   using enum records::ShutdownCause;
@@ -245,7 +247,7 @@ Result<void, Refusal> LibvirtGuestControl::StartNetworks(const records::Guest& g
       return Refusal{host_error::kNoNetwork, started.error().ToString()};
     }
     ::syslog(LOG_NOTICE, "Started libvirt's network '%s', which the guest %s needs.",
-             SanitizeForLog(network.name, kMaxLoggedIdBytes).c_str(), guest.records.id.c_str());
+             SanitizeForLog(network.name, kMaxLoggedName).c_str(), guest.records.id.c_str());
   }
   return {};
 }
