@@ -53,12 +53,15 @@ SetupOptions Complete(SetupOptions options, const std::string& text) {
     return options;
   }
   const std::string listen = SettingIn(text, "listen");
+  // What is accepted stays as it is written: it may be a list.
+  const auto ask = [](const std::string& question, const std::string& configured, const char* usual) {
+    const std::string answer = Ask(question, configured.empty() ? usual : configured);
+    return answer == configured ? "" : answer;
+  };
   if (options.admin.empty()) options.admin = Ask("First administrator ('-' for none)", "admin");
   if (options.admin == "-") options.admin.clear();
-  if (options.listen.empty()) {
-    options.listen = Ask("Address and port for users", listen.empty() ? "127.0.0.1:8642" : listen);
-  }
-  if (options.images.empty()) options.images = Ask("Folder for guests", images.empty() ? kGuestsFolder : images);
+  if (options.listen.empty()) options.listen = ask("Address and port for users", listen, "127.0.0.1:8642");
+  if (options.images.empty()) options.images = ask("Folder for guests", images, kGuestsFolder);
   return options;
 }
 
@@ -94,6 +97,12 @@ ExitCode InChild(const std::string& account, const std::function<ExitCode()>& bo
   return WIFEXITED(status) ? static_cast<ExitCode>(WEXITSTATUS(status)) : ExitCode::kFailed;
 }
 
+// The lock is released again, because a question for a password follows and a daemon may start meanwhile.
+bool HasRunningDaemon(const daemon::Config& config) {
+  const Result<DataLock> lock = DataLock::Share(config.data_directory);
+  return !lock && lock.error().code() == ErrorCode::kBusy;
+}
+
 // Adds the administrator unless the user exists: to the store itself, or through the daemon when it runs.
 ExitCode AddAdministrator(const GlobalOptions& global, const SetupOptions& options, const daemon::Config& config) {
   NewUserOptions user;
@@ -119,8 +128,7 @@ ExitCode AddAdministrator(const GlobalOptions& global, const SetupOptions& optio
     Say(global, fmt::format("The user '{}' exists already.", options.admin));
     return ExitCode::kOk;
   }
-  const Result<DataLock> lock = DataLock::Share(config.data_directory);
-  if (!lock && lock.error().code() == ErrorCode::kBusy) {
+  if (HasRunningDaemon(config)) {
     GlobalOptions local = global;
     local.socket = config.socket;
     return RunUserAdd(local, user);
@@ -217,9 +225,8 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   if (const Status made = MakeFolders(options, config); !made) return Report(made.error());
   const Result<bool> allowed = AllowFolders(options, config);
   if (!allowed) return Report(allowed.error());
-  if (!options.admin.empty()) {
-    if (const ExitCode added = AddAdministrator(global, options, config); added != ExitCode::kOk) return added;
-  }
+  // A service that runs gets its new configuration also when this fails: the next run would find nothing to change.
+  const ExitCode added = options.admin.empty() ? ExitCode::kOk : AddAdministrator(global, options, config);
   const bool runs = StartService(global, options, *changed || *allowed);
   SetupMachine machine;
   machine.account = options.account;
@@ -229,6 +236,7 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   for (const SetupFinding& finding : FindWhatWorks(machine)) {
     if (!global.quiet) std::cout << ToLine(finding) << std::endl;
   }
+  if (added != ExitCode::kOk) return added;
   return runs ? ExitCode::kOk : ExitCode::kFailed;
 }
 
