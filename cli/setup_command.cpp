@@ -24,6 +24,7 @@
 #include "host/base/data_lock.h"
 #include "host/base/files.h"
 #include "host/daemon/config.h"
+#include "host/daemon/configured_paths.h"
 
 namespace vexa::cli {
 namespace {
@@ -45,9 +46,20 @@ std::string Ask(const std::string& question, const std::string& usual) {
   return answer;
 }
 
+// The folder for guests as configured: the setting, or without it the daemon's default, where guests have disks there
+// already. "" otherwise.
+std::string ConfiguredImages(const std::string& config, const std::string& text) {
+  const std::string images = SettingIn(text, "image-roots");
+  if (!images.empty()) return images;
+  const auto paths = daemon::ReadConfiguredPaths(config);
+  const std::string folder = (paths ? paths->data_directory : daemon::Config().data_directory) + "/images";
+  std::error_code missing;
+  return !std::filesystem::is_empty(folder, missing) && !missing ? folder : "";
+}
+
 // The options, completed on a terminal with answers. `text` is the configuration file.
 SetupOptions Complete(SetupOptions options, const std::string& text) {
-  const std::string images = SettingIn(text, "image-roots");
+  const std::string images = ConfiguredImages(options.config, text);
   if (options.assume_yes || ::isatty(STDIN_FILENO) == 0) {
     if (options.images.empty() && images.empty()) options.images = kGuestsFolder;
     return options;

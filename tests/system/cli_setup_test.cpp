@@ -262,6 +262,16 @@ TEST_F(Setup, ConfigurationWithLists_KeepsThemWhenTheyAreAccepted) {
   EXPECT_EQ(OwnerOf(folder_.File("more")), Uid());
 }
 
+// Without the setting, the daemon keeps disks in its data folder; a host that has some there keeps its setting.
+TEST_F(Setup, HostWithGuestsInTheDefaultFolder_KeepsIt) {
+  ASSERT_TRUE(vexa::CreateDirectories(Data() + "/images/pool", 0711).ok());
+  const std::string old = Read("vexad.conf");
+  const ProcessResult result = Run({});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(Read("vexad.conf"), old);
+  EXPECT_NE(result.output.find("Folder for guests: " + Data() + "/images\n"), std::string::npos) << result.output;
+}
+
 // A service that runs would keep its old configuration otherwise: the next run changes nothing, and restarts nothing.
 TEST_F(Setup, Administrator_ThatCannotBeAdded_DoesNotKeepTheServiceFromTheNewConfiguration) {
   const ProcessResult result = Run({"--images", Images(), "--admin", "admin", "--password-stdin"}, "\n");
