@@ -187,7 +187,7 @@ Result<bool> AllowFolders(const SetupOptions& options, const daemon::Config& con
   std::string lines;
   for (const std::string& root : config.image_roots) {
     if (root == kGuestsFolder || root.starts_with(config.data_directory + "/")) continue;
-    lines += fmt::format("ReadWritePaths=\"{}\"\n", root);
+    lines += fmt::format("ReadWritePaths=\"-{}\"\n", root);  // a folder that is gone keeps no service from starting
   }
   if (folder.empty() || lines.empty()) return false;
   folder += "/vexad.service.d";

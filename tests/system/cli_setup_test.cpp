@@ -194,7 +194,7 @@ TEST_F(Setup, Terminal_AsksForWhatIsMissing) {
 TEST_F(Setup, FolderElsewhere_IsOpenedInTheUnit) {
   const std::string drop_in = "units/vexad.service.d/guests.conf";
   EXPECT_EQ(Run({"--images", Images(), "--units", folder_.File("units")}).exit_code, 0);
-  EXPECT_EQ(Read(drop_in), fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"{}\"\n", Images()));
+  EXPECT_EQ(Read(drop_in), fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"-{}\"\n", Images()));
   // The data folder needs none.
   fs::remove_all(folder_.File("units"));
   EXPECT_EQ(Run({"--images", Data() + "/images", "--units", folder_.File("units")}).exit_code, 0);
