@@ -39,7 +39,9 @@ void Say(const GlobalOptions& global, const std::string& sentence) {
   if (!global.quiet) std::cout << Printable(sentence) << std::endl;
 }
 
+// At the end of the input, nothing more is asked.
 std::string Ask(const std::string& question, const std::string& usual) {
+  if (std::cin.eof()) return "";
   std::cout << question << (usual.empty() ? "" : fmt::format(" [{}]", Printable(usual))) << ": " << std::flush;
   std::string answer;
   if (!std::getline(std::cin, answer) || answer.empty()) return usual;
@@ -228,6 +230,10 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   const Result<std::string> text = ReadFile(given.config, kMaxConfigBytes);
   if (!text && text.error().code() != ErrorCode::kNotFound) return Report(text.error());
   const SetupOptions options = Complete(given, text ? *text : "");
+  if (std::cin.eof()) {
+    std::cout << std::endl;
+    return Report(Error(ErrorCode::kInvalid, "The questions were not answered, so nothing has changed"));
+  }
   const Result<bool> changed = WriteConfig(options);
   if (!changed) return Report(changed.error());
   Say(global, *changed ? fmt::format("Wrote {}{}.", options.config,

@@ -191,6 +191,19 @@ TEST_F(Setup, Terminal_AsksForWhatIsMissing) {
   EXPECT_NE(Read("vexad.conf").find("listen = \"127.0.0.1:8699\""), std::string::npos);
 }
 
+TEST_F(Setup, EndOfInput_AtAQuestion_ChangesNothing) {
+  const std::string old = Read("vexad.conf");
+  vexa::test::OnTerminal setup(
+      {.argv = {VEXA_PROGRAM, "setup", "--account", kAccount, "--config", folder_.File("vexad.conf")}});
+  ASSERT_TRUE(setup.WaitFor("First administrator ('-' for none) [admin]: ")) << setup.shown();
+  setup.Type("\x04");
+  EXPECT_NE(setup.Finish(), 0) << setup.shown();
+  EXPECT_NE(setup.shown().find("vexa: The questions were not answered, so nothing has changed"), std::string::npos)
+      << setup.shown();
+  EXPECT_EQ(Read("vexad.conf"), old);
+  EXPECT_FALSE(fs::exists(Data()));
+}
+
 TEST_F(Setup, FolderElsewhere_IsOpenedInTheUnit) {
   const std::string drop_in = "units/vexad.service.d/guests.conf";
   EXPECT_EQ(Run({"--images", Images(), "--units", folder_.File("units")}).exit_code, 0);
