@@ -1,8 +1,10 @@
 #include "cli/contexts.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -27,6 +29,12 @@ Result<std::string> ContextsPath() {
   return *folder + "/contexts.json";
 }
 
+// A program that root runs as another account keeps root's HOME, which that account cannot enter.
+bool IsOfAnotherAccount(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) != 0 && errno == EACCES;
+}
+
 Error Damaged(const std::string& path) {
   return Error(ErrorCode::kCorrupt, fmt::format("The contexts in '{}' are damaged. Mend or remove the file", path));
 }
@@ -45,7 +53,7 @@ Result<Contexts> LoadContexts() {
   const Result<std::string> path = ContextsPath();
   if (!path) return Contexts();
   const Result<std::string> content = ReadFile(*path, kMaxFileBytes);
-  if (!content && content.error().code() == ErrorCode::kNotFound) return Contexts();
+  if (!content && (content.error().code() == ErrorCode::kNotFound || IsOfAnotherAccount(*path))) return Contexts();
   if (!content) return content.error();
   const Result<Json::Value> parsed = ParseJson(*content);
   if (!parsed || !Member(*parsed, "contexts").isObject()) return Damaged(*path);

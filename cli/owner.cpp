@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -9,7 +10,8 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <system_error>
+#include <memory>
+#include <string_view>
 
 #include "host/base/become_account.h"
 #include "host/base/descriptor.h"
@@ -21,6 +23,53 @@ namespace {
 std::string AccountName(uid_t uid) {
   const passwd* entry = ::getpwuid(uid);
   return entry && entry->pw_name ? entry->pw_name : fmt::format("#{}", uid);
+}
+
+struct Account {
+  uid_t user;
+  gid_t group;
+};
+
+// The account may write in the folders below: a link that it has made must not lead to files of root elsewhere. So each
+// file is opened in its folder, and never by its path.
+
+Result<Descriptor> OpenFolder(std::string folder) {
+  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();  // a link with a slash behind it is its target
+  struct stat info {};
+  const bool is_link = ::lstat(folder.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+  if (is_link && info.st_uid != 0) {
+    return Error(ErrorCode::kDenied, fmt::format("'{0}' is a symbolic link of another account than root. Remove it, or "
+                                                 "run: chown -h root '{0}'",
+                                                 folder));
+  }
+  Descriptor fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (is_link ? 0 : O_NOFOLLOW)));
+  if (fd.get() < 0) return SystemError(ErrorCode::kDenied, fmt::format("Cannot use '{}'", folder), errno);
+  return fd;
+}
+
+// Gives a folder or a file of root, and leaves everything else, such as files with a second name. False: see errno.
+bool Give(int fd, const Account& owner) {
+  struct stat info {};
+  if (::fstat(fd, &info) != 0) return false;
+  if (info.st_uid != 0 || !(S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && info.st_nlink == 1))) return true;
+  return ::fchown(fd, owner.user, owner.group) == 0;
+}
+
+// False: see errno.
+bool GiveContents(int folder, const Account& owner) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(::dup(folder)), &::closedir);
+  if (!entries) return false;
+  while (const dirent* const entry = ::readdir(entries.get())) {
+    if (std::string_view(entry->d_name) == "..") continue;
+    const Descriptor file(::openat(folder, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() >= 0 && !Give(file.get(), owner)) return false;
+  }
+  return true;
+}
+
+bool GiveStore(int folder, const Account& owner) {
+  const Descriptor store(::openat(folder, "store", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return store.get() < 0 || GiveContents(store.get(), owner);
 }
 
 }  // namespace
@@ -52,33 +101,19 @@ Status MakeServiceFolder(const std::string& folder) {
 Status GiveFolder(const std::string& folder, const std::string& account, mode_t mode) {
   const passwd* const entry = ::getpwnam(account.c_str());
   if (!entry) return Error(ErrorCode::kNotFound, fmt::format("There is no account '{}'", account));
-  const uid_t user = entry->pw_uid;
-  const gid_t group = entry->pw_gid;
-  const auto failed = [](const std::string& path) {
-    return SystemError(ErrorCode::kDenied, fmt::format("Cannot give '{}' to another account", path), errno);
-  };
+  const Account owner{entry->pw_uid, entry->pw_gid};
   struct stat info {};
-  if (::lstat(folder.c_str(), &info) != 0) {
+  const bool is_new = ::lstat(folder.c_str(), &info) != 0;
+  if (is_new) {
     if (Status made = CreateDirectories(folder, 0755); !made) return made;
-    if (::chmod(folder.c_str(), mode) != 0) return failed(folder);
   }
-  // The account may write in the folder: links that it has made must not lead to files of root elsewhere.
-  const auto give = [&](const std::string& path) -> Status {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat found {};
-    if (file.get() < 0 || ::fstat(file.get(), &found) != 0 || found.st_uid != 0) return {};
-    if (!S_ISDIR(found.st_mode) && (!S_ISREG(found.st_mode) || found.st_nlink != 1)) return {};
-    return ::fchown(file.get(), user, group) == 0 ? Status() : failed(path);
-  };
-  for (const std::string& place : {folder, folder + "/store"}) {
-    if (Status given = give(place); !given) return given;
-    std::error_code unreadable;
-    std::filesystem::directory_iterator file(place, unreadable);
-    for (const std::filesystem::directory_iterator end; !unreadable && file != end; file.increment(unreadable)) {
-      if (Status given = give(file->path()); !given) return given;
-    }
-  }
-  return {};
+  const Result<Descriptor> opened = OpenFolder(folder);
+  if (!opened) return opened.error();
+  const int fd = opened->get();
+  const bool given =
+      (!is_new || ::fchmod(fd, mode) == 0) && Give(fd, owner) && GiveContents(fd, owner) && GiveStore(fd, owner);
+  if (given) return {};
+  return SystemError(ErrorCode::kDenied, fmt::format("Cannot give '{}' to another account", folder), errno);
 }
 
 Status CheckOwnerOrFolder(const std::string& path) {

@@ -28,7 +28,8 @@ inline constexpr const char* kServiceFolder = "/var/lib/vexa";
 Status MakeServiceFolder(const std::string& folder);
 
 // Makes the folder for `account`, with this mode, or gives it and the files of root in it and in its folder "store" to
-// that account. Only for root.
+// that account. Links in it are not followed, and it may be one only when root made it. Only for root.
+// Errors: kNotFound (no such account), kDenied, those of CreateDirectories.
 Status GiveFolder(const std::string& folder, const std::string& account, mode_t mode);
 
 }  // namespace vexa::cli

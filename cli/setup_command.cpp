@@ -24,6 +24,7 @@
 #include "host/base/data_lock.h"
 #include "host/base/files.h"
 #include "host/daemon/config.h"
+#include "host/daemon/configured_paths.h"
 
 namespace vexa::cli {
 namespace {
@@ -38,27 +39,43 @@ void Say(const GlobalOptions& global, const std::string& sentence) {
   if (!global.quiet) std::cout << Printable(sentence) << std::endl;
 }
 
+// At the end of the input, nothing more is asked.
 std::string Ask(const std::string& question, const std::string& usual) {
+  if (std::cin.eof()) return "";
   std::cout << question << (usual.empty() ? "" : fmt::format(" [{}]", Printable(usual))) << ": " << std::flush;
   std::string answer;
   if (!std::getline(std::cin, answer) || answer.empty()) return usual;
   return answer;
 }
 
+// The folder for guests as configured: the setting, or without it the daemon's default, where guests have disks there
+// already. "" otherwise.
+std::string ConfiguredImages(const std::string& config, const std::string& text) {
+  const std::string images = SettingIn(text, "image-roots");
+  if (!images.empty()) return images;
+  const auto paths = daemon::ReadConfiguredPaths(config);
+  const std::string folder = (paths ? paths->data_directory : daemon::Config().data_directory) + "/images";
+  std::error_code missing;
+  return !std::filesystem::is_empty(folder, missing) && !missing ? folder : "";
+}
+
 // The options, completed on a terminal with answers. `text` is the configuration file.
 SetupOptions Complete(SetupOptions options, const std::string& text) {
-  const std::string images = SettingIn(text, "image-roots");
+  const std::string images = ConfiguredImages(options.config, text);
   if (options.assume_yes || ::isatty(STDIN_FILENO) == 0) {
     if (options.images.empty() && images.empty()) options.images = kGuestsFolder;
     return options;
   }
   const std::string listen = SettingIn(text, "listen");
+  // What is accepted stays as it is written: it may be a list.
+  const auto ask = [](const std::string& question, const std::string& configured, const char* usual) {
+    const std::string answer = Ask(question, configured.empty() ? usual : configured);
+    return answer == configured ? "" : answer;
+  };
   if (options.admin.empty()) options.admin = Ask("First administrator ('-' for none)", "admin");
   if (options.admin == "-") options.admin.clear();
-  if (options.listen.empty()) {
-    options.listen = Ask("Address and port for users", listen.empty() ? "127.0.0.1:8642" : listen);
-  }
-  if (options.images.empty()) options.images = Ask("Folder for guests", images.empty() ? kGuestsFolder : images);
+  if (options.listen.empty()) options.listen = ask("Address and port for users", listen, "127.0.0.1:8642");
+  if (options.images.empty()) options.images = ask("Folder for guests", images, kGuestsFolder);
   return options;
 }
 
@@ -94,6 +111,12 @@ ExitCode InChild(const std::string& account, const std::function<ExitCode()>& bo
   return WIFEXITED(status) ? static_cast<ExitCode>(WEXITSTATUS(status)) : ExitCode::kFailed;
 }
 
+// The lock is released again, because a question for a password follows and a daemon may start meanwhile.
+bool HasRunningDaemon(const daemon::Config& config) {
+  const Result<DataLock> lock = DataLock::Share(config.data_directory);
+  return !lock && lock.error().code() == ErrorCode::kBusy;
+}
+
 // Adds the administrator unless the user exists: to the store itself, or through the daemon when it runs.
 ExitCode AddAdministrator(const GlobalOptions& global, const SetupOptions& options, const daemon::Config& config) {
   NewUserOptions user;
@@ -119,8 +142,7 @@ ExitCode AddAdministrator(const GlobalOptions& global, const SetupOptions& optio
     Say(global, fmt::format("The user '{}' exists already.", options.admin));
     return ExitCode::kOk;
   }
-  const Result<DataLock> lock = DataLock::Share(config.data_directory);
-  if (!lock && lock.error().code() == ErrorCode::kBusy) {
+  if (HasRunningDaemon(config)) {
     GlobalOptions local = global;
     local.socket = config.socket;
     return RunUserAdd(local, user);
@@ -167,7 +189,7 @@ Result<bool> AllowFolders(const SetupOptions& options, const daemon::Config& con
   std::string lines;
   for (const std::string& root : config.image_roots) {
     if (root == kGuestsFolder || root.starts_with(config.data_directory + "/")) continue;
-    lines += fmt::format("ReadWritePaths=\"{}\"\n", root);
+    lines += fmt::format("ReadWritePaths=\"-{}\"\n", root);  // a folder that is gone keeps no service from starting
   }
   if (folder.empty() || lines.empty()) return false;
   folder += "/vexad.service.d";
@@ -208,6 +230,10 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   const Result<std::string> text = ReadFile(given.config, kMaxConfigBytes);
   if (!text && text.error().code() != ErrorCode::kNotFound) return Report(text.error());
   const SetupOptions options = Complete(given, text ? *text : "");
+  if (std::cin.eof()) {
+    std::cout << std::endl;
+    return Report(Error(ErrorCode::kInvalid, "The questions were not answered, so nothing has changed"));
+  }
   const Result<bool> changed = WriteConfig(options);
   if (!changed) return Report(changed.error());
   Say(global, *changed ? fmt::format("Wrote {}{}.", options.config,
@@ -217,9 +243,8 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   if (const Status made = MakeFolders(options, config); !made) return Report(made.error());
   const Result<bool> allowed = AllowFolders(options, config);
   if (!allowed) return Report(allowed.error());
-  if (!options.admin.empty()) {
-    if (const ExitCode added = AddAdministrator(global, options, config); added != ExitCode::kOk) return added;
-  }
+  // A service that runs gets its new configuration also when this fails: the next run would find nothing to change.
+  const ExitCode added = options.admin.empty() ? ExitCode::kOk : AddAdministrator(global, options, config);
   const bool runs = StartService(global, options, *changed || *allowed);
   SetupMachine machine;
   machine.account = options.account;
@@ -229,6 +254,7 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   for (const SetupFinding& finding : FindWhatWorks(machine)) {
     if (!global.quiet) std::cout << ToLine(finding) << std::endl;
   }
+  if (added != ExitCode::kOk) return added;
   return runs ? ExitCode::kOk : ExitCode::kFailed;
 }
 

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <sstream>
 
 #include "host/base/files.h"
@@ -33,6 +35,18 @@ bool Sets(const std::string& line, const std::string& name, const std::string& p
   const std::string text = Trimmed(line);
   if (!text.starts_with(prefix + name)) return false;
   return Trimmed(text.substr(prefix.size() + name.size())).starts_with('=');
+}
+
+// Writes a file with the mode and the owners of another one, which may be missing: the service may read its
+// configuration as a member of its group.
+Status WriteLike(const std::string& other, const std::string& path, const std::string& text) {
+  struct stat info {};
+  const bool has_other = ::stat(other.c_str(), &info) == 0;
+  if (Status written = WriteFileAtomically(path, text, has_other ? info.st_mode & 0777 : kMode); !written) {
+    return written;
+  }
+  if (!has_other || ::lchown(path.c_str(), info.st_uid, info.st_gid) == 0) return {};
+  return SystemError(ErrorCode::kDenied, fmt::format("Cannot write '{}'", path), errno);
 }
 
 // What the daemon would say about the file; empty when it accepts it.
@@ -94,20 +108,20 @@ Result<bool> ChangeSettings(const std::string& path, const std::vector<FileSetti
     }
     if (SettingIn(text, setting.name) != setting.value) text = WithSetting(text, setting);
   }
-  if (old && text == *old) return false;
-  // The new text is checked before the daemon can read it.
+  // The new text is checked before the daemon can read it, and the old one where nothing changes.
   const std::string draft = path + ".new";
-  struct stat info {};
-  const mode_t mode = ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : kMode;
-  if (Status written = WriteFileAtomically(draft, text, mode); !written) return written.error();
+  const Status drafted = WriteLike(path, draft, text);
+  if (!drafted) return drafted.error();
   const std::string reasons = ReasonsAgainst(draft);
-  (void)::remove(draft.c_str());
-  if (!reasons.empty()) return Error(ErrorCode::kInvalid, reasons);
-  if (old) {
-    if (Status saved = WriteFileAtomically(path + ".bak", *old, mode); !saved) return saved.error();
+  const bool is_same = old && text == *old;
+  Status written = !reasons.empty() ? Error(ErrorCode::kInvalid, reasons) : Status();
+  if (written && old && !is_same) written = WriteLike(path, path + ".bak", *old);
+  if (written && !is_same && ::rename(draft.c_str(), path.c_str()) != 0) {
+    written = SystemError(ErrorCode::kDenied, fmt::format("Cannot write '{}'", path), errno);
   }
-  if (Status written = WriteFileAtomically(path, text, mode); !written) return written.error();
-  return true;
+  (void)::unlink(draft.c_str());
+  if (!written) return written.error();
+  return !is_same;
 }
 
 }  // namespace vexa::cli

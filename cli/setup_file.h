@@ -20,9 +20,10 @@ std::string WithSetting(const std::string& text, const FileSetting& setting);
 // The value of the setting's line, without quotes; "" without one.
 std::string SettingIn(const std::string& text, const std::string& name);
 
-// Replaces the file atomically, after copying its old text to `path`.bak. Returns whether it changed. A missing file is
-// made with mode 0644. Errors: kInvalid, with a line for each reason, when the daemon would refuse the new
-// configuration; those of ReadFile and WriteFileAtomically.
+// Replaces the file atomically, after copying its old text to `path`.bak. Returns whether it changed. Both have the
+// mode and the owners of the old file; a missing file is made with mode 0644. Errors: kInvalid, with a line for each
+// reason, when the daemon would refuse the new configuration, or the old one where nothing changes; those of ReadFile
+// and WriteFileAtomically.
 Result<bool> ChangeSettings(const std::string& path, const std::vector<FileSetting>& settings);
 
 }  // namespace vexa::cli

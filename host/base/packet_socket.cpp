@@ -1,5 +1,6 @@
 #include "host/base/packet_socket.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -36,6 +37,7 @@ int PassedListener() {
   if (pid == nullptr || count == nullptr || std::to_string(::getpid()) != pid || std::string_view(count) != "1") {
     return -1;
   }
+  (void)::fcntl(kFirstPassedDescriptor, F_SETFD, FD_CLOEXEC);  // programs of PAM modules do not get it
   return kFirstPassedDescriptor;
 }
 

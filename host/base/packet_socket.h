@@ -11,7 +11,8 @@
 
 namespace vexa {
 
-// The socket that the service manager has opened for this process (sd_listen_fds(3)); -1 without exactly one.
+// The socket that the service manager has opened for this process (sd_listen_fds(3)), closed in the programs that
+// it starts; -1 without exactly one.
 int PassedListener();
 
 // Listens on a new socket at `path` with the mode 0660. Errors: kInternal.

@@ -1,7 +1,10 @@
 #include "host/daemon/listening_process.h"
 
 #include <fmt/format.h>
+#include <pwd.h>
+#include <sys/stat.h>
 
+#include <array>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -60,15 +63,26 @@ std::optional<ListeningProcess> FindTcpListenerIn(const char* table, std::uint16
   for (std::string line; std::getline(file, line);) {
     // number, local address, remote address, state, queues, timer, retransmissions, uid, timeout, inode
     const std::vector<std::string> words = Words(line);
-    if (words.size() > 9 && words[1].ends_with(end) && words[3] == kListening) return OwnerOf(words[9]);
+    if (words.size() <= 9 || !words[1].ends_with(end) || words[3] != kListening) continue;
+    ListeningProcess found = OwnerOf(words[9]);
+    std::from_chars(words[7].data(), words[7].data() + words[7].size(), found.user);
+    return found;
   }
   return std::nullopt;
 }
 
 }  // namespace
 
+std::string NameOfAccount(uid_t user) {
+  std::array<char, 16384> buffer{};
+  passwd entry{};
+  passwd* found = nullptr;
+  const bool is_known = ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+  return is_known ? entry.pw_name : fmt::format("#{}", user);
+}
+
 std::string ListeningProcess::Text() const {
-  return pid == 0 ? "a process of another account" : fmt::format("process {} ({})", pid, name);
+  return pid == 0 ? fmt::format("a process of '{}'", NameOfAccount(user)) : fmt::format("process {} ({})", pid, name);
 }
 
 std::optional<ListeningProcess> FindTcpListener(std::uint16_t port) {
@@ -81,7 +95,11 @@ std::optional<ListeningProcess> FindUnixListener(const std::string& path) {
   for (std::string line; std::getline(file, line);) {
     // number, references, protocol, flags, type, state, inode, path; the flags of a listening socket
     const std::vector<std::string> words = Words(line);
-    if (words.size() > 7 && words[3] == "00010000" && line.ends_with(" " + path)) return OwnerOf(words[6]);
+    if (words.size() <= 7 || words[3] != "00010000" || !line.ends_with(" " + path)) continue;
+    ListeningProcess found = OwnerOf(words[6]);
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0) found.user = info.st_uid;
+    return found;
   }
   return std::nullopt;
 }

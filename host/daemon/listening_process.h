@@ -9,11 +9,15 @@
 
 namespace vexa::daemon {
 
+// The account's name, or "#" and its number.
+std::string NameOfAccount(uid_t user);
+
 struct ListeningProcess {
   pid_t pid = 0;     // 0: of another account, whose open files this one may not see
   std::string name;  // "" when the pid is unknown
+  uid_t user = 0;    // the owner of the socket
 
-  // "process 12 (nginx)", or "a process of another account".
+  // "process 12 (nginx)", or "a process of 'root'".
   std::string Text() const;
 };
 

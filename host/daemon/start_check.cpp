@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -37,15 +36,7 @@ constexpr const char* kServiceDataFolder = "/var/lib/vexa";
 constexpr const char* kServiceSocketFolder = "/run/vexad";
 constexpr std::size_t kMaxPemBytes = 1024 * 1024;
 
-std::string AccountName(uid_t uid) {
-  std::array<char, 16384> buffer{};
-  passwd entry{};
-  passwd* found = nullptr;
-  const bool is_known = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-  return is_known ? entry.pw_name : fmt::format("#{}", uid);
-}
-
-std::string OwnAccount() { return AccountName(::geteuid()); }
+std::string OwnAccount() { return NameOfAccount(::geteuid()); }
 
 std::string SystemText(int error_number) { return std::generic_category().message(error_number); }
 
@@ -55,18 +46,24 @@ class StartCheck {
 
   ConfigProblems Run() {
     // The start releases the lock when it fails, so only a daemon that serves has it.
-    const Result<DataLock> lock = DataLock::Share(config_.data_directory);
-    is_daemon_running_ = !lock && lock.error().code() == ErrorCode::kBusy;
+    is_daemon_running_ = HasRunningDaemon();
     CheckFolders();
     CheckTls();
     for (const std::string& text : config_.listen) CheckTcp("listen", text);
     if (!config_.cluster_listen.empty()) CheckTcp("cluster-listen", config_.cluster_listen);
     CheckSocket();
+    CheckPasswordService();
     CheckHypervisor();
     return std::move(problems_);
   }
 
  private:
+  // The lock is released again: the checks take time, and a daemon may start meanwhile.
+  bool HasRunningDaemon() const {
+    const Result<DataLock> lock = DataLock::Share(config_.data_directory);
+    return !lock && lock.error().code() == ErrorCode::kBusy;
+  }
+
   void Add(const std::string& setting, const std::string& value, std::string problem, std::string help) {
     problems_.push_back({setting, value, std::move(problem), std::move(help)});
   }
@@ -85,7 +82,7 @@ class StartCheck {
     const std::string why = SystemText(errno);
     Add(setting, folder,
         fmt::format("The folder belongs to '{}' and has mode {:04o}, so '{}' cannot use it ({})",
-                    AccountName(info.st_uid), info.st_mode & 07777U, OwnAccount(), why),
+                    NameOfAccount(info.st_uid), info.st_mode & 07777U, OwnAccount(), why),
         fmt::format("Run: chown {}: '{}'", OwnAccount(), folder));
   }
 
@@ -134,7 +131,7 @@ class StartCheck {
         struct stat info {};
         if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid == ::geteuid()) continue;
         if (::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) == 0) continue;
-        if (count++ == 0) first = fmt::format("'{}' belongs to '{}'", path, AccountName(info.st_uid));
+        if (count++ == 0) first = fmt::format("'{}' belongs to '{}'", path, NameOfAccount(info.st_uid));
       }
     }
     if (count == 0) return;
@@ -209,7 +206,9 @@ class StartCheck {
   // Whether the process is the daemon of this data folder, which gives its addresses to its successor.
   bool IsRunningDaemon(const ListeningProcess& process) const {
     if (!is_daemon_running_) return false;
-    return process.pid == 0 || HasOpen(process.pid, config_.data_directory + "/vexad.lock");
+    // The daemon's own account may not see the open files of its processes either, for example in a container.
+    return process.pid == 0 ? process.user == ::geteuid()
+                            : HasOpen(process.pid, config_.data_directory + "/vexad.lock");
   }
 
   void CheckTcp(const char* setting, const std::string& text) {
@@ -292,6 +291,16 @@ class StartCheck {
     const std::string why = SystemText(errno);
     Add("socket", path, fmt::format("'{}' cannot make files in '{}': {}", OwnAccount(), folder, why),
         fmt::format("Run: chown {}: '{}'", OwnAccount(), folder));
+  }
+
+  // Without it, PAM refuses right passwords to a daemon that may not read their hashes.
+  void CheckPasswordService() {
+    const std::string& path = config_.auth_socket;
+    if (config_.accounts != "pam" || path.empty() || ::geteuid() == 0) return;
+    if (::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) == 0) return;
+    const std::string why = SystemText(errno);
+    Add("auth-socket", path, fmt::format("'{}' cannot ask vexa-auth for passwords: {}", OwnAccount(), why),
+        "Run: systemctl enable --now vexa-auth.socket; or set it to \"\" when PAM needs no rights here");
   }
 
   void CheckHypervisor() {

@@ -1,15 +1,18 @@
 // vexa setup, and local commands of root on files of the service.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "host/base/descriptor.h"
 #include "host/base/files.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
@@ -189,10 +192,23 @@ TEST_F(Setup, Terminal_AsksForWhatIsMissing) {
   EXPECT_NE(Read("vexad.conf").find("listen = \"127.0.0.1:8699\""), std::string::npos);
 }
 
+TEST_F(Setup, EndOfInput_AtAQuestion_ChangesNothing) {
+  const std::string old = Read("vexad.conf");
+  vexa::test::OnTerminal setup(
+      {.argv = {VEXA_PROGRAM, "setup", "--account", kAccount, "--config", folder_.File("vexad.conf")}});
+  ASSERT_TRUE(setup.WaitFor("First administrator ('-' for none) [admin]: ")) << setup.shown();
+  setup.Type("\x04");
+  EXPECT_NE(setup.Finish(), 0) << setup.shown();
+  EXPECT_NE(setup.shown().find("vexa: The questions were not answered, so nothing has changed"), std::string::npos)
+      << setup.shown();
+  EXPECT_EQ(Read("vexad.conf"), old);
+  EXPECT_FALSE(fs::exists(Data()));
+}
+
 TEST_F(Setup, FolderElsewhere_IsOpenedInTheUnit) {
   const std::string drop_in = "units/vexad.service.d/guests.conf";
   EXPECT_EQ(Run({"--images", Images(), "--units", folder_.File("units")}).exit_code, 0);
-  EXPECT_EQ(Read(drop_in), fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"{}\"\n", Images()));
+  EXPECT_EQ(Read(drop_in), fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"-{}\"\n", Images()));
   // The data folder needs none.
   fs::remove_all(folder_.File("units"));
   EXPECT_EQ(Run({"--images", Data() + "/images", "--units", folder_.File("units")}).exit_code, 0);
@@ -211,6 +227,113 @@ TEST_F(Setup, FilesOfRoot_BecomeThoseOfTheService) {
   EXPECT_EQ(OwnerOf(Data() + "/store"), Uid());
   EXPECT_EQ(OwnerOf(Data() + "/host-id"), Uid());
   EXPECT_EQ(OwnerOf(folder_.File("elsewhere")), 0u) << "links lead to files of others";
+}
+
+// The account may write in its data folder, and root follows no link that it has made there.
+TEST_F(Setup, StoreThatIsALinkOfTheService_GivesItNoFilesOfRoot) {
+  ASSERT_TRUE(vexa::CreateDirectories(Data(), 0700).ok());
+  ASSERT_EQ(::chown(Data().c_str(), Uid(), 0), 0);
+  ASSERT_TRUE(vexa::CreateDirectories(folder_.File("secret"), 0700).ok());
+  Write("secret/hashes", "");
+  ASSERT_EQ(::symlink(folder_.File("secret").c_str(), (Data() + "/store").c_str()), 0);
+  ASSERT_EQ(::lchown((Data() + "/store").c_str(), Uid(), 0), 0);
+  EXPECT_EQ(Run({"--images", Images()}).exit_code, 0);
+  EXPECT_EQ(OwnerOf(folder_.File("secret")), 0u);
+  EXPECT_EQ(OwnerOf(folder_.File("secret/hashes")), 0u);
+}
+
+TEST_F(Setup, DataFolderThatIsALink_IsFollowedOnlyWhenRootMadeIt) {
+  ASSERT_TRUE(vexa::CreateDirectories(folder_.File("elsewhere"), 0700).ok());
+  Write("elsewhere/host-id", "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211\n");
+  ASSERT_EQ(::symlink(folder_.File("elsewhere").c_str(), Data().c_str()), 0);
+  ASSERT_EQ(::lchown(Data().c_str(), Uid(), 0), 0);
+  const ProcessResult refused = Run({"--images", Images()});
+  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_EQ(refused.errors, fmt::format("vexa: '{0}' is a symbolic link of another account than root. Remove it, or "
+                                        "run: chown -h root '{0}'\n",
+                                        Data()));
+  EXPECT_EQ(OwnerOf(folder_.File("elsewhere/host-id")), 0u);
+  ASSERT_EQ(::lchown(Data().c_str(), 0, 0), 0);
+  EXPECT_EQ(Run({"--images", Images()}).exit_code, 0);
+  EXPECT_EQ(OwnerOf(folder_.File("elsewhere")), Uid());
+  EXPECT_EQ(OwnerOf(folder_.File("elsewhere/host-id")), Uid());
+}
+
+TEST_F(Setup, ConfigurationWithLists_KeepsThemWhenTheyAreAccepted) {
+  const std::string text = fmt::format(
+      "data = \"{}\"\nlog = \"stderr\"\nsocket = \"{}\"\nlisten = [\"127.0.0.1:8701\", "
+      "\"127.0.0.1:8702\"]\nimage-roots = [\"{}\", \"{}\"]\n",
+      Data(), folder_.File("run/s"), Images(), folder_.File("more"));
+  Write("vexad.conf", text);
+  vexa::test::OnTerminal setup(
+      {.argv = {VEXA_PROGRAM, "setup", "--account", kAccount, "--config", folder_.File("vexad.conf")}});
+  for (const char* const question : {"First administrator", "Address and port for users", "Folder for guests"}) {
+    ASSERT_TRUE(setup.WaitFor(question)) << setup.shown();
+    setup.Type(question[0] == 'F' && question[1] == 'i' ? "-\n" : "\n");
+  }
+  EXPECT_EQ(setup.Finish(), 0) << setup.shown();
+  EXPECT_EQ(Read("vexad.conf"), text);
+  EXPECT_EQ(OwnerOf(folder_.File("more")), Uid());
+}
+
+// Without the setting, the daemon keeps disks in its data folder; a host that has some there keeps its setting.
+TEST_F(Setup, HostWithGuestsInTheDefaultFolder_KeepsIt) {
+  ASSERT_TRUE(vexa::CreateDirectories(Data() + "/images/pool", 0711).ok());
+  const std::string old = Read("vexad.conf");
+  const ProcessResult result = Run({});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(Read("vexad.conf"), old);
+  EXPECT_NE(result.output.find("Folder for guests: " + Data() + "/images\n"), std::string::npos) << result.output;
+}
+
+// A service that runs would keep its old configuration otherwise: the next run changes nothing, and restarts nothing.
+TEST_F(Setup, Administrator_ThatCannotBeAdded_DoesNotKeepTheServiceFromTheNewConfiguration) {
+  const ProcessResult result = Run({"--images", Images(), "--admin", "admin", "--password-stdin"}, "\n");
+  EXPECT_NE(result.exit_code, 0);
+  EXPECT_TRUE(result.errors.starts_with("vexa: ")) << result.errors;
+  EXPECT_NE(result.output.find("Not started. Run: "), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("What works:"), std::string::npos) << result.output;
+}
+
+TEST_F(Setup, ConfigurationThatIsWrongAlready_IsRefusedBeforeAnythingIsMade) {
+  Write("vexad.conf", fmt::format("image-roots = \"{}\"\nlisten = \"8642\"\ndata = \"{}\"\n", Images(), Data()));
+  const ProcessResult result = Run({});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.errors,
+            "vexa: listen = \"8642\": '8642' is not an address to listen on. Use a numeric address and a port, such as "
+            "127.0.0.1:8642 or [::1]:8642.\n");
+  EXPECT_FALSE(fs::exists(Data()));
+  EXPECT_FALSE(fs::exists(Images()));
+}
+
+TEST_F(Setup, ConfigurationThatAnAccountMayReadAsItsGroup_StaysReadable) {
+  const gid_t group = ::getpwnam(kAccount)->pw_gid;
+  const std::string file = folder_.File("vexad.conf");
+  ASSERT_EQ(::chown(file.c_str(), 0, group), 0);
+  ASSERT_EQ(::chmod(file.c_str(), 0640), 0);
+  EXPECT_EQ(Run({"--images", Images()}).exit_code, 0);
+  for (const std::string& written : {file, file + ".bak"}) {
+    struct stat info {};
+    ASSERT_EQ(::stat(written.c_str(), &info), 0);
+    EXPECT_EQ(info.st_gid, group) << written;
+    EXPECT_EQ(info.st_mode & 0777U, 0640U) << written;
+  }
+}
+
+TEST_F(Setup, QuestionForThePassword_KeepsNoDaemonFromStarting) {
+  ASSERT_TRUE(vexa::CreateDirectories(Data(), 0700).ok());
+  Write("data/vexad.lock", "");
+  vexa::test::OnTerminal setup({.argv = {VEXA_PROGRAM, "setup", "--yes", "--admin", "admin", "--images", Images(),
+                                         "--account", kAccount, "--config", folder_.File("vexad.conf")}});
+  ASSERT_TRUE(setup.WaitFor("Password of admin: ")) << setup.shown();
+  {
+    const vexa::Descriptor lock(::open((Data() + "/vexad.lock").c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0) << "a daemon could not start";
+  }
+  setup.Type(kPassword);
+  ASSERT_TRUE(setup.WaitFor("Password of admin again: ")) << setup.shown();
+  setup.Type(kPassword);
+  EXPECT_EQ(setup.Finish(), 0) << setup.shown();
 }
 
 // The store belonged to root, and the service could not open it.

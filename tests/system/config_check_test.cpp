@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -183,6 +184,35 @@ TEST_F(ConfigCheck, RunningDaemon_IsNotAMistakeAndNotDisturbed) {
   EXPECT_EQ(daemon.errors().substr(log.size()).find("WARN"), std::string::npos) << daemon.errors();
 }
 
+// The account of the service does not see which process of root listens there.
+TEST_F(ConfigCheck, PortOfAnotherAccount_BesideTheRunningDaemon_IsReported) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can check as another account";
+  Open();
+  const uid_t user = ::getpwnam(kOtherAccount)->pw_uid;
+  for (const std::string& folder : {Data(), folder_.File("run")}) {
+    ASSERT_TRUE(vexa::CreateDirectories(folder, 0700).ok());
+    ASSERT_EQ(::chown(folder.c_str(), user, 0), 0);
+  }
+  const std::vector<std::string> settings{VEXAD_PROGRAM,         "--data", Data(),  "--socket",
+                                          folder_.File("run/s"), "--log",  "stderr"};
+  std::vector<std::string> start{"setpriv", fmt::format("--reuid={}", user), "--clear-groups"};
+  start.insert(start.end(), settings.begin(), settings.end());
+  start.insert(start.end(), {"--listen", "none"});
+  Process daemon({.argv = start});
+  ASSERT_TRUE(daemon.WaitForText("Ready.", kTimeout)) << daemon.errors();
+  const Listening taken;
+  std::vector<std::string> check = settings;
+  const std::string listen = fmt::format("127.0.0.1:{}", taken.port());
+  check.insert(check.end(), {"--listen", listen, "--check-config", "--check-as", kOtherAccount});
+  const ProcessResult result = RunProcess({.argv = check});
+  EXPECT_EQ(result.errors, fmt::format("vexad: listen = \"{}\": Port {} is in use by a process of 'root'. Stop it, or "
+                                       "choose another port.\n",
+                                       listen, taken.port()));
+  EXPECT_EQ(result.exit_code, 2);
+  daemon.Signal(SIGTERM);
+  EXPECT_TRUE(daemon.Wait(kTimeout));
+}
+
 TEST_F(ConfigCheck, SettingNamedTwice_IsReported) {
   ExpectFindings({"--socket", folder_.File("t")},
                  "vexad: socket = \"\": At Most 1 required but received 2. Set it once.\n");
@@ -326,6 +356,29 @@ TEST_F(ConfigCheck, PortBelow1024_IsReportedForTheAccountOfTheService) {
       << result.errors;
 }
 
+TEST_F(ConfigCheck, PasswordsWithoutTheirService_AreReportedForTheAccountOfTheService) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can check as another account";
+  Open();
+  const auto check = [this](const std::string& account, const std::string& socket) {
+    return RunProcess({.argv = {VEXAD_PROGRAM, "--data", "/tmp", "--socket", "", "--listen", "127.0.0.1:0",
+                                "--accounts", "pam", "--auth-socket", socket, "--check-config", "--check-as", account}})
+        .errors;
+  };
+  const std::string socket = folder_.File("auth");
+  const auto line = [&socket](const std::string& why) {
+    return fmt::format(
+        "vexad: auth-socket = \"{}\": 'nobody' cannot ask vexa-auth for passwords: {}. Run: systemctl "
+        "enable --now vexa-auth.socket; or set it to \"\" when PAM needs no rights here.\n",
+        socket, why);
+  };
+  EXPECT_NE(check(kOtherAccount, socket).find(line("No such file or directory")), std::string::npos);
+  Write("auth", "", 0600);
+  EXPECT_NE(check(kOtherAccount, socket).find(line("Permission denied")), std::string::npos);
+  ASSERT_EQ(::chmod(socket.c_str(), 0666), 0);
+  EXPECT_EQ(check(kOtherAccount, socket).find("auth-socket"), std::string::npos);
+  EXPECT_EQ(check("root", folder_.File("none")).find("auth-socket"), std::string::npos);
+}
+
 TEST_F(ConfigCheck, UnknownAccount_IsReported) {
   ExpectFindings({"--check-as", "no-such-account"},
                  "vexad: --check-as = \"no-such-account\": There is no account 'no-such-account'. Run the command as "
@@ -356,11 +409,19 @@ TEST_F(ConfigCheck, Hypervisor_ThatDoesNotAnswer_IsReportedAfterTheDeadline) {
   ASSERT_EQ(::bind(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(::listen(silent.get(), 8), 0);
   const std::string uri = "qemu+unix:///system?socket=" + folder_.File("silent");
-  const ProcessResult result = Check({"--hypervisor", uri});
-  EXPECT_EQ(result.errors, fmt::format("vexad: hypervisor = \"{0}\": '{0}' did not answer within 10 seconds. Install "
-                                       "libvirt-daemon-system, and run: systemctl start libvirtd.\n",
-                                       uri));
-  EXPECT_EQ(result.exit_code, 2);
+  ASSERT_TRUE(vexa::CreateDirectories(Data(), 0700).ok());
+  const std::string lock = Write("data/vexad.lock", "", 0600);
+  Process check({.argv = Arguments({"--hypervisor", uri, "--check-config"})});
+  const Descriptor called(::accept4(silent.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  {
+    const Descriptor file(::open(lock.c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(::flock(file.get(), LOCK_EX | LOCK_NB), 0) << "a daemon could not start beside the check";
+  }
+  const auto status = check.Wait(kTimeout);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(check.errors(), fmt::format("vexad: hypervisor = \"{0}\": '{0}' did not answer within 10 seconds. Install "
+                                        "libvirt-daemon-system, and run: systemctl start libvirtd.\n",
+                                        uri));
 }
 
 TEST_F(ConfigCheck, UnreadableFile_IsReported) {

@@ -1,6 +1,7 @@
 // The program vexa-auth with the rights that its unit gives it, asked by processes without rights; and how a host asks
 // it.
 #include <crypt.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <security/pam_appl.h>
@@ -294,6 +295,14 @@ TEST_F(PasswordServiceTest, Program_SocketOfTheServiceManager_IsServed) {
                                   "--pam-directory", folder_.path()}});
   ASSERT_TRUE(Await([&] { return ::access(Socket().c_str(), F_OK) == 0; })) << manager.errors();
   EXPECT_EQ(TextOf(AskPasswordService(Socket(), {"vexad", "daemon", "x"})), "right: daemon");
+  // Programs that PAM modules start do not inherit the socket.
+  std::ifstream file("/proc/" + std::to_string(manager.pid()) + "/fdinfo/3");
+  std::string word;
+  while (file >> word && word != "flags:") {
+  }
+  unsigned flags = 0;
+  file >> std::oct >> flags;
+  EXPECT_NE(flags & O_CLOEXEC, 0U);
 }
 
 TEST_F(PasswordServiceTest, Program_ArgumentsWrong_SaysWhy) {
