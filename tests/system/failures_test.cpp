@@ -201,6 +201,33 @@ TEST_F(Failures, OfFilesAndNetworks_AreExplained) {
                  "  Request: [0-9a-f]+\n"});
 }
 
+TEST_F(Failures, OfEdits_NameTheImageAndTheUsers) {
+  MakeGuest("off");
+  const std::vector<FailureRow> rows{
+      {"file that does not exist in a drive",
+       {"guest", "set", "off", "--iso", ImageFolder() + "/none.iso"},
+       "vexa: off: The path of an ISO image does not lead to an image that can be used \\(934\\)\\.\n"
+       "  Reason: '/[^']+/none\\.iso' is not a file '….iso' below an image folder of this host \\(the setting "
+       "image-roots\\)\\.\n"
+       "  Hint: 'vexa image list' shows the images; 'vexa image add' adds one\\.\n"},
+      {"image that does not exist in a drive",
+       {"guest", "set", "off", "--iso", kUnknownId},
+       "vexa: off: A parameter is missing or not valid \\(401\\)\\.\n"
+       "  Reason: The parameter 'iso_images\\[0\\]' is neither the id of an image, nor a path, nor 'unmounted': it is "
+       "'99999999-9999-4999-8999-999999999999'\\.\n"
+       "  Hint: [^\n]+\n"
+       "Is there an image with this id\\? 'vexa image list' shows them\\.\n"},
+      {"rights of a user who does not exist",
+       {"call", "VEXA.Virtualization.Guest", "set",
+        R"({"guest_id":")" + IdOf("off") + R"(","guest_privilege":[{"uid":4242,"name":"ghost","allow":true}]})"},
+       "vexa: The guest was edited, but the rights of some users or groups on it could not be set \\(1001\\)\\.\n"
+       "  Reason: These users or groups do not exist here, or their records could not be changed: 'ghost'\\.\n"
+       "  Hint: [^\n]+\n"
+       "  Request: [0-9a-f]+\n"},
+  };
+  for (const FailureRow& row : rows) ExpectFailure(row);
+}
+
 TEST_F(Failures, OfUsersWithoutRights_AreExplainedWithoutSecrets) {
   MakeGuest("theirs", {"--start"});
   MakeGuest("granted");
