@@ -91,7 +91,8 @@ TEST_F(Failures, OfGuests_AreExplained) {
        {"guest", "get", kNoSuchGuest},
        "vexa: A record, host or repository could not be read \\(403\\)\\.\n"
        "  Reason: There is no guest '11111111-2222-4333-8444-555555555555'\\.\n"
-       "  Hint: 'vexa guest list', 'vexa host list' and 'vexa repository list' show what there is\\.\n"},
+       "  Hint: The lists show what there is: 'vexa guest list', and likewise of 'host', 'network', 'image' and "
+       "'repository'\\.\n"},
       {"unknown id is started",
        {"guest", "start", kNoSuchGuest},
        std::string("vexa: ") + kNoSuchGuest +
