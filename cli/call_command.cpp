@@ -6,6 +6,7 @@
 #include <iostream>
 #include <string_view>
 
+#include "cli/contexts.h"
 #include "cli/printable.h"
 #include "cli/transport_failure.h"
 #include "host/base/json_parse.h"
@@ -53,7 +54,10 @@ ExitCode RunCall(const GlobalOptions& global, const CallOptions& options) {
   return outcome.exit_code == ExitCode::kOk ? PrintJson(outcome.data) : outcome.exit_code;
 }
 
-ExitCode RunHealth(const GlobalOptions& global) {
+ExitCode RunHealth(const GlobalOptions& given) {
+  const Result<GlobalOptions> applied = WithContext(given);
+  if (!applied) return Report(applied.error());
+  const GlobalOptions& global = *applied;
   // Health needs no login: no token is sent.
   const Result<std::optional<SavedLogin>> saved = LoadLogin();
   const Result<Endpoint> endpoint = ChooseEndpoint(global, saved ? *saved : std::nullopt);

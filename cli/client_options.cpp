@@ -6,6 +6,7 @@
 #include <iostream>
 #include <utility>
 
+#include "cli/contexts.h"
 #include "cli/output.h"
 #include "cli/printable.h"
 #include "cli/transport_failure.h"
@@ -71,7 +72,10 @@ HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint
   return result;
 }
 
-Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options) {
+Result<HttpClientOptions> ConnectOptions(const GlobalOptions& given) {
+  const Result<GlobalOptions> applied = WithContext(given);
+  if (!applied) return applied.error();
+  const GlobalOptions& options = *applied;
   std::optional<SavedLogin> saved;
   // With --socket or --token-file, a damaged login file does not matter.
   if (options.socket.empty() && options.token_file.empty()) {

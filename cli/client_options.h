@@ -44,7 +44,7 @@ Result<Endpoint> ChooseEndpoint(const GlobalOptions& options, const std::optiona
 HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint& endpoint);
 
 // A client for the chosen endpoint. Its token is that of --token-file, otherwise the saved one, which is only ever sent
-// to the server that issued it.
+// to the server that issued it. The context counts, see contexts.h.
 Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options);
 
 // Prints "vexa: …" on standard error and returns the exit code: kUsage for kInvalid, otherwise kFailed.

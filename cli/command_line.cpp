@@ -4,15 +4,12 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/client_options.h"
 #include "cli/commands.h"
 #include "cli/completion.h"
-#include "cli/contexts.h"
-#include "cli/login_file.h"
 #include "cli/output.h"
 #include "cli/parse_failure.h"
 
@@ -67,22 +64,6 @@ std::shared_ptr<std::string> AddGlobalOptions(const Command& app, GlobalOptions&
   app.AddFlag("-v,--verbose", options.verbose, "Print each request and reply on standard error, without secrets");
   app.AddFlag("--insecure-http", options.insecure_http, "Allow sending passwords and tokens unencrypted");
   return format;
-}
-
-// Fills in the server, the authorities and the user of the context, unless the command line names a server.
-Status ApplyContext(GlobalOptions& global) {
-  const bool has_server = !global.server.empty() || !global.socket.empty() ||
-                          (global.context.empty() && !EnvironmentVariable("VEXA_SERVER").empty());
-  if (has_server) return {};
-  std::string name;
-  const Result<std::optional<Context>> context = ChooseContext(global.context, name);
-  if (!context) return context.error();
-  if (!*context) return {};
-  global.server = (*context)->server;
-  if (global.ca_file.empty()) global.ca_file = (*context)->ca_file;
-  global.context_user = (*context)->user;
-  SetLoginContext(name);
-  return {};
 }
 
 // "--watch" without a number of seconds becomes "--watch=2", because the word after it may be an argument.
@@ -145,9 +126,6 @@ int RunCommandLine(int argc, char** argv) {
   }
   if (!format->empty()) global.json = *format != "table";
   SetDataFormat(*format == "yaml" ? DataFormat::kYaml : *format == "name" ? DataFormat::kName : DataFormat::kJson);
-  if (!app.got_subcommand("context") && !app.got_subcommand("completion")) {
-    if (const Status applied = ApplyContext(global); !applied) return static_cast<int>(Report(applied.error()));
-  }
   return static_cast<int>(run(global));
 }
 

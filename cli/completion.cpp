@@ -9,7 +9,6 @@
 
 #include "cli/client_options.h"
 #include "cli/contexts.h"
-#include "cli/login_file.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -115,15 +114,6 @@ std::vector<std::string> ContextNames() {
 }
 
 std::vector<std::string> NamesOf(GlobalOptions global, const ObjectKind& kind) {
-  if (global.server.empty() && global.socket.empty()) {
-    std::string name;
-    const Result<std::optional<Context>> context = ChooseContext(global.context, name);
-    if (context && *context) {
-      global.server = (*context)->server;
-      if (global.ca_file.empty()) global.ca_file = (*context)->ca_file;
-      SetLoginContext(name);
-    }
-  }
   global.timeout_s = 2;
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return {};

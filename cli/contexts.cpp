@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "cli/client_options.h"
 #include "cli/http_client.h"
 #include "cli/login_file.h"
 #include "cli/parse_failure.h"
@@ -94,15 +93,24 @@ Error UnknownContext(const Contexts& contexts, const std::string& name) {
                                                 guess.empty() ? "; see" : guess + " See"));
 }
 
-Result<std::optional<Context>> ChooseContext(const std::string& given, std::string& name) {
-  Result<Contexts> contexts = LoadContexts();
+Result<GlobalOptions> WithContext(GlobalOptions options) {
+  const bool has_server = !options.server.empty() || !options.socket.empty() ||
+                          (options.context.empty() && !EnvironmentVariable("VEXA_SERVER").empty());
+  if (has_server) return options;
+  const Result<Contexts> contexts = LoadContexts();
   if (!contexts) return contexts.error();
   const std::string from_environment = EnvironmentVariable("VEXA_CONTEXT");
-  name = !given.empty() ? given : !from_environment.empty() ? from_environment : contexts->current;
-  if (name.empty()) return std::optional<Context>();
+  const std::string name = !options.context.empty()    ? options.context
+                           : !from_environment.empty() ? from_environment
+                                                       : contexts->current;
+  if (name.empty()) return options;
   const auto found = contexts->all.find(name);
   if (found == contexts->all.end()) return UnknownContext(*contexts, name);
-  return std::optional<Context>(found->second);
+  options.server = found->second.server;
+  if (options.ca_file.empty()) options.ca_file = found->second.ca_file;
+  options.context_user = found->second.user;
+  SetLoginContext(name);
+  return options;
 }
 
 }  // namespace vexa::cli

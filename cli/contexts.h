@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "cli/client_options.h"
 #include "host/base/result.h"
 
 namespace vexa::cli {
@@ -34,8 +35,11 @@ Status SaveContexts(const Contexts& contexts);
 // kNotFound, with the nearest name.
 Error UnknownContext(const Contexts& contexts, const std::string& name);
 
-// The context of --context, otherwise $VEXA_CONTEXT, otherwise the current one; its name is written to `name`. Not set
-// without one. Errors: those of LoadContexts and UnknownContext.
-Result<std::optional<Context>> ChooseContext(const std::string& given, std::string& name);
+// The options with the server, the authorities and the user of the context: that of --context, otherwise of
+// $VEXA_CONTEXT, otherwise the current one. Its login becomes that of the program. Without a context, and where
+// --server,
+// --socket or $VEXA_SERVER names a server, the options stay as they are. Called where a server is needed, so that
+// commands without one run when the file cannot be read. Errors: those of LoadContexts and UnknownContext.
+Result<GlobalOptions> WithContext(GlobalOptions options);
 
 }  // namespace vexa::cli

@@ -7,6 +7,7 @@
 
 #include <iostream>
 
+#include "cli/contexts.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "host/base/json_parse.h"
@@ -58,7 +59,10 @@ void PrintGuests(const GlobalOptions& global, const Json::Value& rights) {
 
 }  // namespace
 
-ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
+ExitCode RunLogin(const GlobalOptions& given, const LoginOptions& options) {
+  const Result<GlobalOptions> applied = WithContext(given);
+  if (!applied) return Report(applied.error());
+  const GlobalOptions& global = *applied;
   const Result<Endpoint> endpoint = ChooseLoginEndpoint(global);
   if (!endpoint) return Report(endpoint.error());
   if (IsExposed(*endpoint) && !global.insecure_http) {
@@ -102,7 +106,10 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
   return ExitCode::kOk;
 }
 
-ExitCode RunLogout(const GlobalOptions& global) {
+ExitCode RunLogout(const GlobalOptions& given) {
+  const Result<GlobalOptions> applied = WithContext(given);
+  if (!applied) return Report(applied.error());
+  const GlobalOptions& global = *applied;
   GlobalOptions logout_options = global;
   if (global.token_file.empty()) {
     // Only the saved session is ended, so its server is used and not the one in the environment.

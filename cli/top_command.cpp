@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <poll.h>
+#include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -22,17 +23,28 @@ namespace {
 constexpr int kIntervalMs = 2000;
 constexpr double kKibPerGib = 1024.0 * 1024.0;
 
+termios original_terminal{};
+
+// A shell that reads the next line does not switch the echo on again.
+void RestoreTerminalAndExit(int /*signal*/) {
+  ::tcsetattr(STDIN_FILENO, TCSANOW, &original_terminal);
+  ::_exit(static_cast<int>(ExitCode::kInterrupted));
+}
+
 // The terminal passes on each key, without an echo.
 class KeyByKey {
  public:
-  KeyByKey() : is_terminal_(::tcgetattr(STDIN_FILENO, &original_) == 0) {
+  KeyByKey() : is_terminal_(::tcgetattr(STDIN_FILENO, &original_terminal) == 0) {
     if (!is_terminal_) return;
-    termios settings = original_;
+    struct sigaction action {};
+    action.sa_handler = RestoreTerminalAndExit;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+    termios settings = original_terminal;
     settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     ::tcsetattr(STDIN_FILENO, TCSANOW, &settings);
   }
   ~KeyByKey() {
-    if (is_terminal_) ::tcsetattr(STDIN_FILENO, TCSANOW, &original_);
+    if (is_terminal_) ::tcsetattr(STDIN_FILENO, TCSANOW, &original_terminal);
   }
   KeyByKey(const KeyByKey&) = delete;
   KeyByKey& operator=(const KeyByKey&) = delete;
@@ -46,7 +58,6 @@ class KeyByKey {
   }
 
  private:
-  termios original_{};
   bool is_terminal_;
 };
 

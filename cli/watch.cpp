@@ -1,12 +1,12 @@
 #include "cli/watch.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <iostream>
 #include <sstream>
 #include <string>
-#include <thread>
 
 namespace vexa::cli {
 namespace {
@@ -62,6 +62,13 @@ void Show(const Shown& shown, bool is_terminal, bool is_first) {
   std::cerr << shown.errors;
 }
 
+// Waits. Returns whether the program that reads the output has ended, as with "| head", although nothing is written:
+// what does not change is not shown again.
+bool IsReaderGoneWithin(std::chrono::seconds interval) {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  return ::poll(&output, 1, static_cast<int>(std::chrono::milliseconds(interval).count())) == 1;
+}
+
 }  // namespace
 
 bool IsWatching() { return is_watching; }
@@ -87,7 +94,7 @@ ExitCode Watch(const GlobalOptions& global, std::chrono::seconds interval, const
     const std::string now = WithoutAges(shown.output) + shown.errors;
     if (is_first || now != before) Show(shown, is_terminal, is_first);
     before = now;
-    std::this_thread::sleep_for(interval);
+    if (IsReaderGoneWithin(interval)) break;
   }
   return ExitCode::kFailed;
 }

@@ -162,8 +162,8 @@ void AddMissingReason(const ApiRow& row, const Call& call, const FailureFindings
   } else if (std::string reason = ReasonOfAddress(call.response->Data());
              code == user_error::kAddressInUseOrGuestRuns && !reason.empty()) {
     SetReason(call, reason);
-  } else if (code == user_error::kNameInUse && !findings.records.last().sentence.empty()) {
-    SetReasonOfRecords(call, findings.records.last());
+  } else if (code == user_error::kNameInUse || code == user_error::kRightsNotSet) {
+    if (!findings.records.last().sentence.empty()) SetReasonOfRecords(call, findings.records.last());
   } else if (code == user_error::kNotPermitted) {
     SetReason(call, ReasonOfRights(call));
   } else if (code == user_error::kNotFoundOrUnreadable) {

@@ -73,7 +73,7 @@ constexpr ErrorHelp kHelp[] = {
      "A parameter is missing, has another type, or has a value that the method does not accept. The reason has its "
      "name, and the accepted values where they are known."},
     {user_error::kNotFoundOrUnreadable,
-     "'vexa guest list', 'vexa host list' and 'vexa repository list' show what there is.",
+     "The lists show what there is: 'vexa guest list', and likewise of 'host', 'network', 'image' and 'repository'.",
      "The id does not belong to a record, a record that it refers to has been removed, or the database cannot be read. "
      "The reason says which record, and which of the three."},
     {user_error::kNameInUse, "Choose another name, or rename the guest that has it with 'vexa guest set'.",

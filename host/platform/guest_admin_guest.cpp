@@ -10,9 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/sanitize_for_log.h"
 #include "host/records/environment.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
+#include "host/records/last_finding.h"
 #include "host/records/object_edit.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
@@ -24,6 +26,7 @@ using VexaCCC::Rule;
 using VexaCCC::tagGuestAdminRule;
 
 constexpr std::uint32_t kNoId = UINT32_MAX;
+constexpr std::size_t kMaxShown = 512;
 
 // The requested change of one principal's record.
 struct RecordChange {
@@ -149,6 +152,13 @@ int gaGuestSet(const std::string& guest_id, const std::vector<tagGuestAdminRule>
   vexa::platform::GuestRights rights(*environment, guest_id);
   for (const tagGuestAdminRule& rule : rules) rights.Add(rule);
   failed_users = rights.Commit();
+  if (!failed_users.empty()) {
+    const std::string names = fmt::format("{}", fmt::join(failed_users, "', '"));
+    vexa::records::FindingScope::Add(
+        {fmt::format("These users or groups do not exist here, or their records could not be changed: '{}'.",
+                     vexa::SanitizeForLog(names, vexa::platform::kMaxShown)),
+         true});
+  }
   return failed_users.empty() ? 0 : -1;
 }
 

@@ -65,6 +65,18 @@ TEST_F(Completion, Names_AreThoseOfTheServer) {
   EXPECT_EQ(Words({"guest", "set", "web-1", "--iso", ""}), "debian-12\n");
 }
 
+// As commands choose it: $VEXA_SERVER comes before the context that is used.
+TEST_F(Completion, Server_IsTheOneThatTheCommandAsks) {
+  const ScriptedServer named(
+      {HttpReplyOf(200, R"({"success":true,"data":{"hosts":[{"host_id":"h","name":"named"}]}})")});
+  const ScriptedServer used({HttpReplyOf(200, kLists)});
+  ASSERT_EQ(Run({"context", "add", "used", "--server", used.url()}).exit_code, 0);
+  EXPECT_EQ(Words({"host", "show", ""}), "nas-1\n");
+  ProcessOptions program = Program({"__complete", "--", "host", "show", ""});
+  program.environment["VEXA_SERVER"] = named.url();
+  EXPECT_EQ(RunProcess(program).output, "named\n");
+}
+
 TEST_F(Completion, Failures_AreSilent) {
   EXPECT_EQ(Words({"guest", "start", ""}), "");  // no server
   EXPECT_EQ(Words({"--server", "ftp://x", "guest", "start", ""}), "");

@@ -100,6 +100,8 @@ TEST_F(ContextCommand, File_Damaged_IsNamed) {
                 "vexa: The contexts in '" + File("contexts.json") + "' are damaged. Mend or remove the file\n");
     }
     EXPECT_EQ(Run({"health", "--server", "http://127.0.0.1:1"}).exit_code, 3);
+    // A command that asks no server needs no context.
+    EXPECT_EQ(Run({"error", "401"}).exit_code, 0);
   }
 }
 

@@ -69,6 +69,17 @@ TEST_F(Output, Watch_OnPipe_PrintsABlockForEachChange) {
   }
 }
 
+TEST_F(Output, Watch_ReaderHasEnded_EndsToo) {
+  const ScriptedServer server({HttpReplyOf(200, ListOf("running", "healthy", 1))});  // never changes
+  SaveLogin(server.url());
+  ProcessOptions program = Program({});
+  program.argv = {"sh", "-c", "\"$VEXA\" guest list --watch=60 | head -n 1"};
+  program.environment["VEXA"] = VEXA_PROGRAM;
+  Process watch(program);
+  ASSERT_TRUE(watch.Wait(std::chrono::seconds(50)).has_value());
+  EXPECT_THAT(watch.output(), HasSubstr("STATE"));
+}
+
 TEST_F(Output, Watch_WordAfterIt_IsAnArgument) {
   EXPECT_THAT(Run({"guest", "status", "--watch", "web", "--server", "ftp://x"}).errors, HasSubstr("The server's URL"));
   EXPECT_THAT(Run({"guest", "status", "--watch", "5", "--server", "ftp://x"}).errors, HasSubstr("GUEST is required"));

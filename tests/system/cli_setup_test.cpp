@@ -61,11 +61,12 @@ class Setup : public testing::Test {
       EXPECT_EQ(OwnerOf(file.path()), Uid()) << file.path();
     }
   }
-  ProcessResult Run(const std::vector<std::string>& more, const std::string& input = kPassword) const {
+  ProcessResult Run(const std::vector<std::string>& more, const std::string& input = kPassword,
+                    const decltype(vexa::test::ProcessOptions::environment)& environment = {}) const {
     std::vector<std::string> arguments{
         VEXA_PROGRAM, "setup", "--yes", "--account", kAccount, "--config", folder_.File("vexad.conf")};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    return RunProcess({.argv = arguments, .input = input});
+    return RunProcess({.argv = arguments, .environment = environment, .input = input});
   }
   std::vector<std::string> AsService(const std::vector<std::string>& arguments) const {
     std::vector<std::string> all{"setpriv", fmt::format("--reuid={}", Uid()), "--clear-groups"};
@@ -119,7 +120,11 @@ TEST_F(Setup, Machine_Installed_BecomesAHost) {
   EXPECT_TRUE(
       again.output.starts_with(folder_.File("vexad.conf") + " stays as it is.\nThe user 'admin' exists already.\n"))
       << again.output;
-  const ProcessResult second = Run({"--admin", "second", "--password-stdin"});
+  // Also where a context of root is used for another server.
+  ASSERT_TRUE(vexa::CreateDirectories(folder_.File("root/vexa"), 0700).ok());
+  Write("root/vexa/contexts.json", R"({"contexts":{"a":{"server":"http://127.0.0.1:1"}},"current":"a"})");
+  const ProcessResult second =
+      Run({"--admin", "second", "--password-stdin"}, kPassword, {{"XDG_CONFIG_HOME", folder_.File("root")}});
   EXPECT_EQ(second.exit_code, 0) << second.errors;
   EXPECT_NE(second.output.find("Added user 'second'."), std::string::npos) << second.output;
   EXPECT_EQ(Read("vexad.conf"), configured);

@@ -49,6 +49,21 @@ TEST_F(Top, OnTerminal_Q_Leaves) {
   EXPECT_THAT(top.shown(), HasSubstr("37 %"));
 }
 
+TEST_F(Top, OnTerminal_CtrlC_SwitchesTheEchoOnAgain) {
+  const ApiHost host(Cluster());
+  SaveLogin(host.url());
+  ProcessOptions program = Program({"top"});
+  program.environment["TERM"] = "dumb";
+  OnTerminal top(program);
+  ASSERT_TRUE(top.WaitFor("q leaves."));
+  EXPECT_FALSE(top.IsEchoOn());
+  top.Type("\x03");
+  const int status = top.Finish();
+  EXPECT_TRUE(top.IsEchoOn());
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 130);
+}
+
 TEST_F(Top, Server_Unreachable_Fails) {
   const auto result = Run({"top", "--server", "http://127.0.0.1:1"});
   EXPECT_EQ(result.exit_code, 3);

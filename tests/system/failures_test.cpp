@@ -91,7 +91,8 @@ TEST_F(Failures, OfGuests_AreExplained) {
        {"guest", "get", kNoSuchGuest},
        "vexa: A record, host or repository could not be read \\(403\\)\\.\n"
        "  Reason: There is no guest '11111111-2222-4333-8444-555555555555'\\.\n"
-       "  Hint: 'vexa guest list', 'vexa host list' and 'vexa repository list' show what there is\\.\n"},
+       "  Hint: The lists show what there is: 'vexa guest list', and likewise of 'host', 'network', 'image' and "
+       "'repository'\\.\n"},
       {"unknown id is started",
        {"guest", "start", kNoSuchGuest},
        std::string("vexa: ") + kNoSuchGuest +
@@ -199,6 +200,33 @@ TEST_F(Failures, OfFilesAndNetworks_AreExplained) {
                  "the folder '[^']+', and its limit is 1 %\\. Make room in it, or use another repository\\.\n"
                  "  Hint: 'vexa repository list' shows the storage, and 'vexa health' the host\\.\n"
                  "  Request: [0-9a-f]+\n"});
+}
+
+TEST_F(Failures, OfEdits_NameTheImageAndTheUsers) {
+  MakeGuest("off");
+  const std::vector<FailureRow> rows{
+      {"file that does not exist in a drive",
+       {"guest", "set", "off", "--iso", ImageFolder() + "/none.iso"},
+       "vexa: off: The path of an ISO image does not lead to an image that can be used \\(934\\)\\.\n"
+       "  Reason: '/[^']+/none\\.iso' is not a file '….iso' below an image folder of this host \\(the setting "
+       "image-roots\\)\\.\n"
+       "  Hint: 'vexa image list' shows the images; 'vexa image add' adds one\\.\n"},
+      {"image that does not exist in a drive",
+       {"guest", "set", "off", "--iso", kUnknownId},
+       "vexa: off: A parameter is missing or not valid \\(401\\)\\.\n"
+       "  Reason: The parameter 'iso_images\\[0\\]' is neither the id of an image, nor a path, nor 'unmounted': it is "
+       "'99999999-9999-4999-8999-999999999999'\\.\n"
+       "  Hint: [^\n]+\n"
+       "Is there an image with this id\\? 'vexa image list' shows them\\.\n"},
+      {"rights of a user who does not exist",
+       {"call", "VEXA.Virtualization.Guest", "set",
+        R"({"guest_id":")" + IdOf("off") + R"(","guest_privilege":[{"uid":4242,"name":"ghost","allow":true}]})"},
+       "vexa: The guest was edited, but the rights of some users or groups on it could not be set \\(1001\\)\\.\n"
+       "  Reason: These users or groups do not exist here, or their records could not be changed: 'ghost'\\.\n"
+       "  Hint: [^\n]+\n"
+       "  Request: [0-9a-f]+\n"},
+  };
+  for (const FailureRow& row : rows) ExpectFailure(row);
 }
 
 TEST_F(Failures, OfUsersWithoutRights_AreExplainedWithoutSecrets) {
