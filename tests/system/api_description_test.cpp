@@ -105,6 +105,17 @@ TEST_F(ApiDescription, UnknownMember_OfUser_IsRefusedByName) {
             "There is no parameter 'all'. The method has no parameters");
 }
 
+// Programs send back what they have got, with changes.
+TEST_F(ApiDescription, ElementsOfGet_InListsOfSet_AreAccepted) {
+  HttpClient client = daemon_->TcpAs("admin");
+  const std::string guest = std::string(R"({"guest_id":")") + kTestGuest + R"(",)";
+  const char* const disk =
+      R"({"vdisk_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01","size":"20480","lun_type":"blun","vdisk_mode":1,)"
+      R"("is_dummy":false,"unmap":false,"is_meta_disk":false})";
+  const HttpReply reply = client.PostJson(kGuest + "set", guest + R"("vdisks_order":[)" + disk + "]}");
+  EXPECT_NE(ErrorCode(reply), 401) << reply.body;
+}
+
 TEST_F(ApiDescription, ValueOutOfRange_Refused_NamesParameterValueAndRange) {
   HttpClient client = daemon_->TcpAs("admin");
   EXPECT_EQ(ReasonOf(client.PostJson("/webapi/VEXA.Virtualization.Log/list", R"({"limit":1001})")),

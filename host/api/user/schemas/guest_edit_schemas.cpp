@@ -43,25 +43,37 @@ Schema NicNetwork() { return String("The id of its network; \"\": none."); }
 Schema Mac() { return MacAddress("Its MAC address; no other interface may have it."); }
 Schema PreferSriov() { return Flag("Whether it prefers a virtual function."); }
 
+// An element of a list of `set`, which may be one of `get` with changes: what `get` alone has is not read.
+Schema Element(std::vector<SchemaMember> members, const Schema& of_get) {
+  Schema element = Object(std::move(members));
+  for (const SchemaMember& member : of_get.members) {
+    if (!FindMember(element, member.name))
+      element.members.push_back(Sometimes(member.name, Any("As in \"get\"; not read.")));
+  }
+  return element;
+}
+Schema NicElement(std::vector<SchemaMember> members) { return Element(std::move(members), StoredNicSchema()); }
+Schema DiskElement(std::vector<SchemaMember> members) { return Element(std::move(members), StoredDiskSchema()); }
+
 std::vector<ParameterSchema> Lists() {
   const Schema privilege = Object(
       {Sometimes("uid", Integer("The user's id.").From(0)), Sometimes("gid", Integer("The group's id.").From(0)),
        Sometimes("allow", Flag("Whether the right is granted.")), Sometimes("type", String("The kind of right.")),
        Sometimes("name", String("The name of the user or group."))});
   return {
-      {"vnics_add", List(Object({Always("network_id", NicNetwork()), Always("prefer_sriov", PreferSriov()),
-                                 Always("vnic_type", NicType()), Sometimes("mac", Mac())}),
+      {"vnics_add", List(NicElement({Always("network_id", NicNetwork()), Always("prefer_sriov", PreferSriov()),
+                                     Always("vnic_type", NicType()), Sometimes("mac", Mac())}),
                          "")},
-      {"vnics_del", List(Object({Always("vnic_id", Id("The interface's id."))}), "")},
-      {"vnics_edit", List(Object({Always("vnic_id", Id("The interface's id.")), Sometimes("network_id", NicNetwork()),
-                                  Sometimes("mac", Mac()), Sometimes("vnic_type", NicType()),
-                                  Sometimes("prefer_sriov", PreferSriov())}),
+      {"vnics_del", List(NicElement({Always("vnic_id", Id("The interface's id."))}), "")},
+      {"vnics_edit", List(NicElement({Always("vnic_id", Id("The interface's id.")),
+                                      Sometimes("network_id", NicNetwork()), Sometimes("mac", Mac()),
+                                      Sometimes("vnic_type", NicType()), Sometimes("prefer_sriov", PreferSriov())}),
                           "")},
-      {"vdisks_add", List(Object({Always("vdisk_size", DiskSize()), Mode(), Unmap(), Format()}), "")},
-      {"vdisks_del", List(Object({Always("vdisk_id", DiskId())}), "")},
+      {"vdisks_add", List(DiskElement({Always("vdisk_size", DiskSize()), Mode(), Unmap(), Format()}), "")},
+      {"vdisks_del", List(DiskElement({Always("vdisk_id", DiskId())}), "")},
       {"vdisks_edit",
-       List(Object({Always("vdisk_id", DiskId()), Always("vdisk_size", DiskSize()), Mode(), Unmap()}), "")},
-      {"vdisks_order", List(Object({Always("vdisk_id", DiskId())}), "")},
+       List(DiskElement({Always("vdisk_id", DiskId()), Always("vdisk_size", DiskSize()), Mode(), Unmap()}), "")},
+      {"vdisks_order", List(DiskElement({Always("vdisk_id", DiskId())}), "")},
       {"guest_privilege", List(privilege, "")},
       {"iso_images", List(String("An image's id, the path of a file, or \"unmounted\"."), "")},
       {"usbs", List(String("A device, such as 1234:00ab or 3.14, or \"unmounted\"."), "")},

@@ -15,28 +15,6 @@ Schema Name() { return String("The guest's name.").Like("web-1"); }
 // What is copied from a record as it is, and is null where the record does not have it.
 Schema Copied(const Schema& schema) { return schema.OrNull(); }
 
-Schema StoredDisk() {
-  return Object(
-      {Always("vdisk_id", RecordId("The disk's id.")),
-       Always("size", String("The disk's size, a number in a string, in MiB; \"set\" and \"create\" take it in GiB.")
-                          .In("MiB")
-                          .Like("20480")),
-       Always("lun_type",
-              String("How it is stored.").OneOf({"alun", "blun", "blun_sink", "blun_cow", "blun_compress"})),
-       Always("vdisk_mode", Integer("How the guest sees it: 1 VirtIO, 2 IDE, 3 SATA, 4 SCSI.").Like(1)),
-       Always("is_dummy", Flag("Whether the disk has no file.")),
-       Always("unmap", Flag("Whether space that the guest frees is given back.")),
-       Always("is_meta_disk", Flag("Whether it holds data of the cluster."))});
-}
-
-Schema StoredNic() {
-  return Object({Always("vnic_id", RecordId("The interface's id.")),
-                 Always("network_id", Copied(String("The id of its network; \"\" without one."))),
-                 Always("prefer_sriov", Copied(Flag("Whether it prefers a virtual function."))),
-                 Always("mac", Copied(MacAddress("Its MAC address."))),
-                 Always("vnic_type", Copied(Integer("Its model: 1 VirtIO, 2 e1000, 3 rtl8139.").Like(1)))});
-}
-
 Schema StoredGuest() {
   return Object(
       {Always("name", Copied(Name())),
@@ -46,8 +24,8 @@ Schema StoredGuest() {
               Integer("The memory, in KiB; \"set\" and \"create\" take it in MiB.").In("KiB").Like(2'097'152)),
        Always("video_card", String("The model of the video card.").Like("virtio")),
        Always("cpu_passthru", Flag("Whether the guest sees the host's own processor.")),
-       Always("vdisks", List(StoredDisk(), "Its disks.")),
-       Always("vnics", List(StoredNic(), "Its network interfaces.")),
+       Always("vdisks", List(StoredDiskSchema(), "Its disks.")),
+       Always("vnics", List(StoredNicSchema(), "Its network interfaces.")),
        Always("autorun", Integer("Its start with its host: 0 never, 1 always, 2 as it was before.").From(0).To(2)),
        Always("is_ha_enabled", Flag("Whether it is in a high-availability group.")),
        Always("desc", String("The description.")),
@@ -150,6 +128,28 @@ Schema PowerResult() {
 }
 
 }  // namespace
+
+Schema StoredDiskSchema() {
+  return Object(
+      {Always("vdisk_id", RecordId("The disk's id.")),
+       Always("size", String("The disk's size, a number in a string, in MiB; \"set\" and \"create\" take it in GiB.")
+                          .In("MiB")
+                          .Like("20480")),
+       Always("lun_type",
+              String("How it is stored.").OneOf({"alun", "blun", "blun_sink", "blun_cow", "blun_compress"})),
+       Always("vdisk_mode", Integer("How the guest sees it: 1 VirtIO, 2 IDE, 3 SATA, 4 SCSI.").Like(1)),
+       Always("is_dummy", Flag("Whether the disk has no file.")),
+       Always("unmap", Flag("Whether space that the guest frees is given back.")),
+       Always("is_meta_disk", Flag("Whether it holds data of the cluster."))});
+}
+
+Schema StoredNicSchema() {
+  return Object({Always("vnic_id", RecordId("The interface's id.")),
+                 Always("network_id", Copied(String("The id of its network; \"\" without one."))),
+                 Always("prefer_sriov", Copied(Flag("Whether it prefers a virtual function."))),
+                 Always("mac", Copied(MacAddress("Its MAC address."))),
+                 Always("vnic_type", Copied(Integer("Its model: 1 VirtIO, 2 e1000, 3 rtl8139.").Like(1)))});
+}
 
 std::vector<MethodSchema> GuestSchemas() {
   std::vector<MethodSchema> schemas{

@@ -25,5 +25,8 @@ Schema Severity();
 // VexaVirtualization's STATE_CATE_….
 Schema DisplayedState(int category, const std::string& description);
 Schema MacAddress(const std::string& description);
+// A disk and an interface of a guest as `get` has them.
+Schema StoredDiskSchema();
+Schema StoredNicSchema();
 
 }  // namespace vexa::api
