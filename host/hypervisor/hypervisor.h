@@ -260,8 +260,8 @@ class Hypervisor {
   // the host, the bridge or device is returned. Failures: kNotRunning.
   virtual Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) = 0;
 
-  // The names of libvirt's networks that guests can be in, in order: the active ones, and those that StartNetwork can
-  // start. Empty where the driver has no networks.
+  // The names of libvirt's networks, in order, also of inactive ones, which StartNetwork starts. Empty where the driver
+  // has no networks.
   virtual Result<std::vector<std::string>, Failure> Networks() = 0;
   // All networks, by name. Failures: kUnsupported (the driver has no networks).
   virtual Result<std::vector<KnownNetwork>, Failure> KnownNetworks() = 0;
