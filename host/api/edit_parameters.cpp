@@ -8,7 +8,7 @@ namespace vexa::api {
 namespace {
 
 ParameterType TypeOf(SettingType type) {
-  using enum ParameterType;
+  using enum ValueType;
   constexpr ParameterType kTypes[] = {kString, kInteger, kBoolean, kString, kArray};  // in the order of SettingType
   return kTypes[static_cast<std::size_t>(type)];
 }

@@ -106,7 +106,7 @@ TEST_F(Networks, PowerOn_NetworkOfLibvirtIsInactive_StartsIt) {
   // A network that cannot be started: its subnet is taken.
   ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
   ASSERT_EQ(::virNetworkDestroy(network.get()), 0);
-  RunTool({"ip", "link", "add", "taken0", "type", "dummy"});
+  RunTool({"ip", "link", "add", "taken0", "type", "bridge"});
   RunTool({"ip", "addr", "add", "192.168.122.9/24", "dev", "taken0"});
   RunTool({"ip", "link", "set", "taken0", "up"});
   EXPECT_EQ(host_->Power(kGuest, "poweron"), user_error::kNoNetwork);

@@ -21,7 +21,7 @@ void Create(guests::GuestControl* control, const store::Store* store, const Call
 }
 
 std::vector<Parameter> Parameters() {
-  using enum ParameterType;
+  using enum ValueType;
   std::vector<Parameter> parameters = {
       Text("name", "The guest's name: 1 to 128 bytes that no other guest is called."),
       Text("repository_id", "The repository of its disks, which belongs to this host."),

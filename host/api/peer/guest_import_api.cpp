@@ -46,7 +46,7 @@ void Import(guests::GuestControl* control, const store::Store* store, const Call
 }  // namespace
 
 std::vector<ApiRow> GuestImportRows(const ServiceParts& parts) {
-  using enum ParameterType;
+  using enum ValueType;
   ApiRow row = HostRow(
       "VEXA.CCC.Guest", "import", LaneKind::kLong,
       [control = parts.guests, store = parts.store](const Call& call) { Import(control, store.get(), call); },

@@ -237,7 +237,7 @@ class Translator {
 }  // namespace
 
 std::vector<Parameter> CreationParameters() {
-  using enum ParameterType;
+  using enum ValueType;
   std::vector<Parameter> parameters = {
       Text("name", "The guest's name: 1 to 128 bytes; no other guest may have it."),
       OptionalString("os",
