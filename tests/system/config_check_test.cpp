@@ -359,7 +359,7 @@ TEST_F(ConfigCheck, PortBelow1024_IsReportedForTheAccountOfTheService) {
 TEST_F(ConfigCheck, PasswordsWithoutTheirService_AreReportedForTheAccountOfTheService) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can check as another account";
   Open();
-  const auto check = [this](const std::string& account, const std::string& socket) {
+  const auto check = [](const std::string& account, const std::string& socket) {
     return RunProcess({.argv = {VEXAD_PROGRAM, "--data", "/tmp", "--socket", "", "--listen", "127.0.0.1:0",
                                 "--accounts", "pam", "--auth-socket", socket, "--check-config", "--check-as", account}})
         .errors;
