@@ -26,15 +26,15 @@ class PamAccounts : public AccountProvider {
   Result<User> VerifyPassword(const std::string& name, const std::string& password) const override {
     const Error denied(ErrorCode::kDenied, "The name or the password is wrong");
     PasswordQuestion question{options_.service, name, password};
-    const PasswordCheck check = Check(question);
+    const PasswordAnswer check = Check(question);
     Wipe(question.password);
     switch (check.outcome) {
-      case PasswordCheck::Outcome::kRight:
+      case PasswordAnswer::Outcome::kRight:
         break;
-      case PasswordCheck::Outcome::kWrong:
-      case PasswordCheck::Outcome::kUnusable:
+      case PasswordAnswer::Outcome::kWrong:
+      case PasswordAnswer::Outcome::kUnusable:
         return denied;
-      case PasswordCheck::Outcome::kFailed:
+      case PasswordAnswer::Outcome::kFailed:
         return Error(ErrorCode::kUnavailable, "The password cannot be checked now", check.cause);
     }
     auto user = FindUser(check.user);
@@ -44,7 +44,7 @@ class PamAccounts : public AccountProvider {
 
  private:
   // By the service where there is one: this process may not be allowed to read the hashes.
-  PasswordCheck Check(const PasswordQuestion& question) const {
+  PasswordAnswer Check(const PasswordQuestion& question) const {
     const bool has_service = !options_.auth_socket.empty() && ::access(options_.auth_socket.c_str(), F_OK) == 0;
     return has_service ? AskPasswordService(options_.auth_socket, question)
                        : CheckPasswordWithPam(question, options_.config_directory);

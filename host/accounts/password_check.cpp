@@ -112,18 +112,18 @@ bool IsRefusal(int status) {
 
 }  // namespace
 
-PasswordCheck CheckPasswordWithPam(const PasswordQuestion& question, const std::string& config_directory) {
+PasswordAnswer CheckPasswordWithPam(const PasswordQuestion& question, const std::string& config_directory) {
   // PAM's strings end at a NUL, and its modules take at most PAM_MAX_RESP_SIZE bytes, including that NUL.
   const bool is_possible = IsValidAccountName(question.name) && question.password.size() < PAM_MAX_RESP_SIZE &&
                            question.password.find('\0') == std::string::npos;
-  if (!is_possible) return {PasswordCheck::Outcome::kWrong, "", ""};
+  if (!is_possible) return {PasswordAnswer::Outcome::kWrong, "", ""};
   Transaction transaction(question, config_directory);
   int status = transaction.CheckPassword();
-  if (IsRefusal(status)) return {PasswordCheck::Outcome::kWrong, "", ""};
+  if (IsRefusal(status)) return {PasswordAnswer::Outcome::kWrong, "", ""};
   if (status == PAM_SUCCESS) status = transaction.CheckAccount();
-  if (status == PAM_SUCCESS) return {PasswordCheck::Outcome::kRight, transaction.UserName(), ""};
+  if (status == PAM_SUCCESS) return {PasswordAnswer::Outcome::kRight, transaction.UserName(), ""};
   // pam_strerror(3) ignores its handle on Linux, and pam_start may have failed before it created one.
-  return {IsRefusal(status) ? PasswordCheck::Outcome::kUnusable : PasswordCheck::Outcome::kFailed, "",
+  return {IsRefusal(status) ? PasswordAnswer::Outcome::kUnusable : PasswordAnswer::Outcome::kFailed, "",
           ::pam_strerror(nullptr, status)};
 }
 

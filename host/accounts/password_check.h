@@ -5,7 +5,7 @@
 
 namespace vexa::accounts {
 
-struct PasswordCheck {
+struct PasswordAnswer {
   enum class Outcome {
     kRight,
     kWrong,     // unknown user or wrong password: PAM does not distinguish the two
@@ -25,7 +25,7 @@ struct PasswordQuestion {
 
 // Takes a delay that PAM sets after a wrong password. A name or password that PAM cannot take is wrong.
 // `config_directory` is used instead of /etc/pam.d; "": /etc/pam.d. Threads: any, at the same time.
-PasswordCheck CheckPasswordWithPam(const PasswordQuestion& question, const std::string& config_directory);
+PasswordAnswer CheckPasswordWithPam(const PasswordQuestion& question, const std::string& config_directory);
 
 // Overwrites the text, so that it is not found in memory later.
 void Wipe(std::string& text);

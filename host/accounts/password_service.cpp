@@ -21,7 +21,7 @@
 namespace vexa::accounts {
 namespace {
 
-using Outcome = PasswordCheck::Outcome;
+using Outcome = PasswordAnswer::Outcome;
 
 constexpr std::size_t kMaxServiceName = 64;
 constexpr std::size_t kMaxAccountName = 64;
@@ -82,7 +82,7 @@ std::optional<PasswordQuestion> ParseQuestion(std::string_view packet) {
   return PasswordQuestion{std::string(*service), std::string(*name), std::string(packet)};
 }
 
-PasswordCheck ParseAnswer(std::string_view packet) {
+PasswordAnswer ParseAnswer(std::string_view packet) {
   const std::size_t end = packet.find('\0');
   const std::string_view word = packet.substr(0, end);
   const std::string text(end == std::string_view::npos ? "" : packet.substr(end + 1));
@@ -94,7 +94,7 @@ PasswordCheck ParseAnswer(std::string_view packet) {
   return {Outcome::kFailed, "", "The answer of the service vexa-auth is not valid"};
 }
 
-std::string AnswerText(const PasswordCheck& check) {
+std::string AnswerText(const PasswordAnswer& check) {
   std::string text;
   for (const auto& [outcome, name] : kWords) {
     if (outcome == check.outcome) text = name;
@@ -105,7 +105,7 @@ std::string AnswerText(const PasswordCheck& check) {
 }
 
 // Names, and never passwords, are in the log. PAM's modules log wrong passwords themselves.
-void Log(const PasswordQuestion& question, const PasswordCheck& check) {
+void Log(const PasswordQuestion& question, const PasswordAnswer& check) {
   if (check.outcome == Outcome::kRight || check.outcome == Outcome::kWrong) return;
   ::syslog(check.outcome == Outcome::kFailed ? LOG_ERR : LOG_NOTICE, "The password of '%s' %s: %s.",
            question.name.c_str(),
@@ -123,7 +123,7 @@ void Answer(int socket, const PasswordServiceOptions& options) {
     if (packet.Receive(socket)) question = ParseQuestion(packet.text());
   }
   if (!question) return;
-  PasswordCheck check;
+  PasswordAnswer check;
   if (question->service == options.service) {
     check = CheckPasswordWithPam(*question, options.config_directory);
   } else {
@@ -147,7 +147,7 @@ void Reap(int& children) {
 
 }  // namespace
 
-PasswordCheck AskPasswordService(const std::string& path, const PasswordQuestion& question, int timeout_s) {
+PasswordAnswer AskPasswordService(const std::string& path, const PasswordQuestion& question, int timeout_s) {
   // A NUL would end one of the texts: nothing that PAM takes has one, or is longer.
   for (const std::string* const text : {&question.name, &question.password}) {
     if (text->find('\0') != std::string::npos) return {Outcome::kWrong, "", ""};

@@ -21,8 +21,8 @@ inline constexpr char kPasswordSocket[] = "/run/vexa-auth/socket";
 inline constexpr int kPasswordTimeoutS = 30;
 
 // kFailed when the service cannot be reached, or has no answer after `timeout_s`.
-PasswordCheck AskPasswordService(const std::string& path, const PasswordQuestion& question,
-                                 int timeout_s = kPasswordTimeoutS);
+PasswordAnswer AskPasswordService(const std::string& path, const PasswordQuestion& question,
+                                  int timeout_s = kPasswordTimeoutS);
 
 struct PasswordServiceOptions {
   int listener = -1;

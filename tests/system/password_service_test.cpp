@@ -27,17 +27,17 @@ namespace vexa::test {
 namespace {
 
 using accounts::AskPasswordService;
-using accounts::PasswordCheck;
+using accounts::PasswordAnswer;
 using accounts::PasswordQuestion;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using Outcome = PasswordCheck::Outcome;
+using Outcome = PasswordAnswer::Outcome;
 
 constexpr uid_t kNobody = 65534;
 constexpr char kPermit[] = "auth required pam_permit.so\naccount required pam_permit.so\n";
 constexpr std::chrono::seconds kPatience{30};
 
-std::string TextOf(const PasswordCheck& check) {
+std::string TextOf(const PasswordAnswer& check) {
   constexpr const char* kNames[] = {"right", "wrong", "unusable", "failed"};
   std::string text = kNames[static_cast<int>(check.outcome)];
   for (const std::string* const more : {&check.user, &check.cause}) {
