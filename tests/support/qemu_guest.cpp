@@ -4,16 +4,17 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +24,6 @@
 #include <map>
 #include <sstream>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 // The process ends while threads of the embedded driver are working, and the leak sanitizer may report what they hold.
@@ -154,18 +154,28 @@ std::vector<pid_t> FindProcessesBelow(const std::string& folder, bool (*is_wante
   return found;
 }
 
-// Kills them, and waits for their ends. Returns how many there were.
+// Kills a process, and waits until it has closed its files: its command line disappears earlier. Waits for 30 s at
+// most.
+void KillAndAwait(pid_t process) {
+  const int descriptor = static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+  if (descriptor < 0) return;  // it has ended
+  ::kill(process, SIGKILL);
+  pollfd end{descriptor, POLLIN, 0};
+  if (::poll(&end, 1, 30'000) == 0) std::fprintf(stderr, "Process %d does not end\n", static_cast<int>(process));
+  ::close(descriptor);
+}
+
+// Kills them, and waits for their ends. Returns how many there were at first.
 int KillProcessesBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&)) {
   int count = 0;
-  // One that is just starting may appear late, and one that is killed takes a while to disappear.
+  // One that is just starting may appear late.
   for (int round = 0; round < 200; ++round) {
     const std::vector<pid_t> running = FindProcessesBelow(folder, is_wanted_program);
     if (running.empty()) return count;
     if (round == 0) count = static_cast<int>(running.size());
-    for (const pid_t pid : running) ::kill(pid, SIGKILL);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (const pid_t process : running) KillAndAwait(process);
   }
-  std::fprintf(stderr, "Programs below '%s' do not end\n", folder.c_str());
+  std::fprintf(stderr, "Programs below '%s' are started again and again\n", folder.c_str());
   return count;
 }
 
