@@ -244,8 +244,8 @@ std::string MakeOpenApi(const ApiTable& table) {
   for (const ApiRow& row : table.rows()) {
     document["paths"][fmt::format("/webapi/{}/{}", row.api, row.method)]["post"] = Operation(row);
   }
-  document["paths"][std::string(kConsolePath) + "{guest_id}"]["get"] = ConsoleOperation();
-  document["paths"][std::string(kUploadPath) + "{upload_id}"]["put"] = UploadOperation();
+  document["paths"][fmt::format("{}{{guest_id}}", kConsolePath)]["get"] = ConsoleOperation();
+  document["paths"][fmt::format("{}{{upload_id}}", kUploadPath)]["put"] = UploadOperation();
   document["paths"]["/healthz"]["get"] = PageOperation("healthz", "Whether the host works.", "application/json");
   document["paths"]["/openapi.json"]["get"] = PageOperation("openapi", "This description.", "application/json");
   return VexaVirtualization::json::ToText(document);
