@@ -13,6 +13,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -219,14 +220,14 @@ TEST_F(PasswordServiceTest, Clients_SilentAndSlow_DoNotKeepOthersWaiting) {
   Start();
   std::vector<Descriptor> silent;
   for (int i = 0; i < 3; ++i) silent.push_back(*ConnectForPackets(Socket(), 30));
-  std::string slow;
-  std::thread thread([&] { slow = TextOf(AskPasswordService(Socket(), {"vexad", "bin", "x"}, 60)); });
+  std::future<std::string> slow = std::async(std::launch::async, [&] {
+    return TextOf(AskPasswordService(Socket(), {"vexad", "bin", "x"}, 60));
+  });
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(TextOf(AskPasswordService(Socket(), {"vexad", "daemon", "x"})), "right: daemon");
-  EXPECT_EQ(slow, "");
+  EXPECT_EQ(slow.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   std::ofstream(go_on) << "\n";
-  thread.join();
-  EXPECT_EQ(slow, "right: bin");
+  EXPECT_EQ(slow.get(), "right: bin");
   // The silent ones are disconnected after their time.
   char byte = 0;
   for (const Descriptor& socket : silent) EXPECT_EQ(::recv(socket.get(), &byte, 1, 0), 0);
