@@ -171,6 +171,10 @@ TEST_F(Tutorial, Commands_OfThePageOfConsoles_PrintTheDocumentedOutput) {
   ASSERT_EQ(shell.Run({0, "until vexa guest info web-1 | grep 'Agent *yes'; do sleep 1; done\n", before}), "");
   for (const TutorialStep& step : steps) ASSERT_EQ(shell.Run(step), "");
   EXPECT_THAT(Content(folder_.File("greeting")), testing::StartsWith("RFB "));
+  // /dev/kvm is hidden from these tests.
+  EXPECT_THAT(Content(folder_.File("run/guests/vexad.log")),
+              HasSubstr("KVM does not work on this machine, so its guests are emulated, many times slower. 'sudo vexa "
+                        "setup' shows what is missing."));
 }
 
 }  // namespace
