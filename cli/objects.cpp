@@ -30,14 +30,15 @@ Result<std::string> FindByName(const Json::Value& list, const ObjectKind& kind, 
   }
   if (ids.empty()) {
     const std::string guess = DidYouMean(name, std::vector<std::string_view>(names.begin(), names.end()));
-    return Error(ErrorCode::kNotFound, fmt::format("There is no {0} called '{1}'{2} 'vexa {0} list'", kind.singular,
-                                                   name, guess.empty() ? "; see" : guess + " See"));
+    return Error(ErrorCode::kNotFound, fmt::format("There is no {} called '{}'{} 'vexa {}'", kind.singular, name,
+                                                   guess.empty() ? "; see" : guess + " See", kind.list_command));
   }
   if (ids.size() == 1) return ids.front();
   const bool is_cut = ids.size() > kMaxListedIds;
   if (is_cut) ids.resize(kMaxListedIds);
-  return Error(ErrorCode::kConflict, fmt::format("Several {} are called '{}'. Use one of the ids {}{}", kind.plural,
-                                                 name, fmt::join(ids, ", "), is_cut ? ", …" : ""));
+  return Error(ErrorCode::kConflict,
+               fmt::format("Several {} are called '{}'. Use one of the ids {}{}; 'vexa {} --ids' shows which is which",
+                           kind.plural, name, fmt::join(ids, ", "), is_cut ? ", …" : "", kind.list_command));
 }
 
 // Whether `id_or_name` can be an id or a name; otherwise the error is printed.

@@ -15,19 +15,21 @@
 namespace vexa::cli {
 
 struct ObjectKind {
-  const char* singular;   // "host"
-  const char* plural;     // "hosts": also the member with the array in the reply to `list_path`
-  const char* list_path;  // the method that lists them
-  const char* id;         // the member of an object that contains its id
-  const char* name;       // the member that contains its name
+  const char* singular;      // "host"
+  const char* plural;        // "hosts": also the member with the array in the reply to `list_path`
+  const char* list_path;     // the method that lists them
+  const char* id;            // the member of an object that contains its id
+  const char* name;          // the member that contains its name
+  const char* list_command;  // the command that lists them, without "vexa"
 };
 
-inline constexpr ObjectKind kGuests{"guest", "guests", kGuestList, "guest_id", "guest_name"};
-inline constexpr ObjectKind kHosts{"host", "hosts", kHostList, "host_id", "name"};
-inline constexpr ObjectKind kImages{"image", "images", kImageList, "image_id", "name"};
-inline constexpr ObjectKind kNetworks{"network", "networks", kNetworkList, "network_id", "name"};
-inline constexpr ObjectKind kRepositories{"repository", "repositories", kRepositoryList, "repository_id", "name"};
-inline constexpr ObjectKind kUploads{"upload", "uploads", kUploadList, "upload_id", "name"};
+inline constexpr ObjectKind kGuests{"guest", "guests", kGuestList, "guest_id", "guest_name", "guest list"};
+inline constexpr ObjectKind kHosts{"host", "hosts", kHostList, "host_id", "name", "host list"};
+inline constexpr ObjectKind kImages{"image", "images", kImageList, "image_id", "name", "image list"};
+inline constexpr ObjectKind kNetworks{"network", "networks", kNetworkList, "network_id", "name", "network list"};
+inline constexpr ObjectKind kRepositories{"repository",    "repositories", kRepositoryList,
+                                          "repository_id", "name",         "repository list"};
+inline constexpr ObjectKind kUploads{"upload", "uploads", kUploadList, "upload_id", "name", "image uploads"};
 
 // Calls the method at `list_path`. When the exit code is kOk, the member `plural` of the data is an array.
 CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind);

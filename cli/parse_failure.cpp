@@ -50,11 +50,13 @@ std::string NearestOption(const CLI::App& command, const std::string& word) {
   std::vector<std::string> options;
   for (const CLI::App* app = &command; app != nullptr; app = app->get_parent()) {
     for (const CLI::Option* option : app->get_options()) {
-      for (const std::string& name : option->get_lnames()) options.push_back("--" + name);
+      for (const std::string& name : option->get_lnames()) options.push_back(name);
     }
   }
   const std::vector<std::string_view> names(options.begin(), options.end());
-  return DidYouMean(word, names);
+  // The dashes, which all have in common, would make short ones look alike.
+  const std::string_view nearest = NearestName(word.substr(std::min(word.find_first_not_of('-'), word.size())), names);
+  return nearest.empty() ? std::string() : fmt::format("; did you mean '--{}'?", nearest);
 }
 
 // The parser's sentence. It puts the option's name before ours, which contain it already.

@@ -250,6 +250,7 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
   machine.account = options.account;
   machine.hypervisor = config.hypervisor;
   machine.images = config.image_roots.front();
+  if (config.hypervisor == "embed") machine.qemu_account = options.account;  // QEMU is a child of the daemon
   Say(global, "What works:");
   for (const SetupFinding& finding : FindWhatWorks(machine)) {
     if (!global.quiet) std::cout << ToLine(finding) << std::endl;

@@ -28,12 +28,16 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kTimeout{10};
 constexpr std::uint64_t kLittleSpace = std::uint64_t{10} << 30;
+constexpr const char* kNoMachine = "a virtual machine cannot be made with it";
+constexpr const char* kSwitchKvmOn =
+    "guests are emulated until then, many times slower: switch virtualization on in the firmware (or in the host of "
+    "this virtual machine), and run: modprobe kvm_intel || modprobe kvm_amd";
 
 // Bodies of RunAs: "+" and a text for a success, "-" and the reason for a failure.
 
 std::string TryKvm(const SetupMachine& machine) {
   if (::access(machine.kvm.c_str(), R_OK | W_OK) != 0) return "-" + std::generic_category().message(errno);
-  return hypervisor::KvmWorks(machine.kvm) ? "+" : "-a virtual machine cannot be made with it";
+  return hypervisor::KvmWorks(machine.kvm) ? "+" : std::string("-") + kNoMachine;
 }
 
 std::string TryLibvirt(const SetupMachine& machine) {
@@ -56,9 +60,7 @@ std::string TextOf(const std::string& outcome) { return outcome.empty() ? "it wa
 
 SetupFinding FindKvm(const SetupMachine& machine) {
   if (::access(machine.kvm.c_str(), F_OK) != 0) {
-    return {"KVM", false, fmt::format("{} does not exist", machine.kvm),
-            "switch virtualization on in the firmware (or in the host of this virtual machine), and run: modprobe "
-            "kvm_intel || modprobe kvm_amd"};
+    return {"KVM", false, fmt::format("{} does not exist", machine.kvm), kSwitchKvmOn};
   }
   if (!::getpwnam(machine.qemu_account.c_str())) {
     return {"KVM", false, fmt::format("there is no account '{}' to run QEMU", machine.qemu_account),
@@ -66,9 +68,11 @@ SetupFinding FindKvm(const SetupMachine& machine) {
   }
   const std::string outcome = RunAs(machine.qemu_account, TryKvm, machine);
   if (Worked(outcome)) return {"KVM", true, fmt::format("'{}' can use {}", machine.qemu_account, machine.kvm), ""};
+  const std::string text = fmt::format("'{}' cannot use {}: {}", machine.qemu_account, machine.kvm, TextOf(outcome));
+  if (TextOf(outcome) == kNoMachine) return {"KVM", false, text, kSwitchKvmOn};
   return {
-      "KVM", false, fmt::format("'{}' cannot use {}: {}", machine.qemu_account, machine.kvm, TextOf(outcome)),
-      fmt::format("run: usermod -aG kvm {}; guests are emulated until then, many times slower", machine.qemu_account)};
+      "KVM", false, text,
+      fmt::format("guests are emulated until then, many times slower; run: usermod -aG kvm {}", machine.qemu_account)};
 }
 
 SetupFinding FindLibvirt(const SetupMachine& machine) {

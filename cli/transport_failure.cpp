@@ -60,6 +60,26 @@ std::string SocketText(const std::string& socket, const TransportFailure& failur
   }
 }
 
+// After the connection was made.
+std::string SocketReplyText(const TransportFailure& failure) {
+  switch (failure.curl_code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      return fmt::format(
+          "{}. vexad is there and does not answer: 'systemctl status vexad' and 'journalctl -u vexad' show what it "
+          "does, --timeout waits longer, and 'sudo systemctl restart vexad' starts it again",
+          failure.text);
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return fmt::format(
+          "{}. vexad has ended meanwhile: 'systemctl status vexad' shows whether it runs again, and "
+          "'journalctl -u vexad' why it ended",
+          failure.text);
+    default:
+      return failure.text;
+  }
+}
+
 std::string UrlPart(const std::string& url, CURLUPart part) {
   CURLU* const parsed = curl_url();
   char* text = nullptr;
@@ -143,7 +163,7 @@ Error TransportError(const HttpClientOptions& options, const TransportFailure& f
   return Error(ErrorCode::kUnavailable, fmt::format("No reply from {}", endpoint.Name()),
                is_socket_refused              ? SocketText(endpoint.unix_socket, failure)
                : endpoint.unix_socket.empty() ? ServerText(options, failure)
-                                              : failure.text);
+                                              : SocketReplyText(failure));
 }
 
 std::string NotVexaHint(const Endpoint& endpoint) {

@@ -172,7 +172,9 @@ void AddMissingReason(const ApiRow& row, const Call& call, const FailureFindings
              code == user_error::kNotPermittedByHost) {
     if (IsOfGuestThatIsOff(code, findings.hosts.last_code())) {
       SetReason(call, "The guest does not run.");
-      SetHint(call, HintFor(user_error::kNotRunning));
+      SetHint(call, code == user_error::kRebootFailed
+                        ? HintFor(user_error::kNotRunning)
+                        : "It is off already, so nothing has to be done; 'vexa guest start GUEST' starts it.");
     } else if (!findings.hosts.last_host().empty()) {
       SetReasonOfHosts(call, findings.hosts);
     }

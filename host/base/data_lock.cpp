@@ -17,7 +17,10 @@ constexpr std::chrono::milliseconds kRetryInterval{100};
 std::string PathIn(const std::string& data_directory) { return data_directory + "/vexad.lock"; }
 
 Error InUse(const std::string& data_directory) {
-  return Error(ErrorCode::kBusy, fmt::format("Another vexad uses the data folder '{}'", data_directory));
+  return Error(ErrorCode::kBusy,
+               fmt::format("Another vexad uses the data folder '{}'. Stop it ('systemctl stop vexad'), or "
+                           "choose another folder with --data",
+                           data_directory));
 }
 
 }  // namespace

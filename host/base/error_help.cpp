@@ -148,7 +148,9 @@ constexpr ErrorHelp kHelp[] = {
     {user_error::kBadNetworkSettings, "'vexa network list' shows the networks that interfaces can be in.",
      "An interface names a network that does not exist, an interface that the guest does not have, or a MAC address "
      "that cannot be used. The reason says which interface, and what is wrong."},
-    {user_error::kDiskNotEditable, "'vexa guest get GUEST' shows the guest's disks and their sizes.",
+    {user_error::kDiskNotEditable,
+     "'vexa guest get GUEST' shows the guest's disks and their sizes; a disk whose file is lost can be removed with "
+     "'vexa guest set GUEST --del-disk DISK'.",
      "The disk is not the guest's, cannot become smaller, or cannot be changed while the guest runs. The reason says "
      "which disk, and why."},
     {host_error::kTooOldToRemoveDisk, "Shut the guest down with 'vexa guest stop GUEST', and remove the disk then.",

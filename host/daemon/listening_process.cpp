@@ -1,10 +1,8 @@
 #include "host/daemon/listening_process.h"
 
 #include <fmt/format.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +10,8 @@
 #include <sstream>
 #include <system_error>
 #include <vector>
+
+#include "host/base/account_name.h"
 
 namespace vexa::daemon {
 namespace {
@@ -72,14 +72,6 @@ std::optional<ListeningProcess> FindTcpListenerIn(const char* table, std::uint16
 }
 
 }  // namespace
-
-std::string NameOfAccount(uid_t user) {
-  std::array<char, 16384> buffer{};
-  passwd entry{};
-  passwd* found = nullptr;
-  const bool is_known = ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-  return is_known ? entry.pw_name : fmt::format("#{}", user);
-}
 
 std::string ListeningProcess::Text() const {
   return pid == 0 ? fmt::format("a process of '{}'", NameOfAccount(user)) : fmt::format("process {} ({})", pid, name);

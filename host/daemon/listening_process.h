@@ -9,9 +9,6 @@
 
 namespace vexa::daemon {
 
-// The account's name, or "#" and its number.
-std::string NameOfAccount(uid_t user);
-
 struct ListeningProcess {
   pid_t pid = 0;     // 0: of another account, whose open files this one may not see
   std::string name;  // "" when the pid is unknown

@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "host/base/account_name.h"
 #include "host/base/data_folder.h"
 #include "host/base/data_lock.h"
 #include "host/base/descriptor.h"

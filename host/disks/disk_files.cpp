@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "host/base/access_error.h"
 #include "host/base/descriptor.h"
 #include "host/base/sanitize_for_log.h"
 
@@ -29,8 +30,8 @@ Error LookupError(const std::string& path, int error_number) {
     case ENAMETOOLONG:
       return Error(ErrorCode::kInvalid, "its name is too long");
     default:
-      return SystemError(ErrorCode::kInternal, fmt::format("Cannot open the folder of '{}'", SanitizePathForLog(path)),
-                         error_number);
+      return AccessError(ErrorCode::kInternal, fmt::format("Cannot open the folder of '{}'", SanitizePathForLog(path)),
+                         path, error_number);
   }
 }
 
@@ -46,7 +47,7 @@ Error FileError(fmt::format_string<const std::string&> sentence, const std::stri
     return Error(ErrorCode::kNotFound, fmt::format("The file '{}' does not exist", SanitizePathForLog(path)));
   const std::string displayed = SanitizePathForLog(path);
   const ErrorCode code = error_number == EEXIST ? ErrorCode::kConflict : ErrorCode::kInternal;
-  return SystemError(code, fmt::format(sentence, displayed), error_number);
+  return AccessError(code, fmt::format(sentence, displayed), path, error_number);
 }
 
 Error ExamineError(const std::string& path, int error_number) {

@@ -1,6 +1,9 @@
 #include "host/disks/image_records.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -42,6 +45,18 @@ std::string JoinPaths(const std::vector<std::string>& paths) {
   return joined;
 }
 
+// Why the file cannot be an image: a clause.
+std::string WhyNotAnImage(const std::vector<std::string>& roots, const std::string& path) {
+  struct stat info {};
+  if (FindRoot(NormalRoots(roots), path) && ::lstat(path.c_str(), &info) != 0 && errno == ENOENT) {
+    return "'" + SanitizePathForLog(path) +
+           "' does not exist on the host. Put it there, or send a file of yours with 'vexa image add NAME FILE "
+           "--upload'";
+  }
+  return "'" + SanitizePathForLog(path) + "' is not a regular file below " + JoinPaths(roots) +
+         " without '.', '..' and symbolic links";
+}
+
 // Why the image cannot be added while `other` exists; not set when it can.
 std::optional<Refusal> ConflictWith(const NamedRecord& other, const NewImage& image, const std::string& id) {
   if (other.id == id) return Refusal{kRecordExists, "There is an image '" + id + "' already"};
@@ -50,8 +65,8 @@ std::optional<Refusal> ConflictWith(const NamedRecord& other, const NewImage& im
     return Refusal{kRecordExists, "The image '" + displayed_id + "' has the name '" + image.name + "'"};
   }
   if (json::StringMember(other.record, records::kImagePath) == image.path) {
-    return Refusal{kRecordExists,
-                   "The image '" + displayed_id + "' is the file '" + SanitizePathForLog(image.path) + "' already"};
+    return Refusal{kRecordExists, "The file '" + SanitizePathForLog(image.path) + "' is the image '" +
+                                      SanitizeForLog(other.name, kMaxDisplayedName) + "' already"};
   }
   return std::nullopt;
 }
@@ -187,8 +202,7 @@ Result<void, Refusal> AddImage(store::Store& store, const std::vector<std::strin
                                std::string& id) {
   const records::RequestPause pause;  // the file system may be slow
   if (!IsRegularFileBelow(roots, image.path)) {
-    return Refusal{kNotAnImage, "'" + SanitizePathForLog(image.path) + "' is not a regular file below " +
-                                    JoinPaths(roots) + " without '.', '..' and symbolic links"};
+    return Refusal{kNotAnImage, WhyNotAnImage(roots, image.path)};
   }
   id = NormalizeUuid(image.id);
   if (id.empty()) {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/base/access_error.h"
 #include "host/base/qcow2_header.h"
 #include "host/base/rooted_file.h"
 #include "host/base/sanitize_for_log.h"
@@ -37,8 +38,8 @@ Error CannotOpen(const DomainImage& image, int error_number) {
     case EXDEV:
       return Unusable(image, ErrorCode::kInvalid, "is reached through a symbolic link. Name the file itself");
     default:
-      return SystemError(error_number == EACCES || error_number == EPERM ? ErrorCode::kDenied : ErrorCode::kInternal,
-                         Unusable(image, ErrorCode::kInternal, "cannot be opened").message(), error_number);
+      return AccessError(error_number == EACCES || error_number == EPERM ? ErrorCode::kDenied : ErrorCode::kInternal,
+                         Unusable(image, ErrorCode::kInternal, "cannot be opened").message(), image.path, error_number);
   }
 }
 

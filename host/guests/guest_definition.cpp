@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <utility>
@@ -29,6 +30,15 @@ namespace {
 
 using hypervisor::FailureKind;
 using hypervisor::Owner;
+
+// Once: emulated guests work, and those who wonder why they are slow look here.
+void WarnOfEmulation() {
+  static std::atomic_flag has_warned;
+  if (has_warned.test_and_set()) return;
+  ::syslog(LOG_WARNING,
+           "KVM does not work on this machine, so its guests are emulated, many times slower. 'sudo vexa setup' shows "
+           "what is missing.");
+}
 
 std::string FolderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
@@ -151,6 +161,8 @@ Result<std::string> LibvirtGuestControl::DomainXml(const records::Guest& guest, 
   build.max_cpu_weight = hypervisor_->MaxCpuWeight();
   build.keymaps = Keymaps();
   build.domain_type = hypervisor_->DomainType();
+  // Without a connection, the type is not known.
+  if (build.domain_type == "qemu" && hypervisor_->IsConnected()) WarnOfEmulation();
   build.cpu_shares = hypervisor_->CpuSharesSupport();
   build.pinned_cpus = run.pinned_cpus;
   for (const auto& [nic, function] : run.virtual_functions) build.virtual_functions.emplace(nic, function.address);

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <utility>
 
+#include "host/base/access_error.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/disks/disk_files.h"
 #include "json/readers.h"
@@ -108,8 +109,8 @@ FolderState FailedState(const std::string& folder, int error_number) {
   if (error_number == ENOTDIR || error_number == ELOOP) {
     return {Existence::kUnknown, "", fmt::format("{} is not a folder", displayed), error_number};
   }
-  const Error error =
-      SystemError(ErrorCode::kInternal, fmt::format("the folder {} cannot be examined", displayed), error_number);
+  const Error error = AccessError(ErrorCode::kInternal, fmt::format("the folder {} cannot be examined", displayed),
+                                  folder, error_number);
   return {Existence::kUnknown, "", error.ToString(), error_number};
 }
 

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 
+#include "host/base/access_error.h"
 #include "host/base/descriptor.h"
 #include "host/base/files.h"
 #include "host/base/sanitize_for_log.h"
@@ -49,7 +50,7 @@ Result<FolderChain> KnownChain(const store::Store& store, const std::string& hos
 }
 
 Error CannotMake(const std::string& path, int error_number) {
-  return SystemError(ErrorCode::kUnavailable, fmt::format("The folder {} cannot be made", QuotedPath(path)),
+  return AccessError(ErrorCode::kUnavailable, fmt::format("The folder {} cannot be made", QuotedPath(path)), path,
                      error_number);
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "host/base/access_error.h"
 #include "host/base/sanitize_for_log.h"
 
 namespace vexa::storage {
@@ -21,10 +22,10 @@ std::string Quoted(const std::string& text) { return "'" + SanitizeForLog(text, 
 
 Refusal FileFailed(const Upload& upload, const char* what, int error_number) {
   const bool is_full = error_number == ENOSPC || error_number == EDQUOT;
-  const Error error = SystemError(
+  const Error error = AccessError(
       ErrorCode::kInternal,
       fmt::format("The upload of the image {} cannot be {} in {}", Quoted(upload.name), what, QuotedPath(upload.root)),
-      error_number);
+      upload.root + "/" + upload.PartialName(), error_number);
   return {is_full ? user_error::kNoRoom : user_error::kUnavailable, error.ToString()};
 }
 

@@ -78,6 +78,9 @@ TEST_F(Command, Usage_Invalid_ReportsTheErrorTheNearestWordAndTheHelpCommand) {
       {{"--sockt=/x", "health"},
        "There is no option '--sockt' of 'vexa health'; did you mean '--socket'?\n"
        "'vexa health --help' lists the options.\n"},
+      // None of three letters is like another one of three.
+      {{"network", "remove", "lan", "--yes"},
+       "There is no option '--yes' of 'vexa network remove'\n'vexa network remove --help' lists the options.\n"},
       // The unknown option is named rather than the one that is missing because of it.
       {{"host", "forget", "--machine-of"},
        "There is no option '--machine-of' of 'vexa host forget'; did you mean '--machine-is-off'?\n"

@@ -296,7 +296,7 @@ TEST_F(EditOnDaemon, ImageAdd_Invalid_IsRefusedWithReason) {
   fs::create_directory_symlink(fs::path(outside).parent_path(), root + "/folder");
   ASSERT_EQ(::mkfifo((root + "/fifo.iso").c_str(), 0600), 0);
   for (const std::string& path : {outside, root + "/link.iso", root + "/folder/outside.iso", root + "/deep", root,
-                                  root + "/none.iso", root + "/fifo.iso", root + "/deep/../a.iso", root + "/./a.iso"}) {
+                                  root + "/fifo.iso", root + "/deep/../a.iso", root + "/./a.iso"}) {
     const auto result = Image({"add", "x", path});
     EXPECT_EQ(result.exit_code, 1) << path;
     EXPECT_THAT(result.output, IsEmpty());
@@ -315,7 +315,7 @@ TEST_F(EditOnDaemon, ImageAdd_Existing_IsRefused) {
   const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
       {"b", other, id, "There is an image '" + id + "' already"},
       {"a", other, kUnknownId, "The image '" + id + "' has the name 'a'"},
-      {"b", file, kUnknownId, "The image '" + id + "' is the file '" + file + "' already"},
+      {"b", file, kUnknownId, "The file '" + file + "' is the image 'a' already"},
   };
   for (const auto& [name, path, new_id, expected] : rows) {
     const auto result = Image({"add", name, path, "--id", new_id});

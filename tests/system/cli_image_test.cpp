@@ -111,7 +111,9 @@ TEST_F(ImageCommand, Remove_UnknownAndAmbiguousNames_SendNothing) {
   EXPECT_EQ(unknown.errors, "vexa: There is no image called 'nobody'; see 'vexa image list'\n");
   const auto twin = RunOn(host, {"image", "remove", "twin"});
   EXPECT_EQ(twin.exit_code, 1);
-  EXPECT_EQ(twin.errors, "vexa: Several images are called 'twin'. Use one of the ids i3, i4\n");
+  EXPECT_EQ(twin.errors,
+            "vexa: Several images are called 'twin'. Use one of the ids i3, i4; 'vexa image list --ids' shows which is "
+            "which\n");
   EXPECT_EQ(host.Count("remove"), 0);
 }
 
@@ -258,6 +260,8 @@ TEST_F(ImageCommand, Uploads_ListAndCancel_UseNames) {
   });
   EXPECT_EQ(RunOn(host, {"image", "cancel-upload", "a"}).output, "Cancelled the upload 'a'.\n");
   EXPECT_THAT(host.calls(), ElementsAre("upload_list {}", R"(upload_cancel {"upload_id":"u1"})"));
+  EXPECT_EQ(RunOn(host, {"image", "cancel-upload", "nobody"}).errors,
+            "vexa: There is no upload called 'nobody'; see 'vexa image uploads'\n");
   EXPECT_EQ(RunOn(host, {"image", "uploads"}).output,
             "NAME   HOST  USER   RECEIVED  BYTES\n"
             "a      h1    alice  4         9\n"
@@ -309,7 +313,8 @@ TEST_F(ImageCommand, RepositoryAcceptAndRemove_Name_SendItsId) {
   EXPECT_THAT(host.calls(), ElementsAre("list {}", R"(accept {"repository_id":"r1"})", "list {}",
                                         R"(remove {"repository_id":"r1"})"));
   EXPECT_EQ(RunOn(host, {"repository", "accept", "twin"}).errors,
-            "vexa: Several repositories are called 'twin'. Use one of the ids r3, r4\n");
+            "vexa: Several repositories are called 'twin'. Use one of the ids r3, r4; 'vexa repository list --ids' "
+            "shows which is which\n");
   EXPECT_EQ(RunOn(host, {"repository", "accept", "poo"}).errors,
             "vexa: There is no repository called 'poo'; did you mean 'pool-1'? See 'vexa repository list'\n");
 }

@@ -116,7 +116,8 @@ TEST_F(NetworkCommand, Remove_ByName_SendsTheId) {
   EXPECT_EQ(RunOn(host, {"network", "remove", "lan"}).output, "Removed the network 'lan'\n");
   EXPECT_EQ(host.calls().back(), R"(remove {"network_id":"n1"})");
   EXPECT_EQ(RunOn(host, {"network", "remove", "twin"}).errors,
-            "vexa: Several networks are called 'twin'. Use one of the ids n4, n5\n");
+            "vexa: Several networks are called 'twin'. Use one of the ids n4, n5; 'vexa network list --ids' shows "
+            "which is which\n");
   EXPECT_EQ(RunOn(host, {"network", "remove", ""}).exit_code, 2);
 }
 

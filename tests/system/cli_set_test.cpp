@@ -253,7 +253,9 @@ TEST_F(GuestSet, Set_UnknownOrAmbiguousNetwork_IsNotSent) {
   EXPECT_EQ(unknown.errors, "vexa: There is no network called 'office'; see 'vexa network list'\n");
   const auto several = RunOn(host, {"web-1", "--add-nic", "net=dup"});
   EXPECT_EQ(several.exit_code, 1);
-  EXPECT_EQ(several.errors, "vexa: Several networks are called 'dup'. Use one of the ids n2, n3\n");
+  EXPECT_EQ(several.errors,
+            "vexa: Several networks are called 'dup'. Use one of the ids n2, n3; 'vexa network list --ids' shows which "
+            "is which\n");
   EXPECT_EQ(host.Count("set"), 0);
 }
 
@@ -324,7 +326,9 @@ TEST_F(GuestSet, Set_UnknownOrAmbiguousNames_SendNothing) {
   const ApiHost host(SucceedAlways());
   const auto several = RunOn(host, {"twin", "vcpu_num=1"});
   EXPECT_EQ(several.exit_code, 1);
-  EXPECT_EQ(several.errors, "vexa: Several guests are called 'twin'. Use one of the ids g2, g3\n");
+  EXPECT_EQ(several.errors,
+            "vexa: Several guests are called 'twin'. Use one of the ids g2, g3; 'vexa guest list --ids' shows which is "
+            "which\n");
   const auto unlisted = RunOn(host, {"web-9", "vcpu_num=1"});
   EXPECT_EQ(unlisted.exit_code, 1);
   EXPECT_EQ(unlisted.errors, "vexa: There is no guest called 'web-9'; did you mean 'web-1'? See 'vexa guest list'\n");

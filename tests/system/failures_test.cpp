@@ -65,7 +65,7 @@ TEST_F(Failures, OfGuests_AreExplained) {
        {"guest", "stop", "off"},
        "vexa: off: The guest could not be shut down \\(903\\)\\.\n"
        "  Reason: The guest does not run\\.\n"
-       "  Hint: Start the guest with 'vexa guest start GUEST'\\.\n"},
+       "  Hint: It is off already, so nothing has to be done; 'vexa guest start GUEST' starts it\\.\n"},
       {"guest runs already",
        {"guest", "start", "running"},
        "vexa: running: The guest is running already \\(939\\)\\.\n"
@@ -122,7 +122,9 @@ TEST_F(Failures, OfGuests_AreExplained) {
        "vexa: without-file: The guest could not be edited because one of its virtual disks cannot be edited "
        "\\(920\\)\\.\n"
        "  Reason: The file '/[^']+\\.qcow2' does not exist\\.\n"
-       "  Hint: 'vexa guest get GUEST' shows the guest's disks and their sizes\\.\n"},
+       "  Hint: 'vexa guest get GUEST' shows the guest's disks and their sizes; a disk whose file is lost can be "
+       "removed "
+       "with 'vexa guest set GUEST --del-disk DISK'\\.\n"},
       {"guest that no host can start",
        {"guest", "start", "db"},
        "vexa: db: No host could be chosen for the guest \\(932\\)\\.\n"
@@ -146,6 +148,8 @@ TEST_F(Failures, OfGuests_AreExplained) {
        "  Hint: GET /openapi.json lists the methods of this host\\.\n"},
   };
   for (const FailureRow& row : rows) ExpectFailure(row);
+  // What the hint for the lost file says works.
+  EXPECT_EQ(RunOn({"guest", "set", "without-file", "--del-disk", disk}).exit_code, 0);
 }
 
 TEST_F(Failures, OfBusyGuest_IsExplained) {
@@ -161,6 +165,76 @@ TEST_F(Failures, OfBusyGuest_IsExplained) {
        "  Hint: Wait for the other operation, and try again; 'vexa guest status GUEST' shows its progress\\.\n"});
 }
 
+// As other programs, or two clusters that became one, leave it.
+TEST_F(Failures, OfTwoNamesAlike_AreExplained) {
+  MakeGuest("twin");
+  MakeGuest("other");
+  const std::string twin = IdOf("twin");
+  const std::string other = IdOf("other");
+  Json::Value renamed = RecordOf(*store_, "guest", other);
+  renamed["name"] = "twin";
+  PutRecord(*store_, KeyOf("guest", other), renamed);
+  PutRecord(*store_, KeyOf("network", kUnknownId), Parsed(R"({"name":"office","bridge_name":"br3"})"));
+  for (const char* const id : {kNoSuchGuest, kUnknownId}) {
+    PutRecord(*store_, KeyOf("host", id), Parsed(R"({"name":"nas"})"));
+  }
+  const std::string id = "[0-9a-f-]+";
+  const std::vector<FailureRow> rows{
+      {"two guests",
+       {"guest", "start", "twin"},
+       "vexa: Several guests are called 'twin'\\. Use one of the ids (" + twin + ", " + other + "|" + other + ", " +
+           twin + "); 'vexa guest list --ids' shows which is which\n"},
+      {"two networks",
+       {"network", "remove", "office"},
+       "vexa: Several networks are called 'office'\\. Use one of the ids " + id + ", " + id +
+           "; 'vexa network list --ids' shows which is which\n"},
+      {"two hosts",
+       {"host", "show", "nas"},
+       "vexa: Several hosts are called 'nas'\\. Use one of the ids " + id + ", " + id +
+           "; 'vexa host list --ids' shows which is which\n"},
+  };
+  for (const FailureRow& row : rows) ExpectFailure(row);
+  // What they say works.
+  EXPECT_THAT(RunOn({"guest", "list", "--ids"}).output, AllOf(HasSubstr(twin), HasSubstr(other)));
+}
+
+TEST_F(Failures, OfTypos_AreExplained) {
+  MakeGuest("web-1");
+  const auto expect_usage = [this](const std::vector<std::string>& words, const std::string& expected) {
+    const auto result = RunOn(words);
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, expected);
+  };
+  expect_usage(
+      {"gest", "list"},
+      "vexa: There is no command 'vexa gest'; did you mean 'vexa guest'?\n'vexa --help' lists the commands.\n");
+  expect_usage({"guest", "strat", "web-1"},
+               "vexa: There is no command 'vexa guest strat'; did you mean 'vexa guest start'?\n"
+               "'vexa guest --help' lists the commands.\n");
+  expect_usage({"start", "web-1"},
+               "vexa: There is no command 'vexa start'; did you mean 'vexa guest start'?\n"
+               "'vexa --help' lists the commands.\n");
+  expect_usage({"guest", "list", "--jsn"},
+               "vexa: There is no option '--jsn' of 'vexa guest list'; did you mean '--json'?\n"
+               "'vexa guest list --help' lists the options.\n");
+  const auto setting = RunOn({"guest", "set", "web-1", "vcpus=2"});
+  EXPECT_EQ(setting.exit_code, 2);
+  EXPECT_THAT(setting.errors, MatchesRegex("vexa: There is no setting 'vcpus'; did you mean 'vcpu_num'\\? The settings "
+                                           "are name, desc, vcpu_num, [a-z_, ]+\n"));
+  const std::vector<FailureRow> rows{
+      {"typo in a name",
+       {"guest", "start", "wep-1"},
+       "vexa: There is no guest called 'wep-1'; did you mean 'web-1'\\? See 'vexa guest list'\n"},
+      {"typo in a parameter",
+       {"call", "VEXA.Virtualization.Guest", "set", R"({"guest_id":")" + IdOf("web-1") + R"(","vcpus":2})"},
+       "vexa: A parameter is missing or not valid \\(401\\)\\.\n"
+       "  Reason: There is no parameter 'vcpus'; did you mean 'vcpu_num'\\?\n"
+       "  Hint: 'vexa COMMAND --help' lists what it takes; for the API, GET /openapi\\.json does\\.\n"},
+  };
+  for (const FailureRow& row : rows) ExpectFailure(row);
+}
+
 TEST_F(Failures, OfFilesAndNetworks_AreExplained) {
   MakeGuest("off");
   std::ofstream(ImageFolder() + "/a.iso") << "twelve bytes";
@@ -170,13 +244,14 @@ TEST_F(Failures, OfFilesAndNetworks_AreExplained) {
       {"missing image file",
        {"image", "add", "two", ImageFolder() + "/none.iso"},
        "vexa: The path of an ISO image does not lead to an image that can be used \\(934\\)\\.\n"
-       "  Reason: '/[^']+/none\\.iso' is not a regular file below '/[^']+/images' without '\\.', '\\.\\.' and symbolic "
-       "links\\.\n"
+       "  Reason: '/[^']+/none\\.iso' does not exist on the host\\. Put it there, or send a file of yours with 'vexa "
+       "image "
+       "add NAME FILE --upload'\\.\n"
        "  Hint: 'vexa image list' shows the images; 'vexa image add' adds one\\.\n"},
       {"file in use",
        {"image", "add", "two", ImageFolder() + "/a.iso"},
        "vexa: The name, the id or the file is already in use \\(990\\)\\.\n"
-       "  Reason: The image '[0-9a-f-]+' is the file '/[^']+/a\\.iso' already\\.\n"
+       "  Reason: The file '/[^']+/a\\.iso' is the image 'one' already\\.\n"
        "  Hint: Choose another one, or rename or remove what the reason names\\.\n"},
       {"image in use",
        {"image", "remove", "one"},
@@ -270,6 +345,39 @@ TEST_F(Failures, OfUsersWithoutRights_AreExplainedWithoutSecrets) {
        "  Hint: An administrator can make a user advanced with 'vexa user advanced USER'\\.\n"},
   };
   for (const FailureRow& row : rows) ExpectFailure(row);
+}
+
+// One rule for all methods that a guest's host acts for: what it says goes to administrators, and others read what the
+// code means.
+TEST_F(Failures, OfActionsOfTheHost_AreExplainedToAdministratorsOnly) {
+  MakeGuest("web-1", {"--start"});
+  const std::string id = IdOf("web-1");
+  CallAsAdministrator("VEXA.Core.Account/grant", R"({"kind":"user","name":"mallory","guests":[")" + id + "\"]}");
+  const auto failure_of = [&](const char* user, const std::string& method) {
+    const bool is_power = method == "poweron";
+    const std::string path =
+        is_power ? "VEXA.Virtualization.Guest.Action/pwr_ctl" : "VEXA.Virtualization.Guest/" + method;
+    const std::string more = is_power ? R"(,"action":"poweron"})" : "}";
+    const std::string reply =
+        daemon_->TcpAs(user).PostJson("/webapi/" + path, R"({"guest_id":")" + id + "\"" + more).body;
+    const Json::Value error = Parsed(reply)["error"];
+    return std::to_string(error["code"].asInt()) + ": " + error["reason"].asString();
+  };
+  ASSERT_EQ(RunOn({"guest", "save", "web-1"}).exit_code, 0);
+  for (const char* const method : {"suspend", "save"}) {
+    EXPECT_EQ(failure_of("admin", method), "911: The guest does not run");
+    EXPECT_EQ(failure_of("mallory", method), "911: The guest does not run, or has no saved memory.");
+  }
+  Json::Value record = RecordOf(*store_, "guest", id);
+  record["vram_size"] = 2097151;
+  PutRecord(*store_, KeyOf("guest", id), record);
+  for (const char* const method : {"restore", "poweron"}) {
+    EXPECT_THAT(failure_of("admin", method),
+                MatchesRegex("928: The guest needs 2097151 MiB of memory, and [0-9]+ MiB are free\\."));
+    EXPECT_EQ(failure_of("mallory", method),
+              "928: The host does not have enough free memory for the guest. Administrators can read what the host "
+              "found: ask one of them, and name the request's id.");
+  }
 }
 
 TEST_F(Failures, OfLogins_AreExplained) {

@@ -1,8 +1,9 @@
-// docs/tutorial.md as its readers follow it: each command in a shell on a terminal, with a host as `./dev run --guests`
-// starts it, a libvirtd as Debian configures it, and real guests.
+// docs/tutorial.md and docs/console.md as their readers follow them: each command in a shell on a terminal, with a host
+// as `./dev run --guests` starts it, a libvirtd as Debian configures it, and real guests.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -23,6 +24,7 @@ using testing::HasSubstr;
 using testing::SizeIs;
 
 constexpr char kPage[] = VEXA_SOURCE_DIR "/docs/tutorial.md";
+constexpr char kPageOfConsoles[] = VEXA_SOURCE_DIR "/docs/console.md";
 constexpr char kInstaller[] = VEXA_SOURCE_DIR "/build/test-guest/install.iso";
 constexpr auto kPatience = 300s;  // for a guest that boots under emulation on a busy machine
 
@@ -90,6 +92,7 @@ class DebianLibvirtd {
     std::ofstream("/etc/libvirt/qemu.conf")
         << "stdio_handler = \"file\"\nsecurity_driver = \"none\"\nnamespaces = []\ncgroup_controllers = []\n";
     std::ofstream("/etc/libvirt/libvirtd.conf") << "auth_unix_rw = \"none\"\nauth_unix_ro = \"none\"\n";
+    std::filesystem::remove("/run/libvirt/libvirt-sock");  // of the test before
     program_ = std::make_unique<Process>(ProcessOptions{.argv = {"/usr/sbin/libvirtd"}});
     EXPECT_TRUE(Await([] { return FileExists("/run/libvirt/libvirt-sock"); }, kPatience)) << Log();
   }
@@ -142,6 +145,36 @@ TEST_F(Tutorial, Commands_OfTheTutorial_PrintTheDocumentedOutput) {
   // Each one builds on the ones before.
   const PageShell shell({}, folder_.path(), kPatience);
   for (const TutorialStep& step : steps) ASSERT_EQ(shell.Run(step), "");
+}
+
+// In place of a window: a viewer that reads the first line of the screen's protocol, and ends.
+void MakeViewer(const TempDir& folder) {
+  std::filesystem::create_directory(folder.File("bin"));
+  const std::string viewer = folder.File("bin/remote-viewer");
+  std::ofstream(viewer) << "#!/bin/bash\naddress=${1#vnc://}\nexec 3<>\"/dev/tcp/${address%:*}/${address#*:}\"\n"
+                        << "read -r -u 3 line\necho \"$line\" >'" << folder.File("greeting") << "'\n";
+  std::filesystem::permissions(viewer, std::filesystem::perms(0755));
+  ::setenv("PATH", (folder.File("bin") + ":" + std::getenv("PATH")).c_str(), 1);
+}
+
+TEST_F(Tutorial, Commands_OfThePageOfConsoles_PrintTheDocumentedOutput) {
+  const std::vector<TutorialStep> steps = ReadTutorial(Content(kPageOfConsoles));
+  ASSERT_GT(steps.size(), 3U) << "The steps of docs/console.md cannot be read";
+  MakeViewer(folder_);
+  const PageShell shell({}, folder_.path(), kPatience);
+  // The guest and the user that the page takes for granted.
+  const std::vector<std::string> before{"…"};
+  ASSERT_EQ(shell.Run({0, ". run/guests/env; vexa repository add pool\n", before}), "");
+  ASSERT_EQ(shell.Run({0, "echo 'correct horse' | vexa user add alice --password-stdin\n", before}), "");
+  ASSERT_EQ(shell.Run({0, "vexa image add system build/test-guest/guest.iso --upload\n", before}), "");
+  ASSERT_EQ(shell.Run({0, "vexa guest create web-1 --memory 256MiB --net none --iso system --start\n", before}), "");
+  ASSERT_EQ(shell.Run({0, "until vexa guest info web-1 | grep 'Agent *yes'; do sleep 1; done\n", before}), "");
+  for (const TutorialStep& step : steps) ASSERT_EQ(shell.Run(step), "");
+  EXPECT_THAT(Content(folder_.File("greeting")), testing::StartsWith("RFB "));
+  // /dev/kvm is hidden from these tests.
+  EXPECT_THAT(Content(folder_.File("run/guests/vexad.log")),
+              HasSubstr("KVM does not work on this machine, so its guests are emulated, many times slower. 'sudo vexa "
+                        "setup' shows what is missing."));
 }
 
 }  // namespace

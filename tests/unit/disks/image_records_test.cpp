@@ -111,10 +111,14 @@ TEST_F(ImageRecords, Add_PathIsNotFileBelowFolder_IsRefused) {
   std::filesystem::create_directory_symlink(std::filesystem::path(outside).parent_path(), Root() + "/folder");
   ASSERT_EQ(::mkfifo((Root() + "/fifo.iso").c_str(), 0600), 0);
   for (const std::string& path : {outside, Root() + "/link.iso", Root() + "/folder/outside.iso", Root() + "/deep",
-                                  Root(), Root() + "/none.iso", Root() + "/fifo.iso", Root() + "/deep/../a.iso"}) {
+                                  Root(), Root() + "/fifo.iso", Root() + "/deep/../a.iso", outside + "/none.iso"}) {
     ExpectRefused([&] { return Add("x", path); }, kNotAnImage,
                   "'" + path + "' is not a regular file below '" + Root() + "' without '.', '..' and symbolic links");
   }
+  ExpectRefused([&] { return Add("x", Root() + "/none.iso"); }, kNotAnImage,
+                "'" + Root() +
+                    "/none.iso' does not exist on the host. Put it there, or send a file of yours with 'vexa "
+                    "image add NAME FILE --upload'");
 }
 
 TEST_F(ImageRecords, Add_Existing_IsRefused) {
@@ -124,7 +128,7 @@ TEST_F(ImageRecords, Add_Existing_IsRefused) {
   const std::string id = kId;
   ExpectAddRefused("b", other, kId, "There is an image '" + id + "' already");
   ExpectAddRefused("a", other, "", "The image '" + id + "' has the name 'a'");
-  ExpectAddRefused("b", file, "", "The image '" + id + "' is the file '" + file + "' already");
+  ExpectAddRefused("b", file, "", "The file '" + file + "' is the image 'a' already");
   ExpectAdded("A", other);
 }
 

@@ -1,0 +1,57 @@
+#include "host/base/access_error.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "host/base/account_name.h"
+#include "host/base/sanitize_for_log.h"
+
+namespace vexa {
+namespace {
+
+bool Permits(const std::string& path, int rights) {
+  return ::faccessat(AT_FDCWD, path.c_str(), rights, AT_EACCESS) == 0 || errno != EACCES;
+}
+
+// "the folder '/a' belongs to 'root' and has mode 0700, so 'vexa' cannot use it"
+std::string Describe(const char* kind, const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return "";
+  return fmt::format("the {} '{}' belongs to '{}' and has mode {:04o}, so '{}' cannot use it", kind,
+                     SanitizePathForLog(path), NameOfAccount(info.st_uid), info.st_mode & 07777U,
+                     NameOfAccount(::geteuid()));
+}
+
+std::string WhatIsMissing(const std::string& path) {
+  const std::size_t last = path.rfind('/');
+  if (last == std::string::npos || last == 0) return "";
+  for (std::size_t end = path.find('/', 1); end < last; end = path.find('/', end + 1)) {
+    const std::string above = path.substr(0, end);
+    if (Permits(above, X_OK)) continue;
+    return fmt::format("{}. Run: chmod o+x '{}'", Describe("folder", above), SanitizePathForLog(above));
+  }
+  const std::string folder = path.substr(0, last);
+  if (!Permits(folder, W_OK | X_OK)) {
+    return fmt::format("{}. Run: chown {}: '{}'", Describe("folder", folder), NameOfAccount(::geteuid()),
+                       SanitizePathForLog(folder));
+  }
+  // Its owner may be right: libvirt gives a guest's disks to QEMU while it runs.
+  return Permits(path, R_OK | W_OK) ? "" : Describe("file", path);
+}
+
+}  // namespace
+
+Error AccessError(ErrorCode code, std::string message, const std::string& path, int error_number) {
+  const bool lacks_right = error_number == EACCES || error_number == EPERM;
+  const std::string missing = lacks_right ? WhatIsMissing(path) : "";
+  if (missing.empty()) return SystemError(code, std::move(message), error_number);
+  return Error(code, std::move(message), fmt::format("{}; {}", std::generic_category().message(error_number), missing));
+}
+
+}  // namespace vexa
