@@ -71,8 +71,6 @@ Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& ki
 
 ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id) {
   if (!IsIdOrName(kind, id_or_name)) return ExitCode::kUsage;
-  id = id_or_name;
-  if (HasUuidForm(id_or_name)) return ExitCode::kOk;
   const CallOutcome listed = ListObjects(client, kind);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   const Result<std::string> found = FindByIdOrName(Member(listed.data, kind.plural), kind, id_or_name);
@@ -101,7 +99,8 @@ CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const
                       const std::string& id_or_name, std::string& id) {
   return CallWithClient(global, [&](HttpClient& client) {
     CallOutcome outcome;
-    outcome.exit_code = FindId(client, kind, id_or_name, id);
+    id = id_or_name;
+    if (!HasUuidForm(id_or_name)) outcome.exit_code = FindId(client, kind, id_or_name, id);
     if (outcome.exit_code != ExitCode::kOk) return outcome;
     outcome = TryApi(client, path, ParameterJson(kind.id, id));
     // A name may look like an id.

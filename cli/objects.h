@@ -37,11 +37,11 @@ CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind);
 // unchanged, because the server reports the reason. kNotFound; kConflict, with the ids, when several have the name.
 Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name);
 
-// Writes the id of the object with this id or name to `id`. A UUID is an id; the server is asked only for a name.
+// Writes the id of the object with this id, otherwise with this name, to `id`, as FindByIdOrName finds it.
 ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id);
 
-// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is an id; the
-// server is asked only for a name.
+// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is taken for
+// an id first; the server is asked for names only when it refuses that.
 CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                       const std::string& id_or_name, std::string& id);
 

@@ -15,7 +15,7 @@ const std::string kRepositories = R"({"repositories":[
   {"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_online",
    "space":{"total":1073741824,"used":536870912,"free":536870912}},
   {"repository_id":"r2","name":"p\u001b[2J","host_id":"h2","state":"repo_full","storage":{"reason":"why"}},
-  {"repository_id":"r3","name":"twin"},{"repository_id":"r4","name":"twin"}]})";
+  {"repository_id":"r3","name":"twin"},{"repository_id":"r4","name":"twin"}],"hosts":[]})";
 
 class ImageCommand : public CliTest {
  protected:
@@ -163,7 +163,7 @@ TEST_F(ImageCommand, RepositoryAdd_SendsArgumentsAndPrintsId) {
   EXPECT_EQ(RunOn(host, {"repository", "add", "pool"}).output, "r9\n");
   const std::string id = kUuid;
   EXPECT_THAT(host.calls(),
-              ElementsAre(R"(add {"host_id":")" + id + R"(","name":"pool 9","repository_id":")" + id + "\"}",
+              ElementsAre("list {}", R"(add {"host_id":")" + id + R"(","name":"pool 9","repository_id":")" + id + "\"}",
                           R"(add {"name":"pool"})"));
 }
 
