@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <iostream>
 #include <vector>
@@ -62,8 +61,11 @@ CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind) {
 }
 
 Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name) {
-  const auto has_id = [&](const Json::Value& element) { return Text(Member(element, kind.id)) == id_or_name; };
-  if (std::any_of(list.begin(), list.end(), has_id)) return id_or_name;
+  const std::string uuid = NormalizeUuid(id_or_name);
+  for (const Json::Value& element : list) {
+    const std::string id = Text(Member(element, kind.id));
+    if (id == id_or_name || (!uuid.empty() && NormalizeUuid(id) == uuid)) return id;
+  }
   Result<std::string> found = FindByName(list, kind, id_or_name);
   if (!found && found.error().code() == ErrorCode::kNotFound && HasUuidForm(id_or_name)) return id_or_name;
   return found;

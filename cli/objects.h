@@ -33,8 +33,9 @@ inline constexpr ObjectKind kUploads{"upload", "uploads", kUploadList, "upload_i
 CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind);
 CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind);
 
-// The id of the one object in `list` with this id, otherwise with this name. A UUID that is not in the list is returned
-// unchanged, because the server reports the reason. kNotFound; kConflict, with the ids, when several have the name.
+// The id of the one object in `list` with this id, in any case of its letters, otherwise with this name. A UUID that is
+// not in the list is returned unchanged, because the server reports the reason. kNotFound; kConflict, with the ids,
+// when several have the name.
 Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name);
 
 // Writes the id of the object with this id, otherwise with this name, to `id`, as FindByIdOrName finds it.

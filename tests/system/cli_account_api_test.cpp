@@ -261,7 +261,7 @@ TEST_F(AccountCommands, GuestGrants_GuestName_IsResolved) {
     return ApiHost::Success(R"({"principals":[{"kind":"group","name":"staff","id":7,"level":"user","console":true}],
                                 "damaged":["users-8"]})");
   });
-  EXPECT_EQ(RunOn(host, {"guest", "grants", kFirst}).exit_code, 0);
+  EXPECT_EQ(RunOn(host, {"guest", "grants", "6F1C2A0E-4a57-4F0C-8B2E-0D9B1F6F3C55"}).exit_code, 0);
   const auto result = RunOn(host, {"guest", "grants", "web-1"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output, AllOf(StartsWith("KIND "), HasSubstr("group  staff  7   user   true\n")));
