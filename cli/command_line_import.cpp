@@ -13,7 +13,7 @@ namespace {
 constexpr const char* kFooter = R"(
 Examples:
   virsh dumpxml web-1 > web-1.xml && vexa import web-1.xml --disk-size vda=20
-  vexa import --all qemu:///system --dry-run
+  vexa import --all qemu:///system --repository pool --network br0=lan --dry-run
   vexa import --manifest examples/cluster.json
 
 Each guest is imported completely or not at all; one that cannot be imported does not prevent the others. Files, images
@@ -43,15 +43,19 @@ void AddImportOptions(const Command& import, RawImportArguments& arguments) {
       .AddOption("--disk-size", arguments.disk_sizes, "The size of a disk whose image cannot be read; may be repeated")
       .Placeholder("NAME=GiB")
       .TakesOneValue();
-  import.AddOption("--network", arguments.networks, "The id of a network or bridge; may be repeated")
-      .Placeholder("NAME=UUID")
+  import
+      .AddOption("--network", arguments.networks,
+                 "The network, by id or name, for a network or bridge of the definition; may be repeated")
+      .Placeholder("NAME=NETWORK")
       .TakesOneValue();
   import
-      .AddOption("--repository-id", arguments.repository_id,
-                 "The repository of the guests (default: the only one of their host)")
-      .Placeholder("UUID");
-  import.AddOption("--host-id", arguments.host_id, "The host of the guests (default: the one that is asked)")
-      .Placeholder("UUID");
+      .AddOption("--repository,--repository-id", arguments.repository,
+                 "The repository of the guests, by id or name (default: the only one of their host)")
+      .Placeholder("REPOSITORY");
+  import
+      .AddOption("--host,--host-id", arguments.host,
+                 "The host of the guests, by id or name (default: the one that is asked)")
+      .Placeholder("HOST");
 }
 
 void AddImportCommand(const Command& app) {

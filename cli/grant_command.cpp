@@ -38,13 +38,9 @@ Result<Json::Value> ParametersOf(const GrantTarget& target) {
   return parameters;
 }
 
-// The ids of guests that are named by id or name; the server is only asked for names. Failures are printed.
+// The ids of guests that are named by id or name. Failures are printed.
 ExitCode FindGuestIds(const GlobalOptions& global, const std::vector<std::string>& ids_or_names,
                       std::vector<std::string>& ids) {
-  if (std::ranges::none_of(ids_or_names, [](const std::string& each) { return NormalizeUuid(each).empty(); })) {
-    ids = ids_or_names;
-    return ExitCode::kOk;
-  }
   if (!std::ranges::all_of(ids_or_names, [](const std::string& each) { return !each.empty() && IsValidUtf8(each); })) {
     return Report(EmptyOrNotUtf8("guest's id or name"));
   }
@@ -171,13 +167,11 @@ ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
 }
 
 ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest) {
-  std::string id = NormalizeUuid(guest);
-  if (id.empty()) {
-    const Result<HttpClientOptions> connect = ConnectOptions(global);
-    if (!connect) return Report(connect.error());
-    HttpClient client(*connect);
-    if (const ExitCode found = FindId(client, kGuests, guest, id); found != ExitCode::kOk) return found;
-  }
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  std::string id;
+  if (const ExitCode found = FindId(client, kGuests, guest, id); found != ExitCode::kOk) return found;
   Json::Value parameters(Json::objectValue);
   parameters["guest_id"] = id;
   const CallOutcome outcome = CallAccount(global, "guest_grant_list", parameters);

@@ -11,10 +11,13 @@
 #include "cli/api_paths.h"
 #include "cli/guest_pending.h"
 #include "cli/listing.h"
+#include "cli/object_names.h"
 #include "cli/objects.h"
 #include "cli/printable.h"
+#include "cli/reply.h"
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
@@ -131,6 +134,26 @@ void PrintList(const char* title, const Json::Value& list, const std::array<Fiel
   PrintTable(std::cout, table);
 }
 
+// The reply to "get" with the names of its repository, networks and images in place of their ids, as far as these are
+// known.
+Json::Value WithNames(const GlobalOptions& global, Json::Value guest) {
+  ObjectNames names(global);
+  if (const std::string id = Text(Member(guest, "repo_id")); !id.empty()) {
+    guest["repo_id"] = names.Of(kRepositories, id);
+  }
+  if (Member(guest, "vnics").isArray()) {
+    for (Json::Value& nic : guest["vnics"]) {
+      if (nic.isObject()) nic["network_id"] = names.Of(kNetworks, Text(Member(nic, "network_id")));
+    }
+  }
+  if (Member(guest, "iso_images").isArray()) {
+    for (Json::Value& image : guest["iso_images"]) {
+      if (image.isString() && HasUuidForm(Text(image))) image = names.Of(kImages, Text(image));
+    }
+  }
+  return guest;
+}
+
 }  // namespace
 
 ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest) {
@@ -139,16 +162,17 @@ ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest) {
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(MissingInReply("guest"));
+  const Json::Value shown = WithNames(global, outcome.data);
   Fields fields{{"Guest", guest_id}};
   // A field that is missing from the reply is left out.
   for (const Field& field : GeneralFields()) {
-    if (outcome.data.isMember(field.member)) {
-      fields.emplace_back(field.label, Format(Member(outcome.data, field.member), field.kind));
+    if (shown.isMember(field.member)) {
+      fields.emplace_back(field.label, Format(Member(shown, field.member), field.kind));
     }
   }
   PrintFields(std::cout, fields);
-  PrintList("Virtual disks", Member(outcome.data, "vdisks"), kDiskFields);
-  PrintList("Network interfaces", Member(outcome.data, "vnics"), kNicFields);
+  PrintList("Virtual disks", Member(shown, "vdisks"), kDiskFields);
+  PrintList("Network interfaces", Member(shown, "vnics"), kNicFields);
   ShowPending(global, guest_id);
   return ExitCode::kOk;
 }

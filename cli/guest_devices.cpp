@@ -13,7 +13,6 @@
 #include "cli/listing.h"
 #include "cli/objects.h"
 #include "cli/reply.h"
-#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
@@ -132,7 +131,7 @@ ExitCode ResolveImages(HttpClient& client, Json::Value& parameters) {
   if (!parameters.isMember("iso_images")) return ExitCode::kOk;
   for (Json::Value& image : parameters["iso_images"]) {
     const std::string name = Text(image);
-    if (name == kEmptyDrive || name.starts_with('/') || HasUuidForm(name)) continue;
+    if (name == kEmptyDrive || name.starts_with('/')) continue;
     std::string id;
     if (const ExitCode found = FindId(client, kImages, name, id); found != ExitCode::kOk) return found;
     image = id;

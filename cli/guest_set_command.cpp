@@ -29,8 +29,6 @@ namespace {
 
 constexpr const char* kSet = "/webapi/VEXA.Virtualization.Guest/set";
 
-constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' shows them.";
-
 // The only right on guests.
 constexpr char kUseRight[] = "use";
 
@@ -39,7 +37,7 @@ enum class Right { kAllow, kRevoke };
 constexpr const char* kLevelGet = "/webapi/VEXA.Core.Account/level_get";
 constexpr const char* kUserList = "/webapi/VEXA.Core.Account/user_list";
 constexpr const char* kGroupList = "/webapi/VEXA.Core.Account/group_list";
-constexpr const char* kUseIdHint = "\nOnly administrators may look names up. Use uid:NUMBER or gid:NUMBER.";
+constexpr const char* kUseIdHint = "\n  Hint: Only administrators may look names up. Use uid:NUMBER or gid:NUMBER.";
 
 struct Principal {
   AccountKind kind = AccountKind::kUser;
@@ -296,9 +294,7 @@ ExitCode ShowEditResult(const GlobalOptions& global, const NamedGuest& guest, co
     return ShowOutcome(global, guest, outcome,
                        SuccessText(guest, parameters) + (shows_pending ? PendingText(global, guest) : ""));
   }
-  // The only remaining cause: CheckParameters has ruled out the others.
-  const bool is_unknown_image = outcome.code == user_error::kBadParameter && parameters.isMember("iso_images");
-  return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
+  return ShowOutcome(global, guest, outcome, outcome.failure);
 }
 
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options) {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "cli/import_names.h"
 #include "cli/import_sources.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
@@ -39,9 +40,10 @@ class Import {
   Import(const GlobalOptions& global, const ImportArguments& arguments, HttpClientOptions connect)
       : global_(global), arguments_(arguments), client_(std::move(connect)) {}
 
-  ExitCode Run(const ImportSources& sources) {
+  ExitCode Run(ImportSources& sources) {
     total_ = sources.guests().size();
-    for (const ImportSource& source : sources.guests()) {
+    if (const ExitCode found = ResolveImportNames(client_, sources.guests()); found != ExitCode::kOk) return found;
+    for (const ImportSource& source : std::as_const(sources).guests()) {
       const Result<Json::Value> request = sources.Prepare(source);
       if (!request) {
         RecordFailure(source.label, request.error().ToString(), Json::Value(Json::objectValue));
@@ -220,7 +222,7 @@ class Import {
 }  // namespace
 
 ExitCode RunImport(const GlobalOptions& global, const ImportArguments& arguments) {
-  const Result<ImportSources> sources = ImportSources::Open(arguments);
+  Result<ImportSources> sources = ImportSources::Open(arguments);
   if (!sources) {
     std::cerr << "vexa: " << Printable(sources.error().ToString()) << '\n';
     return ExitCode::kFailed;

@@ -21,12 +21,12 @@ enum class ImportMode { kWrite, kDryRun };
 // Exactly one of `files`, `uri` and `manifest` is set.
 struct ImportArguments {
   std::vector<std::string> files;
-  std::string uri;       // import every domain of this libvirt connection
-  std::string manifest;  // a JSON file that lists the files and their options; docs/import.md has its members
-  std::optional<std::string> repository_id;
-  std::optional<std::string> host_id;
+  std::string uri;         // import every domain of this libvirt connection
+  std::string manifest;    // a JSON file that lists the files and their options; docs/import.md has its members
+  std::string repository;  // by id or name; "" without one
+  std::string host;        // likewise
   std::map<std::string, std::uint64_t> disk_sizes_mib;
-  std::map<std::string, std::string> networks;
+  std::map<std::string, std::string> networks;  // ids or names, by the name in the definition
   OnExisting on_existing = OnExisting::kRefuse;
   ImportMode mode = ImportMode::kWrite;
   bool copies_disks = false;  // into the repository
@@ -41,9 +41,9 @@ struct RawImportArguments {
   bool dry_run = false;
   bool copy_disks = false;
   std::vector<std::string> disk_sizes;  // NAME=GiB
-  std::vector<std::string> networks;    // NAME=UUID
-  std::string repository_id;
-  std::string host_id;
+  std::vector<std::string> networks;    // NAME=NETWORK
+  std::string repository;
+  std::string host;
 };
 
 // kInvalid, with a sentence about the first invalid argument.
@@ -59,9 +59,9 @@ struct ImportSource {
   std::string label;  // its name in result lines
   std::string file;   // read when `xml` is not set
   std::optional<std::string> xml;
-  bool autostart = false;   // whether libvirt was set to start it
-  std::string expected_id;  // refused when the XML has another id; "" accepts any
-  domain_xml::ImportOptions options;
+  bool autostart = false;             // whether libvirt was set to start it
+  std::string expected_id;            // refused when the XML has another id; "" accepts any
+  domain_xml::ImportOptions options;  // may have names in place of ids; see import_names.h
 };
 
 // The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the invalid member.

@@ -4,15 +4,14 @@
 #include <charconv>
 
 #include "cli/import_command.h"
-#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
 
 Error Invalid(std::string message) { return Error(ErrorCode::kInvalid, std::move(message)); }
 
-// NAME=VALUE, neither of them empty; split at the last '=', because a network's name may contain one and a value never
-// does.
+// NAME=VALUE, neither of them empty; split at the last '=', because a name in a definition may contain one. A network
+// whose own name has one is named by its id.
 std::optional<std::pair<std::string, std::string>> SplitAssignment(const std::string& text) {
   const std::size_t at = text.rfind('=');
   if (at == std::string::npos || at == 0 || at + 1 == text.size()) return std::nullopt;
@@ -37,21 +36,12 @@ Status ReadDiskSize(const std::string& value, ImportArguments& arguments) {
 
 Status ReadNetwork(const std::string& value, ImportArguments& arguments) {
   const auto assignment = SplitAssignment(value);
-  if (!assignment || NormalizeUuid(assignment->second).empty()) {
+  if (!assignment) {
     return Invalid(fmt::format(
-        "'{}' is not a value for --network. Use NAME=UUID, the name of a network or bridge and its id", value));
+        "'{}' is not a value for --network. Use NAME=NETWORK, a name in the definition and a network's id or name",
+        value));
   }
   arguments.networks[assignment->first] = assignment->second;
-  return {};
-}
-
-// An empty string means that the option was not given.
-Status ReadUuid(const std::string& option, const std::string& value, std::optional<std::string>& member) {
-  if (value.empty()) return {};
-  if (NormalizeUuid(value).empty()) {
-    return Invalid(fmt::format("'{}' is not a value for {}. Use a UUID of the form 8-4-4-4-12", value, option));
-  }
-  member = value;
   return {};
 }
 
@@ -62,10 +52,11 @@ Status CheckCombination(const ImportArguments& arguments) {
   if (arguments.copies_disks && arguments.on_existing == OnExisting::kReplace) {
     return Invalid("--copy-disks is for new guests only. Leave out --replace");
   }
-  const bool options =
-      arguments.repository_id || arguments.host_id || !arguments.disk_sizes_mib.empty() || !arguments.networks.empty();
+  const bool options = !arguments.repository.empty() || !arguments.host.empty() || !arguments.disk_sizes_mib.empty() ||
+                       !arguments.networks.empty();
   if (options && !arguments.manifest.empty()) {
-    return Invalid("--manifest takes ids, networks and disk sizes from the file. Leave out the other options");
+    return Invalid(
+        "--manifest takes repositories, hosts, networks and disk sizes from the file. Leave out the other options");
   }
   return {};
 }
@@ -89,10 +80,8 @@ Result<ImportArguments> ResolveImportArguments(const RawImportArguments& raw) {
   for (const std::string& network : raw.networks) {
     if (Status read = ReadNetwork(network, arguments); !read) return read.error();
   }
-  if (Status read = ReadUuid("--repository-id", raw.repository_id, arguments.repository_id); !read) {
-    return read.error();
-  }
-  if (Status read = ReadUuid("--host-id", raw.host_id, arguments.host_id); !read) return read.error();
+  arguments.repository = raw.repository;
+  arguments.host = raw.host;
   if (Status valid = CheckCombination(arguments); !valid) return valid.error();
   return arguments;
 }

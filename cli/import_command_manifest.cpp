@@ -38,11 +38,29 @@ Status ReadUuid(const Json::Value& object, const std::string& member, const std:
   return {};
 }
 
+// The object's member `kind` ("host"), an id or a name, or the member with its id ("host_id"). Leaves `text` unchanged
+// without both.
+Status ReadReference(const Json::Value& object, const std::string& kind, const std::string& where, std::string& text) {
+  const std::string id_member = kind + "_id";
+  if (!object.isMember(kind)) return ReadUuid(object, id_member, where, text);
+  const Json::Value& value = object[kind];
+  if (object.isMember(id_member)) return Invalid(where, fmt::format("has both '{}' and '{}'", kind, id_member));
+  if (!value.isString() || value.asString().empty()) {
+    return Invalid(where, fmt::format("has a '{}' that is neither an id nor a name", kind));
+  }
+  text = value.asString();
+  return {};
+}
+
 Status ReadNetworks(const Json::Value& networks, domain_xml::ImportOptions& options) {
   if (networks.isNull()) return {};
-  if (!networks.isObject()) return Invalid("'networks'", "is not an object of names and UUIDs");
+  if (!networks.isObject()) return Invalid("'networks'", "is not an object of names and networks");
   for (const std::string& name : networks.getMemberNames()) {
-    if (Status read = ReadUuid(networks, name, "'networks'", options.networks[name]); !read) return read;
+    const Json::Value& network = networks[name];
+    if (!network.isString() || network.asString().empty()) {
+      return Invalid("'networks'", fmt::format("has a '{}' that is neither an id nor a name", name));
+    }
+    options.networks[name] = network.asString();
   }
   return {};
 }
@@ -65,7 +83,8 @@ Status ReadDiskSizes(const Json::Value& sizes, const std::string& where, domain_
 
 Result<ImportSource> ReadGuest(const Json::Value& guest, const std::string& where, const std::filesystem::path& folder,
                                const domain_xml::ImportOptions& defaults) {
-  Status members = CheckMembers(guest, where, {"file", "id", "repository_id", "host_id", "disk_sizes_gib"});
+  Status members =
+      CheckMembers(guest, where, {"file", "id", "repository", "repository_id", "host", "host_id", "disk_sizes_gib"});
   if (!members) return members.error();
   if (!guest["file"].isString() || guest["file"].asString().empty()) {
     return Invalid(where, "has no 'file'. Name a domain XML file there");
@@ -75,8 +94,8 @@ Result<ImportSource> ReadGuest(const Json::Value& guest, const std::string& wher
   source.file = (folder / source.label).string();
   source.options = defaults;
   if (Status id = ReadUuid(guest, "id", where, source.expected_id); !id) return id.error();
-  if (Status id = ReadUuid(guest, "repository_id", where, source.options.repository_id); !id) return id.error();
-  if (Status id = ReadUuid(guest, "host_id", where, source.options.host_id); !id) return id.error();
+  if (Status read = ReadReference(guest, "repository", where, source.options.repository_id); !read) return read.error();
+  if (Status read = ReadReference(guest, "host", where, source.options.host_id); !read) return read.error();
   if (Status sizes = ReadDiskSizes(guest["disk_sizes_gib"], where, source.options); !sizes) return sizes.error();
   return source;
 }
@@ -89,11 +108,12 @@ Result<std::vector<ImportSource>> ReadManifest(const std::string& path) {
   const Result<Json::Value> manifest = ParseJson(*text);
   if (!manifest) return Error(ErrorCode::kInvalid, "Cannot read the manifest", manifest.error().ToString());
 
-  Status members = CheckMembers(*manifest, "root", {"guests", "repository_id", "host_id", "networks"});
+  Status members =
+      CheckMembers(*manifest, "root", {"guests", "repository", "repository_id", "host", "host_id", "networks"});
   if (!members) return members.error();
   domain_xml::ImportOptions defaults;
-  if (Status id = ReadUuid(*manifest, "repository_id", "root", defaults.repository_id); !id) return id.error();
-  if (Status id = ReadUuid(*manifest, "host_id", "root", defaults.host_id); !id) return id.error();
+  if (Status read = ReadReference(*manifest, "repository", "root", defaults.repository_id); !read) return read.error();
+  if (Status read = ReadReference(*manifest, "host", "root", defaults.host_id); !read) return read.error();
   if (Status networks = ReadNetworks((*manifest)["networks"], defaults); !networks) return networks.error();
 
   const Json::Value& guests = (*manifest)["guests"];

@@ -17,8 +17,8 @@ namespace json = VexaVirtualization::json;
 
 domain_xml::ImportOptions OptionsOf(const ImportArguments& arguments) {
   domain_xml::ImportOptions options;
-  if (arguments.repository_id) options.repository_id = *arguments.repository_id;
-  if (arguments.host_id) options.host_id = *arguments.host_id;
+  options.repository_id = arguments.repository;
+  options.host_id = arguments.host;
   options.disk_sizes_mib = arguments.disk_sizes_mib;
   options.networks = arguments.networks;
   options.size_of = domain_xml::ReadImageSize;

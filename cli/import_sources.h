@@ -19,9 +19,10 @@ class ImportSources {
   static Result<ImportSources> Open(const ImportArguments& arguments);
 
   const std::vector<ImportSource>& guests() const { return guests_; }
+  std::vector<ImportSource>& guests() { return guests_; }
 
-  // The guest as the server's "import" takes it. kInvalid when the definition cannot be imported, with the sentence
-  // that the server would return; also the errors of reading the file.
+  // The guest as the server's "import" takes it, with ids in its options. kInvalid when the definition cannot be
+  // imported, with the sentence that the server would return; also the errors of reading the file.
   Result<Json::Value> Prepare(const ImportSource& guest) const;
 
  private:

@@ -61,6 +61,12 @@ std::string Summary(const Json::Value& network) {
   return summary;
 }
 
+std::string StateOf(const Json::Value& network) {
+  const Json::Value& active = Member(network, "active");
+  const bool is_inactive = active.isBool() && !active.asBool();
+  return Text(Member(network, "state")) + (is_inactive ? " (not active)" : "");
+}
+
 void PrintNetwork(const GlobalOptions& global, const Json::Value& network) {
   ObjectNames names(global);
   struct Line {
@@ -148,7 +154,7 @@ ExitCode RunNetworkList(const GlobalOptions& global) {
   if (global.ids) table.header.insert(table.header.begin(), "NETWORK");
   for (const Json::Value& network : networks) {
     const auto text = [&](const char* member) { return Text(Member(network, member)); };
-    table.rows.push_back({text(kNetworks.name), text("kind"), text("state"),
+    table.rows.push_back({text(kNetworks.name), text("kind"), StateOf(network),
                           IsTrue(Member(network, "managed")) ? "yes" : "no", Summary(network)});
     if (global.ids) table.rows.back().insert(table.rows.back().begin(), text(kNetworks.id));
   }

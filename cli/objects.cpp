@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <iostream>
 #include <vector>
@@ -63,8 +62,11 @@ CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind) {
 }
 
 Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name) {
-  const auto has_id = [&](const Json::Value& element) { return Text(Member(element, kind.id)) == id_or_name; };
-  if (std::any_of(list.begin(), list.end(), has_id)) return id_or_name;
+  const std::string uuid = NormalizeUuid(id_or_name);
+  for (const Json::Value& element : list) {
+    const std::string id = Text(Member(element, kind.id));
+    if (id == id_or_name || (!uuid.empty() && NormalizeUuid(id) == uuid)) return id;
+  }
   Result<std::string> found = FindByName(list, kind, id_or_name);
   if (!found && found.error().code() == ErrorCode::kNotFound && HasUuidForm(id_or_name)) return id_or_name;
   return found;
@@ -72,8 +74,6 @@ Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& ki
 
 ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id) {
   if (!IsIdOrName(kind, id_or_name)) return ExitCode::kUsage;
-  id = id_or_name;
-  if (HasUuidForm(id_or_name)) return ExitCode::kOk;
   const CallOutcome listed = ListObjects(client, kind);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   const Result<std::string> found = FindByIdOrName(Member(listed.data, kind.plural), kind, id_or_name);
@@ -102,7 +102,8 @@ CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const
                       const std::string& id_or_name, std::string& id) {
   return CallWithClient(global, [&](HttpClient& client) {
     CallOutcome outcome;
-    outcome.exit_code = FindId(client, kind, id_or_name, id);
+    id = id_or_name;
+    if (!HasUuidForm(id_or_name)) outcome.exit_code = FindId(client, kind, id_or_name, id);
     if (outcome.exit_code != ExitCode::kOk) return outcome;
     outcome = TryApi(client, path, ParameterJson(kind.id, id));
     // A name may look like an id.

@@ -35,15 +35,16 @@ inline constexpr ObjectKind kUploads{"upload", "uploads", kUploadList, "upload_i
 CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind);
 CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind);
 
-// The id of the one object in `list` with this id, otherwise with this name. A UUID that is not in the list is returned
-// unchanged, because the server reports the reason. kNotFound; kConflict, with the ids, when several have the name.
+// The id of the one object in `list` with this id, in any case of its letters, otherwise with this name. A UUID that is
+// not in the list is returned unchanged, because the server reports the reason. kNotFound; kConflict, with the ids,
+// when several have the name.
 Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name);
 
-// Writes the id of the object with this id or name to `id`. A UUID is an id; the server is asked only for a name.
+// Writes the id of the object with this id, otherwise with this name, to `id`, as FindByIdOrName finds it.
 ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id);
 
-// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is an id; the
-// server is asked only for a name.
+// Calls the method at `path` for the object with this id or name. Its id is written to `id`. A UUID is taken for
+// an id first; the server is asked for names only when it refuses that.
 CallOutcome GetObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
                       const std::string& id_or_name, std::string& id);
 

@@ -103,6 +103,20 @@ std::string NameOf(const Json::Value& object) {
   return "";
 }
 
+// Printable, but with the backslashes as they are: programs pass the name on, and a name without control characters
+// stays the name.
+std::string PrintableName(std::string_view name) {
+  std::string text;
+  for (std::size_t end = 0; end != std::string_view::npos;) {
+    end = name.find('\\');
+    text += Printable(name.substr(0, end));
+    if (end == std::string_view::npos) break;
+    text += '\\';
+    name.remove_prefix(end + 1);
+  }
+  return text;
+}
+
 // The list that a reply consists of, such as {"guests": […]}; null when it is about one object.
 const Json::Value& ListIn(const Json::Value& value) {
   if (value.isArray()) return value;
@@ -141,7 +155,7 @@ std::string RenderYaml(const Json::Value& value) {
 std::string RenderNames(const Json::Value& value) {
   std::string text;
   const auto add = [&](const Json::Value& object) {
-    if (const std::string name = NameOf(object); !name.empty()) text += Printable(name) + '\n';
+    if (const std::string name = NameOf(object); !name.empty()) text += PrintableName(name) + '\n';
   };
   const Json::Value& list = ListIn(value);
   if (!list.isArray()) add(value);

@@ -21,7 +21,8 @@ std::string RenderData(const Json::Value& value, DataFormat format);
 std::string RenderYaml(const Json::Value& value);
 
 // One printable line for each object in `value`, which is a list of them, or an object with one list of them, or a
-// single object: its name, otherwise its id. Objects with neither have no line.
+// single object: its name, otherwise its id. Objects with neither have no line. Backslashes are not doubled, so that
+// the name can be passed to another command.
 std::string RenderNames(const Json::Value& value);
 
 // Whether text on standard output may be coloured: a terminal, and no $NO_COLOR.

@@ -39,10 +39,11 @@ std::string LimitText(const Json::Value& space, const char* name) {
   return percent == "0" ? "never" : Printable(percent) + " %";
 }
 
-void PrintRepository(const Json::Value& repository) {
+void PrintRepository(const GlobalOptions& global, const Json::Value& repository) {
+  const std::string host = ObjectNames(global).Of(kHosts, Text(Member(repository, "host_id")));
   const auto text = [&](const char* name) { return Printable(Text(Member(repository, name))); };
   std::cout << fmt::format("repository  {}\nname        {}\nhost        {}\nstate       {}\nused        {}\n",
-                           text(kRepositories.id), text("name"), text("host_id"), text("state"), SpaceText(repository));
+                           text(kRepositories.id), text("name"), Printable(host), text("state"), SpaceText(repository));
   const Json::Value& space = Member(repository, "space");
   if (space.isObject()) {
     std::cout << fmt::format("free        {}\nwarning     {}\nfull        {}\n", Bytes(Member(space, "free")),
@@ -111,7 +112,8 @@ ExitCode RunRepositoryList(const GlobalOptions& global) {
 }
 
 ExitCode RunRepositoryGet(const GlobalOptions& global, const std::string& repository) {
-  return ShowObject(global, kRepositories, kGetRepository, repository, PrintRepository);
+  return ShowObject(global, kRepositories, kGetRepository, repository,
+                    [&global](const Json::Value& data) { PrintRepository(global, data); });
 }
 
 ExitCode RunRepositoryRename(const GlobalOptions& global, const RenameOptions& options) {

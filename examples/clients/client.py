@@ -1,6 +1,6 @@
 """Logs in, creates and starts a guest, waits until it runs, and prints its addresses.
 
-usage: client.py URL USER PASSWORD NAME
+usage: client.py URL USER NAME, with the password on standard input, because other users can read arguments.
 
 vexa_api is made from the host's /openapi.json by tools/make-python-client.
 """
@@ -11,7 +11,8 @@ from vexa_api import ApiError, Client
 
 
 def main() -> int:
-    url, user, password, name = sys.argv[1:]
+    url, user, name = sys.argv[1:]
+    password = sys.stdin.readline().rstrip("\n")
     host = Client(url)
     host.token = host.core_session_login(user=user, password=password).get("token")
     guest = host.virtualization_guest_create(name=name, vcpu_num=1, vram_size=256, vnics=[{"network": "default"}])

@@ -1,5 +1,7 @@
 // Logs in, creates and starts a guest, waits until it runs, and prints its addresses.
-// Usage: client URL USER PASSWORD NAME. api.ts is made from the host's /openapi.json by openapi-typescript.
+// Usage: client URL USER NAME, with the password on standard input, because other users can read arguments. api.ts is
+// made from the host's /openapi.json by openapi-typescript.
+import { readFileSync } from "node:fs";
 import type { paths } from "./api.js";
 
 type Path = Extract<keyof paths, `/webapi/${string}`>;
@@ -12,7 +14,8 @@ type Data<P extends Path> = paths[P] extends {
   ? D
   : never;
 
-const [url, user, password, name] = process.argv.slice(2) as [string, string, string, string];
+const [url, user, name] = process.argv.slice(2) as [string, string, string];
+const password = readFileSync(0, "utf8").trimEnd();
 let token = "";
 
 async function call<P extends Path>(path: P, body: Body<P>): Promise<Data<P>> {

@@ -184,12 +184,22 @@ Json::Value Servers() {
   return servers;
 }
 
+Json::Value RetryAfterHeader() {
+  Json::Value header(Json::objectValue);
+  header["description"] = fmt::format("In how many seconds to try again. Only with {} and {}.",
+                                      user_error::kTooManyLogins, user_error::kHostBusy);
+  header["schema"]["type"] = "integer";
+  header["schema"]["minimum"] = 1;
+  return header;
+}
+
 }  // namespace
 
 void AddFailures(Json::Value& responses, const std::set<int>& codes, Audience audience) {
   struct Failures {
     std::string text;
     Json::Value codes{Json::arrayValue};
+    bool says_when = false;  // to try again
   };
   std::map<int, Failures> by_status;
   for (const int code : codes) {
@@ -198,10 +208,12 @@ void AddFailures(Json::Value& responses, const std::set<int>& codes, Audience au
     Failures& failures = by_status[error->http_status];
     failures.text += fmt::format("{}{}: {}", failures.text.empty() ? "" : " ", code, error->sentence);
     failures.codes.append(code);
+    failures.says_when = failures.says_when || code == user_error::kHostBusy || code == user_error::kTooManyLogins;
   }
   for (const auto& [status, failures] : by_status) {
     Json::Value& response = responses[std::to_string(status)];
     response["description"] = failures.text;
+    if (failures.says_when) response["headers"]["Retry-After"] = RetryAfterHeader();
     Json::Value with_codes(Json::objectValue);
     with_codes["type"] = "object";
     with_codes["properties"]["error"]["type"] = "object";

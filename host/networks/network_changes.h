@@ -68,6 +68,7 @@ struct ListedNetwork {
   records::Network network;  // of one that was only found: id, name, kind, network_name and subnet
   bool is_managed = true;    // false: hosts have found it, and it has no record
   std::string kind;          // as records::NetworkKindName, or "other" of one that was found
+  bool is_active = true;     // false: hosts have found it in libvirt, and none of them has started it
   // By host id. "unknown" when the host is gone or has not reported anything yet.
   std::map<std::string, records::NetworkCondition> hosts;
 
@@ -75,6 +76,8 @@ struct ListedNetwork {
   std::string State() const;
 };
 inline constexpr char kNetworkUnknown[] = "unknown";
+// The reason for a ready network that this system has not made.
+inline constexpr char kNotActive[] = "It is not active in libvirt; the start of a guest that needs it starts it";
 
 // All networks, by name. Errors: those of the store.
 Result<std::vector<ListedNetwork>> ListNetworks(const store::Store& store);

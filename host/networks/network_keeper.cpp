@@ -134,10 +134,7 @@ NetworkCondition NetworkKeeper::KeepInLibvirt(Pass& pass, const Network& network
   definition.host_id = options_.host_id;
   const auto* const known = pass.Find(network.network_name);
   if (known && !IsOwn(known->second)) {
-    if (known->first.is_active) return Ready();
-    return Missing(fmt::format(
-        "The network {} of libvirt was not made by this system and is not active: start it with 'virsh net-start'",
-        Quoted(network.network_name)));
+    return known->first.is_active ? Ready() : Ready(kNotActive);
   }
   const bool is_current = known && known->first.is_persistent && known->second.id == network.id &&
                           known->second.definition == definition.Summary();
@@ -294,11 +291,11 @@ void NetworkKeeper::Report(Pass& pass) const {
   std::set<std::string> libvirt_bridges;
   for (const auto& [known, parsed] : libvirt) {
     if (parsed.kind != "bridge") libvirt_bridges.insert(parsed.bridge);
-    if (!IsOwn(parsed)) pass.report.found.push_back({known.name, parsed.kind, parsed.subnet});
+    if (!IsOwn(parsed)) pass.report.found.push_back({known.name, parsed.kind, parsed.subnet, known.is_active});
   }
   for (const std::string& bridge : pass.bridges) {
     if (libvirt_bridges.contains(bridge) || pass.own_bridges.contains(bridge)) continue;
-    pass.report.found.push_back({bridge, "bridge", ""});
+    pass.report.found.push_back({bridge, "bridge", "", true});
   }
   std::set<std::string> subnets;
   if (options_.bridges == NetworkKeeperOptions::Bridges::kOfMachine) {

@@ -40,6 +40,19 @@ ListedNetwork Describe(const records::StoredNetwork& stored, const Hosts& hosts)
   return listed;
 }
 
+// Whether a host has started the network, or all of them found it in another way than as one of libvirt.
+bool IsActive(const Hosts& hosts, const std::string& network_name) {
+  bool is_inactive = false;
+  for (const auto& [host_id, report] : hosts.reports) {
+    if (!report) continue;
+    const auto found = std::ranges::find(report->found, network_name, &records::FoundNetwork::name);
+    if (found == report->found.end()) continue;
+    if (found->is_active) return true;
+    is_inactive = true;
+  }
+  return !is_inactive;
+}
+
 }  // namespace
 
 std::string ListedNetwork::State() const {
@@ -83,10 +96,11 @@ Result<std::vector<ListedNetwork>> ListNetworks(const store::Store& store) {
       entry.network.subnet = one.subnet;
       entry.hosts[host_id] = hosts.gone.contains(host_id)
                                  ? NetworkCondition{kNetworkUnknown, "The host is inaccessible"}
-                                 : NetworkCondition{records::kNetworkReady, ""};
+                                 : NetworkCondition{records::kNetworkReady, one.is_active ? "" : kNotActive};
     }
   }
   for (auto& [name, entry] : found) listed.push_back(std::move(entry));
+  for (ListedNetwork& entry : listed) entry.is_active = IsActive(hosts, entry.network.network_name);
   std::ranges::stable_sort(listed, {}, [](const ListedNetwork& entry) { return entry.network.name; });
   return listed;
 }

@@ -251,6 +251,7 @@ Json::Value NetworkReportToJson(const NetworkReport& networks) {
     entry["name"] = network.name;
     entry["kind"] = network.kind;
     if (!network.subnet.empty()) entry["subnet"] = network.subnet;
+    if (!network.is_active) entry["active"] = false;
   }
   Json::Value& subnets = value["subnets"] = Json::Value(Json::arrayValue);
   for (const std::string& subnet : networks.subnets) subnets.append(subnet);
@@ -272,6 +273,8 @@ NetworkReport ParseNetworkReport(const Json::Value& value) {
     if (networks.found.size() == kMaxReported) break;
     FoundNetwork found{json::StringMember(entry, "name"), json::StringMember(entry, "kind"),
                        json::StringMember(entry, "subnet")};
+    const Json::Value& active = json::Member(entry, "active");
+    found.is_active = !active.isBool() || active.asBool();
     if (!IsRecordName(found.name)) continue;
     if (!FindNetworkKind(found.kind)) found.kind = "other";
     if (!ParseIpv4Subnet(found.subnet)) found.subnet.clear();

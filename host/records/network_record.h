@@ -95,8 +95,9 @@ struct NetworkCondition {
 // A network of libvirt or a bridge that this system has not made.
 struct FoundNetwork {
   std::string name;
-  std::string kind;    // as NetworkKindName, or "other"
-  std::string subnet;  // "": unknown or none
+  std::string kind;       // as NetworkKindName, or "other"
+  std::string subnet;     // "": unknown or none
+  bool is_active = true;  // false: of libvirt, and not started; a guest's start starts it
   bool operator==(const FoundNetwork&) const = default;
 };
 

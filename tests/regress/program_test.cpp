@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "host/base/files.h"
@@ -215,6 +216,41 @@ TEST(SampleHost, Guests_OfTheSample_RunAndAreHealthy) {
   const auto start = vexa::test::RunProcess(
       {.argv = {VEXA_PROGRAM, "--socket", folder.File("r/vexad.sock"), "guest", "start", "build-1", "--wait"}});
   EXPECT_EQ(start.exit_code, 0) << start.errors;
+  ::kill(-script.pid(), SIGINT);
+  EXPECT_TRUE(script.Wait(kTimeout).has_value());
+}
+
+// The last of the things to try had the password in the arguments of curl, where other users could read it.
+TEST(SampleHost, ThingsToTry_WorkAsPrinted_WithoutSecretsInArguments) {
+  const TempDir folder;
+  MakeTree(folder);
+  Process script(Script(folder, "sample"));
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
+  const std::string all = script.output();
+  std::istringstream lines(all.substr(all.find("Try next, ")));
+  const std::regex numbered("  [1-9]\\. (vexa [^ ]+( [^ ]+)*)(   *.*)?");
+  std::string commands = "set -e\n";
+  int things = 0;
+  for (std::string line; std::getline(lines, line) && !line.starts_with("Ctrl-C");) {
+    std::smatch match;
+    if (std::regex_match(line, match, numbered)) {
+      // It follows the log until Ctrl-C.
+      commands += match[1] == "vexa log -f" ? "vexa log --all\n" : match[1].str() + "\n";
+    } else if (line.starts_with("     ") || line.starts_with("  . ")) {
+      commands += line.substr(2) + "\n";
+    }
+    if (line.starts_with("  " + std::to_string(things + 1) + ". ")) ++things;
+  }
+  EXPECT_EQ(things, 5) << all;
+  const auto password = vexa::ReadFile(folder.File("r/admin-password"), 1000);
+  ASSERT_TRUE(password.ok());
+  EXPECT_EQ(commands.find(password->substr(0, password->find('\n'))), std::string::npos) << commands;
+  const auto run = vexa::test::RunProcess({.argv = {"bash", "-c", commands}});
+  EXPECT_EQ(run.exit_code, 0) << run.errors << commands;
+  for (const char* const expected : {"build-1: started on ", "web-1: edited", "Created the guest 'test-1'",
+                                     "\"name\":\"web-1\"", "\"vcpu_num\":4"}) {
+    EXPECT_NE(run.output.find(expected), std::string::npos) << expected << "\n" << run.output << run.errors;
+  }
   ::kill(-script.pid(), SIGINT);
   EXPECT_TRUE(script.Wait(kTimeout).has_value());
 }

@@ -88,7 +88,9 @@ class BareDispatcher : public testing::Test {
   }
 
   // The status of the response; 0 when the request was dropped without a response, for which the server sends 500.
-  int Send(http::HttpRequest request) {
+  // `headers` gets the headers of a handler's response.
+  using Headers = std::vector<std::pair<std::string, std::string>>;
+  int Send(http::HttpRequest request, Headers* headers = nullptr) {
     if (const auto refusal = dispatcher_->OnHeader(request)) {
       closed_connection_ = refusal->closes_connection;
       return refusal->status;
@@ -98,6 +100,7 @@ class BareDispatcher : public testing::Test {
     const auto mailbox = std::make_shared<http::Mailbox>(context, [&](http::PendingResponse&& pending) {
       status = pending.response ? pending.response->status : 0;
       closed_connection_ = pending.response && pending.response->closes_connection;
+      if (headers && pending.response) *headers = pending.response->headers;
     });
     const auto busy = boost::asio::make_work_guard(context);
     dispatcher_->OnRequest(std::move(request), http::Responder(std::make_shared<http::Responder::Impl>(mailbox, 0, 0)));

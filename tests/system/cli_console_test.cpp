@@ -8,7 +8,11 @@
 namespace vexa::test {
 namespace {
 
-const std::string kGuestList = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"}]})";
+// The name of the second one looks like an id.
+constexpr const char* kOddName = "11111111-2222-4333-8444-555555555501";
+const std::string kGuestList = std::string(R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},
+    {"guest_id":"g2","guest_name":")") +
+                               kOddName + "\"}]}";
 
 class ConsoleCommands : public CliTest {
  protected:
@@ -27,6 +31,18 @@ TEST_F(ConsoleCommands, Type_SendsTextAndEnter) {
   EXPECT_EQ(RunOn(host, {"guest", "type", "web-1", "ls", "--enter"}).exit_code, 0);
   EXPECT_THAT(host.calls(), ElementsAre("list {}", R"(type {"guest_id":"g1","text":"ls -l"})", "list {}",
                                         R"(type {"guest_id":"g1","text":"ls\n"})"));
+}
+
+TEST_F(ConsoleCommands, Guest_NameLikeAnId_IsFoundAsName) {
+  const ApiHost host(With(ApiHost::Success(R"({"png":"YWJj","pending":[]})")));
+  EXPECT_EQ(RunOn(host, {"guest", "type", kOddName, "x"}).exit_code, 0);
+  EXPECT_EQ(host.Last("type"), R"(type {"guest_id":"g2","text":"x"})");
+  EXPECT_EQ(RunOn(host, {"guest", "screenshot", kOddName, folder_.File("a.png")}).exit_code, 0);
+  EXPECT_EQ(host.Last("screenshot"), R"(screenshot {"guest_id":"g2"})");
+  EXPECT_EQ(RunOn(host, {"guest", "apply", kOddName}).exit_code, 0);
+  EXPECT_EQ(host.Last("apply"), R"(apply {"guest_id":"g2"})");
+  EXPECT_EQ(RunOn(host, {"guest", "console", kOddName}).exit_code, 1);
+  EXPECT_EQ(host.Last("console_ticket"), R"(console_ticket {"guest_id":"g2","type":"serial"})");
 }
 
 TEST_F(ConsoleCommands, Screenshot_IsWrittenForOwnerOnly) {

@@ -15,7 +15,7 @@ const std::string kRepositories = R"({"repositories":[
   {"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_online",
    "space":{"total":1073741824,"used":536870912,"free":536870912}},
   {"repository_id":"r2","name":"p\u001b[2J","host_id":"h2","state":"repo_full","storage":{"reason":"why"}},
-  {"repository_id":"r3","name":"twin"},{"repository_id":"r4","name":"twin"}]})";
+  {"repository_id":"r3","name":"twin"},{"repository_id":"r4","name":"twin"}],"hosts":[]})";
 
 class ImageCommand : public CliTest {
  protected:
@@ -165,7 +165,7 @@ TEST_F(ImageCommand, RepositoryAdd_SendsArgumentsAndPrintsId) {
   EXPECT_EQ(RunOn(host, {"repository", "add", "pool"}).output, "r9\n");
   const std::string id = kUuid;
   EXPECT_THAT(host.calls(),
-              ElementsAre(R"(add {"host_id":")" + id + R"(","name":"pool 9","repository_id":")" + id + "\"}",
+              ElementsAre("list {}", R"(add {"host_id":")" + id + R"(","name":"pool 9","repository_id":")" + id + "\"}",
                           R"(add {"name":"pool"})"));
 }
 
@@ -220,7 +220,9 @@ TEST_F(ImageCommand, RepositoryLimits_Percentages_AreSent) {
 }
 
 TEST_F(ImageCommand, RepositoryGet_ShowsSpaceDisksAndFiles) {
-  const ApiHost host(With(kRepositories, R"({"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_full",
+  const std::string lists =
+      kRepositories.substr(0, kRepositories.rfind("]}")) + R"({"host_id":"h1","name":"nas\u001b-1"}]})";
+  const ApiHost host(With(lists, R"({"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_full",
       "space":{"total":1073741824,"used":536870912,"free":536870912,"soft_percent":80,"hard_percent":0},
       "storage":{"reason":"why\u001b[2J"},
       "guests":[{"guest_id":"g1","name":"web-1","vdisks":[
@@ -229,7 +231,7 @@ TEST_F(ImageCommand, RepositoryGet_ShowsSpaceDisksAndFiles) {
   const auto result = RunOn(host, {"repository", "get", "pool-1"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(result.output,
-            "repository  r1\nname        pool-1\nhost        h1\nstate       repo_full\n"
+            "repository  r1\nname        pool-1\nhost        nas\\x1b-1\nstate       repo_full\n"
             "used        512.0 MiB of 1.0 GiB\nfree        512.0 MiB\nwarning     80 %\nfull        never\n"
             "problem     why\\x1b[2J\n\n"
             "GUEST  DISK  SIZE      ALLOCATED  PATH\n"

@@ -70,6 +70,47 @@ class ImportCommand : public CliTest {
   }
 };
 
+// Ids come before names that look like ids.
+TEST_F(ImportCommand, Import_NamesOfObjects_AreSentAsIds) {
+  const std::string id = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
+  const std::string first = "11111111-2222-4333-8444-000000000001";
+  const std::string second = "11111111-2222-4333-8444-000000000002";
+  const std::string odd = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e9";
+  const ApiHost host([&](const std::string& method, const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
+    if (method == "import") return Accept(method, parameters);
+    return ApiHost::Success(R"({"repositories":[{"repository_id":")" + first +
+                            R"(","name":"pool"},{"repository_id":")" + second + R"(","name":")" + odd +
+                            R"("}],"hosts":[{"host_id":")" + second +
+                            R"(","name":"nas-1"}],"networks":[{"network_id":")" + id +
+                            R"(","name":"lan"},{"network_id":"n2","name":"l=n"}]})");
+  });
+  const auto sent = [&](std::vector<std::string> words) {
+    const auto result = RunOn(host, std::move(words), 2);
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    return Parse(host.Last("import").substr(std::string("import ").size()))["guests"][1];
+  };
+  const Json::Value named =
+      sent({"--repository", "pool", "--host", "nas-1", "--network", "br0=lan", "--network", "br1=" + id});
+  EXPECT_EQ(named["repository_id"], first);
+  EXPECT_EQ(named["host_id"], second);
+  EXPECT_EQ(named["networks"], Parse(R"({"br0":")" + id + R"(","br1":")" + id + "\"}"));
+  EXPECT_EQ(host.Count("list"), 3) << "each kind once";
+  const Json::Value by_id = sent({"--repository-id", odd, "--host-id", id});
+  EXPECT_EQ(by_id["repository_id"], second);
+  EXPECT_EQ(by_id["host_id"], id) << "the server says whether there is one";
+  EXPECT_EQ(host.Count("list"), 5);
+  const int imports = host.Count("import");
+  const auto unknown = RunOn(host, {"--repository", "pol"}, 2);
+  EXPECT_EQ(unknown.exit_code, 1);
+  EXPECT_EQ(unknown.errors,
+            "vexa: There is no repository called 'pol'; did you mean 'pool'? See 'vexa repository list'\n");
+  const std::string manifest = folder_.File("m.json");
+  WriteFile(manifest, R"({"host":"nobody","guests":[{"file":"g0.xml"}]})");
+  EXPECT_EQ(RunOn(host, {"--manifest", manifest}, 0).errors,
+            "vexa: There is no host called 'nobody'; see 'vexa host list'\n");
+  EXPECT_EQ(host.Count("import"), imports) << "nothing was sent";
+}
+
 TEST_F(ImportCommand, Import_ManyGuests_AreSentInBatchesAndReported) {
   const ApiHost host(Accept);
   const auto result = RunOn(host, {}, 40);

@@ -61,6 +61,31 @@ TEST_F(NetworkCommand, Edit_Changes_AreSentWithTheId) {
   EXPECT_EQ(Sent({"edit", "lan", "--move-addresses", "off"}), R"(edit {"move_addresses":false,"network_id":"n1"})");
 }
 
+TEST_F(NetworkCommand, Edit_NameLikeAnId_IsFoundAsName) {
+  const std::string id = "11111111-2222-4333-8444-555555555501";
+  const std::string name = "11111111-2222-4333-8444-555555555502";
+  const std::string unknown = "11111111-2222-4333-8444-555555555503";
+  const ApiHost host([&](const std::string&, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    return ApiHost::Success(R"({"networks":[{"network_id":")" + id + R"(","name":"lan"},{"network_id":"n7","name":")" +
+                            name + "\"}]}");
+  });
+  // The server says what is wrong with the unknown one.
+  for (const auto& [word, sent] :
+       {std::pair(id, id), std::pair(name, std::string("n7")), std::pair(unknown, unknown)}) {
+    EXPECT_EQ(RunOn(host, {"network", "edit", word, "--name", "lab"}).exit_code, 0);
+    EXPECT_EQ(host.Last("edit"), R"(edit {"name":"lab","network_id":")" + sent + "\"}");
+  }
+}
+
+TEST_F(NetworkCommand, List_InactiveNetwork_IsShownAsNotActive) {
+  const ApiHost host([](const std::string&, const Json::Value&) -> std::optional<ApiHost::Reply> {
+    return ApiHost::Success(R"({"networks":[
+        {"network_id":"n6","name":"default","kind":"nat","state":"ready","active":false,"managed":false}]})");
+  });
+  EXPECT_THAT(RunOn(host, {"network", "list"}).output,
+              ::testing::ContainsRegex("\ndefault +nat +ready \\(not active\\) +no\n"));
+}
+
 TEST_F(NetworkCommand, Arguments_Invalid_AreNotSent) {
   const ApiHost host(With());
   for (const auto& [words, sentence] :

@@ -105,13 +105,35 @@ TEST_F(Reply, GuestByName_IsLookedUp) {
   const auto result = Run({"guest", "get", "web"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output, StartsWith(std::string("Guest              ") + kGuest + "\n"));
-  // The last one is for what waits for its next start.
-  ASSERT_THAT(server.requests(), SizeIs(3));
-  for (const auto& [request, method] : {std::pair(1, "get"), std::pair(2, "status")}) {
+  // The ones between them are for the names of the repository and the network, the last one for what waits for its next
+  // start.
+  ASSERT_THAT(server.requests(), SizeIs(5));
+  for (const auto& [request, method] : {std::pair(1, "get"), std::pair(4, "status")}) {
     EXPECT_THAT(server.requests()[request],
                 AllOf(StartsWith(std::string("POST /webapi/VEXA.Virtualization.Guest/") + method + " "),
                       HasSubstr(std::string("{\"guest_id\":\"") + kGuest + "\"}")));
   }
+}
+
+TEST_F(Reply, Guest_IdsOfOtherObjects_AreShownAsNames) {
+  const std::string image = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
+  const std::vector<ScriptedReply> replies{
+      HttpReplyOf(200, R"({"success":true,"data":{"name":"web","repo_id":"r-1","iso_images":[")" + image +
+                           R"(","unmounted"],"vdisks":[],"vnics":[{"vnic_id":"n-1","network_id":"net"},7]}})"),
+      HttpReplyOf(200, R"({"success":true,"data":{"repositories":[{"repository_id":"r-1","name":"pool"}]}})"),
+      HttpReplyOf(200, R"({"success":true,"data":{"networks":[{"network_id":"net","name":"l\u001ban"}]}})"),
+      HttpReplyOf(200, R"({"success":true,"data":{"images":[{"image_id":")" + image + R"(","name":"debian"}]}})")};
+  const auto show = [&](std::vector<std::string> words) {
+    const ScriptedServer server(replies);
+    SaveLogin(server.url());
+    words.insert(words.begin(), {"guest", "get", kGuest});
+    return Run(std::move(words)).output;
+  };
+  EXPECT_THAT(show({}), AllOf(::testing::ContainsRegex("\nRepository +pool\n"), HasSubstr("  debian, unmounted\n"),
+                              ::testing::ContainsRegex("\nn-1 +l\\\\x1ban")));
+  EXPECT_THAT(show({"--ids"}),
+              AllOf(::testing::ContainsRegex("\nRepository +r-1\n"), HasSubstr("  " + image + ", unmounted\n"),
+                    ::testing::ContainsRegex("\nn-1 +net")));
 }
 
 TEST_F(Reply, GuestByName_Unknown_IsReportedWithTheCommandThatListsThem) {

@@ -426,10 +426,6 @@ TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
     EXPECT_EQ(result.errors, "vexa: web-1: No (" + std::to_string(code) + ").\n");
     EXPECT_THAT(result.output, IsEmpty());
   }
-  const ApiHost image(Refuses(401));
-  EXPECT_EQ(RunOn(image, {"web-1", "--iso", kA}).errors,
-            "vexa: web-1: No (401).\n"
-            "Is there an image with this id? 'vexa image list' shows them.\n");
   const ApiHost hosts(Refuses(1600, R"(,"details":{"host_names":"nas-1, na\u001bs-2"})"));
   EXPECT_EQ(RunOn(hosts, {"web-1", "vcpu_num=1"}).errors,
             "vexa: web-1: No (1600).\n"

@@ -291,8 +291,7 @@ TEST_F(Failures, OfEdits_NameTheImageAndTheUsers) {
        "vexa: off: A parameter is missing or not valid \\(401\\)\\.\n"
        "  Reason: The parameter 'iso_images\\[0\\]' is neither the id of an image, nor a path, nor 'unmounted': it is "
        "'99999999-9999-4999-8999-999999999999'\\.\n"
-       "  Hint: [^\n]+\n"
-       "Is there an image with this id\\? 'vexa image list' shows them\\.\n"},
+       "  Hint: 'vexa image list' shows the images; 'vexa image add' adds one\\.\n"},
       {"rights of a user who does not exist",
        {"call", "VEXA.Virtualization.Guest", "set",
         R"({"guest_id":")" + IdOf("off") + R"(","guest_privilege":[{"uid":4242,"name":"ghost","allow":true}]})"},

@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "host/api/reason.h"
+#include "host/base/error_help.h"
 #include "host/base/sanitize_for_log.h"
 #include "host/guests/edit/edit_request.h"
 #include "host/records/guest_image.h"
@@ -55,7 +56,10 @@ Handler WithEditReason(Handler handler) {
     if (code != user_error::kBadParameter && code != user_error::kImageUnusable) return;
     const Json::Value parameters = call.request->GetParam("", Json::Value());
     std::string reason = ReasonOfParameters(parameters);
-    if (reason.empty()) reason = ReasonOfImages(json::Elements(json::Member(parameters, "iso_images")));
+    if (reason.empty()) {
+      reason = ReasonOfImages(json::Elements(json::Member(parameters, "iso_images")));
+      if (!reason.empty()) SetHint(call, HintFor(user_error::kImageUnusable));
+    }
     if (!reason.empty()) SetReason(call, reason);
   };
 }

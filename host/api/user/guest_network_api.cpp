@@ -46,6 +46,7 @@ Json::Value Describe(const ListedNetwork& listed, bool with_settings) {
   entry["description"] = listed.network.description;
   entry["managed"] = listed.is_managed;
   entry["state"] = listed.State();
+  if (!listed.is_active) entry["active"] = false;
   if (with_settings) DescribeSettings(listed, entry);
   return entry;
 }

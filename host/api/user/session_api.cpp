@@ -49,7 +49,11 @@ void Login(const SessionServices& services, const Call& call) {
   if (!session) {
     ::syslog(LOG_ERR, "No session could be created for user[%s]: %s", verified->name.c_str(),
              session.error().ToString().c_str());
-    return Fail(call, session.error().code() == ErrorCode::kBusy ? user_error::kHostBusy : user_error::kInternal);
+    if (session.error().code() == ErrorCode::kBusy) {
+      return Fail(call, user_error::kHostBusy,
+                  "As many users as the host takes are logged in. Some sessions must end.");
+    }
+    return Fail(call, user_error::kInternal);
   }
   ::syslog(LOG_INFO, "User[%s] logged in from [%s].", verified->name.c_str(), call.caller.peer.c_str());
   Json::Value data(Json::objectValue);

@@ -243,7 +243,10 @@ TEST(OpenApi, Description_EachRow_HasAccessParametersAndErrors) {
             std::string::npos);
   for (const char* status : {"200", "400", "401", "403", "405", "415", "500", "503"}) {
     EXPECT_TRUE(operation["responses"].isMember(status)) << status;
+    EXPECT_EQ(operation["responses"][status]["headers"].isMember("Retry-After"), std::string(status) == "503")
+        << status;
   }
+  EXPECT_EQ(operation["responses"]["503"]["headers"]["Retry-After"]["schema"]["type"], "integer");
 }
 
 TEST(OpenApi, Console_HasParametersAnswersAndWaysToIdentify) {

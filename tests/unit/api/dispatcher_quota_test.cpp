@@ -48,7 +48,9 @@ class DispatcherQuota : public BareDispatcher {
     list.parameters = {{"ids", api::ParameterType::kArray, api::Necessity::kOptional, "", 3}};
     api::ApiRow user = TestRow("T", "user", Access::kUser, LaneKind::kQuick, count);
     user.parameters = {{"a", api::ParameterType::kArray, api::Necessity::kOptional, ""}};
+    const auto refuse = [](const Call& call) { call.response->SetError(user_error::kHostBusy, Json::Value()); };
     return {std::move(list),
+            TestRow("T", "busy", Access::kUser, LaneKind::kQuick, refuse),
             std::move(user),
             TestRow("T", "admin", Access::kAdministrator, LaneKind::kQuick, count),
             TestRow("T", "host", Access::kHost, LaneKind::kQuick, count),
@@ -97,6 +99,13 @@ TEST_F(DispatcherQuota, List_WithTooManyElements_IsBadParameter) {
   EXPECT_EQ(calls_, 4);
   EXPECT_EQ(send(R"({"ids":[1,2,3,4]})"), 400);
   EXPECT_EQ(calls_, 4);
+}
+
+// A login when too many users are logged in, a second change of a password at the same time.
+TEST_F(DispatcherQuota, MethodThatAnswersBusy_SaysWhenToTryAgain) {
+  Headers headers;
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/busy", TokenOf("grace", {})), &headers), kBusy);
+  EXPECT_EQ(headers, (Headers{{"Retry-After", "1"}}));
 }
 
 // Their text takes as long as several calls, and anybody on this machine may read it.

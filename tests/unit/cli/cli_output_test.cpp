@@ -43,6 +43,8 @@ TEST(CliNames, Replies_OfEachShape_HaveOneLineForEachObject) {
       RenderNames(Parsed(R"({"guests":[{"guest_id":"g1","guest_name":"web"},{"guest_id":"g2","guest_name":""}]})")),
       "web\ng2\n");
   EXPECT_EQ(RenderNames(Parsed(R"([{"name":"a\u001b"},{"id":"s1"},{"x":1},"word"])")), "a\\x1b\ns1\nword\n");
+  // A name that can be passed on.
+  EXPECT_EQ(RenderNames(Parsed(R"([{"name":"a\\b\\"},{"name":"\\"}])")), "a\\b\\\n\\\n");
   // One object, which may contain lists.
   EXPECT_EQ(RenderNames(Parsed(R"({"guest_id":"g1","guest_name":"web","disks":[{"name":"boot"}]})")), "web\n");
   EXPECT_EQ(RenderNames(Parsed("{}")), "");

@@ -30,8 +30,8 @@ TEST(ImportArguments, Parse_FilesAndEveryOption_AreSet) {
   EXPECT_EQ(arguments->mode, ImportMode::kDryRun);
   EXPECT_THAT(arguments->disk_sizes_mib, ElementsAre(Pair("vda", 20480), Pair("vdb", 1024)));
   EXPECT_THAT(arguments->networks, ElementsAre(Pair("lan=x", kUuid)));
-  EXPECT_EQ(arguments->repository_id, kUuid);
-  EXPECT_EQ(arguments->host_id, kUuid);
+  EXPECT_EQ(arguments->repository, kUuid);
+  EXPECT_EQ(arguments->host, kUuid);
 }
 
 TEST(ImportArguments, OptionBeforeAFile_TakesOneValue) {
@@ -72,11 +72,10 @@ TEST(ImportArguments, Parse_InvalidArguments_ReportReason) {
       {{"--disk-size", "vda=1.5", "a"}, size("vda=1.5")},
       {{"--disk-size", "vda=2097152", "a"}, size("vda=2097152")},
       {{"--disk-size", "vda=18446744073709551617", "a"}, size("vda=18446744073709551617")},
-      {{"--network", "lan=1", "a"},
-       "'lan=1' is not a value for --network. Use NAME=UUID, the name of a network or bridge and its id"},
-      {{"--host-id", "host", "a"}, "'host' is not a value for --host-id. Use a UUID of the form 8-4-4-4-12"},
+      {{"--network", "lan=", "a"},
+       "'lan=' is not a value for --network. Use NAME=NETWORK, a name in the definition and a network's id or name"},
       {{"--manifest", "m", "--disk-size", "vda=1"},
-       "--manifest takes ids, networks and disk sizes from the file. Leave out the other options"},
+       "--manifest takes repositories, hosts, networks and disk sizes from the file. Leave out the other options"},
   };
   for (const auto& [arguments, sentence] : rows) EXPECT_EQ(RefusalOf(arguments), sentence);
   for (const std::vector<std::string>& arguments :
@@ -131,6 +130,18 @@ TEST_F(Manifest, Read_OwnAndCommonOptions_AreMerged) {
   EXPECT_THAT(second.options.disk_sizes_mib, ElementsAre(Pair("vda", 2048)));
 }
 
+TEST_F(Manifest, Read_Names_AreKeptForTheServer) {
+  const auto sources = Read(R"({"repository": "pool", "host": "nas-1", "networks": {"br0": "lan"},
+    "guests": [{"file": "a.xml"}, {"file": "b.xml", "repository": "fast", "host": "nas-2"}]})");
+  ASSERT_TRUE(sources.ok()) << sources.error().ToString();
+  ASSERT_THAT(*sources, SizeIs(2));
+  EXPECT_EQ((*sources)[0].options.repository_id, "pool");
+  EXPECT_EQ((*sources)[0].options.host_id, "nas-1");
+  EXPECT_THAT((*sources)[0].options.networks, ElementsAre(Pair("br0", "lan")));
+  EXPECT_EQ((*sources)[1].options.repository_id, "fast");
+  EXPECT_EQ((*sources)[1].options.host_id, "nas-2");
+}
+
 TEST_F(Manifest, Read_InvalidMembers_ReportReason) {
   const std::string range = " that is not a whole number from 1 to 2097151 GiB";
   const std::pair<std::string, std::string> rows[] = {
@@ -142,8 +153,16 @@ TEST_F(Manifest, Read_InvalidMembers_ReportReason) {
       {R"({"guests": [], "a\nb": 1})", "The manifest's root has the unknown member 'a\\nb'. Remove it"},
       {R"({"guests": [], "host_id": 1})", "The manifest's root has a 'host_id' that is not a UUID"},
       {R"({"guests": [], "repository_id": ""})", "The manifest's root has a 'repository_id' that is not a UUID"},
-      {R"({"guests": [], "networks": []})", "The manifest's 'networks' is not an object of names and UUIDs"},
-      {R"({"guests": [], "networks": {"lan": 5}})", "The manifest's 'networks' has a 'lan' that is not a UUID"},
+      {R"({"guests": [], "networks": []})", "The manifest's 'networks' is not an object of names and networks"},
+      {R"({"guests": [], "networks": {"lan": 5}})",
+       "The manifest's 'networks' has a 'lan' that is neither an id nor a name"},
+      {R"({"guests": [], "networks": {"lan": ""}})",
+       "The manifest's 'networks' has a 'lan' that is neither an id nor a name"},
+      {R"({"guests": [], "host": ""})", "The manifest's root has a 'host' that is neither an id nor a name"},
+      {R"({"guests": [{"file": "a", "repository": 1}]})",
+       "The manifest's guest 1 has a 'repository' that is neither an id nor a name"},
+      {R"({"guests": [], "host": "nas-1", "host_id": "abcdef00-0000-4000-8000-000000000002"})",
+       "The manifest's root has both 'host' and 'host_id'"},
       {R"({"guests": [1]})", "The manifest's guest 1 is not an object"},
       {R"({"guests": [{}]})", "The manifest's guest 1 has no 'file'. Name a domain XML file there"},
       {R"({"guests": [{"file": "a"}, {"file": 1}]})",

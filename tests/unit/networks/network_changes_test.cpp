@@ -393,6 +393,26 @@ TEST_F(NetworkChanges, List_FoundNetworks_AreShownUntilAdopted) {
   EXPECT_TRUE(adopted[1].is_managed);
 }
 
+TEST_F(NetworkChanges, List_NetworkOfLibvirtIsInactive_IsReadyAndSaysSo) {
+  const std::string inactive = R"({"found":[{"name":"default","kind":"nat","active":false}]})";
+  PutReport(kHost, inactive);
+  PutReport(kOtherHost, R"({"found":[]})");
+  const auto one = List();
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_EQ(one[0].State(), "ready");
+  EXPECT_FALSE(one[0].is_active);
+  EXPECT_EQ(one[0].hosts.at(kHost).reason, "It is not active in libvirt; the start of a guest that needs it starts it");
+  // One host has started it.
+  PutReport(kOtherHost, R"({"found":[{"name":"default","kind":"nat"}]})");
+  EXPECT_TRUE(List()[0].is_active);
+  EXPECT_EQ(List()[0].hosts.at(kOtherHost).reason, "");
+  // The same when it is adopted.
+  PutReport(kOtherHost, inactive);
+  ExpectAdded(Nat("default"));
+  EXPECT_TRUE(List()[0].is_managed);
+  EXPECT_FALSE(List()[0].is_active);
+}
+
 TEST_F(NetworkChanges, List_DamagedRecord_IsFailedOnEachHost) {
   host_.PutText("network", "x", "[]");
   const auto listed = List();

@@ -435,16 +435,14 @@ TEST_F(Keeper, Adopted_NetworkOfLibvirt_IsUsedAsItIs) {
   DefineByHand("theirs", "<forward mode='nat'/><ip address='10.8.0.1' prefix='24'/>");
   const std::string before = InLibvirt()[0].xml;
   Keep();
-  EXPECT_EQ(Report().found, (std::vector<records::FoundNetwork>{{"theirs", "nat", "10.8.0.0/24"}}));
+  EXPECT_EQ(Report().found, (std::vector<records::FoundNetwork>{{"theirs", "nat", "10.8.0.0/24", false}}));
   const std::string id = Add("theirs", NetworkKind::kNat);
   Keep();
-  EXPECT_EQ(Condition(id).state, "missing");
-  EXPECT_EQ(Condition(id).reason,
-            "The network 'theirs' of libvirt was not made by this system and is not active: start it with 'virsh "
-            "net-start'");
+  EXPECT_EQ(Condition(id), (NetworkCondition{"ready", kNotActive}));
   ASSERT_TRUE(hypervisor_->StartNetwork("theirs"));
   Keep();
   EXPECT_EQ(Condition(id), (NetworkCondition{"ready", ""}));
+  EXPECT_EQ(Report().found, (std::vector<records::FoundNetwork>{{"theirs", "nat", "10.8.0.0/24"}}));
   EXPECT_EQ(InLibvirt()[0].xml, before);
   std::string name;
   ASSERT_TRUE(RemoveNetwork(host_.store(), id, name).ok());
@@ -466,7 +464,7 @@ TEST_F(Keeper, Found_BridgesAndAddresses_AreReported) {
   Keep();
   EXPECT_EQ(Report().found,
             (std::vector<records::FoundNetwork>{
-                {"office", "bridge", ""}, {"theirs", "isolated", "10.8.0.0/24"}, {"br0", "bridge", ""}}));
+                {"office", "bridge", "", false}, {"theirs", "isolated", "10.8.0.0/24", false}, {"br0", "bridge", ""}}));
   EXPECT_THAT(Report().subnets, ElementsAre("192.168.1.0/24"));
   const auto revision = Revision();
   Keep();

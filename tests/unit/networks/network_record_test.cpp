@@ -173,7 +173,7 @@ TEST(NetworkRecord, Read_DamagedRecord_SaysWhatIsWrong) {
 TEST(NetworkReport, Read_WhatWasWritten_IsTheSame) {
   NetworkReport report;
   report.conditions = {{"a", {kNetworkReady, ""}}, {"b", {kNetworkFailed, "No such device"}}};
-  report.found = {{"virbr", "other", ""}, {"default", "nat", "192.168.122.0/24"}};
+  report.found = {{"virbr", "other", ""}, {"default", "nat", "192.168.122.0/24", false}};
   report.subnets = {"192.168.1.0/24"};
   EXPECT_EQ(ParseNetworkReport(NetworkReportToJson(report)), report);
 }
@@ -184,7 +184,7 @@ TEST(NetworkReport, Read_AnotherHostsNonsense_IsBoundedAndClean) {
   }
   const NetworkReport report = ParseNetworkReport(
       Parsed(R"({"states":{"a":7,"b":{"state":"fine"},"c":{"state":"failed","reason":"x\u001b[2J\ny"}},
-                 "found":[7,{"name":"a\nb"},{"name":"x","kind":7,"subnet":"y"}],"subnets":[7,"z"]})"));
+                 "found":[7,{"name":"a\nb"},{"name":"x","kind":7,"subnet":"y","active":7}],"subnets":[7,"z"]})"));
   ASSERT_EQ(report.conditions.size(), 1u);
   EXPECT_EQ(report.conditions.at("c").reason, "x [2J y");
   EXPECT_EQ(report.found, (std::vector<FoundNetwork>{{"x", "other", ""}}));

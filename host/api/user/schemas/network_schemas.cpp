@@ -14,7 +14,7 @@ Schema Network() {
   const Schema host = Object(
       {Always("host_id", RecordId("The host's id.")),
        Always("state", String("Whether the host has the network.").OneOf({"ready", "missing", "failed", "unknown"})),
-       Sometimes("reason", String("Why not: a sentence."))});
+       Sometimes("reason", String("More about the state: a sentence."))});
   return Object(
       {Always("network_id", NetworkId()), Always("name", Name()),
        Always("kind",
@@ -23,6 +23,9 @@ Schema Network() {
        Always("description", String("Its description; \"\" without one.")),
        Always("managed", Flag("Whether the cluster manages it; false: it was found on hosts.")),
        Always("state", String("The worst of the hosts' states.").OneOf({"ready", "missing", "failed", "unknown"})),
+       Sometimes("active",
+                 Flag("false: it is one of libvirt's that no host has started; the start of a guest that needs "
+                      "it starts it. Absent otherwise.")),
        Sometimes("network_name", String("Its name on the hosts. For administrators, like all that follow.")),
        Sometimes("subnet", String("Its IPv4 subnet.").Like("192.168.100.0/24")),
        Sometimes("vlan_id", Integer("Its VLAN tag.").From(1).To(kMaxVlan)),
