@@ -188,7 +188,7 @@ std::string UnitsFolder(const SetupOptions& options) {
   return options.units.empty() && is_service && RunsSystemd() ? "/etc/systemd/system" : options.units;
 }
 
-// The folders that the service writes, beside those that its unit lets it write in any case.
+// The folders that the service writes, beside the ones of its packaged unit.
 std::vector<std::string> OtherFolders(const daemon::Config& config) {
   std::vector<std::string> folders = config.image_roots;
   if (config.hypervisor == "embed") folders.push_back(config.hypervisor_root);
