@@ -17,11 +17,14 @@ void AddSetupCommand(const Command& app) {
       "Read the administrator's password from the first line of standard input");
   setup.AddOption("--listen", options->listen, "Where users reach this host").Placeholder("ADDRESS:PORT");
   setup.AddOption("--images", options->images, "The folder for guests' disks").Placeholder("FOLDER");
-  setup.AddOption("--hypervisor", options->hypervisor, "What runs guests, such as qemu:///system").Placeholder("URI");
+  setup
+      .AddOption("--hypervisor", options->hypervisor,
+                 "What runs guests: qemu:///system, embed, another libvirt, or test")
+      .Placeholder("URI");
   setup.AddFlag("--yes", options->assume_yes, "Take the defaults instead of asking");
   setup.AddFlag("--no-start", options->no_start, "Do not start the service");
   setup.AddOption("--config", options->config, "The service's configuration file").Placeholder("PATH");
-  setup.AddOption("--units", options->units, "Where the unit's drop-in for the folder goes (/etc/systemd/system)")
+  setup.AddOption("--units", options->units, "Where the unit's drop-ins go (/etc/systemd/system)")
       .Placeholder("FOLDER");
   setup.AddOption("--account", options->account, "The service's account").Placeholder("NAME");
   setup.Footer(R"(

@@ -19,6 +19,7 @@
 #include "cli/printable.h"
 #include "cli/setup_file.h"
 #include "cli/setup_report.h"
+#include "cli/setup_unit.h"
 #include "cli/user_command.h"
 #include "host/base/become_account.h"
 #include "host/base/data_lock.h"
@@ -181,27 +182,49 @@ bool StartService(const GlobalOptions& global, const SetupOptions& options, bool
   return false;
 }
 
-// The unit lets the service write only in its own folders. Returns whether the drop-in changed.
-Result<bool> AllowFolders(const SetupOptions& options, const daemon::Config& config) {
+// Where the unit's drop-ins go; "" where the service is not systemd's.
+std::string UnitsFolder(const SetupOptions& options) {
   const bool is_service = options.config == daemon::kServiceConfigFile;
-  std::string folder = options.units;
-  if (folder.empty() && is_service && RunsSystemd()) folder = "/etc/systemd/system";
-  std::string lines;
-  for (const std::string& root : config.image_roots) {
-    if (root == kGuestsFolder || root.starts_with(config.data_directory + "/")) continue;
-    lines += fmt::format("ReadWritePaths=\"-{}\"\n", root);  // a folder that is gone keeps no service from starting
+  return options.units.empty() && is_service && RunsSystemd() ? "/etc/systemd/system" : options.units;
+}
+
+// The folders that the service writes, beside the ones of its packaged unit.
+std::vector<std::string> OtherFolders(const daemon::Config& config) {
+  std::vector<std::string> folders = config.image_roots;
+  if (config.hypervisor == "embed") folders.push_back(config.hypervisor_root);
+  std::erase_if(folders, [&config](const std::string& folder) {
+    return folder == kGuestsFolder || folder.starts_with(config.data_directory + "/");
+  });
+  return folders;
+}
+
+// Gives the unit the rights that the configuration needs. Returns whether it changed.
+Result<bool> OpenUnit(const GlobalOptions& global, const SetupOptions& options, const daemon::Config& config) {
+  const std::string units = UnitsFolder(options);
+  if (units.empty()) return false;
+  const Result<bool> changed = WriteDropIns(units, DropInsFor(OtherFolders(config), config.hypervisor));
+  if (!changed) return changed.error();
+  // Without it, the next stop of the service would kill guests that still run below it.
+  const std::string unneeded = config.hypervisor == "embed" ? "" : OwnEmbedDropIn(units);
+  if (!unneeded.empty()) {
+    Say(global,
+        fmt::format("The unit keeps the rights that guests of \"embed\" need. When all of those are shut down, run: "
+                    "rm '{}'; systemctl daemon-reload",
+                    unneeded));
   }
-  if (folder.empty() || lines.empty()) return false;
-  folder += "/vexad.service.d";
-  const std::string text = "# Made by 'vexa setup'.\n[Service]\n" + lines;
-  const std::string file = folder + "/guests.conf";
-  if (const Result<std::string> old = ReadFile(file, kMaxConfigBytes); old && *old == text) return false;
-  if (Status made = CreateDirectories(folder, 0755); !made) return made.error();
-  if (Status written = WriteFileAtomically(file, text, 0644); !written) return written.error();
-  if (is_service && RunsSystemd() && !RunProgram({"systemctl", "daemon-reload"})) {
+  const bool is_service = options.config == daemon::kServiceConfigFile;
+  if (*changed && is_service && RunsSystemd() && !RunProgram({"systemctl", "daemon-reload"})) {
     return Error(ErrorCode::kUnavailable, "'systemctl daemon-reload' failed");
   }
-  return true;
+  return *changed;
+}
+
+Status CheckHypervisor(const std::string& hypervisor) {
+  if (hypervisor.find(":///embed") == std::string::npos) return {};
+  return Error(ErrorCode::kInvalid,
+               fmt::format("'{}' is the driver of guests below the daemon, which sets it up by itself. Run: vexa setup "
+                           "--hypervisor embed",
+                           hypervisor));
 }
 
 Status CheckMachine(const SetupOptions& options) {
@@ -215,8 +238,11 @@ Status CheckMachine(const SetupOptions& options) {
 
 Status MakeFolders(const SetupOptions& options, const daemon::Config& config) {
   if (Status given = GiveFolder(config.data_directory, options.account, kDataMode); !given) return given;
+  std::error_code failed;
+  if (config.hypervisor == "embed" && !std::filesystem::exists(config.hypervisor_root, failed)) {
+    if (Status made = GiveFolder(config.hypervisor_root, options.account, kDataMode); !made) return made;
+  }
   for (const std::string& root : config.image_roots) {
-    std::error_code failed;
     if (std::filesystem::exists(root, failed)) continue;  // it may be another program's, too
     if (Status made = GiveFolder(root, options.account, kImagesMode); !made) return made;
   }
@@ -234,6 +260,7 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
     std::cout << std::endl;
     return Report(Error(ErrorCode::kInvalid, "The questions were not answered, so nothing has changed"));
   }
+  if (const Status possible = CheckHypervisor(options.hypervisor); !possible) return Report(possible.error());
   const Result<bool> changed = WriteConfig(options);
   if (!changed) return Report(changed.error());
   Say(global, *changed ? fmt::format("Wrote {}{}.", options.config,
@@ -241,11 +268,11 @@ ExitCode RunSetup(const GlobalOptions& global, const SetupOptions& given) {
                        : fmt::format("{} stays as it is.", options.config));
   const daemon::Config config = ReadConfig(options.config);
   if (const Status made = MakeFolders(options, config); !made) return Report(made.error());
-  const Result<bool> allowed = AllowFolders(options, config);
-  if (!allowed) return Report(allowed.error());
+  const Result<bool> opened = OpenUnit(global, options, config);
+  if (!opened) return Report(opened.error());
   // A service that runs gets its new configuration also when this fails: the next run would find nothing to change.
   const ExitCode added = options.admin.empty() ? ExitCode::kOk : AddAdministrator(global, options, config);
-  const bool runs = StartService(global, options, *changed || *allowed);
+  const bool runs = StartService(global, options, *changed || *opened);
   SetupMachine machine;
   machine.account = options.account;
   machine.hypervisor = config.hypervisor;

@@ -18,8 +18,8 @@ struct SetupOptions {
   bool no_start = false;
   std::string config = "/etc/vexa/vexad.conf";
   std::string account = "vexa";  // of the service
-  // Where the service's unit gets a drop-in that lets it write in other folders for guests. Empty: systemd's folder for
-  // the service's own configuration file, and no drop-in for another one.
+  // Where the service's unit gets drop-ins, for other folders for guests and for the hypervisor "embed". Empty:
+  // systemd's folder for the service's own configuration file, and no drop-in for another one.
   std::string units;
 };
 

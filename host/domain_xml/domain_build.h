@@ -27,9 +27,12 @@ struct GuestRecords {
   std::vector<std::pair<std::string, Json::Value>> nics;
 };
 
-// Whether libvirt may set CPU shares. That needs cgroups of its own, which an unprivileged driver does not have: it
-// refuses to start a guest with shares.
-enum class CpuShares { kAllowed, kOmitted };
+// Whether libvirt may set CPU shares. It refuses to start a guest with shares where it cannot.
+enum class CpuShares {
+  kAllowed,
+  kOmitted,       // it has no cgroups, like every unprivileged driver
+  kNoController,  // it has cgroups, and none for processors
+};
 
 // Whether this machine has a USB bus. Without one, the hypervisor fails when it looks for devices on it, even optional
 // ones.

@@ -37,14 +37,15 @@ void RemovePinsAtOrAbove(pugi::xml_node tuning, std::uint64_t vcpus) {
   }
 }
 
-// A libvirt without cgroups refuses guests that have any of these.
+// A libvirt without the cgroups refuses guests that have any of these.
 void RemoveCgroups(Overlay& overlay) {
+  if (overlay.options.cpu_shares == CpuShares::kAllowed) return;
   constexpr const char* kCgroupTuningElements[] = {"shares",         "period",          "quota",
                                                    "global_period",  "global_quota",    "emulator_period",
                                                    "emulator_quota", "iothread_period", "iothread_quota"};
   constexpr const char* kCgroupElements[] = {"blkiotune", "memtune"};
   RemoveChildren(overlay.domain.child("cputune"), kCgroupTuningElements);
-  RemoveChildren(overlay.domain, kCgroupElements);
+  if (overlay.options.cpu_shares == CpuShares::kOmitted) RemoveChildren(overlay.domain, kCgroupElements);
 }
 
 // Keeps everything that is not pinned to a dedicated processor off these.
@@ -89,7 +90,7 @@ Status ApplyTuning(Overlay& overlay) {
     for (const pugi::xml_node pin : built.children("vcpupin")) ChildOf(overlay.domain, "cputune").append_copy(pin);
   }
   ConfineToShared(overlay);
-  if (overlay.options.cpu_shares == CpuShares::kOmitted) RemoveCgroups(overlay);
+  RemoveCgroups(overlay);
   RemoveWhenEmpty(overlay.domain.child("cputune"));
   return {};
 }

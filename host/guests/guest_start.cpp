@@ -255,6 +255,7 @@ Result<void, Refusal> LibvirtGuestControl::StartNetworks(const records::Guest& g
 Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, const Starts::Start& start) {
   // If this fails, the reconciliation that follows releases the reservation. Saved memory keeps the definition that it
   // was saved with.
+  const domain_xml::CpuShares shares = hypervisor_->CpuSharesSupport();
   if (!attempt.IsSaved()) {
     ReportLayout(attempt.guest);
     if (const auto allowed = DefineGuest(attempt.guest, attempt.run, OwnershipTag::kOurs); !allowed.ok())
@@ -276,7 +277,15 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   if (const auto allowed = CheckClaimHeld(); !allowed.ok()) return allowed;
   // Ending a restored guest would lose its memory, so its files are compared before it runs.
   const bool is_restored = attempt.IsSaved() && *files;
-  const auto started = is_restored ? hypervisor_->Restore(guest_id) : hypervisor_->Start(guest_id);
+  auto started = is_restored ? hypervisor_->Restore(guest_id) : hypervisor_->Start(guest_id);
+  if (!started && !attempt.IsSaved() && hypervisor_->CpuSharesSupport() != shares) {
+    ::syslog(LOG_WARNING,
+             "Guests run without CPU weights until libvirt has the control group 'cpu' (cgroup_controllers in "
+             "/etc/libvirt/qemu.conf): %s",
+             started.error().ToString().c_str());
+    if (const auto again = DefineGuest(attempt.guest, attempt.run, OwnershipTag::kOurs); !again.ok()) return again;
+    started = hypervisor_->Start(guest_id);
+  }
   BeforeStep("poweron: started");
   if (!started) return RefusalOf(started.error());
   if (is_restored) {

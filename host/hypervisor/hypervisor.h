@@ -148,7 +148,9 @@ class Hypervisor {
   // it this early must call again in on_reopened.
   virtual std::string DomainType() const = 0;
 
-  // Whether guests may have CPU shares. They need cgroups, which an unprivileged driver does not have.
+  // Whether guests may have CPU shares. They need cgroups, which an unprivileged driver does not have. Whether a
+  // privileged one has that for processors shows when a start fails: kNoController after that, until libvirt is
+  // connected again. The caller defines the guest again, without shares.
   virtual domain_xml::CpuShares CpuSharesSupport() const = 0;
   // The largest weight that a guest can have: 262144, or 10000 with version 2 of cgroups; 0: guests cannot have
   // weights.

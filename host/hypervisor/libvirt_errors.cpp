@@ -115,6 +115,10 @@ FailureKind ClassifyInvalidOperation(Operation operation, const virError& error)
 
 }  // namespace
 
+bool LacksCpuGroup(const virError& error) {
+  return error.code == VIR_ERR_CONFIG_UNSUPPORTED && MessageContains(error, "CPU tuning is not available");
+}
+
 FailureKind ClassifyError(Operation operation, const virError& error) {
   // However the connection ends, the next call reports it with the code of the transport.
   if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) {

@@ -21,6 +21,9 @@ enum class Operation {
 // The kind of an error; kFailed for errors that callers cannot act on. Pure.
 FailureKind ClassifyError(Operation operation, const virError& error);
 
+// Whether a start failed because libvirt has no control group for processors. Pure.
+bool LacksCpuGroup(const virError& error);
+
 // The failure of this thread's last libvirt call.
 Failure LastFailure(Operation operation, std::string message);
 

@@ -157,6 +157,9 @@ class LibvirtHypervisor final : public Hypervisor {
   GuestOperationLocks guest_locks_;
   mutable Mutex type_mutex_;
   mutable std::string domain_type_ VEXA_GUARDED_BY(type_mutex_);  // empty until a connection has reported it
+  mutable Mutex shares_mutex_;
+  // The connection on which a start has shown that libvirt has no control group for processors.
+  std::weak_ptr<virConnect> without_cpu_group_ VEXA_GUARDED_BY(shares_mutex_);
   // Destroyed first: a callback that is still running may use the other members.
   const std::unique_ptr<LibvirtConnection> connection_;
 };

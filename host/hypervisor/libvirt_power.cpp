@@ -95,6 +95,10 @@ Result<void, Failure> LibvirtHypervisor::StartWith(const std::string& id,
   if (Result<void, Failure> memory = CheckMemory(*guest); !memory) return memory;
   if (create(guest->domain.get()) == 0) return {};
   if (lock.WasEnded()) return Failure(FailureKind::kBusy, failed, "It was powered off before the start ended");
+  if (const virError* const error = virGetLastError(); error != nullptr && LacksCpuGroup(*error)) {
+    const MutexLock shares_lock(shares_mutex_);
+    without_cpu_group_ = guest->connection;
+  }
   Failure failure = GuestFailure(*guest, Operation::kStart, failed);
   // The helpers that add guests of users other than root to bridges check their own rights first.
   const bool unclear = failure.kind() == FailureKind::kFailed || failure.kind() == FailureKind::kDenied;

@@ -28,7 +28,11 @@ std::vector<unsigned char> BitsOf(const domain_xml::CpuSet& cpus) {
 }  // namespace
 
 domain_xml::CpuShares LibvirtHypervisor::CpuSharesSupport() const {
-  return target_.IsUnprivileged() ? domain_xml::CpuShares::kOmitted : domain_xml::CpuShares::kAllowed;
+  if (target_.IsUnprivileged()) return domain_xml::CpuShares::kOmitted;
+  const std::shared_ptr<virConnect> current = connection_->Current();
+  const MutexLock lock(shares_mutex_);
+  const bool lacks_group = current && without_cpu_group_.lock() == current;
+  return lacks_group ? domain_xml::CpuShares::kNoController : domain_xml::CpuShares::kAllowed;
 }
 
 std::int64_t LibvirtHypervisor::MaxCpuWeight() const {

@@ -222,6 +222,53 @@ TEST_F(Setup, FolderElsewhere_IsOpenedInTheUnit) {
   EXPECT_FALSE(fs::exists(folder_.File("units")));
 }
 
+// QEMU is a child of the daemon there, and would not start under the unit as it is packaged.
+TEST_F(Setup, EmbeddedGuests_GetTheirRightsInTheUnit) {
+  const std::string drop_in = "units/vexad.service.d/embed.conf";
+  const std::vector<std::string> embed{"--images", Images(), "--units", folder_.File("units"), "--hypervisor", "embed"};
+  const ProcessResult result = Run(embed);
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output.find("libvirt-qemu"), std::string::npos)
+      << "QEMU runs as the service's account: " << result.output;
+  const auto packaged = vexa::ReadFile(VEXA_SOURCE_DIR "/packaging/vexad-embed.conf", 1 << 20);
+  ASSERT_TRUE(packaged.ok());
+  EXPECT_EQ(Read(drop_in), "# Made by 'vexa setup'.\n" + *packaged);
+  // Later runs change nothing. With another hypervisor, guests may still run below the daemon.
+  EXPECT_EQ(Run({"--units", folder_.File("units")}).exit_code, 0);
+  const ProcessResult other = Run({"--units", folder_.File("units"), "--hypervisor", "test"});
+  EXPECT_NE(other.output.find(fmt::format("The unit keeps the rights that guests of \"embed\" need. When all of those "
+                                          "are shut down, run: rm '{}'; systemctl daemon-reload\n",
+                                          folder_.File(drop_in))),
+            std::string::npos)
+      << other.output;
+  EXPECT_TRUE(fs::exists(folder_.File(drop_in)));
+  // A file of the administrator's own stays as it is.
+  Write(drop_in, "[Service]\n");
+  EXPECT_EQ(Run(embed).exit_code, 0);
+  EXPECT_EQ(Read(drop_in), "[Service]\n");
+}
+
+TEST_F(Setup, EmbeddedGuestsElsewhere_GetTheirFolder) {
+  const std::string root = folder_.File("states");
+  Write("vexad.conf", Read("vexad.conf") + fmt::format("hypervisor-root = \"{}\"\n", root));
+  EXPECT_EQ(Run({"--images", Data() + "/images", "--units", folder_.File("units"), "--hypervisor", "embed"}).exit_code,
+            0);
+  EXPECT_EQ(OwnerOf(root), Uid());
+  EXPECT_EQ(Read("units/vexad.service.d/guests.conf"),
+            fmt::format("# Made by 'vexa setup'.\n[Service]\nReadWritePaths=\"-{}\"\n", root));
+}
+
+TEST_F(Setup, UriOfEmbeddedGuests_IsRefusedWithTheSetting) {
+  const std::string old = Read("vexad.conf");
+  const ProcessResult result = Run({"--hypervisor", "qemu:///embed?root=/srv/states"});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.errors,
+            "vexa: 'qemu:///embed?root=/srv/states' is the driver of guests below the daemon, which sets it up by "
+            "itself. Run: vexa setup --hypervisor embed\n");
+  EXPECT_EQ(Read("vexad.conf"), old);
+  EXPECT_FALSE(fs::exists(Data()));
+}
+
 // Root made the data folder, and files in it, before the service.
 TEST_F(Setup, FilesOfRoot_BecomeThoseOfTheService) {
   ASSERT_TRUE(vexa::CreateDirectories(Data() + "/store", 0700).ok());

@@ -20,13 +20,16 @@ namespace fs = std::filesystem;
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000013";
 constexpr char kControlGroups[] = "/sys/fs/cgroup";
 
-// In this program's mounts: the controller "cpu" of version 1, if the kernel still has it.
+// In this program's mounts: the controllers "cpu" and "memory" of version 1, if the kernel still has them.
 std::string why_no_groups;
+bool MountController(const char* name) {
+  const std::string folder = std::string(kControlGroups) + "/" + name;
+  return ::mkdir(folder.c_str(), 0755) == 0 && ::mount("cgroup", folder.c_str(), "cgroup", 0, name) == 0;
+}
 void MountControlGroups() {
   if (!NamespaceUnavailableReason().empty()) return;
-  const std::string cpu = std::string(kControlGroups) + "/cpu";
-  if (::mount("vexa-test", kControlGroups, "tmpfs", 0, "mode=0755") != 0 || ::mkdir(cpu.c_str(), 0755) != 0 ||
-      ::mount("cgroup", cpu.c_str(), "cgroup", 0, "cpu") != 0) {
+  if (::mount("vexa-test", kControlGroups, "tmpfs", 0, "mode=0755") != 0 || !MountController("cpu") ||
+      !MountController("memory")) {
     why_no_groups = std::string("the kernel gives no control groups of version 1: ") + std::strerror(errno);
   }
 }
@@ -48,7 +51,9 @@ class CpuWeight : public testing::Test {
     libvirtd_.reset();
     environment_.reset();
     std::error_code ignored;
-    fs::remove(std::string(kControlGroups) + "/cpu/machine", ignored);
+    for (const char* controller : {"/cpu", "/memory"}) {
+      fs::remove(std::string(kControlGroups) + controller + "/machine", ignored);
+    }
   }
   static std::string UnavailableReason() {
     std::string why_not = NamespaceUnavailableReason();
@@ -112,6 +117,26 @@ TEST_F(CpuWeight, Record_LibvirtdWithoutController_IsReported) {
             std::string::npos);
   const std::string log = host_->Vexa({"log", "--all", "--json", "--socket", host_->Socket()});
   EXPECT_NE(log.find("The virtual machine [weighed] runs without its CPU weight of 512: "), std::string::npos) << log;
+}
+
+// With other control groups but none for processors, libvirt refuses every guest that has a weight.
+TEST_F(CpuWeight, Guests_LibvirtdWithoutControllerForProcessors_RunWithoutWeight) {
+  StartHost("\"memory\"", 512);
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0);
+  EXPECT_EQ(Shares(), "");
+  const std::string line =
+      "Guests run without CPU weights until libvirt has the control group 'cpu' (cgroup_controllers in "
+      "/etc/libvirt/qemu.conf): ";
+  const std::string log = host_->Log();
+  EXPECT_NE(log.find(line), std::string::npos) << log;
+  EXPECT_NE(log.find("CPU tuning is not available"), std::string::npos) << log;
+  EXPECT_NE(log.find("The guest " + std::string(kGuest) + " runs without its CPU weight of 512: "), std::string::npos)
+      << log;
+  // From now on the first attempt succeeds.
+  ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0);
+  const std::string later = host_->Log();
+  EXPECT_EQ(later.find(line, later.find(line) + 1), std::string::npos) << later;
 }
 
 }  // namespace

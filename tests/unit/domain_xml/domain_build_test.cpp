@@ -70,8 +70,10 @@ TEST(DomainBuild, Hyperv_WithoutKvm_IsOmitted) {
 
 TEST(DomainBuild, CpuShares_WithoutCgroups_AreOmitted) {
   BuildOptions options;
-  options.cpu_shares = CpuShares::kOmitted;
-  EXPECT_EQ(CountAt(MustBuild(SmallGuest(), options), "//cputune"), 0u);
+  for (const CpuShares missing : {CpuShares::kOmitted, CpuShares::kNoController}) {
+    options.cpu_shares = missing;
+    EXPECT_EQ(CountAt(MustBuild(SmallGuest(), options), "//cputune"), 0u);
+  }
 }
 
 TEST(DomainBuild, PinnedCpus_Built_PinFirstVirtualCpus) {

@@ -493,6 +493,15 @@ TEST(DomainOverlayOptions, Overlay_WithoutCgroups_RemovesTuningAndKeepsPins) {
   EXPECT_EQ(CountAt(xml, "//cputune"), 0u);
 }
 
+TEST(DomainOverlayOptions, Overlay_WithoutControllerForProcessors_RemovesOnlyTheirTuning) {
+  BuildOptions options = Over(Base("<blkiotune><weight>500</weight></blkiotune><memtune/>"));
+  options.cpu_shares = CpuShares::kNoController;
+  const std::string xml = Unedited(options.base_xml, options);
+  EXPECT_EQ(CountAt(xml, "//shares"), 0u);
+  EXPECT_EQ(CountAt(xml, "//vcpupin"), 2u);
+  EXPECT_EQ(CountAt(xml, "//blkiotune | //memtune"), 2u);
+}
+
 TEST(DomainOverlayOptions, Overlay_Emulation_RemovesKvmFeatures) {
   BuildOptions options = Over(Base());
   options.domain_type = "qemu";

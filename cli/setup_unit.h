@@ -1,0 +1,27 @@
+// The service's unit as `vexa setup` opens it for this host: drop-ins below FOLDER/vexad.service.d.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+
+namespace vexa::cli {
+
+struct DropIn {
+  std::string name;  // of the file
+  std::string text;
+};
+
+// What the unit needs: to write in `folders`, and with the hypervisor "embed" the rights of QEMU, which is a child of
+// the daemon there. Empty when the unit as it is suffices.
+std::vector<DropIn> DropInsFor(const std::vector<std::string>& folders, const std::string& hypervisor);
+
+// Writes them below `units`, such as /etc/systemd/system. A file that an administrator made stays as it is.
+// Returns whether one changed.
+Result<bool> WriteDropIns(const std::string& units, const std::vector<DropIn>& drop_ins);
+
+// The drop-in for "embed" that an earlier run wrote below `units`; "" without one.
+std::string OwnEmbedDropIn(const std::string& units);
+
+}  // namespace vexa::cli
