@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <sstream>
+#include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -202,8 +204,15 @@ std::vector<std::string> OtherFolders(const daemon::Config& config) {
 Result<bool> OpenUnit(const GlobalOptions& global, const SetupOptions& options, const daemon::Config& config) {
   const std::string units = UnitsFolder(options);
   if (units.empty()) return false;
-  const Result<bool> changed = WriteDropIns(units, DropInsFor(OtherFolders(config), config.hypervisor));
-  if (!changed) return changed.error();
+  const Result<UnitChange> change = WriteDropIns(units, DropInsFor(OtherFolders(config), config.hypervisor));
+  if (!change) return change.error();
+  for (const DropIn& kept : change->kept) {
+    Say(global, fmt::format("'{}' stays as it is, because 'vexa setup' has not made it. The unit needs:", kept.name));
+    std::istringstream lines(kept.text);
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.starts_with('#') && !line.starts_with('[')) Say(global, "  " + line);
+    }
+  }
   // Without it, the next stop of the service would kill guests that still run below it.
   const std::string unneeded = config.hypervisor == "embed" ? "" : OwnEmbedDropIn(units);
   if (!unneeded.empty()) {
@@ -213,10 +222,10 @@ Result<bool> OpenUnit(const GlobalOptions& global, const SetupOptions& options, 
                     unneeded));
   }
   const bool is_service = options.config == daemon::kServiceConfigFile;
-  if (*changed && is_service && RunsSystemd() && !RunProgram({"systemctl", "daemon-reload"})) {
+  if (change->has_changed && is_service && RunsSystemd() && !RunProgram({"systemctl", "daemon-reload"})) {
     return Error(ErrorCode::kUnavailable, "'systemctl daemon-reload' failed");
   }
-  return *changed;
+  return change->has_changed;
 }
 
 Status CheckHypervisor(const std::string& hypervisor) {

@@ -29,18 +29,22 @@ std::vector<DropIn> DropInsFor(const std::vector<std::string>& folders, const st
   return drop_ins;
 }
 
-Result<bool> WriteDropIns(const std::string& units, const std::vector<DropIn>& drop_ins) {
-  bool has_changed = false;
+Result<UnitChange> WriteDropIns(const std::string& units, const std::vector<DropIn>& drop_ins) {
+  UnitChange change;
   for (const DropIn& drop_in : drop_ins) {
     const std::string file = FolderOf(units) + "/" + drop_in.name;
     const Result<std::string> old = ReadFile(file, kMaxBytes);
     if (!old && old.error().code() != ErrorCode::kNotFound) return old.error();
-    if (old && (*old == drop_in.text || !IsOwn(*old))) continue;
+    if (old && *old == drop_in.text) continue;
+    if (old && !IsOwn(*old)) {
+      if (kMark + *old != drop_in.text) change.kept.push_back({file, drop_in.text});
+      continue;
+    }
     if (Status made = CreateDirectories(FolderOf(units), 0755); !made) return made.error();
     if (Status written = WriteFileAtomically(file, drop_in.text, 0644); !written) return written.error();
-    has_changed = true;
+    change.has_changed = true;
   }
-  return has_changed;
+  return change;
 }
 
 std::string OwnEmbedDropIn(const std::string& units) {

@@ -17,9 +17,13 @@ struct DropIn {
 // the daemon there. Empty when the unit as it is suffices.
 std::vector<DropIn> DropInsFor(const std::vector<std::string>& folders, const std::string& hypervisor);
 
+struct UnitChange {
+  bool has_changed = false;  // a file
+  std::vector<DropIn> kept;  // the path and the wanted text of files that an administrator made
+};
+
 // Writes them below `units`, such as /etc/systemd/system. A file that an administrator made stays as it is.
-// Returns whether one changed.
-Result<bool> WriteDropIns(const std::string& units, const std::vector<DropIn>& drop_ins);
+Result<UnitChange> WriteDropIns(const std::string& units, const std::vector<DropIn>& drop_ins);
 
 // The drop-in for "embed" that an earlier run wrote below `units`; "" without one.
 std::string OwnEmbedDropIn(const std::string& units);

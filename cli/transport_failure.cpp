@@ -72,8 +72,8 @@ std::string SocketReplyText(const TransportFailure& failure) {
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
       return fmt::format(
-          "{}. vexad has ended meanwhile: 'systemctl status vexad' shows whether it runs again, and "
-          "'journalctl -u vexad' why it ended",
+          "{}. vexad has ended or closed the connection: 'systemctl status vexad' shows whether it runs, and "
+          "'journalctl -u vexad' what it did",
           failure.text);
     default:
       return failure.text;

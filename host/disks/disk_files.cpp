@@ -31,7 +31,7 @@ Error LookupError(const std::string& path, int error_number) {
       return Error(ErrorCode::kInvalid, "its name is too long");
     default:
       return AccessError(ErrorCode::kInternal, fmt::format("Cannot open the folder of '{}'", SanitizePathForLog(path)),
-                         path, error_number);
+                         path.substr(0, path.rfind('/')), AccessTo::kContent, error_number);
   }
 }
 
@@ -42,12 +42,13 @@ std::string DescribeKind(mode_t mode) {
 }
 
 // `sentence` has one placeholder, for the path.
-Error FileError(fmt::format_string<const std::string&> sentence, const std::string& path, int error_number) {
+Error FileError(fmt::format_string<const std::string&> sentence, const std::string& path, int error_number,
+                AccessTo access = AccessTo::kContent) {
   if (error_number == ENOENT)
     return Error(ErrorCode::kNotFound, fmt::format("The file '{}' does not exist", SanitizePathForLog(path)));
   const std::string displayed = SanitizePathForLog(path);
   const ErrorCode code = error_number == EEXIST ? ErrorCode::kConflict : ErrorCode::kInternal;
-  return AccessError(code, fmt::format(sentence, displayed), path, error_number);
+  return AccessError(code, fmt::format(sentence, displayed), path, access, error_number);
 }
 
 Error ExamineError(const std::string& path, int error_number) {
@@ -188,7 +189,7 @@ Status DiskFiles::Rename(const std::string& path, const std::string& from, const
     if (Status refused = CheckNotOpenInVm(*opened, path, from); !refused) return refused;
   }
   if (const int error_number = calls_.rename(opened->folder.get(), from.c_str(), to.c_str())) {
-    return FileError("Cannot rename '{}'", path, error_number);
+    return FileError("Cannot rename '{}'", path, error_number, AccessTo::kEntry);
   }
   return {};
 }
@@ -203,7 +204,7 @@ Status DiskFiles::Unlink(const std::string& path, const std::string& name) const
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (Status refused = CheckNotOpenInVm(*opened, path, name); !refused) return refused;
   if (const int error_number = calls_.unlink(opened->folder.get(), name.c_str())) {
-    return FileError("Cannot remove '{}'", path, error_number);
+    return FileError("Cannot remove '{}'", path, error_number, AccessTo::kEntry);
   }
   return {};
 }
@@ -227,7 +228,7 @@ Status DiskFiles::Create(const std::string& path, std::uint64_t length, const st
   if (!opened) return opened.error();
   int created = -1;
   if (const int error_number = calls_.create(opened->folder.get(), opened->name.c_str(), &created)) {
-    return FileError("Cannot create '{}'", path, error_number);
+    return FileError("Cannot create '{}'", path, error_number, AccessTo::kEntry);
   }
   const Descriptor file(created);
   int error_number = calls_.set_length(file.get(), length);
@@ -237,7 +238,7 @@ Status DiskFiles::Create(const std::string& path, std::uint64_t length, const st
   if (error_number == 0) error_number = calls_.sync_file(file.get());
   if (error_number == 0) return {};
   (void)calls_.unlink(opened->folder.get(), opened->name.c_str());
-  return FileError("Cannot create '{}'", path, error_number);
+  return FileError("Cannot create '{}'", path, error_number, AccessTo::kEntry);
 }
 
 Status DiskFiles::WithFile(const std::string& path, int access, LockCheck lock_check,

@@ -39,7 +39,8 @@ Error CannotOpen(const DomainImage& image, int error_number) {
       return Unusable(image, ErrorCode::kInvalid, "is reached through a symbolic link. Name the file itself");
     default:
       return AccessError(error_number == EACCES || error_number == EPERM ? ErrorCode::kDenied : ErrorCode::kInternal,
-                         Unusable(image, ErrorCode::kInternal, "cannot be opened").message(), image.path, error_number);
+                         Unusable(image, ErrorCode::kInternal, "cannot be opened").message(), image.path,
+                         AccessTo::kContent, error_number);
   }
 }
 

@@ -270,20 +270,29 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   if (!files.ok()) return files.error();
   BeforeStep("poweron: files checked");
   if (const auto networks = StartNetworks(attempt.guest); !networks.ok()) return networks;
-  if (!start.TryEnterHypervisor())
-    return Refusal{host_error::kBusy, "The guest was powered off while it was being started"};
-  BeforeStep("poweron: asked");
-  // The last check before two domains could write to the same disks.
-  if (const auto allowed = CheckClaimHeld(); !allowed.ok()) return allowed;
+  // The last checks before two domains could write to the same disks.
+  const auto enter = [&]() -> Result<void, Refusal> {
+    if (!start.TryEnterHypervisor())
+      return Refusal{host_error::kBusy, "The guest was powered off while it was being started"};
+    BeforeStep("poweron: asked");
+    return CheckClaimHeld();
+  };
+  if (const auto allowed = enter(); !allowed.ok()) return allowed;
   // Ending a restored guest would lose its memory, so its files are compared before it runs.
   const bool is_restored = attempt.IsSaved() && *files;
   auto started = is_restored ? hypervisor_->Restore(guest_id) : hypervisor_->Start(guest_id);
-  if (!started && !attempt.IsSaved() && hypervisor_->CpuSharesSupport() != shares) {
+  // Only what libvirt has refused, as a definition that it cannot run, is asked again.
+  const bool lacks_cpu_group = !started && started.error().kind() == FailureKind::kInvalid && !attempt.IsSaved() &&
+                               shares == domain_xml::CpuShares::kAllowed &&
+                               hypervisor_->CpuSharesSupport() == domain_xml::CpuShares::kNoController;
+  if (lacks_cpu_group) {
     ::syslog(LOG_WARNING,
              "Guests run without CPU weights until libvirt has the control group 'cpu' (cgroup_controllers in "
              "/etc/libvirt/qemu.conf): %s",
              started.error().ToString().c_str());
     if (const auto again = DefineGuest(attempt.guest, attempt.run, OwnershipTag::kOurs); !again.ok()) return again;
+    BeforeStep("poweron: defined without weight");
+    if (const auto allowed = enter(); !allowed.ok()) return allowed;
     started = hypervisor_->Start(guest_id);
   }
   BeforeStep("poweron: started");

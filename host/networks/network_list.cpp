@@ -40,11 +40,12 @@ ListedNetwork Describe(const records::StoredNetwork& stored, const Hosts& hosts)
   return listed;
 }
 
-// Whether a host has started the network, or all of them found it in another way than as one of libvirt.
+// Whether a host has started the network, or all of them found it in another way than as one of libvirt. Hosts that are
+// gone do not count.
 bool IsActive(const Hosts& hosts, const std::string& network_name) {
   bool is_inactive = false;
   for (const auto& [host_id, report] : hosts.reports) {
-    if (!report) continue;
+    if (!report || hosts.gone.contains(host_id)) continue;
     const auto found = std::ranges::find(report->found, network_name, &records::FoundNetwork::name);
     if (found == report->found.end()) continue;
     if (found->is_active) return true;

@@ -110,7 +110,7 @@ FolderState FailedState(const std::string& folder, int error_number) {
     return {Existence::kUnknown, "", fmt::format("{} is not a folder", displayed), error_number};
   }
   const Error error = AccessError(ErrorCode::kInternal, fmt::format("the folder {} cannot be examined", displayed),
-                                  folder, error_number);
+                                  folder, AccessTo::kContent, error_number);
   return {Existence::kUnknown, "", error.ToString(), error_number};
 }
 

@@ -51,7 +51,7 @@ Result<FolderChain> KnownChain(const store::Store& store, const std::string& hos
 
 Error CannotMake(const std::string& path, int error_number) {
   return AccessError(ErrorCode::kUnavailable, fmt::format("The folder {} cannot be made", QuotedPath(path)), path,
-                     error_number);
+                     AccessTo::kEntry, error_number);
 }
 
 // Older versions made the folders of repositories so that QEMU of another account could not use them.

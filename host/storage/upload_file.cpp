@@ -25,7 +25,7 @@ Refusal FileFailed(const Upload& upload, const char* what, int error_number) {
   const Error error = AccessError(
       ErrorCode::kInternal,
       fmt::format("The upload of the image {} cannot be {} in {}", Quoted(upload.name), what, QuotedPath(upload.root)),
-      upload.root + "/" + upload.PartialName(), error_number);
+      upload.root + "/" + upload.PartialName(), AccessTo::kEntry, error_number);
   return {is_full ? user_error::kNoRoom : user_error::kUnavailable, error.ToString()};
 }
 

@@ -100,7 +100,8 @@ class CliMethods : public CliTest {
     std::filesystem::create_directory(folder_.File("images"));
     host_ = std::make_unique<Process>(ProcessOptions{
         .argv = {VEXAD_PROGRAM, "--data", folder_.File("data"), "--socket", folder_.File("vexad.sock"), "--listen",
-                 "127.0.0.1:0", "--log", "stderr", "--hypervisor", "test", "--image-roots", folder_.File("images")}});
+                 "127.0.0.1:0", "--log", "stderr", "--hypervisor", "test", "--image-roots", folder_.File("images"),
+                 "--upload-reserve", "0"}});  // the disk of the test's machine may be almost full
     ASSERT_TRUE(host_->WaitForText("Ready.", kTimeout)) << host_->errors();
     WriteFile(folder_.File("images/disk.iso"), "not much");
     WriteFile(folder_.File("guest.xml"),

@@ -243,9 +243,17 @@ TEST_F(Setup, EmbeddedGuests_GetTheirRightsInTheUnit) {
       << other.output;
   EXPECT_TRUE(fs::exists(folder_.File(drop_in)));
   // A file of the administrator's own stays as it is.
+  Write(drop_in, *packaged);
+  EXPECT_EQ(Run(embed).output.find("stays as it is, because"), std::string::npos) << "it has what is needed";
   Write(drop_in, "[Service]\n");
-  EXPECT_EQ(Run(embed).exit_code, 0);
+  const ProcessResult kept = Run(embed);
+  EXPECT_EQ(kept.exit_code, 0);
   EXPECT_EQ(Read(drop_in), "[Service]\n");
+  EXPECT_NE(kept.output.find(fmt::format("'{}' stays as it is, because 'vexa setup' has not made it. The unit needs:\n"
+                                         "  KillMode=process\n  PrivateDevices=no\n  DeviceAllow=/dev/kvm rw\n",
+                                         folder_.File(drop_in))),
+            std::string::npos)
+      << kept.output;
 }
 
 TEST_F(Setup, EmbeddedGuestsElsewhere_GetTheirFolder) {

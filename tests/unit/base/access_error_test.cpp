@@ -31,9 +31,12 @@ class AccessErrors : public testing::Test {
     ASSERT_EQ(::chown(path.c_str(), owner, 0), 0);
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
   }
-  std::string TextOfOther(int error_number) const {
+  std::string TextOfOther(int error_number, AccessTo access = AccessTo::kEntry) const {
+    return TextOfOther(File(), error_number, access);
+  }
+  static std::string TextOfOther(const std::string& path, int error_number, AccessTo access) {
     EXPECT_EQ(::seteuid(kOther), 0);
-    const Error error = AccessError(ErrorCode::kInternal, "It failed", File(), error_number);
+    const Error error = AccessError(ErrorCode::kInternal, "It failed", path, access, error_number);
     EXPECT_EQ(::seteuid(0), 0);
     return error.ToString();
   }
@@ -65,11 +68,47 @@ TEST_F(AccessErrors, MissingRight_NamesWhatIsClosed) {
                   start, Above()));
 }
 
+// The folder of a file that cannot be read may be as it is, such as /srv.
+TEST_F(AccessErrors, FileOfAnotherAccount_IsNamedRatherThanItsFolder) {
+  Give(Folder(), 0, 0755);
+  EXPECT_EQ(TextOfOther(EACCES, AccessTo::kContent), "It failed: Permission denied");
+  Give(File(), 0, 0600);
+  EXPECT_EQ(TextOfOther(EACCES, AccessTo::kContent),
+            fmt::format("It failed: Permission denied; the file '{}' belongs to 'root' and has mode 0600, so 'nobody' "
+                        "cannot use it",
+                        File()));
+  Give(Above(), 0, 0755);
+  Give(Folder(), 0, 0700);
+  for (const std::string& path : {File(), Folder()}) {
+    EXPECT_EQ(TextOfOther(path, EACCES, AccessTo::kContent),
+              fmt::format("It failed: Permission denied; the folder '{0}' belongs to 'root' and has mode 0700, so "
+                          "'nobody' cannot use it. Run: chown nobody: '{0}'",
+                          Folder()));
+  }
+}
+
+// Others may choose the names of folders, and administrators run what the answer says.
+TEST_F(AccessErrors, CommandWithAPath_IsQuotedOrLeftOut) {
+  const auto text_with = [this](const std::string& name) {
+    const std::string folder = folder_.File(name);
+    std::filesystem::create_directory(folder);
+    Give(folder, 0, 0755);
+    return TextOfOther(folder + "/file", EACCES, AccessTo::kEntry);
+  };
+  const std::string quoted = text_with("it's; id;'");
+  const std::string path = folder_.path() + R"(/it'\''s; id;'\'')";
+  EXPECT_TRUE(quoted.ends_with(". Run: chown nobody: '" + path + "'")) << quoted;
+  const std::string on_two_lines = text_with("a\nb");
+  EXPECT_TRUE(on_two_lines.ends_with("'nobody' cannot use it")) << on_two_lines;
+}
+
 TEST_F(AccessErrors, OtherCause_IsTheSystems) {
   Give(Folder(), 0, 0755);
   EXPECT_EQ(TextOfOther(EIO), "It failed: Input/output error");
-  EXPECT_EQ(AccessError(ErrorCode::kInternal, "It failed", "", EACCES).ToString(), "It failed: Permission denied");
-  EXPECT_EQ(AccessError(ErrorCode::kInternal, "It failed", "/x", EACCES).ToString(), "It failed: Permission denied");
+  EXPECT_EQ(AccessError(ErrorCode::kInternal, "It failed", "", AccessTo::kEntry, EACCES).ToString(),
+            "It failed: Permission denied");
+  EXPECT_EQ(AccessError(ErrorCode::kInternal, "It failed", "/x", AccessTo::kEntry, EACCES).ToString(),
+            "It failed: Permission denied");
 }
 
 }  // namespace

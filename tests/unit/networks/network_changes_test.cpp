@@ -63,6 +63,11 @@ class NetworkChanges : public test::RecordTest {
     return EditNetwork(host_.store(), id, settings, name_);
   }
   Result<void, Refusal> Remove(const std::string& id) { return RemoveNetwork(host_.store(), id, name_); }
+  void PutOldHeartbeat(const std::string& host) {
+    const auto old = std::chrono::system_clock::now() - records::kHeartbeatTimeout - std::chrono::seconds(60);
+    const auto time = std::chrono::duration_cast<std::chrono::seconds>(old.time_since_epoch()).count();
+    Put(store::MakeKey({"dash", "host", host, "seen"}), R"({"time":)" + std::to_string(time) + "}");
+  }
   void PutReport(const std::string& host_id, const std::string& text) {
     host_.PutText("host", host_id, R"({"name":"nas"})");
     Put(records::NetworkReportKey(host_id), text);
@@ -368,9 +373,7 @@ TEST_F(NetworkChanges, List_ReportsOfHosts_AreShownAndTheWorstCounts) {
   PutReport(kOtherHost, R"({"states":{")" + id_ + R"(":{"state":"missing","reason":"why"}}})");
   EXPECT_EQ(List()[0].State(), "missing");
   EXPECT_EQ(List()[0].hosts.at(kOtherHost).reason, "why");
-  const auto old = std::chrono::system_clock::now() - records::kHeartbeatTimeout - std::chrono::seconds(60);
-  const auto time = std::chrono::duration_cast<std::chrono::seconds>(old.time_since_epoch()).count();
-  Put(store::MakeKey({"dash", "host", kOtherHost, "seen"}), R"({"time":)" + std::to_string(time) + "}");
+  PutOldHeartbeat(kOtherHost);
   EXPECT_EQ(List()[0].State(), "unknown");
   EXPECT_EQ(List()[0].hosts.at(kOtherHost).reason, "The host is inaccessible");
 }
@@ -406,6 +409,9 @@ TEST_F(NetworkChanges, List_NetworkOfLibvirtIsInactive_IsReadyAndSaysSo) {
   PutReport(kOtherHost, R"({"found":[{"name":"default","kind":"nat"}]})");
   EXPECT_TRUE(List()[0].is_active);
   EXPECT_EQ(List()[0].hosts.at(kOtherHost).reason, "");
+  // It is gone.
+  PutOldHeartbeat(kOtherHost);
+  EXPECT_FALSE(List()[0].is_active);
   // The same when it is adopted.
   PutReport(kOtherHost, inactive);
   ExpectAdded(Nat("default"));
