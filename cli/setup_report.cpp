@@ -37,7 +37,7 @@ constexpr const char* kSwitchKvmOn =
 
 std::string TryKvm(const SetupMachine& machine) {
   if (::access(machine.kvm.c_str(), R_OK | W_OK) != 0) return "-" + std::generic_category().message(errno);
-  return hypervisor::KvmWorks(machine.kvm) ? "+" : std::string("-") + kNoMachine;
+  return hypervisor::KvmWorks(machine.kvm) ? "+" : fmt::format("-{}", kNoMachine);
 }
 
 std::string TryLibvirt(const SetupMachine& machine) {
