@@ -16,6 +16,7 @@
 #include "host/base/json_parse.h"
 #include "host/guests/guest_control.h"
 #include "host/records/environment.h"
+#include "host/records/record_names.h"
 #include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
@@ -43,6 +44,7 @@ Json::Value AnswerItem(const VexaDRCore::Request& request, std::chrono::millisec
 class Fixture {
  public:
   Fixture() {
+    (void)vexa::records::InternedName("name");  // made before the threads that read it, so destroyed after their end
     PutRecords();
     vexa::guests::GuestControlOptions options;
     options.store = vexa::records::CurrentEnvironment()->store;
