@@ -1,10 +1,8 @@
 // What `vexad --check-config` and a start that fails report, as text.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -20,6 +18,7 @@
 #include "host/base/files.h"
 #include "host/transport/certificates.h"
 #include "tests/support/process.h"
+#include "tests/support/taken_port.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -33,27 +32,6 @@ using vexa::test::RunProcess;
 constexpr std::chrono::seconds kTimeout{60};
 constexpr const char* kOtherAccount = "nobody";
 constexpr const char* kHostId = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
-
-// A socket of this process that listens on a free port.
-class Listening {
- public:
-  Listening() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(fd_.get(), plain, size), 0);
-    EXPECT_EQ(::listen(fd_.get(), 1), 0);
-    EXPECT_EQ(::getsockname(fd_.get(), plain, &size), 0);
-    port_ = ntohs(address.sin_port);
-  }
-  int port() const { return port_; }
-
- private:
-  Descriptor fd_;
-  int port_ = 0;
-};
 
 std::string OwnName() {
   const passwd* const entry = ::getpwuid(::geteuid());
@@ -102,7 +80,7 @@ TEST_F(ConfigCheck, NothingWrong_ChangesNothing) {
 }
 
 TEST_F(ConfigCheck, Mistakes_OfSeveralKinds_AreReportedTogetherByCheckAndStart) {
-  const Listening taken;
+  const vexa::test::TakenPort taken;
   const std::string listen = fmt::format("127.0.0.1:{}", taken.port());
   const std::vector<std::string> flags{"--listen",  listen,    "--tls-certificate", "/no/cert",
                                        "--tls-key", "/no/key", "--hypervisor",      "qemu"};
@@ -136,7 +114,7 @@ TEST_F(ConfigCheck, Mistakes_OfSeveralKinds_AreReportedTogetherByCheckAndStart) 
 }
 
 TEST_F(ConfigCheck, ContradictionAndPort_AreRefusedTogetherByTheStart) {
-  const Listening taken;
+  const vexa::test::TakenPort taken;
   const std::string listen = fmt::format("127.0.0.1:{}", taken.port());
   const ProcessResult result = RunProcess({.argv = {VEXAD_PROGRAM, "--data", Data(), "--socket", folder_.File("s"),
                                                     "--listen", listen, "--cluster-key", "k"}});
@@ -150,7 +128,7 @@ TEST_F(ConfigCheck, ContradictionAndPort_AreRefusedTogetherByTheStart) {
 }
 
 TEST_F(ConfigCheck, TypingMistakeAndPort_AreReportedTogether) {
-  const Listening taken;
+  const vexa::test::TakenPort taken;
   const std::string listen = fmt::format("127.0.0.1:{}", taken.port());
   const ProcessResult result = RunProcess({.argv = {VEXAD_PROGRAM, "--data", Data(), "--socket", folder_.File("s"),
                                                     "--listen", listen, "--io-thread", "2"}});
@@ -200,7 +178,7 @@ TEST_F(ConfigCheck, PortOfAnotherAccount_BesideTheRunningDaemon_IsReported) {
   start.insert(start.end(), {"--listen", "none"});
   Process daemon({.argv = start});
   ASSERT_TRUE(daemon.WaitForText("Ready.", kTimeout)) << daemon.errors();
-  const Listening taken;
+  const vexa::test::TakenPort taken;
   std::vector<std::string> check = settings;
   const std::string listen = fmt::format("127.0.0.1:{}", taken.port());
   check.insert(check.end(), {"--listen", listen, "--check-config", "--check-as", kOtherAccount});

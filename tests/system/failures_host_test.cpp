@@ -1,11 +1,8 @@
 // Failures of a machine and its vexad that users cause, with real programs: who reads only the answer knows what is
 // wrong, and what to do next.
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,8 +12,8 @@
 #include <memory>
 #include <optional>
 
-#include "host/base/descriptor.h"
 #include "host/base/files.h"
+#include "tests/support/taken_port.h"
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {
@@ -24,27 +21,6 @@ namespace {
 
 constexpr std::chrono::seconds kTimeout{120};
 constexpr const char* kAccount = "nobody";  // in place of the service's
-
-// A second listener on a port.
-class Listener {
- public:
-  Listener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(fd_.get(), plain, size), 0);
-    EXPECT_EQ(::listen(fd_.get(), 1), 0);
-    EXPECT_EQ(::getsockname(fd_.get(), plain, &size), 0);
-    port_ = ntohs(address.sin_port);
-  }
-  int port() const { return port_; }
-
- private:
-  Descriptor fd_;
-  int port_ = 0;
-};
 
 class HostFailures : public CliTest {
  protected:
@@ -91,7 +67,7 @@ class HostFailures : public CliTest {
 // --- A port in use ---
 
 TEST_F(HostFailures, PortInUse_NamesTheProcessAndTheSetting) {
-  const Listener taken;
+  const TakenPort taken;
   const std::string address = fmt::format("127.0.0.1:{}", taken.port());
   EXPECT_EQ(FailedStart(Vexad({"--listen", address})),
             fmt::format("vexad: Guests are only simulated here: nothing runs.\n"
@@ -102,7 +78,7 @@ TEST_F(HostFailures, PortInUse_NamesTheProcessAndTheSetting) {
 
 // What `./dev run` starts when it has built the programs.
 TEST_F(HostFailures, PortInUse_OfSampleHost_NamesTheVariable) {
-  const Listener taken;
+  const TakenPort taken;
   for (const auto& [what, command] : {std::pair("sample", "./dev run"), std::pair("once", "./dev run --once")}) {
     const ProcessResult result = RunProcess({.argv = {VEXA_SOURCE_DIR "/tools/run-sample-host", what},
                                              .environment = {{"VEXA_RUN_DIR", folder_.File(what)},
@@ -251,7 +227,7 @@ class FolderOwners : public HostFailures {
   uid_t user_ = 0;
 };
 
-TEST_F(FolderOwners, OfStart_AreExplained) {
+TEST_F(FolderOwners, WrongOwnerAtStart_IsExplained) {
   Give(Data(), 0);
   EXPECT_EQ(
       FailedStart(AsService()),
@@ -272,7 +248,7 @@ TEST_F(FolderOwners, OfStart_AreExplained) {
   Start(AsService());
 }
 
-TEST_F(FolderOwners, WhileItRuns_AreExplained) {
+TEST_F(FolderOwners, WrongOwnerWhileRunning_IsExplained) {
   Start(AsService());
   ASSERT_EQ(OnService({"repository", "add", "pool"}).exit_code, 0);
   ASSERT_EQ(OnService({"guest", "create", "web-1", "--memory", "16MiB", "--disk", "1"}).exit_code, 0);

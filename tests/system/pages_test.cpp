@@ -75,7 +75,7 @@ bool IsLeftOut(const std::string& line) {
 }
 
 // They are words and options that `vexa` takes. What they do is tested elsewhere: no server answers here.
-TEST(Pages, CommandLinesWithoutOrder_AreAccepted) {
+TEST(Pages, CommandLinesInOtherBlocks_AreParsed) {
   SetSearchPath();
   const TempDir folder;
   std::size_t count = 0;

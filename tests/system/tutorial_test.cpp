@@ -157,7 +157,7 @@ void MakeViewer(const TempDir& folder) {
   ::setenv("PATH", (folder.File("bin") + ":" + std::getenv("PATH")).c_str(), 1);
 }
 
-TEST_F(Tutorial, Commands_OfThePageOfConsoles_PrintTheDocumentedOutput) {
+TEST_F(Tutorial, CommandsOfConsolePage_PrintTheDocumentedOutput) {
   const std::vector<TutorialStep> steps = ReadTutorial(Content(kPageOfConsoles));
   ASSERT_GT(steps.size(), 3U) << "The steps of docs/console.md cannot be read";
   MakeViewer(folder_);

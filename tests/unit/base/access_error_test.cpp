@@ -17,7 +17,7 @@ namespace {
 
 constexpr uid_t kOther = 65534;
 
-// The error that the other account gets for the path.
+// The error that another account gets for a path.
 class AccessErrors : public testing::Test {
  protected:
   void SetUp() override {
@@ -47,9 +47,9 @@ class AccessErrors : public testing::Test {
   test::TempDir folder_;
 };
 
-TEST_F(AccessErrors, MissingRight_NamesWhatIsClosed) {
+TEST_F(AccessErrors, PermissionDenied_NamesTheFileOrFolderThatDeniesAccess) {
   const std::string start = "It failed: Permission denied";
-  EXPECT_EQ(TextOfOther(EACCES), start) << "nothing is closed by owner and mode";
+  EXPECT_EQ(TextOfOther(EACCES), start) << "owner and mode of all folders and of the file allow access";
   Give(File(), 0, 0600);
   EXPECT_EQ(
       TextOfOther(EACCES),
@@ -88,7 +88,7 @@ TEST_F(AccessErrors, FileOfAnotherAccount_IsNamedRatherThanItsFolder) {
 }
 
 // Others may choose the names of folders, and administrators run what the answer says.
-TEST_F(AccessErrors, CommandWithAPath_IsQuotedOrLeftOut) {
+TEST_F(AccessErrors, SuggestedCommand_QuotesThePathOrIsLeftOut) {
   const auto text_with = [this](const std::string& name) {
     const std::string folder = folder_.File(name);
     std::filesystem::create_directory(folder);
@@ -102,7 +102,7 @@ TEST_F(AccessErrors, CommandWithAPath_IsQuotedOrLeftOut) {
   EXPECT_TRUE(on_two_lines.ends_with("'nobody' cannot use it")) << on_two_lines;
 }
 
-TEST_F(AccessErrors, OtherCause_IsTheSystems) {
+TEST_F(AccessErrors, OtherError_HasOnlyTheTextOfTheSystem) {
   Give(Folder(), 0, 0755);
   EXPECT_EQ(TextOfOther(EIO), "It failed: Input/output error");
   EXPECT_EQ(AccessError(ErrorCode::kInternal, "It failed", "", AccessTo::kEntry, EACCES).ToString(),
