@@ -36,9 +36,8 @@ Status SaveContexts(const Contexts& contexts);
 Error UnknownContext(const Contexts& contexts, const std::string& name);
 
 // The options with the server, the authorities and the user of the context: that of --context, otherwise of
-// $VEXA_CONTEXT, otherwise the current one. Its login becomes that of the program. Without a context, and where
-// --server,
-// --socket or $VEXA_SERVER names a server, the options stay as they are. Called where a server is needed, so that
+// $VEXA_CONTEXT, otherwise the current one. Its login becomes that of the program. The options stay as they are without
+// a context, and where --server, --socket or $VEXA_SERVER names a server. Called where a server is needed, so that
 // commands without one run when the file cannot be read. Errors: those of LoadContexts and UnknownContext.
 Result<GlobalOptions> WithContext(GlobalOptions options);
 
