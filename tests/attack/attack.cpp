@@ -36,8 +36,12 @@ bool HoldsInTime(const std::function<bool()>& condition) {
 }
 
 std::mt19937 MakeRandom() {
-  const char* const given = std::getenv("VEXA_ATTACK_SEED");
-  const unsigned seed = given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
+  unsigned seed = 1;
+  if (const char* const given = std::getenv("VEXA_ATTACK_SEED")) {
+    seed = static_cast<unsigned>(std::strtoul(given, nullptr, 10));
+  } else if (std::getenv("VEXA_ATTACK_MINUTES")) {
+    seed = std::random_device{}();
+  }
   std::printf("VEXA_ATTACK_SEED=%u\n", seed);
   return std::mt19937(seed);
 }

@@ -27,7 +27,8 @@ class AttackTime {
 // Whether `condition` holds within kPatience.
 bool HoldsInTime(const std::function<bool()>& condition);
 
-// The seed is VEXA_ATTACK_SEED of the environment, or new; it is printed.
+// The seed is VEXA_ATTACK_SEED of the environment; otherwise the short form has the same one every time, so that a test
+// run can be repeated, and the long form a new one. It is printed.
 std::mt19937 MakeRandom();
 
 // Prints one line, which `./dev attack` shows: whether the running test has had no failure so far, its name, and what
