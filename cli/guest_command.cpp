@@ -143,8 +143,7 @@ Json::Value WithNames(const GlobalOptions& global, Json::Value guest) {
   }
   if (Member(guest, "vnics").isArray()) {
     for (Json::Value& nic : guest["vnics"]) {
-      const std::string id = Text(Member(nic, "network_id"));
-      if (!id.empty()) nic["network_id"] = names.Of(kNetworks, id);
+      if (nic.isObject()) nic["network_id"] = names.Of(kNetworks, Text(Member(nic, "network_id")));
     }
   }
   if (Member(guest, "iso_images").isArray()) {

@@ -119,7 +119,8 @@ TEST_F(Reply, Guest_IdsOfOtherObjects_AreShownAsNames) {
   const std::string image = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
   const std::vector<ScriptedReply> replies{
       HttpReplyOf(200, R"({"success":true,"data":{"name":"web","repo_id":"r-1","iso_images":[")" + image +
-                           R"(","unmounted"],"vdisks":[],"vnics":[{"vnic_id":"n-1","network_id":"net"},7]}})"),
+                           R"(","unmounted"],"vdisks":[],"vnics":[{"vnic_id":"n-1","network_id":"net"},)"
+                           R"({"vnic_id":"n-2","network_id":"","mac":"m2"},{"vnic_id":"n-3","mac":"m3"},7]}})"),
       HttpReplyOf(200, R"({"success":true,"data":{"repositories":[{"repository_id":"r-1","name":"pool"}]}})"),
       HttpReplyOf(200, R"({"success":true,"data":{"networks":[{"network_id":"net","name":"l\u001ban"}]}})"),
       HttpReplyOf(200, R"({"success":true,"data":{"images":[{"image_id":")" + image + R"(","name":"debian"}]}})")};
@@ -130,7 +131,8 @@ TEST_F(Reply, Guest_IdsOfOtherObjects_AreShownAsNames) {
     return Run(std::move(words)).output;
   };
   EXPECT_THAT(show({}), AllOf(::testing::ContainsRegex("\nRepository +pool\n"), HasSubstr("  debian, unmounted\n"),
-                              ::testing::ContainsRegex("\nn-1 +l\\\\x1ban")));
+                              ::testing::ContainsRegex("\nn-1 +l\\\\x1ban"), ::testing::ContainsRegex("\nn-2 +m2"),
+                              ::testing::ContainsRegex("\nn-3 +m3")));
   EXPECT_THAT(show({"--ids"}),
               AllOf(::testing::ContainsRegex("\nRepository +r-1\n"), HasSubstr("  " + image + ", unmounted\n"),
                     ::testing::ContainsRegex("\nn-1 +net")));
