@@ -69,6 +69,7 @@ find_package(Threads REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(FMT REQUIRED IMPORTED_TARGET fmt)
 pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
+pkg_check_modules(GRPC REQUIRED IMPORTED_TARGET grpc++ protobuf)
 
 # For code that runs once, such as tests and option parsers: optimising it costs the compiler more time than it saves.
 # Fortified functions need optimisation.

@@ -22,6 +22,8 @@ std::string_view ErrorCodeName(ErrorCode code) {
       return "no_space";
     case ErrorCode::kCorrupt:
       return "corrupt";
+    case ErrorCode::kUnknown:
+      return "unknown";
     case ErrorCode::kInternal:
       return "internal";
   }

@@ -19,6 +19,7 @@ enum class ErrorCode {
   kUnavailable,  // a required component cannot be reached
   kNoSpace,      // the disk or a limit is full
   kCorrupt,      // stored data is damaged
+  kUnknown,      // it may have happened or not, and which cannot be found out now
   kInternal,     // anything else; see the cause
 };
 

@@ -54,11 +54,20 @@ struct Compare {
   Revision revision = 0;
 };
 
+// How long a value stays in the store.
+enum class Lifetime {
+  kUntilRemoved,
+  // While this host is connected to the cluster: the value disappears some seconds after its store has ended or has
+  // lost the connection, also when it is back later. A store for one machine keeps the value until it is removed.
+  kWhileConnected,
+};
+
 // Puts `text` (JSON; the store does not parse it, and an empty text is a value), or deletes the key when there is no
 // `text`. Deleting an absent key is not an error. Of several operations on one key, the last one counts.
 struct Operation {
   std::string key;
   std::optional<std::string> text;
+  Lifetime lifetime = Lifetime::kUntilRemoved;
 };
 
 struct Transaction {
@@ -90,12 +99,20 @@ class Store {
  public:
   virtual ~Store() = default;
 
-  // Errors: kBusy (too many snapshots are open), kUnavailable, kCorrupt, kInternal.
+  // Contains every commit that this object has returned, and every commit that made one of its compares fail; other
+  // hosts' commits arrive a little later. Errors: kBusy (too many snapshots are open), kUnavailable, kCorrupt,
+  // kInternal.
   virtual Result<std::unique_ptr<Snapshot>> Read() const = 0;
+
+  // Contains also every commit that had been made by any host when this was called. Waits some seconds for the cluster
+  // if it has to. Errors: those of Read; kUnavailable: the cluster does not answer.
+  virtual Result<std::unique_ptr<Snapshot>> ReadLatest() const { return Read(); }
 
   // Commits all operations or none, durably, and returns the revision that wrote them.
   // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsValidKey(), or a text above
-  // 256 MiB), kNoSpace (the disk or the store is full; nothing changed), kDenied, kUnavailable, kCorrupt, kInternal. A
+  // 256 MiB; a cluster has lower limits), kNoSpace (the disk or the store is full; nothing changed), kDenied,
+  // kUnavailable, kCorrupt, kInternal; kUnknown: the connection to the cluster broke, and whether the commit has been
+  // made could not be found out within some seconds (it may still happen; ReadLatest shows it once it works). A
   // commit that cannot be started within some seconds, because another process holds the lock for writers, is taken
   // back with kUnavailable; it is not made later. While the lock is still held, other commits fail immediately. A
   // transaction without operations checks its compares and returns the current revision.
@@ -109,6 +126,9 @@ class Store {
   // store's file is missing or replaced; kReady again once a commit works. While it is not kReady, the store itself
   // probes with a small commit once a second. This call does not write.
   virtual Health health() const = 0;
+
+  // Why health() is not kReady: a sentence without a full stop, for administrators. Empty: nothing to add.
+  virtual std::string health_reason() const { return {}; }
 
   // From now on commits wait at most this long for another process's lock: for a daemon that stops. Commits that queue
   // behind those of this process keep their time.
